@@ -1,0 +1,74 @@
+// The socket layer: plain functions over BSD sockets, IPv4 only. One UDP endpoint for the game and
+// short TCP connections for the master server.
+//
+// Threads: udp_open_port belongs to the main thread before any other thread exists. Everything
+// else may be called by any thread. A handle is a socket descriptor; -1 always means failure.
+// Addresses are 16-byte sockaddr_in records, kept and handed back exactly as they were received.
+//
+// Null pointers and empty texts, where a value is required, are programming errors: they end the
+// process through assertion_failed.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <array>
+#include <cstdint>
+
+enum SocketError : std::int32_t {
+  SOCKERR_NONE = 0,
+  SOCKERR_NO_SOCKETS = 1,
+  SOCKERR_BAD_HOST = 2,
+  SOCKERR_BAD_SERVICE = 3,
+  SOCKERR_BAD_PROTOCOL = 4,
+  SOCKERR_SOCKET_FAILED = 5,
+  SOCKERR_CONNECT_FAILED = 6,
+  SOCKERR_BIND_FAILED = 7,
+  SOCKERR_LISTEN_FAILED = 8,
+};
+
+// Indexed by SocketError.
+inline constexpr std::array<const char*, 9> SOCKET_ERROR_TEXTS = {
+    "No errors",
+    "System does not support sockets",
+    "Host is not known",
+    "Service or port not known",
+    "Protocol not known",
+    "Connection failed on socket()",
+    "Connection failed on connect()",
+    "Port is already used by another server",
+    "Connection failed on listen()",
+};
+
+// The most addresses that one udp_send_to_each call serves.
+inline constexpr unsigned MAX_DESTINATIONS = 32;
+
+// Bracket every use of the layer, in any nesting. 0 on success, -1 on failure; they cannot fail on
+// this platform.
+int socket_layer_start();
+int socket_layer_stop();
+
+// Opens a non-blocking UDP socket on all local addresses. The port text is a name from the
+// services database or else a decimal number, of which the low 16 bits count; text behind the
+// number is ignored. Returns the handle, or -1 with socket_error_code set.
+int udp_open_port(const char* port_text);
+
+// recvfrom(2): fills buffer and sender. Returns the bytes stored, 0 for an empty datagram; what is
+// longer than the buffer is lost. -1 with errno set, EAGAIN when nothing is waiting.
+int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender);
+
+// sendto(2): sends the whole buffer as one datagram. Returns length, or -1 with errno set.
+int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination);
+
+// sendmmsg(2): sends the buffer as one datagram to each of count addresses, in order, and stops at
+// the first that cannot be served. Returns the number served; below count errno holds the reason.
+unsigned udp_send_to_each(int handle, const void* buffer, unsigned length,
+                          const sockaddr_in* const* destinations, unsigned count);
+
+// Shuts the socket down and closes it; the result of close(2). 0 when the handle is no socket.
+int socket_close(int handle);
+
+// The reason of the last failed open, connect or resolve, whichever thread made it.
+SocketError socket_error_code();
+
+// strerror(3) of the calling thread's errno. The text belongs to the system library.
+const char* system_error_text();

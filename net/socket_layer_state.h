@@ -1,0 +1,49 @@
+// What the UDP and the TCP side of the socket layer share. Nothing outside this folder and the
+// tests includes this header.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "net/sflsock.h"
+
+inline constexpr const char* SFLSOCK_MODULE = "sflsock";
+
+// Any thread may open a connection, so what a connection touches is atomic. The two user ids are
+// only touched while the main thread is alone.
+struct SocketLayerState {
+  std::int32_t port_offset = 0;  // added to every port that is bound by service text
+  std::atomic<std::int16_t> nonblocking = 1;
+  std::atomic<std::uint32_t> bind_address = 0;  // network byte order; each bind resets it to 0
+  std::atomic<std::int32_t> open_sockets = 0;
+  std::atomic<SocketError> last_error = SOCKERR_NONE;
+  uid_t saved_real_user = static_cast<uid_t>(-1);  // -1: not yet read
+  uid_t saved_effective_user = static_cast<uid_t>(-1);
+};
+
+static_assert(std::atomic<SocketError>::is_always_lock_free);
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
+static_assert(std::atomic<std::int16_t>::is_always_lock_free);
+
+extern SocketLayerState socket_layer_state;
+
+// A bound socket for the service and protocol ("udp" or "tcp", which also listens), or -1 with the
+// last error set. A socket that could not be bound stays open: the server ends on that failure.
+int open_bound_socket(const char* service, const char* protocol, int backlog);
+
+// An unbound socket: datagram for exactly "udp", stream for every other protocol; -1 with the last
+// error set.
+int new_inet_socket(const char* protocol);
+
+void apply_nonblocking(int handle);
+bool is_socket(int handle);
+
+// The port of a service in host byte order, or -1 when the services database has none.
+int find_service_port(const char* service, const char* protocol);
+
+// seteuid(2) to the user the process was started as, and back to its real user. The first use of
+// either keeps both ids.
+int raise_privileges();
+int drop_privileges();

@@ -1,0 +1,193 @@
+#include <fcntl.h>
+#include <netdb.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "net/socket_layer_state.h"
+#include "util/assertion.h"
+#include "util/number.h"
+
+constinit SocketLayerState socket_layer_state;
+
+// Room for one entry of the services or protocols database with its aliases, in bytes.
+static constexpr std::size_t DATABASE_ENTRY_SIZE = 4096;
+
+static int fail(SocketError error) {
+  socket_layer_state.last_error = error;
+  return -1;
+}
+
+static const sockaddr* generic(const sockaddr_in* address) {
+  return reinterpret_cast<const sockaddr*>(address);
+}
+
+int socket_layer_start() {
+  return 0;
+}
+
+int socket_layer_stop() {
+  return 0;
+}
+
+SocketError socket_error_code() {
+  return socket_layer_state.last_error;
+}
+
+const char* system_error_text() {
+  return std::strerror(errno);  // NOLINT(concurrency-mt-unsafe): safe per thread since glibc 2.32
+}
+
+static void keep_user_ids() {
+  SocketLayerState& state = socket_layer_state;
+  if (state.saved_real_user == static_cast<uid_t>(-1)) state.saved_real_user = getuid();
+  if (state.saved_effective_user == static_cast<uid_t>(-1)) state.saved_effective_user = geteuid();
+}
+
+int raise_privileges() {
+  keep_user_ids();
+  return seteuid(socket_layer_state.saved_effective_user);
+}
+
+int drop_privileges() {
+  keep_user_ids();
+  return seteuid(socket_layer_state.saved_real_user);
+}
+
+void apply_nonblocking(int handle) {
+  if (socket_layer_state.nonblocking == 0) return;
+  const int flags = fcntl(handle, F_GETFL);
+  fcntl(handle, F_SETFL, flags | O_NONBLOCK);
+}
+
+bool is_socket(int handle) {
+  int type = 0;
+  socklen_t length = sizeof type;
+  return getsockopt(handle, SOL_SOCKET, SO_TYPE, &type, &length) == 0;
+}
+
+int find_service_port(const char* service, const char* protocol) {
+  servent entry{};
+  servent* found = nullptr;
+  std::array<char, DATABASE_ENTRY_SIZE> work;
+  getservbyname_r(service, protocol, &entry, work.data(), work.size(), &found);
+  return found == nullptr ? -1 : ntohs(static_cast<std::uint16_t>(found->s_port));
+}
+
+static int find_protocol_number(const char* protocol) {
+  protoent entry{};
+  protoent* found = nullptr;
+  std::array<char, DATABASE_ENTRY_SIZE> work;
+  getprotobyname_r(protocol, &entry, work.data(), work.size(), &found);
+  return found == nullptr ? -1 : found->p_proto;
+}
+
+int new_inet_socket(const char* protocol) {
+  check_argument(is_text(protocol), SFLSOCK_MODULE);
+  socket_layer_state.last_error = SOCKERR_NONE;
+  const int number = find_protocol_number(protocol);
+  if (number == -1) return fail(SOCKERR_BAD_PROTOCOL);
+  const int type = std::strcmp(protocol, "udp") == 0 ? SOCK_DGRAM : SOCK_STREAM;
+  const int handle = socket(AF_INET, type | SOCK_CLOEXEC, number);
+  if (handle == -1) return fail(SOCKERR_SOCKET_FAILED);
+  const std::int32_t on = 1;
+  setsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  apply_nonblocking(handle);
+  ++socket_layer_state.open_sockets;
+  return handle;
+}
+
+// The port to bind in network byte order, or -1 when the text gives none. Only the low 16 bits of a
+// number count, and only a number is tested: a known service is taken as it is.
+static int port_to_bind(const char* service, const char* protocol) {
+  const std::int64_t offset = socket_layer_state.port_offset;
+  std::int64_t port = find_service_port(service, protocol);
+  if (port == -1) {
+    port = static_cast<std::uint16_t>(text_to_int32(service));
+    if (port + offset <= 0) return -1;
+  }
+  return htons(static_cast<std::uint16_t>(port + offset));
+}
+
+static int bind_new_socket(const sockaddr_in& local, const char* protocol) {
+  const int handle = new_inet_socket(protocol);
+  if (handle == -1) return -1;
+  if (bind(handle, generic(&local), sizeof local) == -1) return fail(SOCKERR_BIND_FAILED);
+  return handle;
+}
+
+int open_bound_socket(const char* service, const char* protocol, int backlog) {
+  check_argument(is_text(service), SFLSOCK_MODULE);
+  check_argument(is_text(protocol), SFLSOCK_MODULE);
+  socket_layer_state.last_error = SOCKERR_NONE;
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = socket_layer_state.bind_address.exchange(0);
+
+  raise_privileges();
+  const int port = port_to_bind(service, protocol);
+  local.sin_port = static_cast<in_port_t>(port);
+  const int handle = port == -1 ? fail(SOCKERR_BAD_SERVICE) : bind_new_socket(local, protocol);
+  drop_privileges();
+
+  if (handle != -1 && std::strcmp(protocol, "tcp") == 0 && listen(handle, backlog) == -1) {
+    return fail(SOCKERR_LISTEN_FAILED);
+  }
+  return handle;
+}
+
+int udp_open_port(const char* port_text) {
+  return open_bound_socket(port_text, "udp", 0);
+}
+
+int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender) {
+  check_argument(buffer != nullptr, SFLSOCK_MODULE);
+  check_argument(sender != nullptr, SFLSOCK_MODULE);
+  socklen_t sender_length = sizeof *sender;
+  return static_cast<int>(
+      recvfrom(handle, buffer, length, 0, reinterpret_cast<sockaddr*>(sender), &sender_length));
+}
+
+int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination) {
+  check_argument(buffer != nullptr, SFLSOCK_MODULE);
+  check_argument(destination != nullptr, SFLSOCK_MODULE);
+  ssize_t sent;
+  do {
+    sent = sendto(handle, buffer, length, 0, generic(destination), sizeof *destination);
+  } while (sent == -1 && errno == EINTR);
+  return static_cast<int>(sent);
+}
+
+unsigned udp_send_to_each(int handle, const void* buffer, unsigned length,
+                          const sockaddr_in* const* destinations, unsigned count) {
+  check_argument(buffer != nullptr, SFLSOCK_MODULE);
+  check_argument(destinations != nullptr && count <= MAX_DESTINATIONS, SFLSOCK_MODULE);
+  iovec payload{const_cast<void*>(buffer), length};
+  std::array<mmsghdr, MAX_DESTINATIONS> messages;
+  for (unsigned i = 0; i < count; ++i) {
+    messages[i] = {};
+    messages[i].msg_hdr.msg_name = const_cast<sockaddr_in*>(destinations[i]);
+    messages[i].msg_hdr.msg_namelen = sizeof *destinations[i];
+    messages[i].msg_hdr.msg_iov = &payload;
+    messages[i].msg_hdr.msg_iovlen = 1;
+  }
+  unsigned served = 0;
+  while (served < count) {
+    const int sent = sendmmsg(handle, &messages[served], count - served, 0);
+    if (sent > 0) {
+      served += static_cast<unsigned>(sent);
+    } else if (errno != EINTR) {
+      break;
+    }
+  }
+  return served;
+}
+
+int socket_close(int handle) {
+  if (!is_socket(handle)) return 0;
+  --socket_layer_state.open_sockets;
+  shutdown(handle, SHUT_RDWR);
+  return close(handle);
+}
