@@ -1,0 +1,395 @@
+// The protocol, version 40: every command code and every datagram, and nothing else.
+//
+// One datagram is one message. Its first byte is the command code, its fields lie at fixed offsets,
+// multi-byte values are little-endian. Three codes (41, 43, 60) mean one thing from client to
+// server and another from server to client.
+//
+// A record below is a datagram byte for byte: sizes and offsets are asserted, bytes that carry
+// nothing are named unused, and a record that is built here starts complete, code included, with
+// every other byte zero. Floats are 32-bit patterns: the server never computes with a client's
+// float, so every bit of it, signalling NaNs included, comes out as it went in.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+static_assert(std::endian::native == std::endian::little, "records travel as they lie in memory");
+
+inline constexpr std::uint16_t PROTOCOL_VERSION = 40;
+inline constexpr const char* SERVER_VERSION = "0.4";
+
+inline constexpr std::size_t NAME_WIDTH = 64;  // bytes, terminating NUL included
+inline constexpr std::size_t TEXT_WIDTH = 64;
+inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // what is longer on the wire is cut
+
+inline constexpr std::uint8_t NOBODY = 100;  // in CMD_PINKPANTHER: there is no PinkPanther
+
+// Client to server.
+inline constexpr std::uint8_t CMD_PING_REPLY = 2;
+inline constexpr std::uint8_t CMD_JOIN = 10;
+inline constexpr std::uint8_t CMD_ENTER_GAME = 15;
+inline constexpr std::uint8_t CMD_CHAT = 31;
+inline constexpr std::uint8_t CMD_GET_PLAYER_INFO = 40;
+inline constexpr std::uint8_t CMD_GET_PLAYER_STATE = 41;
+inline constexpr std::uint8_t CMD_VEHICLE = 43;
+inline constexpr std::uint8_t CMD_PLAYER_LEFT = 60;  // both directions
+inline constexpr std::uint8_t CMD_POSITION_UPDATE = 100;
+inline constexpr std::uint8_t CMD_CAR_STATE = 101;
+inline constexpr std::uint8_t CMD_LEAVE_CAR = 102;
+inline constexpr std::uint8_t CMD_DIED = 103;
+inline constexpr std::uint8_t CMD_FOOT_UPDATE = 110;
+inline constexpr std::uint8_t CMD_CAR_BLOCK_A = 120;
+inline constexpr std::uint8_t CMD_CAR_BLOCK_B = 121;
+inline constexpr std::uint8_t CMD_WEAPON = 122;
+inline constexpr std::uint8_t CMD_STATE_FLOATS = 123;
+inline constexpr std::uint8_t CMD_CAR_STATUS = 124;
+
+// Server to client.
+inline constexpr std::uint8_t CMD_PING = 1;
+inline constexpr std::uint8_t CMD_JOIN_REFUSED_FULL = 12;
+inline constexpr std::uint8_t CMD_JOIN_REFUSED_VERSION = 14;
+inline constexpr std::uint8_t CMD_ENTER_GAME_REPLY = 16;
+inline constexpr std::uint8_t CMD_JOIN_ACCEPTED = 17;
+inline constexpr std::uint8_t CMD_SERVER_SHUTDOWN = 19;
+inline constexpr std::uint8_t CMD_CHAT_LINE = 30;
+inline constexpr std::uint8_t CMD_NOT_IN_CAR = 41;
+inline constexpr std::uint8_t CMD_PLAYER_INFO = 42;
+inline constexpr std::uint8_t CMD_PLAYER_STATE = 43;
+inline constexpr std::uint8_t CMD_GAME_CLOCK = 72;
+inline constexpr std::uint8_t CMD_PLAYER_POSITION = 200;
+inline constexpr std::uint8_t CMD_PLAYER_FOOT_UPDATE = 201;
+inline constexpr std::uint8_t CMD_PLAYER_CAR_BLOCK_A = 202;
+inline constexpr std::uint8_t CMD_PLAYER_CAR_BLOCK_B = 203;
+inline constexpr std::uint8_t CMD_PLAYER_GOT_CAR = 204;
+inline constexpr std::uint8_t CMD_PLAYER_LEFT_CAR = 205;
+inline constexpr std::uint8_t CMD_PLAYER_WEAPON = 206;
+inline constexpr std::uint8_t CMD_PLAYER_STATE_FLOATS = 207;
+inline constexpr std::uint8_t CMD_PLAYER_CAR_STATUS = 208;
+inline constexpr std::uint8_t CMD_PINKPANTHER = 209;
+inline constexpr std::uint8_t CMD_PLAYER_DIED = 220;
+
+// A float of the clients, carried as its bits.
+using FloatBits = std::uint32_t;
+using Position = std::array<std::uint32_t, 3>;
+using CarBlockA = std::array<std::uint8_t, 28>;
+using CarBlockB = std::array<std::uint8_t, 24>;
+template <std::size_t count>
+using Unused = std::array<std::uint8_t, count>;
+
+// Blocks that several datagrams share.
+
+struct PlayerState {
+  Position position{};
+  FloatBits state_f1 = 0;
+  std::uint8_t state_b = 0;  // the weapon type
+  Unused<3> unused_1{};
+  FloatBits state_f2 = 0;
+  FloatBits state_f3 = 0;
+};
+
+struct CarState {
+  std::uint8_t car_type = 0;
+  std::uint8_t car_color1 = 0;
+  std::uint8_t car_color2 = 0;
+  Unused<1> unused_1{};
+  CarBlockA car_block_a{};
+  CarBlockB car_block_b{};
+  std::uint8_t car_byte = 0;
+  Unused<3> unused_2{};
+  FloatBits car_float = 0;
+};
+
+// Client to server.
+
+struct JoinRequest {
+  std::uint8_t command = CMD_JOIN;
+  std::array<char, NAME_WIDTH> name{};
+  Unused<1> unused_1{};
+  std::array<std::uint8_t, 2> version{};  // little-endian, PROTOCOL_VERSION
+};
+
+struct EnterGame {
+  std::uint8_t command = CMD_ENTER_GAME;
+  Unused<3> unused_1{};
+  PlayerState state{};
+  std::uint8_t in_car = 0;  // 0: on foot, and car is not read
+  Unused<3> unused_2{};
+  CarState car{};
+};
+
+struct SlotQuery {
+  std::uint8_t command = 0;  // CMD_GET_PLAYER_INFO or CMD_GET_PLAYER_STATE
+  std::uint8_t slot = 0;
+};
+
+struct PositionUpdate {
+  std::uint8_t command = CMD_POSITION_UPDATE;
+  Unused<3> unused_1{};
+  Position position{};
+};
+
+struct Vehicle {
+  std::uint8_t command = CMD_VEHICLE;
+  std::uint8_t got_in = 0;  // 0: left its car, and car is not read
+  Unused<2> unused_1{};
+  Position position{};
+  CarState car{};
+};
+
+struct CarStateReport {
+  std::uint8_t command = CMD_CAR_STATE;
+  Unused<3> unused_1{};
+  Position position{};
+  CarState car{};
+};
+
+struct Died {
+  std::uint8_t command = CMD_DIED;
+  std::uint8_t death_count = 0;
+};
+
+struct FootUpdate {
+  std::uint8_t command = CMD_FOOT_UPDATE;
+  Unused<3> unused_1{};
+  FloatBits state_f1 = 0;
+};
+
+struct CarBlockAUpdate {
+  std::uint8_t command = CMD_CAR_BLOCK_A;
+  Unused<3> unused_1{};
+  CarBlockA car_block_a{};
+};
+
+struct CarBlockBUpdate {
+  std::uint8_t command = CMD_CAR_BLOCK_B;
+  Unused<3> unused_1{};
+  CarBlockB car_block_b{};
+};
+
+struct Weapon {
+  std::uint8_t command = CMD_WEAPON;
+  std::uint8_t state_b = 0;
+};
+
+struct CarStatus {
+  std::uint8_t command = CMD_CAR_STATUS;
+  std::uint8_t car_byte = 0;
+  Unused<2> unused_1{};
+  FloatBits car_float = 0;
+};
+
+// CMD_CHAT has no record: its text runs from the second byte to a NUL or the datagram's end.
+
+struct StateFloats {
+  std::uint8_t command = CMD_STATE_FLOATS;
+  Unused<3> unused_1{};
+  FloatBits state_f2 = 0;
+  FloatBits state_f3 = 0;
+};
+
+// Server to client.
+
+struct JoinAccepted {
+  std::uint8_t command = CMD_JOIN_ACCEPTED;
+  std::uint8_t slot = 0;
+  std::uint8_t game_type = 0;
+  char welcome_message[TEXT_WIDTH] = {};
+};
+
+struct JoinRefused {
+  std::uint8_t command = 0;  // CMD_JOIN_REFUSED_FULL or CMD_JOIN_REFUSED_VERSION
+  char text[TEXT_WIDTH] = {};
+};
+
+struct EnterGameReply {
+  std::uint8_t command = CMD_ENTER_GAME_REPLY;
+  std::uint8_t last_join_slot = 0;  // of the latest join request, whoever made it; 255 for none
+  std::uint8_t hour = 0;
+  std::uint8_t minute = 0;
+};
+
+struct PlayerInfo {
+  std::uint8_t command = CMD_PLAYER_INFO;
+  std::uint8_t slot = 0;
+  std::uint8_t just_entered = 0;  // 1: announces a player who has just entered the game
+  std::array<char, NAME_WIDTH + 1> name{};
+  PlayerState state{};
+  std::uint8_t in_car = 0;  // 0 or 1; car is zero unless it is 1
+  Unused<3> unused_1{};
+  CarState car{};
+};
+
+struct PlayerStateReply {
+  std::uint8_t command = CMD_PLAYER_STATE;
+  std::uint8_t slot = 0;
+  std::uint8_t in_car = 0;  // as in PlayerInfo
+  Unused<1> unused_1{};
+  Position position{};
+  CarState car{};
+};
+
+struct PlayerLeft {
+  std::uint8_t command = CMD_PLAYER_LEFT;
+  std::uint8_t slot = 0;
+};
+
+struct ServerShutdown {
+  std::uint8_t command = CMD_SERVER_SHUTDOWN;
+};
+
+struct GameClock {
+  std::uint8_t command = CMD_GAME_CLOCK;
+  std::uint8_t hour = 0;
+  std::uint8_t minute = 0;
+};
+
+struct ChatLine {
+  std::uint8_t command = CMD_CHAT_LINE;
+  std::array<char, TEXT_WIDTH> text{};  // no terminating NUL when it fills the field
+};
+
+struct PlayerPosition {
+  std::uint8_t command = CMD_PLAYER_POSITION;
+  std::uint8_t slot = 0;
+  Unused<2> unused_1{};
+  Position position{};
+};
+
+struct PlayerFootUpdate {
+  std::uint8_t command = CMD_PLAYER_FOOT_UPDATE;
+  std::uint8_t slot = 0;
+  Unused<2> unused_1{};
+  FloatBits state_f1 = 0;
+};
+
+struct PlayerCarBlockA {
+  std::uint8_t command = CMD_PLAYER_CAR_BLOCK_A;
+  std::uint8_t slot = 0;
+  Unused<2> unused_1{};
+  CarBlockA car_block_a{};
+};
+
+struct PlayerCarBlockB {
+  std::uint8_t command = CMD_PLAYER_CAR_BLOCK_B;
+  std::uint8_t slot = 0;
+  Unused<2> unused_1{};
+  CarBlockB car_block_b{};
+};
+
+struct PlayerGotCar {
+  std::uint8_t command = CMD_PLAYER_GOT_CAR;
+  std::uint8_t slot = 0;
+  Unused<2> unused_1{};
+  Position position{};
+  CarState car{};
+};
+
+struct PlayerLeftCar {
+  std::uint8_t command = CMD_PLAYER_LEFT_CAR;
+  std::uint8_t slot = 0;
+  Unused<2> unused_1{};
+  Position position{};
+  FloatBits state_f1 = 0;
+};
+
+struct PlayerWeapon {
+  std::uint8_t command = CMD_PLAYER_WEAPON;
+  std::uint8_t slot = 0;
+  std::uint8_t state_b = 0;
+};
+
+// Names no slot, like PlayerStateFloats.
+struct PlayerCarStatus {
+  std::uint8_t command = CMD_PLAYER_CAR_STATUS;
+  Unused<1> unused_1{};
+  std::uint8_t car_byte = 0;
+  Unused<1> unused_2{};
+  FloatBits car_float = 0;
+};
+
+struct PlayerDied {
+  std::uint8_t command = CMD_PLAYER_DIED;
+  std::uint8_t slot = 0;
+  std::uint8_t death_count = 0;
+};
+
+struct NotInCar {
+  std::uint8_t command = CMD_NOT_IN_CAR;
+  std::uint8_t slot = 0;
+};
+
+struct Ping {
+  std::uint8_t command = CMD_PING;
+};
+
+// Names no slot: receivers cannot tell whose floats these are.
+struct PlayerStateFloats {
+  std::uint8_t command = CMD_PLAYER_STATE_FLOATS;
+  Unused<3> unused_1{};
+  FloatBits state_f2 = 0;
+  FloatBits state_f3 = 0;
+};
+
+struct PinkPanther {
+  std::uint8_t command = CMD_PINKPANTHER;
+  std::uint8_t slot = NOBODY;
+};
+
+// True of a record that has no padding, so that all it sends is what was written into it, and that
+// fits the receive buffer.
+template <typename Record>
+concept WireRecord = std::is_trivially_copyable_v<Record> &&
+                     std::has_unique_object_representations_v<Record> &&
+                     sizeof(Record) <= RECEIVE_BUFFER_SIZE;
+
+template <WireRecord Record>
+inline constexpr std::size_t wire_size = sizeof(Record);
+
+static_assert(wire_size<PlayerState> == 28 && offsetof(PlayerState, state_f2) == 20);
+static_assert(wire_size<CarState> == 64 && offsetof(CarState, car_block_b) == 32 &&
+              offsetof(CarState, car_byte) == 56 && offsetof(CarState, car_float) == 60);
+static_assert(wire_size<JoinRequest> == 68 && offsetof(JoinRequest, version) == 66);
+static_assert(wire_size<EnterGame> == 100 && offsetof(EnterGame, in_car) == 32 &&
+              offsetof(EnterGame, car) == 36);
+static_assert(wire_size<SlotQuery> == 2);
+static_assert(wire_size<PositionUpdate> == 16 && offsetof(PositionUpdate, position) == 4);
+static_assert(wire_size<Vehicle> == 80 && offsetof(Vehicle, position) == 4 &&
+              offsetof(Vehicle, car) == 16);
+static_assert(wire_size<CarStateReport> == 80 && offsetof(CarStateReport, position) == 4 &&
+              offsetof(CarStateReport, car) == 16);
+static_assert(wire_size<Died> == 2);
+static_assert(wire_size<FootUpdate> == 8 && offsetof(FootUpdate, state_f1) == 4);
+static_assert(wire_size<CarBlockAUpdate> == 32 && offsetof(CarBlockAUpdate, car_block_a) == 4);
+static_assert(wire_size<CarBlockBUpdate> == 28 && offsetof(CarBlockBUpdate, car_block_b) == 4);
+static_assert(wire_size<Weapon> == 2);
+static_assert(wire_size<CarStatus> == 8 && offsetof(CarStatus, car_byte) == 1 &&
+              offsetof(CarStatus, car_float) == 4);
+static_assert(wire_size<StateFloats> == 12 && offsetof(StateFloats, state_f2) == 4);
+static_assert(wire_size<JoinAccepted> == 67 && offsetof(JoinAccepted, welcome_message) == 3);
+static_assert(wire_size<JoinRefused> == 65);
+static_assert(wire_size<EnterGameReply> == 4);
+static_assert(wire_size<PlayerInfo> == 164 && offsetof(PlayerInfo, state) == 68 &&
+              offsetof(PlayerInfo, in_car) == 96 && offsetof(PlayerInfo, car) == 100);
+static_assert(wire_size<PlayerStateReply> == 80 && offsetof(PlayerStateReply, position) == 4 &&
+              offsetof(PlayerStateReply, car) == 16);
+static_assert(wire_size<PlayerLeft> == 2);
+static_assert(wire_size<ServerShutdown> == 1);
+static_assert(wire_size<GameClock> == 3);
+static_assert(wire_size<ChatLine> == 65);
+static_assert(wire_size<PlayerPosition> == 16 && offsetof(PlayerPosition, position) == 4);
+static_assert(wire_size<PlayerFootUpdate> == 8 && offsetof(PlayerFootUpdate, state_f1) == 4);
+static_assert(wire_size<PlayerCarBlockA> == 32 && offsetof(PlayerCarBlockA, car_block_a) == 4);
+static_assert(wire_size<PlayerCarBlockB> == 28 && offsetof(PlayerCarBlockB, car_block_b) == 4);
+static_assert(wire_size<PlayerGotCar> == 80 && offsetof(PlayerGotCar, car) == 16);
+static_assert(wire_size<PlayerLeftCar> == 20 && offsetof(PlayerLeftCar, state_f1) == 16);
+static_assert(wire_size<PlayerWeapon> == 3);
+static_assert(wire_size<PlayerCarStatus> == 8 && offsetof(PlayerCarStatus, car_byte) == 2 &&
+              offsetof(PlayerCarStatus, car_float) == 4);
+static_assert(wire_size<PlayerDied> == 3);
+static_assert(wire_size<NotInCar> == 2);
+static_assert(wire_size<Ping> == 1);
+static_assert(wire_size<PlayerStateFloats> == 12 && offsetof(PlayerStateFloats, state_f2) == 4);
+static_assert(wire_size<PinkPanther> == 2);
