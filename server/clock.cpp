@@ -1,0 +1,49 @@
+#include "server/clock.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+
+// Reads the machine's uptime in seconds, as text, into the buffer. proc(5) gives the file as one
+// line of two decimal numbers; one read(2) takes it whole.
+static bool read_uptime_text(char* text, std::size_t size) {
+  const int file = open("/proc/uptime", O_RDONLY | O_CLOEXEC);
+  if (file == -1) return false;
+  const ssize_t length = read(file, text, size - 1);
+  close(file);
+  if (length <= 0) return false;
+  text[length] = '\0';
+  return true;
+}
+
+// The file shows this same clock, cut to hundredths; where it cannot be opened, for want of a
+// descriptor say, time goes on.
+static float boot_clock_seconds() {
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  const auto hundredths = static_cast<double>(now.tv_nsec / 10'000'000);
+  return static_cast<float>(static_cast<double>(now.tv_sec) + hundredths / 100.0);
+}
+
+std::uint32_t uptime_ms() {
+  char text[64];
+  const float seconds =
+      read_uptime_text(text, sizeof text) ? std::strtof(text, nullptr) : boot_clock_seconds();
+  // By way of 64 bits: beyond 2^32 ms a direct conversion to 32 bits would be undefined.
+  return static_cast<std::uint32_t>(static_cast<std::int64_t>(seconds * 1000.0F));
+}
+
+void sleep_us(std::uint32_t microseconds) {
+  timespec left{};
+  left.tv_sec = static_cast<time_t>(microseconds / 1'000'000);
+  left.tv_nsec = static_cast<long>(microseconds % 1'000'000) * 1000;
+  while (nanosleep(&left, &left) == -1 && errno == EINTR) {
+  }
+}
+
+void sleep_ms(std::uint32_t milliseconds) {
+  sleep_us(milliseconds * 1000);
+}

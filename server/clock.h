@@ -1,0 +1,13 @@
+// The server's only source of time, and its waits. A link unit of its own: the tests link a clock
+// that they set and waits that return at once. Any thread may call.
+#pragma once
+
+#include <cstdint>
+
+// Milliseconds since the machine started, kept to 32 bits: it wraps every 49.7 days, so only
+// differences in 32-bit arithmetic mean anything. The reading goes through single precision, which
+// makes it coarser the longer the machine runs: 2 ms after five hours, 256 ms after 25 days.
+std::uint32_t uptime_ms();
+
+void sleep_us(std::uint32_t microseconds);
+void sleep_ms(std::uint32_t milliseconds);

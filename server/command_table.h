@@ -1,0 +1,8 @@
+// From the command code of a datagram to its handler.
+#pragma once
+
+#include "server/datagram.h"
+
+// Handles one received datagram whole: its handler, or the line about an unknown code. Senders
+// without a slot reach the join alone. Main thread.
+void dispatch_datagram(const Datagram& datagram);

@@ -1,0 +1,50 @@
+// The server from its start to its stop, in order.
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "config/server_config.h"
+#include "net/sflsock.h"
+#include "server/clock.h"
+#include "server/main_loop.h"
+#include "server/server_state.h"
+#include "server/shutdown.h"
+
+// Lines appear as they are printed, on a terminal, a pipe or a journal alike. A reader that goes
+// away must not take the server with it.
+static void prepare_output() {
+  static char buffer[BUFSIZ];
+  std::setvbuf(stdout, buffer, _IOLBF, sizeof buffer);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+static bool open_server_socket() {
+  if (socket_layer_start() == -1) {
+    std::printf("error setting up udp socketError message: %s\n", system_error_text());
+    return false;
+  }
+  server_socket = udp_open_port(server_config.Port);
+  if (server_socket == -1) {
+    std::printf("error building socket: error num: %d\n", socket_error_code());
+    return false;
+  }
+  return true;
+}
+
+int main() {
+  prepare_output();
+  main_thread_id = pthread_self();
+  server_start_ms = uptime_ms();
+  config_load();
+  if (!open_server_socket()) return EXIT_FAILURE;
+  std::printf("ZOL Server %s ONLINE [Port: %s]!!!\n--------------------------------------\n",
+              SERVER_VERSION, server_config.Port);
+  if (!install_shutdown_handler()) {
+    std::printf("error preparing the stop by signal: %s\n", system_error_text());
+    return EXIT_FAILURE;
+  }
+  run_main_loop();
+  announce_shutdown();
+  return EXIT_FAILURE;
+}

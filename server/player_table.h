@@ -1,0 +1,83 @@
+// The players: a fixed table of 32 slots, the lookups in it, and the broadcasts to its players.
+//
+// Threads, without a lock. Only the main thread joins players, so only it writes names and
+// addresses, and it may read them as plain memory. The ping thread frees slots beside it. What more
+// than one thread writes, or one writes while another reads, is atomic; a join publishes a slot by
+// storing in_use last, and whoever frees a slot does so by free_slot, which has one winner.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "server/protocol.h"
+
+inline constexpr std::size_t TABLE_SIZE = 32;
+
+// Every field but the flags and times of liveness keeps its value when a slot is freed or joined
+// anew; a join says which it resets.
+struct PlayerSlot {
+  sockaddr_in address;  // as received; freed slots keep theirs
+  std::array<char, NAME_WIDTH> name;
+  std::atomic<std::uint8_t> in_use;   // a joined player holds the slot
+  std::atomic<std::uint8_t> in_game;  // it has entered the game: it gets broadcasts and pings
+  Position position;
+  FloatBits state_f1;
+  std::uint8_t state_b;  // the weapon type
+  FloatBits state_f2;
+  FloatBits state_f3;
+  std::uint8_t death_count;  // as the client counts
+  std::atomic<std::uint8_t> is_pinkpanther;
+  std::uint8_t has_died;  // since the join
+  CarBlockA car_block_a;  // this and the other car fields outlive the ride
+  CarBlockB car_block_b;
+  std::uint8_t car_type;
+  std::uint8_t car_color1;
+  std::uint8_t car_color2;
+  std::uint8_t car_byte;
+  FloatBits car_float;
+  std::uint8_t in_car;                    // non-zero: sits in the car that the car fields describe
+  std::atomic<std::uint32_t> ping_sent;   // uptime_ms of the first ping after the last sign of life
+  std::atomic<std::uint32_t> last_heard;  // uptime_ms; a join sets it 60000 ahead
+};
+
+static_assert(sizeof(sockaddr_in) == 16);
+
+using PlayerTable = std::array<PlayerSlot, TABLE_SIZE>;
+extern PlayerTable player_table;
+
+// The slots that are given to players, whatever their state. Any thread.
+std::span<PlayerSlot> playable_slots();
+
+// The player at this IPv4 address and port, or NO_SLOT. Main thread.
+std::uint8_t find_slot_by_address(const sockaddr_in& address);
+
+// The lowest slot that a join may take, or -1. Main thread.
+std::int8_t find_free_slot();
+
+// Makes a slot a joined player's with this address and name; everything else must have been
+// written before. Main thread.
+void occupy_slot(PlayerSlot& slot, const sockaddr_in& address, const char* name);
+
+// Takes the player out of the game and off the table. False when another thread has just done so:
+// then that thread tells the others and counts the player out. Any thread.
+bool free_slot(PlayerSlot& slot);
+
+// Copies of what the main thread may be writing. For the other threads: when the slot changes hands
+// during the copy, it may mix the old and the new bytes, which at worst misprints a name or sends
+// one datagram astray. The name's last byte is always NUL.
+std::array<char, NAME_WIDTH> copy_name(PlayerSlot& slot);
+sockaddr_in copy_address(PlayerSlot& slot);
+
+// Send one datagram to every player in the game, in slot order, the second to all but the player at
+// this address. An address that cannot be served means a broken socket: its error is printed and
+// the process ends with status 1. Any thread.
+void broadcast_all(std::span<const std::byte> datagram);
+void broadcast_except_sender(std::span<const std::byte> datagram, const sockaddr_in& sender);
+
+// Sends a line of the server's own to every player in the game.
+void broadcast_text(const std::array<char, TEXT_WIDTH>& text);

@@ -1,0 +1,45 @@
+// What the parts of the server share beside the player table. Each line says who touches it.
+#pragma once
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+
+#include "server/protocol.h"
+
+inline constexpr std::uint8_t NO_SLOT = 255;
+
+// The datagram that is being handled. Never cleared: a short datagram is read with the bytes that
+// earlier ones left. Main thread.
+extern std::array<std::uint8_t, RECEIVE_BUFFER_SIZE> receive_buffer;
+
+// The one UDP socket. Set at start-up; the main thread receives, every thread sends.
+extern int server_socket;
+
+// Set at start-up, read by every thread.
+extern pthread_t main_thread_id;
+extern std::uint32_t server_start_ms;  // uptime_ms, the origin of the game clock
+
+// Joined players, kept by one increment or decrement an event and never recounted. Every thread.
+extern std::atomic<std::int32_t> player_count;
+
+// The slot that the latest join request found free, -1 when it found none. Main thread.
+extern std::int8_t last_join_slot;
+
+// The PinkPanther, NO_SLOT for nobody. Main thread.
+extern std::uint8_t pinkpanther_slot;
+// Set by any thread that wants a new choice; the main thread makes it.
+extern std::atomic<std::uint8_t> pinkpanther_reselect;
+// uptime_ms of the last choice. Written by the main thread, read by the ping thread.
+extern std::atomic<std::uint32_t> pinkpanther_since;
+// What was last announced, or NOBODY; newcomers get it as it stands. Main thread.
+extern PinkPanther pinkpanther_announcement;
+
+static_assert(std::atomic<std::int32_t>::is_always_lock_free);
+static_assert(std::atomic<std::uint8_t>::is_always_lock_free);
+
+inline bool on_main_thread() {
+  return pthread_equal(pthread_self(), main_thread_id) != 0;
+}
