@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
@@ -21,19 +22,24 @@ static bool read_uptime_text(char* text, std::size_t size) {
 
 // The file shows this same clock, cut to hundredths; where it cannot be opened, for want of a
 // descriptor say, time goes on.
-static float boot_clock_seconds() {
+static void format_boot_clock(char* text, std::size_t size) {
   timespec now{};
   clock_gettime(CLOCK_BOOTTIME, &now);
-  const auto hundredths = static_cast<double>(now.tv_nsec / 10'000'000);
-  return static_cast<float>(static_cast<double>(now.tv_sec) + hundredths / 100.0);
+  std::snprintf(text, size, "%lld.%02d", static_cast<long long>(now.tv_sec),
+                static_cast<int>(now.tv_nsec / 10'000'000));
+}
+
+// Single precision throughout. By way of 64 bits, since beyond 2^32 ms a direct conversion to 32
+// bits would be undefined.
+std::uint32_t uptime_text_to_ms(const char* text) {
+  const float seconds = std::strtof(text, nullptr);
+  return static_cast<std::uint32_t>(static_cast<std::int64_t>(seconds * 1000.0F));
 }
 
 std::uint32_t uptime_ms() {
   char text[64];
-  const float seconds =
-      read_uptime_text(text, sizeof text) ? std::strtof(text, nullptr) : boot_clock_seconds();
-  // By way of 64 bits: beyond 2^32 ms a direct conversion to 32 bits would be undefined.
-  return static_cast<std::uint32_t>(static_cast<std::int64_t>(seconds * 1000.0F));
+  if (!read_uptime_text(text, sizeof text)) format_boot_clock(text, sizeof text);
+  return uptime_text_to_ms(text);
 }
 
 void sleep_us(std::uint32_t microseconds) {
