@@ -55,12 +55,12 @@ void read_key(std::FILE* file, int first, char (&key)[KEY_WIDTH]) {
 
 // Reads up to the line end or a '#' and trims. A comment behind the value is dropped with its line.
 void read_text(ConfigReader& reader) {
-  constexpr std::int32_t LIMIT = std::numeric_limits<std::int32_t>::max();
+  constexpr std::int32_t limit = std::numeric_limits<std::int32_t>::max();
   std::size_t stored = 0;
   reader.work_integer = 0;
   int c = std::getc(reader.file);
   for (; c != EOF && !is_line_end(c) && c != '#'; c = std::getc(reader.file)) {
-    if (reader.work_integer < LIMIT) ++reader.work_integer;
+    if (reader.work_integer < limit) ++reader.work_integer;
     if (stored < VALUE_WIDTH - 1) reader.value[stored++] = static_cast<char>(c);
   }
   reader.value[stored] = '\0';

@@ -1,16 +1,13 @@
 // The argument check of the modules that take raw pointers and texts. Any thread may call.
 #pragma once
 
-#include <source_location>
-
 // Flushes standard output, writes "\nAssertion failed: <module>, line <line>\n" to standard error
 // and aborts the process.
 [[noreturn]] void assertion_failed(const char* module, unsigned line);
 
 // A failed check is a programming error, never a matter of input. The line is the caller's.
-inline void check_argument(bool holds, const char* module,
-                           std::source_location where = std::source_location::current()) {
-  if (!holds) assertion_failed(module, where.line());
+inline void check_argument(bool holds, const char* module, unsigned line = __builtin_LINE()) {
+  if (!holds) assertion_failed(module, line);
 }
 
 inline bool is_text(const char* text) {
