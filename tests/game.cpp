@@ -1,0 +1,104 @@
+#include "tests/game.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "net/sflsock.h"
+#include "server/main_loop.h"
+
+// Bound to loopback on a port that the kernel picks.
+static int open_loopback_socket(sockaddr_in& address) {
+  const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+  const int room = 1 << 20;
+  setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&address), length), 0);
+  EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  return handle;
+}
+
+Player::Player() : socket(open_loopback_socket(address)) {}
+
+Player::~Player() {
+  close(socket);
+}
+
+void Player::send(const Bytes& bytes) const {
+  sockaddr_in server{};
+  socklen_t length = sizeof server;
+  getsockname(server_socket, reinterpret_cast<sockaddr*>(&server), &length);
+  const ssize_t sent =
+      sendto(socket, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&server), length);
+  EXPECT_EQ(sent, static_cast<ssize_t>(bytes.size()));
+}
+
+std::vector<Bytes> Player::received() const {
+  std::vector<Bytes> all;
+  Bytes bytes(2000);
+  for (ssize_t size = 0; (size = recv(socket, bytes.data(), bytes.size(), 0)) >= 0;) {
+    all.emplace_back(bytes.begin(), bytes.begin() + size);
+  }
+  return all;
+}
+
+GameTest::GameTest() {
+  std::memset(static_cast<void*>(&player_table), 0, sizeof player_table);
+  server_config = ServerConfig{};
+  receive_buffer = {};
+  main_thread_id = pthread_self();
+  sockaddr_in address{};
+  server_socket = open_loopback_socket(address);
+  player_count = 0;
+  last_join_slot = 0;
+  pinkpanther_slot = NO_SLOT;
+  pinkpanther_reselect = 0;
+  pinkpanther_since = 0;
+  pinkpanther_announcement = {};
+  server_start_ms = 1000;
+  fake_now_ms = 1000;
+  slept_us = 0;
+}
+
+GameTest::~GameTest() {
+  close(server_socket);
+}
+
+std::string GameTest::say(const Player& player, const Bytes& bytes) {
+  player.send(bytes);
+  testing::internal::CaptureStdout();
+  drain_socket();
+  return testing::internal::GetCapturedStdout();
+}
+
+void GameTest::join(const Player& player, const std::string& name) {
+  say(player, join_request(name));
+}
+
+void GameTest::enter(const Player& player, const std::string& name) {
+  join(player, name);
+  say(player, enter_on_foot());
+  forget_received();
+  player.received();
+}
+
+void GameTest::fill(std::size_t count) {
+  while (players.size() < count) {
+    players.push_back(std::make_unique<Player>());
+    enter(*players.back(), std::string(1, 'P').append(std::to_string(players.size() - 1)));
+  }
+}
+
+void GameTest::expect_only(const Player& player, const std::vector<Bytes>& datagrams) {
+  EXPECT_EQ(player.received(), datagrams);
+  for (std::size_t i = 0; i < players.size(); ++i) {
+    EXPECT_EQ(players[i]->received(), std::vector<Bytes>{}) << "at player " << i;
+  }
+}
+
+void GameTest::forget_received() {
+  for (const auto& player : players) player->received();
+}

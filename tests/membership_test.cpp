@@ -1,0 +1,160 @@
+#include "server/handlers.h"
+#include "tests/game.h"
+
+namespace {
+
+class MembershipTest : public GameTest {};
+
+Bytes accepted(std::uint8_t slot, std::uint8_t game_type, const std::string& welcome) {
+  return datagram(17, 67, {{1, {slot, game_type}}, {3, text(welcome)}});
+}
+
+TEST_F(MembershipTest, JoinTakesTheFirstFreeSlotAndResetsOnlyWhatBelongsToTheJoin) {
+  server_config.GameType = 1;
+  fake_now_ms = 5000;
+  PlayerSlot& old = player_table[0];
+  old.state_b = 7, old.car_type = 8, old.is_pinkpanther = 1;
+  old.in_car = old.death_count = old.has_died = old.in_game = 1;
+  const Player bob;
+  EXPECT_EQ(say(bob, join_request("B%s")), "B%s, Player [0] Connected!\n");
+  expect_only(bob, {accepted(0, 1, "Welcome to this Harn Tor Multiplayer Server - have fun")});
+  EXPECT_EQ(old.in_use, 1);
+  EXPECT_EQ(old.in_game + old.in_car + old.death_count + old.has_died, 0);
+  EXPECT_EQ(old.last_heard, 65000U);
+  EXPECT_EQ(old.state_b + old.car_type + old.is_pinkpanther, 7 + 8 + 1);
+  EXPECT_EQ(std::memcmp(&old.address, &bob.address, sizeof old.address), 0);
+  EXPECT_EQ(player_count, 1);
+  EXPECT_EQ(pinkpanther_reselect, 0);
+  const Player ann;
+  join(ann, "Ann");
+  EXPECT_EQ(pinkpanther_reselect, 1) << "two players and no PinkPanther";
+}
+
+TEST_F(MembershipTest, NamesAreCutAtTheirField) {
+  const Player bob;
+  EXPECT_EQ(say(bob, join_request(std::string(65, 'x'))),
+            std::string(63, 'x') + ", Player [0] Connected!\n");
+  EXPECT_EQ(player_table[0].name.back(), '\0');
+  EXPECT_EQ(say(bob, join_request("")), "Player 0 reconnected\n, Player [1] Connected!\n");
+}
+
+TEST_F(MembershipTest, RefusesWrongVersionsFirstThenAFullTable) {
+  server_config.maxClients = 2;
+  const Player stranger;
+  const Bytes wrong_version = datagram(14, 65, {{1, text("You need Version 0.4")}});
+  Bytes high_byte = join_request("x");
+  high_byte[67] = 1;
+  last_join_slot = 9;
+  for (const Bytes& request : {join_request("x", 39), join_request("x", 41), high_byte}) {
+    EXPECT_EQ(say(stranger, request), "");
+    expect_only(stranger, {wrong_version});
+    EXPECT_EQ(last_join_slot, 0) << "the search comes before the refusal";
+  }
+  fill(2);
+  EXPECT_EQ(say(stranger, join_request("x")), "");
+  expect_only(stranger, {datagram(12, 65, {{1, text("Maximum allowed players: 2")}})});
+  EXPECT_EQ(last_join_slot, -1);
+  say(stranger, join_request("x", 39));
+  expect_only(stranger, {wrong_version});
+  EXPECT_EQ(say(*players[1], join_request("x")), "") << "a reconnect finds no slot either";
+  expect_only(*players[1], {datagram(12, 65, {{1, text("Maximum allowed players: 2")}})});
+  EXPECT_EQ(player_count, 2);
+}
+
+TEST_F(MembershipTest, ReconnectMovesToAnotherSlotAndKeepsTheOldFlag) {
+  fill(2);
+  player_table[1].is_pinkpanther = 1;
+  EXPECT_EQ(say(*players[1], join_request("New")),
+            "Player 1 reconnected\nNew, Player [2] Connected!\n");
+  EXPECT_EQ(players[0]->received(), std::vector<Bytes>{datagram(60, 2, {{1, {1}}})});
+  expect_only(*players[1], {accepted(2, 0, server_config.WelcomeMessage)});
+  EXPECT_EQ(player_table[1].in_use + player_table[1].in_game, 0);
+  EXPECT_EQ(player_table[1].is_pinkpanther, 1);
+  EXPECT_EQ(player_count, 2);
+}
+
+TEST_F(MembershipTest, LeavingTellsTheOthersAndEndsTheRole) {
+  struct Case {
+    std::size_t players_before;
+    int pinkpanther, reselect;
+  };
+  for (const Case& c : {Case{3, 0, 0}, Case{3, 1, 1}, Case{2, 1, 0}}) {
+    SCOPED_TRACE(c.players_before * 10 + static_cast<unsigned>(c.pinkpanther));
+    fill(c.players_before);
+    pinkpanther_slot = 1;
+    pinkpanther_reselect = 0;
+    player_table[1].is_pinkpanther = static_cast<std::uint8_t>(c.pinkpanther);
+    EXPECT_EQ(say(*players[1], {60}), "P1, Player [1] disconnected\n");
+    for (auto& player : players) {
+      const bool left = player == players[1];
+      EXPECT_EQ(player->received(),
+                left ? std::vector<Bytes>{} : std::vector<Bytes>{datagram(60, 2, {{1, {1}}})});
+    }
+    EXPECT_EQ(player_count, static_cast<int>(c.players_before) - 1);
+    EXPECT_EQ(pinkpanther_reselect, c.reselect);
+    EXPECT_EQ(player_table[1].is_pinkpanther, 0);
+    EXPECT_EQ(pinkpanther_slot, 1);
+    EXPECT_EQ(say(*players[1], {60}), "") << "now a stranger";
+    for (auto& player : players) say(*player, {60});
+    players.clear();
+  }
+}
+
+TEST_F(MembershipTest, ThirtyTwoPlayersFillTheTableAndThePortTellsThemApart) {
+  server_config.maxClients = 32;
+  fill(32);
+  const Player late;
+  join(late, "late");
+  expect_only(late, {datagram(12, 65, {{1, text("Maximum allowed players: 32")}})});
+  say(*players[31], {60});
+  forget_received();
+  join(late, "late");
+  expect_only(late, {accepted(31, 0, server_config.WelcomeMessage)});
+}
+
+TEST_F(MembershipTest, UnknownCodesAndStrangersChangeNothing) {
+  fill(2);
+  const Player stranger;
+  for (const unsigned code : {0U, 1U, 3U, 11U, 50U, 104U, 125U, 200U, 255U}) {
+    EXPECT_EQ(say(stranger, {static_cast<std::uint8_t>(code)}),
+              "Unknown Command: " + std::to_string(code) + " \n");
+  }
+  for (const std::uint8_t code : Bytes{2, 15, 40, 41, 60, 100, 123}) {
+    EXPECT_EQ(say(stranger, datagram(code, 100)), "");
+  }
+  expect_only(stranger, {});
+}
+
+TEST_F(MembershipTest, ShortDatagramsAreReadWithTheBytesThatEarlierOnesLeft) {
+  const Player bob;
+  const Player ann;
+  join(bob, "Robert");
+  EXPECT_EQ(say(ann, {10, 'A'}), "Aobert, Player [1] Connected!\n");
+  EXPECT_EQ(say(ann, {}), "Player 1 reconnected\nAobert, Player [2] Connected!\n");
+  Bytes long_one = join_request("Long");
+  long_one.resize(300, 'z');
+  EXPECT_EQ(say(bob, long_one), "Player 0 reconnected\nLong, Player [1] Connected!\n");
+  EXPECT_EQ(receive_buffer.back(), 'z');
+}
+
+TEST_F(MembershipTest, AFailedBroadcastEndsTheProcessAFailedAnswerDoesNot) {
+  fill(2);
+  const Player bob;
+  player_table[1].address.sin_port = 0;  // sending there fails with EINVAL
+  EXPECT_EXIT(say(*players[0], datagram(100, 16)), testing::ExitedWithCode(1), "");
+  for (const std::uint8_t version : Bytes{40, 41}) {
+    Datagram from_nowhere{.bytes = receive_buffer, .received = 68, .sender = bob.address};
+    from_nowhere.sender.sin_port = 0;
+    const Bytes request = join_request("Bob", version);
+    std::copy(request.begin(), request.end(), receive_buffer.begin());
+    testing::internal::CaptureStdout();
+    handle_join(NO_SLOT, from_nowhere);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              version == 40 ? "Bob, Player [2] Connected!\n"
+                              "error writing to socket:Invalid argument\n"
+                            : "error writing to socket: Invalid argument\n");
+  }
+  EXPECT_EQ(player_count, 3);
+}
+
+}  // namespace

@@ -1,0 +1,198 @@
+// The real program: what it prints, how it stops, what it costs when idle.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "tests/bytes.h"
+
+namespace {
+
+constexpr int PATIENCE_MS = 20'000;  // until a test gives a stuck server up
+const std::string RULE = std::string(38, '-') + "\n";
+
+int udp_socket(std::uint16_t& port) {
+  const int handle = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&address), length), 0);
+  EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  port = ntohs(address.sin_port);
+  return handle;
+}
+
+bool readable(int handle) {
+  pollfd wait{.fd = handle, .events = POLLIN, .revents = 0};
+  return poll(&wait, 1, PATIENCE_MS) == 1;
+}
+
+class ProcessTest : public testing::Test {
+ protected:
+  ProcessTest() {
+    EXPECT_NE(mkdtemp(folder), nullptr);
+    close(udp_socket(port));
+  }
+
+  ~ProcessTest() override {
+    if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+    close(output);
+    std::remove((std::string(folder) + "/zolserver.cfg").c_str());
+    rmdir(folder);
+  }
+
+  void start(const std::string& config) {
+    std::ofstream(std::string(folder) + "/zolserver.cfg") << config;
+    int pipe_ends[2];
+    ASSERT_EQ(pipe(pipe_ends), 0);
+    pid = fork();
+    if (pid == 0) {
+      dup2(pipe_ends[1], STDOUT_FILENO);
+      close(pipe_ends[0]);
+      if (chdir(folder) == 0) execl(ZOLSERVER, "zolserver", nullptr);
+      _exit(99);
+    }
+    close(pipe_ends[1]);
+    output = pipe_ends[0];
+  }
+
+  void start_and_wait() {
+    const std::string text = std::to_string(port);
+    start("Port=" + text + "\n");
+    ASSERT_EQ(read_to(RULE), "ZOL Server 0.4 ONLINE [Port: " + text + "]!!!\n" + RULE);
+  }
+
+  // What the server prints up to and including this text, or to its end.
+  std::string read_to(const std::string& last) {
+    std::string all;
+    char c;
+    while (!all.ends_with(last) && readable(output) && read(output, &c, 1) == 1) all += c;
+    return all;
+  }
+
+  int exit_status() {
+    int status = 0;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    pid = 0;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+  // A player in the game, on a socket of its own.
+  int enter_game() {
+    std::uint16_t own_port;
+    const int player = udp_socket(own_port);
+    sockaddr_in server{};
+    server.sin_family = AF_INET;
+    server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    server.sin_port = htons(port);
+    EXPECT_EQ(connect(player, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
+    say(player, datagram(10, 68, {{1, text("Bob")}, {66, {40}}}));
+    EXPECT_EQ(heard(player)[0], 17);
+    say(player, datagram(15, 100));
+    EXPECT_EQ(heard(player)[0], 16);
+    return player;
+  }
+
+  static void say(int player, const Bytes& bytes) {
+    EXPECT_EQ(send(player, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+  }
+
+  // The next datagram but for pings; one zero byte when none comes.
+  static Bytes heard(int player) {
+    Bytes bytes(300);
+    do {
+      const ssize_t size = readable(player) ? recv(player, bytes.data(), bytes.size(), 0) : -1;
+      if (size < 0) return {0};
+      bytes.resize(static_cast<std::size_t>(size));
+    } while (bytes == Bytes{1});
+    return bytes;
+  }
+
+  char folder[32] = "/tmp/zol_process_XXXXXX";
+  std::uint16_t port = 0;
+  pid_t pid = 0;
+  int output = -1;
+};
+
+TEST_F(ProcessTest, EachStopSignalEndsItInOrder) {
+  for (const int signal : {SIGINT, SIGHUP, SIGTERM}) {
+    start_and_wait();
+    const int player = enter_game();
+    EXPECT_EQ(read_to("\n"), "Bob, Player [0] Connected!\n");
+    kill(pid, signal);
+    EXPECT_EQ(heard(player), Bytes{19});
+    EXPECT_EQ(read_to("none"), "Exitting...\n");
+    EXPECT_EQ(exit_status(), 1);
+    close(player);
+    close(output);
+  }
+}
+
+TEST_F(ProcessTest, SaysWhyItCannotStart) {
+  const int taken = udp_socket(port);
+  start("Port=" + std::to_string(port) + "\n");
+  EXPECT_EQ(read_to("none"), "error building socket: error num: 7\n");
+  EXPECT_EQ(exit_status(), 1);
+  close(taken);
+  close(output);
+  start("Port=65536\n");
+  EXPECT_EQ(read_to("none"), "error building socket: error num: 3\n");
+  EXPECT_EQ(exit_status(), 1);
+}
+
+TEST_F(ProcessTest, StopsUnderFullLoad) {
+  start_and_wait();
+  const int player = enter_game();
+  const int witness = enter_game();
+  EXPECT_EQ(read_to("[1] Connected!\n"),
+            "Bob, Player [0] Connected!\nBob, Player [1] Connected!\n");
+  EXPECT_EQ(heard(witness)[0], 42);
+  std::atomic<bool> done = false;
+  std::thread flood([&] {
+    const Bytes update = datagram(100, 16);
+    while (!done) (void)send(player, update.data(), update.size(), 0);
+  });
+  EXPECT_EQ(heard(witness)[0], 200) << "the flood is being handled";
+  kill(pid, SIGTERM);
+  EXPECT_EQ(read_to("none"), "Exitting...\n");
+  EXPECT_EQ(exit_status(), 1);
+  done = true;
+  flood.join();
+}
+
+TEST_F(ProcessTest, LivesOnWithoutAReaderAndCostsNothingWhenIdle) {
+  start_and_wait();
+  const int player = enter_game();
+  close(output);
+  output = -1;
+  for (int i = 0; i < 100; ++i) say(player, {200, 0});
+  say(player, datagram(15, 100));
+  EXPECT_EQ(heard(player)[0], 16);
+
+  // Nanoseconds that the main thread has run. It is back in its wait when they stand still.
+  const auto ran = [this] {
+    std::string ns;
+    std::ifstream("/proc/" + std::to_string(pid) + "/schedstat") >> ns;
+    return ns;
+  };
+  std::string before;
+  do {
+    before = ran();
+    usleep(100'000);
+  } while (before != ran());
+  usleep(300'000);
+  EXPECT_EQ(ran(), before);
+  EXPECT_NE(before, "");
+}
+
+}  // namespace

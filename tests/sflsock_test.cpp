@@ -1,0 +1,152 @@
+#include "net/sflsock.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+#include "net/socket_layer_state.h"
+
+namespace {
+
+sockaddr_in local_address(int handle) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  return address;
+}
+
+// A port that was free a moment ago.
+std::uint16_t free_port() {
+  const int handle = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in any{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
+  EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&any), sizeof any), 0);
+  const std::uint16_t port = ntohs(local_address(handle).sin_port);
+  close(handle);
+  return port;
+}
+
+TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
+  const int port = free_port();
+  const std::string number = std::to_string(port);
+  for (const std::string& text : {number, " \t+" + number + "abc", std::to_string(port + 65536),
+                                  std::to_string(port - 65536), std::to_string(port - 1)}) {
+    socket_layer_state.port_offset = text == std::to_string(port - 1) ? 1 : 0;
+    const int handle = udp_open_port(text.c_str());
+    ASSERT_NE(handle, -1) << text << ": " << socket_error_code();
+    EXPECT_EQ(socket_layer_state.open_sockets, 1);
+    const sockaddr_in address = local_address(handle);
+    EXPECT_EQ(ntohs(address.sin_port), port) << text;
+    EXPECT_EQ(address.sin_addr.s_addr, INADDR_ANY);
+    EXPECT_TRUE(fcntl(handle, F_GETFL) & O_NONBLOCK);
+    int reuse = 0;
+    socklen_t length = sizeof reuse;
+    getsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &reuse, &length);
+    EXPECT_EQ(reuse, 1);
+    EXPECT_EQ(socket_close(handle), 0);
+    EXPECT_EQ(socket_close(handle), 0) << "no socket any more";
+    EXPECT_EQ(socket_layer_state.open_sockets, 0);
+  }
+  socket_layer_state.port_offset = 0;
+}
+
+TEST(SflsockTest, SaysWhyItCannotOpen) {
+  for (const char* text : {"0", "abc", "65536", "-65536", "-99999999999"}) {
+    EXPECT_EQ(udp_open_port(text), -1) << text;
+    EXPECT_EQ(socket_error_code(), SOCKERR_BAD_SERVICE) << text;
+  }
+  EXPECT_EQ(new_inet_socket("no-such-protocol"), -1);
+  EXPECT_EQ(socket_error_code(), SOCKERR_BAD_PROTOCOL);
+
+  // Taken by a socket without SO_REUSEADDR; the failed one stays open and counted.
+  const int taken = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in any{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
+  ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&any), sizeof any), 0);
+  const std::string port = std::to_string(ntohs(local_address(taken).sin_port));
+  EXPECT_EQ(udp_open_port(port.c_str()), -1);
+  EXPECT_EQ(socket_error_code(), SOCKERR_BIND_FAILED);
+  EXPECT_EQ(socket_layer_state.open_sockets, 1);
+  socket_layer_state.open_sockets = 0;
+  close(taken);
+  EXPECT_STREQ(SOCKET_ERROR_TEXTS[SOCKERR_BIND_FAILED], "Port is already used by another server");
+}
+
+TEST(SflsockTest, AsksTheServicesDatabaseFirst) {
+  EXPECT_EQ(find_service_port("domain", "udp"), 53);
+  EXPECT_EQ(find_service_port("http", "tcp"), 80);
+  EXPECT_EQ(find_service_port("16309", "udp"), -1);
+  // A bind address is used once.
+  socket_layer_state.bind_address = htonl(INADDR_LOOPBACK);
+  const int listener = open_bound_socket(std::to_string(free_port()).c_str(), "tcp", 5);
+  ASSERT_NE(listener, -1);
+  EXPECT_EQ(local_address(listener).sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+  EXPECT_EQ(socket_layer_state.bind_address, 0U);
+  int listening = 0;
+  socklen_t length = sizeof listening;
+  getsockopt(listener, SOL_SOCKET, SO_ACCEPTCONN, &listening, &length);
+  EXPECT_EQ(listening, 1);
+  socket_close(listener);
+}
+
+TEST(SflsockTest, ReceivesCutsAndSends) {
+  socket_layer_state.bind_address = htonl(INADDR_LOOPBACK);
+  const int one = udp_open_port(std::to_string(free_port()).c_str());
+  socket_layer_state.bind_address = htonl(INADDR_LOOPBACK);
+  const int two = udp_open_port(std::to_string(free_port()).c_str());
+  const sockaddr_in to = local_address(two);
+  std::string buffer(256, '.');
+  sockaddr_in sender{};
+  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_STREQ(system_error_text(), "Resource temporarily unavailable");
+  EXPECT_EQ(udp_send(one, std::string(300, 'x').data(), 300, &to), 300);
+  EXPECT_EQ(udp_send(one, "", 0, &to), 0);
+  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 256);
+  EXPECT_EQ(sender.sin_port, local_address(one).sin_port);
+  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 0);
+
+  // In order, up to the first address that cannot be served.
+  sockaddr_in nowhere = to;
+  nowhere.sin_port = 0;
+  const sockaddr_in* addresses[] = {&to, &to, &nowhere, &to};
+  EXPECT_EQ(udp_send_to_each(one, "ab", 2, addresses, 4), 2U);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
+  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
+  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), -1);
+  socket_close(one);
+  socket_close(two);
+}
+
+TEST(SflsockTest, ChecksItsArguments) {
+  const std::string line = "\nAssertion failed: sflsock, line [0-9]+\n";
+  sockaddr_in address{};
+  char byte = 0;
+  EXPECT_DEATH(udp_open_port(""), line);
+  EXPECT_DEATH(udp_open_port(nullptr), line);
+  EXPECT_DEATH(new_inet_socket(""), line);
+  EXPECT_DEATH(udp_receive(0, nullptr, 1, &address), line);
+  EXPECT_DEATH(udp_receive(0, &byte, 1, nullptr), line);
+  EXPECT_DEATH(udp_send(0, nullptr, 1, &address), line);
+  EXPECT_DEATH(udp_send(0, &byte, 1, nullptr), line);
+}
+
+// Started as another user than its real one, the process is its real user after the first bind.
+TEST(SflsockTest, DropsRaisedRightsWithTheFirstBind) {
+  if (getuid() != 0) GTEST_SKIP() << "needs root";
+  for (const char* port : {"0", "1"}) {
+    EXPECT_EXIT(
+        {
+          if (setresuid(65534, 0, 0) != 0) _exit(1);
+          const int handle = udp_open_port(port);
+          if ((handle != -1) != (*port == '1')) _exit(2);
+          _exit(geteuid() == 65534 ? 0 : 3);
+        },
+        testing::ExitedWithCode(0), "");
+  }
+}
+
+}  // namespace
