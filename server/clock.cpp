@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cfloat>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -29,8 +30,9 @@ static void format_boot_clock(char* text, std::size_t size) {
                 static_cast<int>(now.tv_nsec / 10'000'000));
 }
 
-// Single precision throughout. By way of 64 bits, since beyond 2^32 ms a direct conversion to 32
-// bits would be undefined.
+static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");
+
+// By way of 64 bits, since beyond 2^32 ms a direct conversion to 32 bits would be undefined.
 std::uint32_t uptime_text_to_ms(const char* text) {
   const float seconds = std::strtof(text, nullptr);
   return static_cast<std::uint32_t>(static_cast<std::int64_t>(seconds * 1000.0F));

@@ -1,5 +1,7 @@
 #include "server/player_table.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,31 +14,43 @@ static_assert(TABLE_SIZE == MAX_CLIENTS && TABLE_SIZE <= MAX_DESTINATIONS);
 
 constinit PlayerTable player_table{};
 
-// Byte by byte, so that a thread that reads while the main thread writes sees a mixture at worst.
-using SharedByte = std::atomic_ref<std::uint8_t>;
-static_assert(SharedByte::is_always_lock_free);
-
-template <typename Value>
-static void store_shared(Value& shared, const Value& value) {
-  auto* to = reinterpret_cast<std::uint8_t*>(&shared);
-  const auto* from = reinterpret_cast<const std::uint8_t*>(&value);
-  for (std::size_t i = 0; i < sizeof(Value); ++i) {
-    SharedByte(to[i]).store(from[i], std::memory_order_relaxed);
-  }
+// What the main thread writes while another may be reading goes through these. Each field of an
+// address whole, so that a copy never holds a port that no player had: one of 0 could not be sent
+// to.
+template <typename Field>
+static void store_field(Field& shared, Field value) {
+  static_assert(std::atomic_ref<Field>::is_always_lock_free);
+  std::atomic_ref<Field>(shared).store(value, std::memory_order_relaxed);
 }
 
-template <typename Value>
-static Value load_shared(Value& shared) {
-  std::array<std::uint8_t, sizeof(Value)> bytes;
-  auto* from = reinterpret_cast<std::uint8_t*>(&shared);
-  for (std::size_t i = 0; i < sizeof(Value); ++i) {
-    bytes[i] = SharedByte(from[i]).load(std::memory_order_relaxed);
+template <typename Field>
+static Field load_field(Field& shared) {
+  return std::atomic_ref<Field>(shared).load(std::memory_order_relaxed);
+}
+
+static void store_name(PlayerSlot& slot, const char* name) {
+  const std::size_t length = strnlen(name, NAME_WIDTH - 1);
+  for (std::size_t i = 0; i < NAME_WIDTH; ++i)
+    store_field(slot.name[i], i < length ? name[i] : '\0');
+}
+
+static void store_address(PlayerSlot& slot, const sockaddr_in& address) {
+  store_field(slot.address.sin_family, address.sin_family);
+  store_field(slot.address.sin_port, address.sin_port);
+  store_field(slot.address.sin_addr.s_addr, address.sin_addr.s_addr);
+  for (std::size_t i = 0; i < std::size(address.sin_zero); ++i) {
+    store_field(slot.address.sin_zero[i], address.sin_zero[i]);
   }
-  return std::bit_cast<Value>(bytes);
 }
 
 std::span<PlayerSlot> playable_slots() {
   return std::span(player_table).first(static_cast<std::size_t>(server_config.maxClients));
+}
+
+std::int32_t count_used_slots() {
+  std::int32_t count = 0;
+  for (const PlayerSlot& slot : playable_slots()) count += slot.in_use != 0 ? 1 : 0;
+  return count;
 }
 
 static bool same_endpoint(const sockaddr_in& left, const sockaddr_in& right) {
@@ -62,11 +76,18 @@ std::int8_t find_free_slot() {
   return -1;
 }
 
+std::int8_t next_used_slot(std::uint8_t slot) {
+  const std::size_t first = slot == NO_SLOT ? 0 : slot + 1U;
+  for (std::size_t i = 0; i < TABLE_SIZE; ++i) {
+    const std::size_t number = (first + i) % TABLE_SIZE;
+    if (player_table[number].in_use != 0) return static_cast<std::int8_t>(number);
+  }
+  return -1;
+}
+
 void occupy_slot(PlayerSlot& slot, const sockaddr_in& address, const char* name) {
-  std::array<char, NAME_WIDTH> padded{};
-  std::memcpy(padded.data(), name, strnlen(name, NAME_WIDTH - 1));
-  store_shared(slot.name, padded);
-  store_shared(slot.address, address);
+  store_name(slot, name);
+  store_address(slot, address);
   slot.in_game = 0;
   slot.in_use.store(1, std::memory_order_release);
 }
@@ -77,18 +98,28 @@ bool free_slot(PlayerSlot& slot) {
 }
 
 std::array<char, NAME_WIDTH> copy_name(PlayerSlot& slot) {
-  std::array<char, NAME_WIDTH> name = load_shared(slot.name);
+  std::array<char, NAME_WIDTH> name;
+  for (std::size_t i = 0; i < NAME_WIDTH; ++i) name[i] = load_field(slot.name[i]);
   name.back() = '\0';
   return name;
 }
 
 sockaddr_in copy_address(PlayerSlot& slot) {
-  return load_shared(slot.address);
+  sockaddr_in address{};
+  address.sin_family = load_field(slot.address.sin_family);
+  address.sin_port = load_field(slot.address.sin_port);
+  address.sin_addr.s_addr = load_field(slot.address.sin_addr.s_addr);
+  for (std::size_t i = 0; i < std::size(address.sin_zero); ++i) {
+    address.sin_zero[i] = load_field(slot.address.sin_zero[i]);
+  }
+  return address;
 }
 
+// At once, by whichever thread meets the failure: no destructor of ours has anything to do.
 [[noreturn]] static void end_for_broken_socket() {
   std::printf("error writing to socket:%s\n", system_error_text());
-  std::exit(EXIT_FAILURE);
+  std::fflush(stdout);
+  _exit(EXIT_FAILURE);
 }
 
 // The addresses of one broadcast. Only the main thread writes addresses, so it may hand out the
@@ -102,7 +133,8 @@ struct Recipients {
 static void collect_recipients(Recipients& to, const sockaddr_in* left_out) {
   const bool owns_addresses = on_main_thread();
   for (PlayerSlot& slot : playable_slots()) {
-    if (slot.in_game == 0) continue;
+    // A player who enters just as the ping thread frees its slot leaves in_game behind.
+    if (slot.in_game == 0 || slot.in_use == 0) continue;
     const sockaddr_in* address = &slot.address;
     if (!owns_addresses) {
       to.copies[to.count] = copy_address(slot);

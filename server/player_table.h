@@ -3,7 +3,9 @@
 // Threads, without a lock. Only the main thread joins players, so only it writes names and
 // addresses, and it may read them as plain memory. The ping thread frees slots beside it. What more
 // than one thread writes, or one writes while another reads, is atomic; a join publishes a slot by
-// storing in_use last, and whoever frees a slot does so by free_slot, which has one winner.
+// storing in_use last, and whoever frees a slot does so by free_slot, which has one winner. What no
+// lock leaves open: a time-out that is decided in the very instant in which the silent player
+// leaves and another takes its slot frees the slot under the newcomer.
 #pragma once
 
 #include <netinet/in.h>
@@ -53,11 +55,18 @@ extern PlayerTable player_table;
 // The slots that are given to players, whatever their state. Any thread.
 std::span<PlayerSlot> playable_slots();
 
+// How many of them are in use. Any thread.
+std::int32_t count_used_slots();
+
 // The player at this IPv4 address and port, or NO_SLOT. Main thread.
 std::uint8_t find_slot_by_address(const sockaddr_in& address);
 
 // The lowest slot that a join may take, or -1. Main thread.
 std::int8_t find_free_slot();
+
+// The first slot in use behind this one, around the end of the table and up to the slot itself;
+// from the first slot on for NO_SLOT; -1 when none is in use. Looks at all slots. Main thread.
+std::int8_t next_used_slot(std::uint8_t slot);
 
 // Makes a slot a joined player's with this address and name; everything else must have been
 // written before. Main thread.
@@ -68,8 +77,8 @@ void occupy_slot(PlayerSlot& slot, const sockaddr_in& address, const char* name)
 bool free_slot(PlayerSlot& slot);
 
 // Copies of what the main thread may be writing. For the other threads: when the slot changes hands
-// during the copy, it may mix the old and the new bytes, which at worst misprints a name or sends
-// one datagram astray. The name's last byte is always NUL.
+// during the copy, it may mix the old and the new player's, which at worst misprints a name or
+// sends one datagram astray. The name's last byte is always NUL.
 std::array<char, NAME_WIDTH> copy_name(PlayerSlot& slot);
 sockaddr_in copy_address(PlayerSlot& slot);
 

@@ -9,7 +9,7 @@
 #include "server/sending.h"
 #include "server/server_state.h"
 
-// The only sign of life that keeps a player from timing out.
+// The sign of life that keeps a player from timing out.
 void handle_ping_reply(std::uint8_t slot, const Datagram& /*datagram*/) {
   player_table[slot].last_heard = uptime_ms();
 }

@@ -35,7 +35,7 @@ bool install_shutdown_handler() {
   if (wake_handle == -1) return false;
   struct sigaction action {};
   action.sa_handler = shutdown_handler;
-  action.sa_flags = SA_RESTART;
+  // Without SA_RESTART: a signal also frees a thread that is stuck in writing to a full pipe.
   sigemptyset(&action.sa_mask);
   for (const int signal : STOP_SIGNALS) sigaction(signal, &action, nullptr);
   return true;

@@ -1,5 +1,5 @@
-// Operations on NUL-terminated texts. No text may be null: a null one ends the process through
-// the argument check. Any thread may call.
+// Operations on NUL-terminated texts. No text may be null; the first two end the process through
+// the argument check on one that is. Any thread may call.
 #pragma once
 
 #include <cstddef>
