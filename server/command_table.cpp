@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "server/handlers.h"
+#include "server/pinkpanther.h"
 #include "server/player_table.h"
 #include "server/server_state.h"
 
@@ -26,9 +27,19 @@ constexpr Command COMMANDS[] = {
     {CMD_ENTER_GAME, handle_enter_game},
     {CMD_GET_PLAYER_INFO, handle_get_player_info},
     {CMD_GET_PLAYER_STATE, handle_get_player_state},
+    {CMD_CHAT, handle_chat},
+    {CMD_VEHICLE, handle_vehicle},
     {CMD_PLAYER_LEFT, handle_leave},
     {CMD_POSITION_UPDATE, handle_position_update},
+    {CMD_CAR_STATE, handle_car_state},
+    {CMD_LEAVE_CAR, handle_leave_car},
+    {CMD_DIED, handle_died},
+    {CMD_FOOT_UPDATE, handle_foot_update},
+    {CMD_CAR_BLOCK_A, handle_car_block_a},
+    {CMD_CAR_BLOCK_B, handle_car_block_b},
+    {CMD_WEAPON, handle_weapon},
     {CMD_STATE_FLOATS, handle_state_floats},
+    {CMD_CAR_STATUS, handle_car_status},
 };
 
 // Indexed by the code minus FIRST_CODE; null where there is no command.
@@ -47,10 +58,7 @@ Handler find_handler(std::uint8_t code) {
   return HANDLERS[code - FIRST_CODE];
 }
 
-}  // namespace
-
-void dispatch_datagram(const Datagram& datagram) {
-  const std::uint8_t code = datagram.bytes[0];
+void run_handler(std::uint8_t code, const Datagram& datagram) {
   const Handler handler = find_handler(code);
   if (handler == nullptr) {
     std::printf("Unknown Command: %d \n", code);
@@ -58,4 +66,12 @@ void dispatch_datagram(const Datagram& datagram) {
   }
   const std::uint8_t slot = find_slot_by_address(datagram.sender);
   if (slot != NO_SLOT || code == CMD_JOIN) handler(slot, datagram);
+}
+
+}  // namespace
+
+void dispatch_datagram(const Datagram& datagram) {
+  const std::uint8_t code = datagram.bytes[0];
+  run_handler(code, datagram);
+  run_pinkpanther_step(code);
 }

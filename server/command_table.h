@@ -3,6 +3,6 @@
 
 #include "server/datagram.h"
 
-// Handles one received datagram whole: its handler, or the line about an unknown code. Senders
-// without a slot reach the join alone. Main thread.
+// Handles one received datagram whole: its handler, or the line about an unknown code, and then
+// the PinkPanther step. Senders without a slot reach the join alone. Main thread.
 void dispatch_datagram(const Datagram& datagram);

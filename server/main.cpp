@@ -7,6 +7,7 @@
 #include "config/server_config.h"
 #include "net/sflsock.h"
 #include "server/clock.h"
+#include "server/liveness.h"
 #include "server/main_loop.h"
 #include "server/server_state.h"
 #include "server/shutdown.h"
@@ -43,6 +44,10 @@ int main() {
   if (!install_shutdown_handler()) {
     std::printf("error preparing the stop by signal: %s\n", system_error_text());
     return EXIT_FAILURE;
+  }
+  if (!start_worker_thread(ping_thread)) {
+    std::printf("Error while creating ping thread!\n");
+    return EXIT_SUCCESS;
   }
   run_main_loop();
   announce_shutdown();

@@ -1,7 +1,13 @@
-// The role of the PinkPanther. Main thread.
+// The role of the PinkPanther in CatchPinkPanther: one player holds it, and it passes on in the
+// order of the slots. Main thread.
 #pragma once
 
+#include <cstdint>
+
 #include "server/player_table.h"
+
+// Makes the choice that some event has asked for. Runs after every datagram but a join.
+void run_pinkpanther_step(std::uint8_t handled_code);
 
 // A player who leaves or dies gives the role up; while more than one player is joined, a new choice
 // is asked for. pinkpanther_slot keeps naming the slot until that choice.

@@ -1,0 +1,13 @@
+// Pings, time-outs and the PinkPanther's two minutes: the ping thread.
+#pragma once
+
+#include <cstdint>
+
+inline constexpr std::uint32_t PING_PERIOD_US = 10'000'000;
+
+// The thread's body: one pass at once, then one every PING_PERIOD_US. Takes and returns nothing.
+void* ping_thread(void* unused);
+
+// Times out the players that were silent for too long, pings the others that are in the game, and
+// asks for a new PinkPanther when the role was held long enough. Ping thread.
+void ping_pass();
