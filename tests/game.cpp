@@ -46,12 +46,16 @@ std::vector<Bytes> Player::received() const {
 }
 
 GameTest::GameTest() {
-  std::memset(static_cast<void*>(&player_table), 0, sizeof player_table);
-  server_config = ServerConfig{};
-  receive_buffer = {};
   main_thread_id = pthread_self();
   sockaddr_in address{};
   server_socket = open_loopback_socket(address);
+  start_over();
+}
+
+void GameTest::start_over() {
+  std::memset(static_cast<void*>(&player_table), 0, sizeof player_table);
+  server_config = ServerConfig{};
+  receive_buffer = {};
   player_count = 0;
   last_join_slot = 0;
   pinkpanther_slot = NO_SLOT;

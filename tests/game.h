@@ -35,6 +35,8 @@ class GameTest : public testing::Test {
   GameTest();
   ~GameTest() override;
 
+  // A server as it is before its first datagram.
+  void start_over();
   // Sends and has the server handle it. Returns what the server printed.
   std::string say(const Player& player, const Bytes& bytes);
   void join(const Player& player, const std::string& name);
