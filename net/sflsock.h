@@ -64,6 +64,18 @@ int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in*
 unsigned udp_send_to_each(int handle, const void* buffer, unsigned length,
                           const sockaddr_in* const* destinations, unsigned count);
 
+// Opens a non-blocking TCP connection, made or still under way; three attempts in a row when the
+// system refuses at once. The host is a name or a dotted address, null or empty for this machine;
+// the service a name from the services database or a decimal port. Waits for nothing but the name
+// lookup. Returns the handle, or -1 with socket_error_code set.
+int tcp_connect(const char* host, const char* service);
+
+// read(2) and write(2): the bytes read, 0 at the end of the stream; the bytes written, which may be
+// fewer than asked. -1 with errno set, EAGAIN when they would have to wait; a connection that
+// failed after tcp_connect fails here.
+int tcp_read(int handle, void* buffer, unsigned length);
+int tcp_write(int handle, const void* buffer, unsigned length);
+
 // Shuts the socket down and closes it; the result of close(2). 0 when the handle is no socket.
 int socket_close(int handle);
 

@@ -43,6 +43,16 @@ bool is_socket(int handle);
 // The port of a service in host byte order, or -1 when the services database has none.
 int find_service_port(const char* service, const char* protocol);
 
+// Fills endpoint from a host and a service as tcp_connect takes them; an unknown service without
+// digits gives port 0. 0 on success, -1 with the last error set.
+int resolve_endpoint(const char* host, const char* service, const char* protocol,
+                     sockaddr_in* endpoint);
+
+// Connects to host and service, or without a service to the ready endpoint, in up to attempts (at
+// least 1) attempts with a pause in seconds in between. The handle, or -1 with the last error set.
+int connect_with_retries(const char* host, const char* service, const char* protocol,
+                         const sockaddr_in* ready, int attempts, unsigned pause_s);
+
 // seteuid(2) to the user the process was started as, and back to its real user. The first use of
 // either keeps both ids.
 int raise_privileges();
