@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "announce/announce_thread.h"
+#include "announce/master_requests.h"
 #include "config/server_config.h"
 #include "net/sflsock.h"
 #include "server/clock.h"
@@ -45,11 +47,16 @@ int main() {
     std::printf("error preparing the stop by signal: %s\n", system_error_text());
     return EXIT_FAILURE;
   }
+  if (server_config.AnnounceServer != 0 && !start_worker_thread(announce_thread)) {
+    std::printf("Error while creating announce thread!\n");
+    return EXIT_SUCCESS;
+  }
   if (!start_worker_thread(ping_thread)) {
     std::printf("Error while creating ping thread!\n");
     return EXIT_SUCCESS;
   }
   run_main_loop();
   announce_shutdown();
+  if (server_config.AnnounceServer != 0) master_remove_server();
   return EXIT_FAILURE;
 }

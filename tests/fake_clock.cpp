@@ -4,6 +4,7 @@
 
 std::atomic<std::uint32_t> fake_now_ms = 0;
 std::atomic<std::uint64_t> slept_us = 0;
+void (*on_sleep)() = nullptr;
 
 std::uint32_t uptime_ms() {
   return fake_now_ms;
@@ -11,6 +12,7 @@ std::uint32_t uptime_ms() {
 
 void sleep_us(std::uint32_t microseconds) {
   slept_us += microseconds;
+  if (on_sleep != nullptr) on_sleep();
 }
 
 void sleep_ms(std::uint32_t milliseconds) {

@@ -150,6 +150,18 @@ TEST_F(ProcessTest, SaysWhyItCannotStart) {
   EXPECT_EQ(exit_status(), 1);
 }
 
+// The master server's name never resolves: the announce thread ends, the removal is tried all the
+// same.
+TEST_F(ProcessTest, RunsUnlistedWhenTheMasterServerCannotBeFound) {
+  const std::string failed = "Could not connect to zol master server!\n";
+  start("AnnounceServer=true\nPort=" + std::to_string(port) + "\n");
+  EXPECT_TRUE(
+      read_to(failed).ends_with(RULE + "Announcing server at the zol master server...\n" + failed));
+  kill(pid, SIGTERM);
+  EXPECT_EQ(read_to("none"), "Exitting...\nRemoving server from master list: " + failed);
+  EXPECT_EQ(exit_status(), 1);
+}
+
 TEST_F(ProcessTest, StopsUnderFullLoad) {
   start_and_wait();
   const int player = enter_game();

@@ -1,0 +1,67 @@
+#include "announce/announce_thread.h"
+
+#include <pthread.h>
+
+#include <cstdio>
+
+#include "announce/master_requests.h"
+#include "config/server_config.h"
+#include "server/clock.h"
+#include "server/player_table.h"
+#include "server/server_state.h"
+
+static void say_refused() {
+  std::printf("Could not announce server at the zol master server - Check your config...\n");
+}
+
+// Once listed, a server of CatchPinkPanther starts with a clean choice.
+static void ask_for_first_pinkpanther() {
+  for (PlayerSlot& slot : playable_slots()) slot.is_pinkpanther = 0;
+  pinkpanther_reselect = server_config.GameType == CATCH_PINKPANTHER ? 1 : 0;
+}
+
+bool announce_first(AnnounceState& state) {
+  state.last_announce_ms = uptime_ms();
+  std::printf("Announcing server at the zol master server...\n");
+  switch (master_announce()) {
+    case MASTER_RESULT_NO_ANSWER:
+      return false;
+    case MASTER_RESULT_REFUSED:
+      say_refused();
+      return false;
+    case MASTER_RESULT_LISTED:
+      std::printf("This server is now listed on the zol server list\n");
+      break;
+    case MASTER_RESULT_UPDATED:
+      std::printf("This server was updated on the zol server list\n");
+      break;
+    default:
+      break;
+  }
+  state.previous_count = static_cast<std::uint32_t>(count_used_slots());
+  ask_for_first_pinkpanther();
+  return true;
+}
+
+void announce_check(AnnounceState& state) {
+  const auto count = static_cast<std::uint32_t>(count_used_slots());
+  const std::uint32_t now = uptime_ms();
+  if (count != state.previous_count || now - state.last_announce_ms >= ANNOUNCE_PERIOD_MS) {
+    state.last_announce_ms = now;
+    if (master_announce() == MASTER_RESULT_REFUSED) say_refused();
+  }
+  state.previous_count = count;
+}
+
+void* announce_thread(void* /*unused*/) {
+  AnnounceState state;
+  if (!announce_first(state)) {
+    // Nobody joins this thread; so its stack does not stay until the process ends.
+    pthread_detach(pthread_self());
+    return nullptr;
+  }
+  for (;;) {
+    announce_check(state);
+    sleep_us(ANNOUNCE_CHECK_PERIOD_US);
+  }
+}
