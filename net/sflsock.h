@@ -10,6 +10,8 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
 
 #include <array>
 #include <cstdint>
@@ -39,8 +41,13 @@ inline constexpr std::array<const char*, 9> SOCKET_ERROR_TEXTS = {
     "Connection failed on listen()",
 };
 
-// The most addresses that one udp_send_to_each call serves.
+// One datagram to many addresses, as sendmmsg(2) takes it. Prepared once and sent often: between
+// two sends only what differs is written anew.
 inline constexpr unsigned MAX_DESTINATIONS = 32;
+struct UdpFanout {
+  iovec payload{};
+  std::array<mmsghdr, MAX_DESTINATIONS> messages{};
+};
 
 // Bracket every use of the layer, in any nesting. 0 on success, -1 on failure; they cannot fail on
 // this platform.
@@ -59,10 +66,19 @@ int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender);
 // sendto(2): sends the whole buffer as one datagram. Returns length, or -1 with errno set.
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination);
 
-// sendmmsg(2): sends the buffer as one datagram to each of count addresses, in order, and stops at
-// the first that cannot be served. Returns the number served; below count errno holds the reason.
-unsigned udp_send_to_each(int handle, const void* buffer, unsigned length,
-                          const sockaddr_in* const* destinations, unsigned count);
+// Makes an address, which must outlive the fan-out, its destination at this index.
+inline void set_destination(UdpFanout& fanout, unsigned index, const sockaddr_in* destination) {
+  fanout.messages[index].msg_hdr.msg_name = const_cast<sockaddr_in*>(destination);
+}
+
+// Fills what all of the fan-out's messages have in common. Once, before it is used.
+void prepare_fanout(UdpFanout& fanout);
+
+// sendmmsg(2): sends the buffer as one datagram to each of the first count destinations, in order,
+// and stops at the first that cannot be served. Returns the number served; below count errno holds
+// the reason.
+unsigned udp_send_fanout(int handle, UdpFanout& fanout, unsigned count, const void* buffer,
+                         unsigned length);
 
 // Opens a non-blocking TCP connection, made or still under way; three attempts in a row when the
 // system refuses at once. The host is a name or a dotted address, null or empty for this machine;

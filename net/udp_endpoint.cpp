@@ -160,22 +160,22 @@ int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in*
   return static_cast<int>(sent);
 }
 
-unsigned udp_send_to_each(int handle, const void* buffer, unsigned length,
-                          const sockaddr_in* const* destinations, unsigned count) {
-  check_argument(buffer != nullptr, SFLSOCK_MODULE);
-  check_argument(destinations != nullptr && count <= MAX_DESTINATIONS, SFLSOCK_MODULE);
-  iovec payload{const_cast<void*>(buffer), length};
-  std::array<mmsghdr, MAX_DESTINATIONS> messages;
-  for (unsigned i = 0; i < count; ++i) {
-    messages[i] = {};
-    messages[i].msg_hdr.msg_name = const_cast<sockaddr_in*>(destinations[i]);
-    messages[i].msg_hdr.msg_namelen = sizeof *destinations[i];
-    messages[i].msg_hdr.msg_iov = &payload;
-    messages[i].msg_hdr.msg_iovlen = 1;
+void prepare_fanout(UdpFanout& fanout) {
+  for (mmsghdr& message : fanout.messages) {
+    message.msg_hdr.msg_namelen = sizeof(sockaddr_in);
+    message.msg_hdr.msg_iov = &fanout.payload;
+    message.msg_hdr.msg_iovlen = 1;
   }
+}
+
+unsigned udp_send_fanout(int handle, UdpFanout& fanout, unsigned count, const void* buffer,
+                         unsigned length) {
+  check_argument(buffer != nullptr, SFLSOCK_MODULE);
+  check_argument(count <= MAX_DESTINATIONS, SFLSOCK_MODULE);
+  fanout.payload = {const_cast<void*>(buffer), length};
   unsigned served = 0;
   while (served < count) {
-    const int sent = sendmmsg(handle, &messages[served], count - served, 0);
+    const int sent = sendmmsg(handle, &fanout.messages[served], count - served, 0);
     if (sent > 0) {
       served += static_cast<unsigned>(sent);
     } else if (errno != EINTR) {

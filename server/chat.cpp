@@ -28,5 +28,5 @@ void handle_chat(std::uint8_t slot, const Datagram& datagram) {
   std::snprintf(formatted.data(), formatted.size(), "%s: %s", name, text.data());
   ChatLine line;
   std::copy_n(formatted.begin(), line.text.size(), line.text.begin());
-  relay_to_others(line, datagram);
+  relay_to_others(line, slot);
 }

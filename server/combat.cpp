@@ -15,7 +15,7 @@ void handle_weapon(std::uint8_t slot, const Datagram& datagram) {
   PlayerWeapon relay;
   relay.slot = slot;
   relay.state_b = report.state_b;
-  relay_to_others(relay, datagram);
+  relay_to_others(relay, slot);
 }
 
 // The client counts its deaths; the server takes the number as it stands. A car ride ends without a
@@ -31,6 +31,6 @@ void handle_died(std::uint8_t slot, const Datagram& datagram) {
   PlayerDied relay;
   relay.slot = slot;
   relay.death_count = player.death_count;
-  relay_to_others(relay, datagram);
+  relay_to_others(relay, slot);
   give_up_pinkpanther(player);
 }

@@ -36,17 +36,17 @@ static bool admit(const JoinRequest& request, const Datagram& datagram) {
   return false;
 }
 
-static void tell_others_of_leaving(std::uint8_t slot, const Datagram& datagram) {
+static void tell_others_of_leaving(std::uint8_t slot) {
   PlayerLeft notice;
   notice.slot = slot;
-  relay_to_others(notice, datagram);
+  relay_to_others(notice, slot);
 }
 
 // The slot's PinkPanther flag stays for whoever joins it next.
-static void release_for_reconnect(std::uint8_t slot, const Datagram& datagram) {
+static void release_for_reconnect(std::uint8_t slot) {
   if (!free_slot(player_table[slot])) return;
   std::printf("Player %d reconnected\n", slot);
-  tell_others_of_leaving(slot, datagram);
+  tell_others_of_leaving(slot);
   --player_count;
 }
 
@@ -70,7 +70,7 @@ void handle_join(std::uint8_t slot, const Datagram& datagram) {
   const auto request = read_record<JoinRequest>(datagram);
   last_join_slot = find_free_slot();
   if (!admit(request, datagram)) return;
-  if (slot != NO_SLOT) release_for_reconnect(slot, datagram);
+  if (slot != NO_SLOT) release_for_reconnect(slot);
 
   const auto number = static_cast<std::uint8_t>(last_join_slot);
   seat_player(number, request, datagram);
@@ -84,11 +84,11 @@ void handle_join(std::uint8_t slot, const Datagram& datagram) {
   if (++player_count > 1 && pinkpanther_slot == NO_SLOT) pinkpanther_reselect = 1;
 }
 
-void handle_leave(std::uint8_t slot, const Datagram& datagram) {
+void handle_leave(std::uint8_t slot, const Datagram& /*datagram*/) {
   PlayerSlot& player = player_table[slot];
   if (!free_slot(player)) return;
   std::printf("%s, Player [%d] disconnected\n", player.name.data(), slot);
-  tell_others_of_leaving(slot, datagram);
+  tell_others_of_leaving(slot);
   --player_count;
   give_up_pinkpanther(player);
 }

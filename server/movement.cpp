@@ -12,7 +12,7 @@ void handle_position_update(std::uint8_t slot, const Datagram& datagram) {
   PlayerPosition relay;
   relay.slot = slot;
   relay.position = update.position;
-  relay_to_others(relay, datagram);
+  relay_to_others(relay, slot);
 }
 
 // From its death to its next join a player is told the time with each of its updates.
@@ -26,5 +26,5 @@ void handle_state_floats(std::uint8_t slot, const Datagram& datagram) {
   PlayerStateFloats relay;
   relay.state_f2 = player.state_f2;
   relay.state_f3 = player.state_f3;
-  relay_to_others(relay, datagram);
+  relay_to_others(relay, slot);
 }

@@ -1,18 +1,14 @@
 #include "server/player_table.h"
 
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "config/server_config.h"
-#include "net/sflsock.h"
 #include "server/server_state.h"
 
-static_assert(TABLE_SIZE == MAX_CLIENTS && TABLE_SIZE <= MAX_DESTINATIONS);
+static_assert(TABLE_SIZE == MAX_CLIENTS);
 
 constinit PlayerTable player_table{};
+constinit std::atomic<std::uint32_t> roster_version = 0;
 
 // What the main thread writes while another may be reading goes through these. Each field of an
 // address whole, so that a copy never holds a port that no player had: one of 0 could not be sent
@@ -53,16 +49,29 @@ std::int32_t count_used_slots() {
   return count;
 }
 
-static bool same_endpoint(const sockaddr_in& left, const sockaddr_in& right) {
+bool same_endpoint(const sockaddr_in& left, const sockaddr_in& right) {
   return left.sin_addr.s_addr == right.sin_addr.s_addr && left.sin_port == right.sin_port;
 }
 
-// A flat scan on purpose, here and below: 32 slots need no index that could fall out of step.
+// The bytes of an address that tell players apart, in one word: port and IPv4 address, behind the
+// family, which is always the same.
+static std::uint64_t endpoint_word(const sockaddr_in& address) {
+  static_assert(offsetof(sockaddr_in, sin_port) == 2 && offsetof(sockaddr_in, sin_addr) == 4);
+  std::uint64_t word;
+  std::memcpy(&word, &address, sizeof word);
+  return word;
+}
+
+// A flat scan on purpose, here and below: 32 slots need no index that could fall out of step. The
+// freed slots keep their addresses, so a match is only one when the slot is in use.
 std::uint8_t find_slot_by_address(const sockaddr_in& address) {
-  std::uint8_t number = 0;
-  for (const PlayerSlot& slot : playable_slots()) {
-    if (slot.in_use != 0 && same_endpoint(slot.address, address)) return number;
-    ++number;
+  const std::uint64_t wanted = endpoint_word(address);
+  const auto count = static_cast<unsigned>(server_config.maxClients);
+  for (unsigned number = 0; number < count; ++number) {
+    const PlayerSlot& slot = player_table[number];
+    if (endpoint_word(slot.address) == wanted && slot.in_use != 0) {
+      return static_cast<std::uint8_t>(number);
+    }
   }
   return NO_SLOT;
 }
@@ -92,9 +101,16 @@ void occupy_slot(PlayerSlot& slot, const sockaddr_in& address, const char* name)
   slot.in_use.store(1, std::memory_order_release);
 }
 
+void enter_game(PlayerSlot& slot) {
+  slot.in_game = 1;
+  ++roster_version;
+}
+
 bool free_slot(PlayerSlot& slot) {
   slot.in_game = 0;
-  return slot.in_use.exchange(0) != 0;
+  const bool was_in_use = slot.in_use.exchange(0) != 0;
+  ++roster_version;
+  return was_in_use;
 }
 
 std::array<char, NAME_WIDTH> copy_name(PlayerSlot& slot) {
@@ -113,57 +129,4 @@ sockaddr_in copy_address(PlayerSlot& slot) {
     address.sin_zero[i] = load_field(slot.address.sin_zero[i]);
   }
   return address;
-}
-
-// At once, by whichever thread meets the failure: no destructor of ours has anything to do.
-[[noreturn]] static void end_for_broken_socket() {
-  std::printf("error writing to socket:%s\n", system_error_text());
-  std::fflush(stdout);
-  _exit(EXIT_FAILURE);
-}
-
-// The addresses of one broadcast. Only the main thread writes addresses, so it may hand out the
-// table's own; the other threads hand out copies.
-struct Recipients {
-  std::array<const sockaddr_in*, TABLE_SIZE> addresses;
-  std::array<sockaddr_in, TABLE_SIZE> copies;
-  unsigned count = 0;
-};
-
-static void collect_recipients(Recipients& to, const sockaddr_in* left_out) {
-  const bool owns_addresses = on_main_thread();
-  for (PlayerSlot& slot : playable_slots()) {
-    // A player who enters just as the ping thread frees its slot leaves in_game behind.
-    if (slot.in_game == 0 || slot.in_use == 0) continue;
-    const sockaddr_in* address = &slot.address;
-    if (!owns_addresses) {
-      to.copies[to.count] = copy_address(slot);
-      address = &to.copies[to.count];
-    }
-    if (left_out == nullptr || !same_endpoint(*address, *left_out)) {
-      to.addresses[to.count++] = address;
-    }
-  }
-}
-
-static void broadcast(std::span<const std::byte> datagram, const sockaddr_in* left_out) {
-  Recipients to;
-  collect_recipients(to, left_out);
-  const auto length = static_cast<unsigned>(datagram.size());
-  const unsigned served =
-      udp_send_to_each(server_socket, datagram.data(), length, to.addresses.data(), to.count);
-  if (served < to.count) end_for_broken_socket();
-}
-
-void broadcast_all(std::span<const std::byte> datagram) {
-  broadcast(datagram, nullptr);
-}
-
-void broadcast_except_sender(std::span<const std::byte> datagram, const sockaddr_in& sender) {
-  broadcast(datagram, &sender);
-}
-
-void broadcast_text(const std::array<char, TEXT_WIDTH>& text) {
-  const ChatLine line{.text = text};
-  broadcast_all(std::as_bytes(std::span(&line, 1)));
 }

@@ -1,4 +1,4 @@
-// The players: a fixed table of 32 slots, the lookups in it, and the broadcasts to its players.
+// The players: a fixed table of 32 slots, and the lookups in it.
 //
 // Threads, without a lock. Only the main thread joins players, so only it writes names and
 // addresses, and it may read them as plain memory. The ping thread frees slots beside it. What more
@@ -52,11 +52,17 @@ static_assert(sizeof(sockaddr_in) == 16);
 using PlayerTable = std::array<PlayerSlot, TABLE_SIZE>;
 extern PlayerTable player_table;
 
+// Moves on with every change of who is in the game. Any thread.
+extern std::atomic<std::uint32_t> roster_version;
+
 // The slots that are given to players, whatever their state. Any thread.
 std::span<PlayerSlot> playable_slots();
 
 // How many of them are in use. Any thread.
 std::int32_t count_used_slots();
+
+// Whether IPv4 address and port are the same.
+bool same_endpoint(const sockaddr_in& left, const sockaddr_in& right);
 
 // The player at this IPv4 address and port, or NO_SLOT. Main thread.
 std::uint8_t find_slot_by_address(const sockaddr_in& address);
@@ -72,6 +78,9 @@ std::int8_t next_used_slot(std::uint8_t slot);
 // written before. Main thread.
 void occupy_slot(PlayerSlot& slot, const sockaddr_in& address, const char* name);
 
+// Lets the player of a slot into the game. Main thread.
+void enter_game(PlayerSlot& slot);
+
 // Takes the player out of the game and off the table. False when another thread has just done so:
 // then that thread tells the others and counts the player out. Any thread.
 bool free_slot(PlayerSlot& slot);
@@ -81,12 +90,3 @@ bool free_slot(PlayerSlot& slot);
 // sends one datagram astray. The name's last byte is always NUL.
 std::array<char, NAME_WIDTH> copy_name(PlayerSlot& slot);
 sockaddr_in copy_address(PlayerSlot& slot);
-
-// Send one datagram to every player in the game, in slot order, the second to all but the player at
-// this address. An address that cannot be served means a broken socket: its error is printed and
-// the process ends with status 1. Any thread.
-void broadcast_all(std::span<const std::byte> datagram);
-void broadcast_except_sender(std::span<const std::byte> datagram, const sockaddr_in& sender);
-
-// Sends a line of the server's own to every player in the game.
-void broadcast_text(const std::array<char, TEXT_WIDTH>& text);

@@ -45,8 +45,8 @@ void handle_enter_game(std::uint8_t slot, const Datagram& datagram) {
   reply.minute = game_minute();
   send_record(datagram.sender, reply, SendErrorText::WITH_BLANK);
 
-  player.in_game = 1;
-  relay_to_others(player_info_of(slot, true), datagram);
+  enter_game(player);
+  relay_to_others(player_info_of(slot, true), slot);
   send_all_records(datagram.sender);
   if (server_config.GameType == CATCH_PINKPANTHER && player_count > 1) {
     send_record(datagram.sender, pinkpanther_announcement, SendErrorText::WITHOUT_BLANK);

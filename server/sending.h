@@ -5,10 +5,10 @@
 #include <netinet/in.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
-#include "server/datagram.h"
-#include "server/player_table.h"
+#include "server/broadcast.h"
 #include "server/protocol.h"
 
 // What a failed send prints: "error writing to socket: <reason>" with a blank before the reason, or
@@ -31,6 +31,6 @@ bool send_record(const sockaddr_in& destination, const Record& record, SendError
 
 // The common last step of the handlers: everyone in the game but the sender gets the record.
 template <WireRecord Record>
-void relay_to_others(const Record& record, const Datagram& datagram) {
-  broadcast_except_sender(bytes_of(record), datagram.sender);
+void relay_to_others(const Record& record, std::uint8_t sender_slot) {
+  broadcast_except_slot(bytes_of(record), sender_slot);
 }

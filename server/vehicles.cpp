@@ -8,7 +8,7 @@
 #include "server/player_table.h"
 #include "server/sending.h"
 
-static void get_in(std::uint8_t slot, const CarState& car, const Datagram& datagram) {
+static void get_in(std::uint8_t slot, const CarState& car) {
   PlayerSlot& player = player_table[slot];
   store_car_state(player, car);
   player.in_car = 1;
@@ -19,11 +19,11 @@ static void get_in(std::uint8_t slot, const CarState& car, const Datagram& datag
   relay.slot = slot;
   relay.position = player.position;
   relay.car = car_state_of(player);
-  relay_to_others(relay, datagram);
+  relay_to_others(relay, slot);
 }
 
 // The text is the line's end behind the player, which differs between the ways out of a car.
-static void get_out(std::uint8_t slot, const char* text, const Datagram& datagram) {
+static void get_out(std::uint8_t slot, const char* text) {
   PlayerSlot& player = player_table[slot];
   player.in_car = 0;
   std::printf("Player [%d] %s\n", slot, text);
@@ -32,7 +32,7 @@ static void get_out(std::uint8_t slot, const char* text, const Datagram& datagra
   relay.slot = slot;
   relay.position = player.position;
   relay.state_f1 = player.state_f1;
-  relay_to_others(relay, datagram);
+  relay_to_others(relay, slot);
 }
 
 // A report of what is so already moves the player and does nothing else.
@@ -42,8 +42,8 @@ void handle_vehicle(std::uint8_t slot, const Datagram& datagram) {
   player.position = report.position;
   const bool got_in = report.got_in != 0;
   const bool was_in = player.in_car != 0;
-  if (got_in && !was_in) get_in(slot, report.car, datagram);
-  if (!got_in && was_in) get_out(slot, "Left his Car", datagram);
+  if (got_in && !was_in) get_in(slot, report.car);
+  if (!got_in && was_in) get_out(slot, "Left his Car");
 }
 
 // Unlike CMD_VEHICLE, this one and the next do not ask whether the player was in a car.
@@ -51,25 +51,25 @@ void handle_car_state(std::uint8_t slot, const Datagram& datagram) {
   const auto report = read_record<CarStateReport>(datagram);
   send_game_clock(datagram.sender);
   player_table[slot].position = report.position;
-  get_in(slot, report.car, datagram);
+  get_in(slot, report.car);
 }
 
 void handle_leave_car(std::uint8_t slot, const Datagram& datagram) {
   send_game_clock(datagram.sender);
-  get_out(slot, "Left his Car", datagram);
+  get_out(slot, "Left his Car");
 }
 
 // Whoever walks is no longer in a car; leaving it shows the float from before this update.
 void handle_foot_update(std::uint8_t slot, const Datagram& datagram) {
   const auto update = read_record<FootUpdate>(datagram);
   PlayerSlot& player = player_table[slot];
-  if (player.in_car != 0) get_out(slot, "has Left his Car", datagram);
+  if (player.in_car != 0) get_out(slot, "has Left his Car");
   player.state_f1 = update.state_f1;
 
   PlayerFootUpdate relay;
   relay.slot = slot;
   relay.state_f1 = player.state_f1;
-  relay_to_others(relay, datagram);
+  relay_to_others(relay, slot);
 }
 
 // The common end of the partial updates, which are stored in any case: others hear of the car of a
@@ -77,7 +77,7 @@ void handle_foot_update(std::uint8_t slot, const Datagram& datagram) {
 template <WireRecord Record>
 static void relay_if_in_car(std::uint8_t slot, const Record& relay, const Datagram& datagram) {
   if (player_table[slot].in_car != 0) {
-    relay_to_others(relay, datagram);
+    relay_to_others(relay, slot);
   } else {
     NotInCar answer;
     answer.slot = slot;

@@ -54,6 +54,7 @@ GameTest::GameTest() {
 
 void GameTest::start_over() {
   std::memset(static_cast<void*>(&player_table), 0, sizeof player_table);
+  ++roster_version;
   server_config = ServerConfig{};
   receive_buffer = {};
   player_count = 0;

@@ -126,6 +126,7 @@ TEST_F(LivenessTest, NamesThePinkPantherInSlotOrder) {
         Case{{0, 31}, 255, 0}, Case{{31}, 255, 31}, Case{{5}, 5, 5}}) {
     for (PlayerSlot& slot : player_table) slot.in_use = 0, slot.is_pinkpanther = 1;
     for (const std::size_t slot : c.used) player_table[slot].in_use = 1;
+    ++roster_version;
     pinkpanther_slot = c.from;
     pinkpanther_reselect = 1;
     player_count = 2;

@@ -111,8 +111,11 @@ TEST(SflsockTest, ReceivesCutsAndSends) {
   // In order, up to the first address that cannot be served.
   sockaddr_in nowhere = to;
   nowhere.sin_port = 0;
-  const sockaddr_in* addresses[] = {&to, &to, &nowhere, &to};
-  EXPECT_EQ(udp_send_to_each(one, "ab", 2, addresses, 4), 2U);
+  UdpFanout fanout;
+  prepare_fanout(fanout);
+  const sockaddr_in destinations[] = {to, to, nowhere, to};
+  for (unsigned i = 0; i < 4; ++i) set_destination(fanout, i, &destinations[i]);
+  EXPECT_EQ(udp_send_fanout(one, fanout, 4, "ab", 2), 2U);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
   EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
