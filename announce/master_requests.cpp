@@ -54,7 +54,7 @@ void append_headers(Request& request, int length) {
                 "Keep-Alive: 300\n"
                 "Connection: keep-alive\n"
                 "\n",
-                master_host, master_host);
+                MASTER_HOST, MASTER_HOST);
 }
 
 void build_announce(Request& request) {
@@ -95,7 +95,7 @@ bool exchange(const Request& request, Reply& reply) {
     return false;
   }
   const auto length = static_cast<unsigned>(std::strlen(request.data()));
-  const int handle = tcp_connect(master_host, master_service);
+  const int handle = tcp_connect(MASTER_HOST, MASTER_SERVICE);
   int received = -1;
   if (handle == -1 ||
       !succeeds_in_time([&] { return tcp_write(handle, request.data(), length); }) ||

@@ -1,4 +1,4 @@
 #include "announce/master_server.h"
 
-constinit const char* const master_host = ZOL_MASTER_HOST;
-constinit const char* const master_service = "80";
+constinit const char* const MASTER_HOST = ZOL_MASTER_HOST;
+constinit const char* const MASTER_SERVICE = "80";

@@ -32,6 +32,8 @@ bool hears_broadcasts(const PlayerSlot& slot) {
   return slot.in_game != 0 && slot.in_use != 0;
 }
 
+constexpr unsigned NO_PLACE = ~0U;
+
 // The players in the game, ready to be sent to: built anew when someone came or went, so that a
 // relay costs little more than its system call. The main thread's alone: it is the only one that
 // writes addresses, so its fan-out may point into the table.
@@ -40,23 +42,23 @@ struct Roster {
   unsigned count = 0;
   unsigned left_out = 0;  // the place that the fan-out has no entry for; count for none
   std::array<const sockaddr_in*, TABLE_SIZE + 1> addresses{};  // the last is never sent to
-  std::array<std::uint8_t, TABLE_SIZE> places{};  // of each slot among the addresses, or NO_SLOT
+  std::array<unsigned, TABLE_SIZE> places{};                   // of each slot among the addresses
   UdpFanout fanout;
 };
 
 constinit Roster roster;
 
 void build_roster(std::uint32_t version) {
+  prepare_fanout(roster.fanout);
   roster.version = version;
   roster.count = 0;
-  roster.places.fill(NO_SLOT);
-  prepare_fanout(roster.fanout);
+  roster.places.fill(NO_PLACE);
   std::size_t number = 0;
   for (const PlayerSlot& slot : playable_slots()) {
     if (hears_broadcasts(slot)) {
       set_destination(roster.fanout, roster.count, &slot.address);
-      roster.places[number] = static_cast<std::uint8_t>(roster.count);
-      roster.addresses[roster.count++] = &slot.address;
+      roster.addresses[roster.count] = &slot.address;
+      roster.places[number] = roster.count++;
     }
     ++number;
   }
@@ -65,7 +67,8 @@ void build_roster(std::uint32_t version) {
 
 void refresh_roster() {
   const std::uint32_t version = roster_version;
-  if (version != roster.version) build_roster(version);
+  if (version != roster.version) [[unlikely]]
+    build_roster(version);
 }
 
 // Moves the gap: only the entries between the place left out last and this one change.
@@ -75,16 +78,18 @@ void leave_out(unsigned place) {
   for (; gap < place; ++gap) set_destination(roster.fanout, gap, roster.addresses[gap]);
 }
 
+// To all but the player at this place. Without one, everybody is served.
 void send_roster(unsigned place, std::span<const std::byte> datagram) {
-  leave_out(place);
-  send_fanout(roster.fanout, place < roster.count ? roster.count - 1 : roster.count, datagram);
+  const bool left_one_out = place < roster.count;
+  leave_out(left_one_out ? place : roster.count);
+  send_fanout(roster.fanout, roster.count - (left_one_out ? 1 : 0), datagram);
 }
 
-// The place of an address among those of the roster, or their count.
 unsigned find_place(const sockaddr_in& address) {
-  unsigned place = 0;
-  while (place < roster.count && !same_endpoint(*roster.addresses[place], address)) ++place;
-  return place;
+  for (unsigned place = 0; place < roster.count; ++place) {
+    if (same_endpoint(*roster.addresses[place], address)) return place;
+  }
+  return NO_PLACE;
 }
 
 // For the other threads, rarely: with copies, since the main thread may be writing addresses.
@@ -108,7 +113,7 @@ void broadcast_copies(std::span<const std::byte> datagram, const sockaddr_in* le
 void broadcast_all(std::span<const std::byte> datagram) {
   if (!on_main_thread()) return broadcast_copies(datagram, nullptr);
   refresh_roster();
-  send_roster(roster.count, datagram);
+  send_roster(NO_PLACE, datagram);
 }
 
 void broadcast_except_sender(std::span<const std::byte> datagram, const sockaddr_in& sender) {
@@ -117,11 +122,9 @@ void broadcast_except_sender(std::span<const std::byte> datagram, const sockaddr
   send_roster(find_place(sender), datagram);
 }
 
-// A slot that is not in the game has no place, and nobody is left out.
 void broadcast_except_slot(std::span<const std::byte> datagram, std::uint8_t sender) {
   refresh_roster();
-  const unsigned place = sender < TABLE_SIZE ? roster.places[sender] : NO_SLOT;
-  send_roster(place == NO_SLOT ? roster.count : place, datagram);
+  send_roster(roster.places[sender], datagram);
 }
 
 void broadcast_text(const std::array<char, TEXT_WIDTH>& text) {

@@ -66,11 +66,9 @@ static std::uint64_t endpoint_word(const sockaddr_in& address) {
 // freed slots keep their addresses, so a match is only one when the slot is in use.
 std::uint8_t find_slot_by_address(const sockaddr_in& address) {
   const std::uint64_t wanted = endpoint_word(address);
-  const auto count = static_cast<unsigned>(server_config.maxClients);
-  for (unsigned number = 0; number < count; ++number) {
-    const PlayerSlot& slot = player_table[number];
+  for (const PlayerSlot& slot : playable_slots()) {
     if (endpoint_word(slot.address) == wanted && slot.in_use != 0) {
-      return static_cast<std::uint8_t>(number);
+      return static_cast<std::uint8_t>(&slot - player_table.data());
     }
   }
   return NO_SLOT;

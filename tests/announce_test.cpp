@@ -18,8 +18,8 @@
 
 static char service_text[8];
 static char host_text[64];
-const char* const master_host = host_text;
-const char* const master_service = service_text;
+const char* const MASTER_HOST = host_text;
+const char* const MASTER_SERVICE = service_text;
 
 namespace {
 
