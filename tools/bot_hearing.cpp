@@ -1,0 +1,216 @@
+// What the bots hear: each datagram is one that the server owes to this bot, or is about a player
+// who is not of ours, or is wrong.
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+#include <string_view>
+
+#include "tools/bot.h"
+#include "tools/report.h"
+
+template <WireRecord Record>
+static Record record_of(Bytes datagram) {
+  Record record;
+  std::memcpy(&record, datagram.data(), std::min(datagram.size(), sizeof record));
+  return record;
+}
+
+static bool is_relay(Bytes datagram) {
+  switch (datagram[0]) {
+    case CMD_CHAT_LINE:
+    case CMD_PLAYER_LEFT:
+    case CMD_PLAYER_DIED:
+      return true;
+    case CMD_PLAYER_INFO:
+      return record_of<PlayerInfo>(datagram).just_entered != 0;
+    default:
+      return datagram[0] >= CMD_PLAYER_POSITION && datagram[0] <= CMD_PLAYER_CAR_STATUS;
+  }
+}
+
+static bool is_our_name(std::string_view name) {
+  return std::any_of(fleet.bots.begin(), fleet.bots.begin() + fleet.size,
+                     [name](const Bot& bot) { return name == bot.name.data(); });
+}
+
+// "Name-mark: slot.serial ..."
+static std::uint8_t slot_of_chat(Bytes datagram) {
+  const auto line = record_of<ChatLine>(datagram);
+  const std::string_view text(line.text.data(), line.text.size());
+  const std::size_t colon = text.find(": ");
+  std::uint8_t slot = NO_ONE;
+  if (colon == std::string_view::npos) return NO_ONE;
+  const std::string_view name = text.substr(0, colon);
+  if (is_our_name(name)) std::from_chars(text.data() + colon + 2, text.data() + text.size(), slot);
+  return slot;
+}
+
+// NO_ONE when the datagram does not name the slot of one of ours.
+static std::uint8_t slot_of(Bytes datagram) {
+  if (datagram[0] == CMD_CHAT_LINE) return slot_of_chat(datagram);
+  if (datagram[0] == CMD_PLAYER_STATE_FLOATS) {
+    const FloatBits bits = record_of<PlayerStateFloats>(datagram).state_f2;
+    return bits >> 16U == fleet.mark ? static_cast<std::uint8_t>(bits) : NO_ONE;
+  }
+  if (datagram[0] == CMD_PLAYER_CAR_STATUS) {
+    const auto relay = record_of<PlayerCarStatus>(datagram);
+    return relay.car_float >> 16U == fleet.mark ? relay.car_byte : NO_ONE;
+  }
+  return datagram.size() > 1 ? datagram[1] : NO_ONE;
+}
+
+static void note_foreign(std::uint8_t slot) {
+  fleet.foreign_slots |= 1U << slot;
+  fleet.slots[slot].known = false;
+}
+
+static bool has_foreign_name(Bytes datagram) {
+  if (datagram.size() != sizeof(PlayerInfo)) return false;
+  const auto info = record_of<PlayerInfo>(datagram);
+  const std::string_view name(info.name.data(), strnlen(info.name.data(), info.name.size()));
+  return !is_our_name(name);
+}
+
+// Of a slot where none of ours ever sat, everything is foreign; of others only what comes after the
+// record of a foreigner there. Which records an entering bot gets is not known once there is a
+// foreigner. A wrong datagram that passes for a foreign one still leaves the right one lost.
+static bool is_foreign(Bytes datagram, std::uint8_t slot) {
+  if (slot == NO_ONE) return fleet.foreign_slots != 0;
+  if (slot >= SLOTS) return false;
+  const bool is_info = datagram[0] == CMD_PLAYER_INFO;
+  const bool never_ours = (fleet.our_slots >> slot & 1U) == 0;
+  if (never_ours || (is_info && has_foreign_name(datagram))) note_foreign(slot);
+  if (is_info && fleet.foreign_slots != 0) return true;
+  return (fleet.foreign_slots >> slot & 1U) != 0;
+}
+
+static const char* reason_of(Verdict verdict) {
+  switch (verdict) {
+    case Verdict::OUT_OF_ORDER:
+      return "out of order";
+    case Verdict::REPEATED:
+      return "received before";
+    default:
+      return "not what was sent";
+  }
+}
+
+static void judge_unexpected(const Bot& bot, Bytes datagram, const Match& found, Tally& tally,
+                             std::uint8_t slot) {
+  if (found.verdict != Verdict::OUT_OF_ORDER && is_foreign(datagram, slot)) {
+    ++fleet.counters.foreign;
+    return;
+  }
+  report_wrong(bot, datagram, tally, reason_of(found.verdict), found.expectation);
+}
+
+static void hear_relay(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
+  const std::uint8_t slot = slot_of(datagram);
+  Match found{Verdict::UNEXPECTED, nullptr};
+  if (slot < SLOTS) found = match(relay_ring(slot), bot.number, datagram, now_ns);
+  if (found.verdict != Verdict::EXPECTED) {
+    judge_unexpected(bot, datagram, found, relay_tally, slot);
+    return;
+  }
+  // Which cause an optional one had is not sure enough to time it.
+  if ((found.expectation->required & only(bot.number)) == 0) return;
+  const std::uint64_t delay_ns = now_ns - found.expectation->sent_ns;
+  histogram_add(fleet.delays, delay_ns);
+  histogram_add(fleet.recent_delays, delay_ns);
+}
+
+// Everything but the slot is the same for all.
+static bool is_like_the_first(JoinAccepted accepted) {
+  accepted.slot = 0;
+  if (!fleet.accepted_known) {
+    fleet.accepted = accepted;
+    fleet.accepted_known = true;
+    return accepted.game_type <= 1 && accepted.welcome_message[TEXT_WIDTH - 1] == '\0';
+  }
+  return std::memcmp(&accepted, &fleet.accepted, sizeof accepted) == 0;
+}
+
+static void hear_join_answer(Bot& bot, Bytes datagram) {
+  if (bot.stage != Stage::JOINING) return;  // too late, the bot has gone on without it
+  if (datagram[0] == CMD_JOIN_REFUSED_FULL) return be_refused(bot);
+  const auto accepted = record_of<JoinAccepted>(datagram);
+  if (!is_like_the_first(accepted)) {
+    report_wrong(bot, datagram, answer_tally, "unlike the first welcome", nullptr);
+  }
+  if (accepted.slot < SLOTS && fleet.slots[accepted.slot].bot == NO_ONE) {
+    take_seat(bot, accepted.slot);
+  } else {
+    report_wrong(bot, datagram, answer_tally, "no free slot", nullptr);
+  }
+}
+
+// The slot is that of the latest join, of whomever: one of ours, or of someone whom we have yet to
+// hear of.
+static void hear_enter_reply(Bot& bot, Bytes datagram, const Expectation& expectation) {
+  const auto slot = record_of<EnterGameReply>(datagram).last_join_slot;
+  const bool as_known = slot == expectation.bytes[offsetof(EnterGameReply, last_join_slot)];
+  if (!as_known && fleet.foreign_slots == 0) {
+    if (slot < SLOTS && (fleet.our_slots >> slot & 1U) == 0) {
+      fleet.presumed_slots |= 1U << slot;
+    } else {
+      report_wrong(bot, datagram, answer_tally, "not the slot of the latest join", &expectation);
+    }
+  }
+  if (bot.stage != Stage::ENTERING) return;
+  set_stage(bot, Stage::PLAYING);
+  bot.due_ns = monotonic_ns() + fleet.step_ns;
+}
+
+static void hear_answer(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
+  const Match found = match(answer_ring(bot.number), bot.number, datagram, now_ns);
+  if (found.verdict != Verdict::EXPECTED) {
+    const bool names_slot = datagram[0] == CMD_PLAYER_INFO || datagram[0] == CMD_PLAYER_STATE;
+    judge_unexpected(bot, datagram, found, answer_tally, names_slot ? slot_of(datagram) : SLOTS);
+  } else if (datagram[0] == CMD_JOIN_ACCEPTED || datagram[0] == CMD_JOIN_REFUSED_FULL) {
+    hear_join_answer(bot, datagram);
+  } else if (datagram[0] == CMD_ENTER_GAME_REPLY) {
+    hear_enter_reply(bot, datagram, *found.expectation);
+  }
+}
+
+// May come at any time, to all who have entered.
+static void hear_pinkpanther(const Bot& bot, Bytes datagram) {
+  const auto notice = record_of<PinkPanther>(datagram);
+  const bool plausible = datagram.size() == sizeof notice &&
+                         (notice.slot < SLOTS || notice.slot == NOBODY) && bot.has_entered &&
+                         fleet.accepted.game_type == 1;
+  if (!plausible)
+    report_wrong(bot, datagram, answer_tally, "no PinkPanther to be told of", nullptr);
+}
+
+static void hear_ping(const Bot& bot, Bytes datagram) {
+  if (datagram.size() != sizeof(Ping) || !bot.has_entered) {
+    report_wrong(bot, datagram, answer_tally, "no ping for one outside of the game", nullptr);
+  }
+  const std::uint8_t reply = CMD_PING_REPLY;
+  send_bytes(bot, bytes_of(reply));
+}
+
+void hear(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
+  if (datagram.empty()) {
+    report_wrong(bot, datagram, answer_tally, "empty", nullptr);
+  } else if (datagram[0] == CMD_PING) {
+    hear_ping(bot, datagram);
+  } else if (datagram[0] == CMD_PINKPANTHER) {
+    hear_pinkpanther(bot, datagram);
+  } else if (datagram[0] == CMD_SERVER_SHUTDOWN && datagram.size() == sizeof(ServerShutdown)) {
+    fleet.server_stopped = true;
+  } else if (is_relay(datagram)) {
+    hear_relay(bot, datagram, now_ns);
+  } else {
+    hear_answer(bot, datagram, now_ns);
+  }
+}
+
+void settle_presumed_slots() {
+  for (std::uint32_t open = fleet.presumed_slots & ~fleet.foreign_slots; open != 0;
+       open &= open - 1) {
+    ++answer_tally.wrong;
+  }
+}

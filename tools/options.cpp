@@ -1,0 +1,117 @@
+#include "tools/options.h"
+
+#include <netdb.h>
+#include <sys/socket.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "tools/expectations.h"
+
+static constexpr const char* HELP =
+    "usage: zolbots [--server HOST:PORT] [--players N] [--rate HZ] [--seconds S] [--seed N]\n"
+    "\n"
+    "Bots that play on a ZOL Server over UDP and check every datagram they get from it.\n"
+    "\n"
+    "  --server HOST:PORT  the server, 127.0.0.1:16309 by default\n"
+    "  --players N         bots, 1 to 32, 8 by default\n"
+    "  --rate HZ           position updates a second of each bot, 1 to 200, 20 by default\n"
+    "  --seconds S         time of play, 1 to 1000000, 10 by default\n"
+    "  --seed N            what the bots do follows from it, 0 to 4294967295, 1 by default\n"
+    "\n"
+    "SIGINT and SIGTERM end the play early; the bots leave and the table is shown.\n"
+    "Exit status: 0 all was well, 1 something was wrong or lost or no bot could join,\n"
+    "2 bad arguments.\n";
+
+struct NumberOption {
+  std::string_view name;
+  unsigned Options::*value;
+  unsigned min;
+  unsigned max;
+};
+
+static constexpr NumberOption NUMBER_OPTIONS[] = {
+    {"--players", &Options::players, 1, MAX_BOTS},
+    {"--rate", &Options::rate, 1, 200},
+    {"--seconds", &Options::seconds, 1, 1'000'000},
+    {"--seed", &Options::seed, 0, 0xFFFF'FFFF},
+};
+
+static bool read_number(std::string_view text, unsigned min, unsigned max, unsigned& number) {
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, number);
+  return error == std::errc() && stop == end && number >= min && number <= max;
+}
+
+static bool set_number(const NumberOption& option, const char* text, Options& options) {
+  if (read_number(text, option.min, option.max, options.*option.value)) return true;
+  std::fprintf(stderr, "zolbots: %s takes a number from %u to %u, not \"%s\"\n", option.name.data(),
+               option.min, option.max, text);
+  return false;
+}
+
+static bool set_option(std::string_view name, const char* text, Options& options) {
+  if (name == "--server") {
+    options.server = text;
+    return true;
+  }
+  for (const NumberOption& option : NUMBER_OPTIONS) {
+    if (name == option.name) return set_number(option, text, options);
+  }
+  return false;
+}
+
+static bool is_option(std::string_view name) {
+  for (const NumberOption& option : NUMBER_OPTIONS) {
+    if (name == option.name) return true;
+  }
+  return name == "--server";
+}
+
+static bool resolve_server(Options& options) {
+  const std::string_view text = options.server;
+  const std::size_t colon = text.rfind(':');
+  unsigned port = 0;
+  if (colon == std::string_view::npos || colon == 0 ||
+      !read_number(text.substr(colon + 1), 1, 65'535, port)) {
+    std::fprintf(stderr, "zolbots: --server takes HOST:PORT, not \"%s\"\n", options.server);
+    return false;
+  }
+  const std::string host(text.substr(0, colon));
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* found = nullptr;
+  const int error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  if (error != 0) {
+    std::fprintf(stderr, "zolbots: cannot resolve \"%s\": %s\n", host.c_str(), gai_strerror(error));
+    return false;
+  }
+  std::memcpy(&options.address, found->ai_addr, sizeof options.address);
+  options.address.sin_port = htons(static_cast<std::uint16_t>(port));
+  freeaddrinfo(found);
+  return true;
+}
+
+ParseResult parse_options(int count, char** arguments, Options& options) {
+  for (int i = 1; i < count; i += 2) {
+    const std::string_view name = arguments[i];
+    if (name == "--help") {
+      std::fputs(HELP, stdout);
+      return ParseResult::HELP_SHOWN;
+    }
+    if (!is_option(name)) {
+      std::fprintf(stderr, "zolbots: unknown argument \"%s\"; see --help\n", arguments[i]);
+      return ParseResult::BAD_ARGUMENTS;
+    }
+    if (i + 1 == count) {
+      std::fprintf(stderr, "zolbots: %s needs a value\n", arguments[i]);
+      return ParseResult::BAD_ARGUMENTS;
+    }
+    if (!set_option(name, arguments[i + 1], options)) return ParseResult::BAD_ARGUMENTS;
+  }
+  return resolve_server(options) ? ParseResult::RUN : ParseResult::BAD_ARGUMENTS;
+}

@@ -1,0 +1,115 @@
+#include "tools/report.h"
+
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+
+static constexpr unsigned WRONG_SHOWN = 10;
+static constexpr std::uint64_t LIVE_NS = 500'000'000;
+static constexpr std::uint64_t PLAIN_NS = 10'000'000'000;
+
+static const bool ON_TERMINAL = isatty(STDOUT_FILENO) == 1;
+
+static unsigned wrong_shown;
+static std::uint64_t last_progress_ns;
+static bool line_is_open;  // the terminal's cursor stands behind a progress line
+
+static void close_line() {
+  if (line_is_open) std::printf("\n");
+  line_is_open = false;
+}
+
+void print_line(const char* text) {
+  close_line();
+  std::printf("%s\n", text);
+}
+
+static void print_bytes(const char* title, Bytes bytes) {
+  std::printf("    %-10s", title);
+  for (const std::uint8_t byte : bytes) std::printf("%02x", byte);
+  std::printf("\n");
+}
+
+void report_wrong(const Bot& bot, Bytes datagram, Tally& tally, const char* reason,
+                  const Expectation* due) {
+  ++tally.wrong;
+  if (wrong_shown == WRONG_SHOWN) return;
+  ++wrong_shown;
+  close_line();
+  std::printf("wrong: %zu bytes to %s (slot %d): %s\n", datagram.size(), bot.name.data(),
+              bot.slot == NO_ONE ? -1 : bot.slot, reason);
+  print_bytes("received", datagram);
+  if (due == nullptr) {
+    std::printf("    nothing was due\n");
+  } else {
+    print_bytes("due", Bytes(due->bytes).first(due->length));
+  }
+}
+
+static double in_ms(std::uint64_t ns) {
+  return static_cast<double>(ns) / 1e6;
+}
+
+static unsigned players_in_game() {
+  unsigned count = 0;
+  for (const Bot& bot : fleet.bots) count += bot.stage == Stage::PLAYING ? 1 : 0;
+  return count;
+}
+
+void show_progress(std::uint64_t now_ns) {
+  if (last_progress_ns == 0) last_progress_ns = now_ns;
+  const std::uint64_t passed = now_ns - last_progress_ns;
+  if (passed < (ON_TERMINAL ? LIVE_NS : PLAIN_NS)) return;
+  last_progress_ns = now_ns;
+  const Histogram& delays = fleet.recent_delays;
+  const double rate = static_cast<double>(delays.total) * 1e9 / static_cast<double>(passed);
+  std::printf("%s%2u in the game  %7.0f relays/s  delay p50 %.2f ms  p99 %.2f ms  wrong %" PRIu64
+              "%s",
+              ON_TERMINAL ? "\r" : "", players_in_game(), rate,
+              in_ms(histogram_percentile(delays, 50)), in_ms(histogram_percentile(delays, 99)),
+              relay_tally.wrong + answer_tally.wrong, ON_TERMINAL ? "\x1b[K" : "\n");
+  std::fflush(stdout);
+  line_is_open = ON_TERMINAL;
+  fleet.recent_delays = {};
+}
+
+static void show_tally(const char* title, const Tally& tally) {
+  std::printf("%-8s %12" PRIu64 " %12" PRIu64 " %10" PRIu64 " %10" PRIu64 "\n", title,
+              tally.expected, tally.received, tally.lost, tally.wrong);
+}
+
+static void show_count(std::uint64_t count, const char* text) {
+  if (count != 0) std::printf("%" PRIu64 " %s\n", count, text);
+}
+
+// What came to pass beside the table, where anything did.
+static void show_remarks(std::uint64_t socket_drops) {
+  const Counters& counters = fleet.counters;
+  show_count(counters.refused, "joins refused, the server was full");
+  show_count(counters.foreign, "datagrams about players of others");
+  show_count(counters.late, "position updates skipped: the bots fell behind, not the server");
+  show_count(socket_drops, "datagrams dropped at the bots' own sockets: the bots were too slow");
+  show_count(counters.send_failures, "datagrams could not be sent");
+  if (relay_tally.lost + answer_tally.lost != 0) {
+    std::printf("where a bot's datagram was lost, what it changed may make later ones wrong\n");
+  }
+}
+
+void show_table(const Options& options, double seconds, std::uint64_t socket_drops) {
+  close_line();
+  const Counters& counters = fleet.counters;
+  std::printf("\n%u players at %u Hz on %s for %.1f s, seed %u\n", options.players, options.rate,
+              options.server, seconds, options.seed);
+  std::printf("%" PRIu64 " joins, %" PRIu64 " datagrams sent, %" PRIu64
+              " of them position updates\n\n",
+              counters.joins, counters.sent, counters.positions);
+  std::printf("%-8s %12s %12s %10s %10s\n", "", "expected", "received", "lost", "wrong");
+  show_tally("relays", relay_tally);
+  show_tally("answers", answer_tally);
+  const Histogram& delays = fleet.delays;
+  std::printf("\ndelay of a relay: p50 %.3f ms, p99 %.3f ms, max %.3f ms\n",
+              in_ms(histogram_percentile(delays, 50)), in_ms(histogram_percentile(delays, 99)),
+              in_ms(delays.max_ns));
+  show_remarks(socket_drops);
+}
