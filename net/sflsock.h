@@ -49,8 +49,8 @@ struct UdpFanout {
   std::array<mmsghdr, MAX_DESTINATIONS> messages{};
 };
 
-// Bracket every use of the layer, in any nesting. 0 on success, -1 on failure; they cannot fail on
-// this platform.
+// Before the first use of the layer and after the last, in any nesting. 0 on success, -1 on failure;
+// on this platform they have nothing to do and cannot fail.
 int socket_layer_start();
 int socket_layer_stop();
 
@@ -58,6 +58,10 @@ int socket_layer_stop();
 // services database or else a decimal number, of which the low 16 bits count; text behind the
 // number is ignored. Returns the handle, or -1 with socket_error_code set.
 int udp_open_port(const char* port_text);
+
+// Whether the system has a way to this address: false for one that every send would fail to, such
+// as an unroutable or a broadcast address.
+bool udp_can_reach(const sockaddr_in* address);
 
 // recvfrom(2): fills buffer and sender. Returns the bytes stored, 0 for an empty datagram; what is
 // longer than the buffer is lost. -1 with errno set, EAGAIN when nothing is waiting.

@@ -144,6 +144,16 @@ int udp_open_port(const char* port_text) {
   return open_bound_socket(port_text, "udp", 0);
 }
 
+// connect(2) on a UDP socket sends nothing: it looks the route up as a send would.
+bool udp_can_reach(const sockaddr_in* address) {
+  check_argument(address != nullptr, SFLSOCK_MODULE);
+  const int probe = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (probe == -1) return true;
+  const bool reached = connect(probe, generic(address), sizeof *address) == 0;
+  close(probe);
+  return reached;
+}
+
 // The two calls of a relay, by their numbers. As the library's functions they are cancellation
 // points, which in a process of several threads cost more instructions than all of the server's own
 // for a relay; no thread of ours is ever cancelled.

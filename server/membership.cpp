@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "config/server_config.h"
+#include "net/sflsock.h"
 #include "server/clock.h"
 #include "server/handlers.h"
 #include "server/pinkpanther.h"
@@ -64,9 +65,13 @@ static void seat_player(std::uint8_t number, const JoinRequest& request, const D
   std::printf("%s, Player [%d] Connected!\n", slot.name.data(), number);
 }
 
+// Who cannot be sent to is not let in, without a word: once in the game it would make the next
+// broadcast fail, and a failed broadcast ends the process.
+//
 // The free slot is looked for before anything else, so a reconnecting player moves to another one,
 // and a player who reconnects to a full table is refused.
 void handle_join(std::uint8_t slot, const Datagram& datagram) {
+  if (!udp_can_reach(&datagram.sender)) return;
   const auto request = read_record<JoinRequest>(datagram);
   last_join_slot = find_free_slot();
   if (!admit(request, datagram)) return;

@@ -84,7 +84,8 @@ std::int8_t find_free_slot() {
 }
 
 std::int8_t next_used_slot(std::uint8_t slot) {
-  const std::size_t first = slot == NO_SLOT ? 0 : slot + 1U;
+  const std::size_t first = slot + 1U;  // NO_SLOT + 1 is a multiple of the table's size
+  static_assert((NO_SLOT + 1) % TABLE_SIZE == 0);
   for (std::size_t i = 0; i < TABLE_SIZE; ++i) {
     const std::size_t number = (first + i) % TABLE_SIZE;
     if (player_table[number].in_use != 0) return static_cast<std::int8_t>(number);
@@ -96,6 +97,7 @@ void occupy_slot(PlayerSlot& slot, const sockaddr_in& address, const char* name)
   store_name(slot, name);
   store_address(slot, address);
   slot.in_game = 0;
+  ++roster_version;  // the ping thread may not have come to it since it freed the slot
   slot.in_use.store(1, std::memory_order_release);
 }
 

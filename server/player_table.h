@@ -20,8 +20,8 @@
 
 inline constexpr std::size_t TABLE_SIZE = 32;
 
-// Every field but the flags and times of liveness keeps its value when a slot is freed or joined
-// anew; a join says which it resets.
+// A slot that is freed keeps all but in_use and in_game. A join writes address, name, those two,
+// in_car, death_count, has_died and last_heard, and leaves the rest as the last player left it.
 struct PlayerSlot {
   sockaddr_in address;  // as received; freed slots keep theirs
   std::array<char, NAME_WIDTH> name;

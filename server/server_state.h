@@ -22,7 +22,8 @@ extern int server_socket;
 extern pthread_t main_thread_id;
 extern std::uint32_t server_start_ms;  // uptime_ms, the origin of the game clock
 
-// Joined players, kept by one increment or decrement an event and never recounted. Every thread.
+// Joined players, kept by one increment or decrement an event and never recounted. Main and ping
+// thread.
 extern std::atomic<std::int32_t> player_count;
 
 // The slot that the latest join request found free, -1 when it found none. Main thread.

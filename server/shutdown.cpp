@@ -1,5 +1,7 @@
 #include "server/shutdown.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -35,7 +37,7 @@ bool install_shutdown_handler() {
   if (wake_handle == -1) return false;
   struct sigaction action {};
   action.sa_handler = shutdown_handler;
-  // Without SA_RESTART: a signal also frees a thread that is stuck in writing to a full pipe.
+  // Without SA_RESTART: the signal frees the main thread from writing to a pipe that nobody reads.
   sigemptyset(&action.sa_mask);
   for (const int signal : STOP_SIGNALS) sigaction(signal, &action, nullptr);
   return true;
@@ -61,7 +63,16 @@ bool start_worker_thread(void* (*body)(void*)) {
   return started;
 }
 
+// Where nobody reads the lines, the last ones would hold up the stop.
+static void give_up_a_full_console() {
+  pollfd console{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+  if (poll(&console, 1, 0) != 0) return;
+  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  if (nowhere != -1) dup2(nowhere, STDOUT_FILENO);
+}
+
 void announce_shutdown() {
+  give_up_a_full_console();
   std::printf("Exitting...\n");
   broadcast_all(bytes_of(ServerShutdown{}));
 }
