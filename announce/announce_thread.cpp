@@ -54,6 +54,7 @@ void announce_check(AnnounceState& state) {
 }
 
 void* announce_thread(void* /*unused*/) {
+  pthread_setname_np(pthread_self(), "zol-announce");
   AnnounceState state;
   if (!announce_first(state)) {
     // Nobody joins this thread; so its stack does not stay until the process ends.

@@ -1,5 +1,7 @@
 #include "server/liveness.h"
 
+#include <pthread.h>
+
 #include <cstdio>
 
 #include "config/server_config.h"
@@ -59,6 +61,7 @@ void ping_pass() {
 }
 
 void* ping_thread(void* /*unused*/) {
+  pthread_setname_np(pthread_self(), "zol-ping");
   for (;;) {
     ping_pass();
     sleep_us(PING_PERIOD_US);

@@ -32,7 +32,7 @@ struct Script {
 };
 
 class AnnounceTest : public GameTest {
- protected:
+ public:
   AnnounceTest() {
     master = this;
     on_sleep = [] { master->take_part(); };
@@ -63,6 +63,7 @@ class AnnounceTest : public GameTest {
   }
 
   void take_part() {
+    ++fake_now_ms;
     if (connection == -1 && !scripts.empty()) connection = accept(listener, nullptr, nullptr);
     if (connection == -1) return;
     Script& script = scripts.front();
@@ -240,6 +241,8 @@ TEST_F(AnnounceTest, AnnouncesAgainOnAChangeOrAfterFiveMinutes) {
            Case{0xFFFFFF00 + 609'999, 1, verdict("1"), false, ""},
            Case{0xFFFFFF00 + 610'000, 1, {.pieces = {HEAD}}, true, NO_CONNECTION},
            Case{0xFFFFFF00 + 615'000, 0, verdict("2"), true, ""},
+           Case{0xFFFFFF00 + 914'999, 0, verdict("2"), false, ""},
+           Case{0xFFFFFF00 + 915'000, 0, verdict("2"), true, ""},
        }) {
     fake_now_ms = c.now;
     player_table[0].in_use = c.slot_0;
@@ -248,8 +251,23 @@ TEST_F(AnnounceTest, AnnouncesAgainOnAChangeOrAfterFiveMinutes) {
   }
 }
 
+TEST_F(AnnounceTest, TheThreadAnnouncesThenChecksEveryFiveSeconds) {
+  scripts = {verdict("1"), verdict("2"), verdict("2")};
+  on_sleep = [] {
+    master->take_part();
+    player_table[0].in_use = slept_us >= 5'000'000 ? 1 : 0;  // joins between two checks
+    player_table[1].in_use = slept_us >= 5'020'000 ? 1 : 0;  // joins during the announce of that
+    if (slept_us >= 15'000'000) throw slept_us.load();
+  };
+  testing::internal::CaptureStdout();
+  EXPECT_THROW(announce_thread(nullptr), std::uint64_t);
+  testing::internal::GetCapturedStdout();
+  EXPECT_LT(slept_us, 15'100'000U) << "three checks, and the pauses of two announces";
+  EXPECT_TRUE(scripts.empty());
+}
+
 // The write's budget, against a listener whose queue is full: the connection never comes up.
-TEST_F(AnnounceTest, TheBudgetsAreOfTheirOwn) {
+TEST_F(AnnounceTest, TheWriteHasABudgetOfItsOwn) {
   std::vector<int> fillers;
   sockaddr_in address{};
   socklen_t length = sizeof address;

@@ -8,20 +8,23 @@
 #include "net/sflsock.h"
 #include "server/main_loop.h"
 
-// Bound to loopback on a port that the kernel picks.
-static int open_loopback_socket(sockaddr_in& address) {
+// Bound to loopback, on a port that the kernel picks unless one is given.
+static int open_loopback_socket(sockaddr_in& address, const char* host = "127.0.0.1") {
   const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
   const int room = 1 << 20;
   setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
   address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_addr.s_addr = inet_addr(host);
   socklen_t length = sizeof address;
   EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&address), length), 0);
   EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
   return handle;
 }
 
-Player::Player() : socket(open_loopback_socket(address)) {}
+Player::Player(const char* host, in_port_t port) {
+  address.sin_port = port;
+  socket = open_loopback_socket(address, host);
+}
 
 Player::~Player() {
   close(socket);

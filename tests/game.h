@@ -18,7 +18,7 @@
 #include "tests/fake_clock.h"
 
 struct Player {
-  Player();
+  explicit Player(const char* host = "127.0.0.1", in_port_t port = 0);
   ~Player();
   Player(const Player&) = delete;
   Player& operator=(const Player&) = delete;

@@ -11,9 +11,10 @@ namespace {
 
 class LivenessTest : public GameTest {
  protected:
+  // On a thread of its own, as it always runs.
   static std::string pass() {
     testing::internal::CaptureStdout();
-    ping_pass();
+    std::thread(ping_pass).join();
     return testing::internal::GetCapturedStdout();
   }
 
@@ -168,12 +169,24 @@ TEST_F(LivenessTest, HandsTheRoleOn) {
   EXPECT_EQ(stir(), "Too less players. Nobody is the PinkPanther \n");
   EXPECT_EQ(players[0]->received(), std::vector<Bytes>{(Bytes{209, 100})});
   EXPECT_EQ(pinkpanther_slot, 255);
+  EXPECT_EQ(pinkpanther_announcement.slot, 100) << "for newcomers";
   EXPECT_EQ(pinkpanther_since, 77U);
   EXPECT_EQ(pinkpanther_reselect, 0);
   server_config.GameType = 0;
   pinkpanther_reselect = 1;
   EXPECT_EQ(stir(), "");
   EXPECT_EQ(pinkpanther_reselect, 1);
+}
+
+TEST_F(LivenessTest, MakesAPassAtOnceAndOneEveryTenSeconds) {
+  fill(1);
+  on_sleep = [] {
+    if (slept_us >= 30'000'000) throw slept_us.load();
+  };
+  EXPECT_THROW(ping_thread(nullptr), std::uint64_t);
+  on_sleep = nullptr;
+  EXPECT_EQ(slept_us, 30'000'000U);
+  EXPECT_EQ(players[0]->received(), (std::vector<Bytes>{PING, PING, PING}));
 }
 
 // Players come, go, come back and fall silent while passes run as fast as they can. What it proves

@@ -1,4 +1,8 @@
-#include "server/handlers.h"
+#include <unistd.h>
+
+#include "server/broadcast.h"
+#include "server/command_table.h"
+#include "server/main_loop.h"
 #include "tests/game.h"
 
 namespace {
@@ -110,6 +114,16 @@ TEST_F(MembershipTest, ThirtyTwoPlayersFillTheTableAndThePortTellsThemApart) {
   forget_received();
   join(late, "late");
   expect_only(late, {accepted(31, 0, server_config.WelcomeMessage)});
+
+  // The same port at another address is another player's.
+  const Player elsewhere("127.0.0.2", late.address.sin_port);
+  EXPECT_EQ(say(elsewhere, {60}), "");
+  player_table[0].address = elsewhere.address;
+  say(late, enter_on_foot());
+  EXPECT_EQ(elsewhere.received().size(), 1U) << "and is not left out";
+  forget_received();
+  broadcast_text({'h', 'i'});
+  EXPECT_EQ(elsewhere.received(), std::vector<Bytes>{datagram(30, 65, {{1, text("hi")}})});
 }
 
 TEST_F(MembershipTest, UnknownCodesAndStrangersChangeNothing) {
@@ -137,24 +151,43 @@ TEST_F(MembershipTest, ShortDatagramsAreReadWithTheBytesThatEarlierOnesLeft) {
   EXPECT_EQ(receive_buffer.back(), 'z');
 }
 
-TEST_F(MembershipTest, AFailedBroadcastEndsTheProcessAFailedAnswerDoesNot) {
+TEST_F(MembershipTest, AFailedBroadcastEndsTheProcess) {
   fill(2);
-  const Player bob;
   player_table[1].address.sin_port = 0;  // sending there fails with EINVAL
-  EXPECT_EXIT(say(*players[0], datagram(100, 16)), testing::ExitedWithCode(1), "");
-  for (const std::uint8_t version : Bytes{40, 41}) {
-    Datagram from_nowhere{.bytes = receive_buffer, .received = 68, .sender = bob.address};
-    from_nowhere.sender.sin_port = 0;
-    const Bytes request = join_request("Bob", version);
-    std::copy(request.begin(), request.end(), receive_buffer.begin());
+  players[0]->send(datagram(100, 16));
+  EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), drain_socket()), testing::ExitedWithCode(1),
+              "^error writing to socket:Invalid argument\n$");
+}
+
+// Each answer that fails prints its own of two texts, and the handler goes on.
+TEST_F(MembershipTest, FailedAnswersAreReportedInTheirOwnWords) {
+  server_config.GameType = 1;
+  pinkpanther_slot = 0;
+  fill(1);
+  const std::string blank = "error writing to socket: Invalid argument\n";
+  const std::string plain = "error writing to socket:Invalid argument\n";
+  struct Case {
+    Bytes sent;
+    std::string printed;
+  };
+  for (const Case& c : {
+           Case{join_request("x", 41), blank},
+           Case{join_request("Bob"), "Bob, Player [1] Connected!\n" + plain},
+           Case{enter_on_foot(), blank + plain + plain},
+           Case{{40, 0}, plain},
+           Case{{41, 0}, plain},
+           Case{datagram(120, 32), blank},
+       }) {
+    Datagram from_nowhere{.bytes = receive_buffer, .received = 256, .sender = players[0]->address};
+    from_nowhere.sender.sin_port = 0;  // sending there fails with EINVAL
+    std::copy(c.sent.begin(), c.sent.end(), receive_buffer.begin());
     testing::internal::CaptureStdout();
-    handle_join(NO_SLOT, from_nowhere);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              version == 40 ? "Bob, Player [2] Connected!\n"
-                              "error writing to socket:Invalid argument\n"
-                            : "error writing to socket: Invalid argument\n");
+    dispatch_datagram(from_nowhere);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed) << int{c.sent[0]};
+    player_table[1].in_game = 0;
+    ++roster_version;
   }
-  EXPECT_EQ(player_count, 3);
+  EXPECT_EQ(player_count, 2);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -87,6 +88,21 @@ class ProcessTest : public testing::Test {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
   }
 
+  // The thread of the server with this name, which it takes once it runs.
+  pid_t thread_named(const std::string& name) const {
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    for (int tries = 0; tries < PATIENCE_MS; ++tries) {
+      for (const auto& task : std::filesystem::directory_iterator(tasks)) {
+        std::string found;
+        std::ifstream(task.path() / "comm") >> found;
+        if (found == name) return std::stoi(task.path().filename());
+      }
+      usleep(1000);
+    }
+    ADD_FAILURE() << "no thread " << name;
+    return 0;
+  }
+
   // A player in the game, on a socket of its own.
   int enter_game() {
     std::uint16_t own_port;
@@ -99,7 +115,9 @@ class ProcessTest : public testing::Test {
     say(player, datagram(10, 68, {{1, text("Bob")}, {66, {40}}}));
     EXPECT_EQ(heard(player)[0], 17);
     say(player, datagram(15, 100));
-    EXPECT_EQ(heard(player)[0], 16);
+    const Bytes reply = heard(player);
+    EXPECT_EQ(reply[0] + reply[2], 16) << "hour 0";
+    EXPECT_LT(reply[3], 20) << "minute of a server that has just started";
     return player;
   }
 
@@ -129,6 +147,9 @@ TEST_F(ProcessTest, EachStopSignalEndsItInOrder) {
     start_and_wait();
     const int player = enter_game();
     EXPECT_EQ(read_to("\n"), "Bob, Player [0] Connected!\n");
+    tgkill(pid, thread_named("zol-ping"), signal);  // is not for that thread to take
+    say(player, {41, 0});
+    EXPECT_EQ(kill(pid, 0), 0);
     kill(pid, signal);
     EXPECT_EQ(heard(player), Bytes{19});
     EXPECT_EQ(read_to("none"), "Exitting...\n");

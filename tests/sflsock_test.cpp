@@ -33,11 +33,13 @@ TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
   const int port = free_port();
   const std::string number = std::to_string(port);
   for (const std::string& text : {number, " \t+" + number + "abc", std::to_string(port + 65536),
-                                  std::to_string(port - 65536), std::to_string(port - 1)}) {
-    socket_layer_state.port_offset = text == std::to_string(port - 1) ? 1 : 0;
+                                  std::to_string(port - 65536), std::string("domain")}) {
+    socket_layer_state.port_offset = text == "domain" ? port - 53 : 0;
+    socket_layer_state.last_error = SOCKERR_BAD_HOST;
     const int handle = udp_open_port(text.c_str());
     ASSERT_NE(handle, -1) << text << ": " << socket_error_code();
     EXPECT_EQ(socket_layer_state.open_sockets, 1);
+    EXPECT_EQ(socket_error_code(), SOCKERR_NONE);
     const sockaddr_in address = local_address(handle);
     EXPECT_EQ(ntohs(address.sin_port), port) << text;
     EXPECT_EQ(address.sin_addr.s_addr, INADDR_ANY);
@@ -58,6 +60,9 @@ TEST(SflsockTest, SaysWhyItCannotOpen) {
     EXPECT_EQ(udp_open_port(text), -1) << text;
     EXPECT_EQ(socket_error_code(), SOCKERR_BAD_SERVICE) << text;
   }
+  socket_layer_state.port_offset = -5;
+  EXPECT_EQ(udp_open_port("5"), -1) << "0 with the offset";
+  socket_layer_state.port_offset = 0;
   EXPECT_EQ(new_inet_socket("no-such-protocol"), -1);
   EXPECT_EQ(socket_error_code(), SOCKERR_BAD_PROTOCOL);
 
