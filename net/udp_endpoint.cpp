@@ -140,8 +140,18 @@ int open_bound_socket(const char* service, const char* protocol, int backlog) {
   return handle;
 }
 
+// The default holds a burst of some 256 small datagrams. The system gives what it allows; nothing
+// depends on how much.
+static void ask_for_room(int handle) {
+  const int bytes = 1 << 20;
+  setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+  setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+}
+
 int udp_open_port(const char* port_text) {
-  return open_bound_socket(port_text, "udp", 0);
+  const int handle = open_bound_socket(port_text, "udp", 0);
+  if (handle != -1) ask_for_room(handle);
+  return handle;
 }
 
 // connect(2) on a UDP socket sends nothing: it looks the route up as a send would.
