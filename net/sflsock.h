@@ -49,8 +49,8 @@ struct UdpFanout {
   std::array<mmsghdr, MAX_DESTINATIONS> messages{};
 };
 
-// Before the first use of the layer and after the last, in any nesting. 0 on success, -1 on failure;
-// on this platform they have nothing to do and cannot fail.
+// Before the first use of the layer and after the last, in any nesting. 0 on success, -1 on
+// failure; on this platform they have nothing to do and cannot fail.
 int socket_layer_start();
 int socket_layer_stop();
 
