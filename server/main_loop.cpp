@@ -1,7 +1,5 @@
 #include "server/main_loop.h"
 
-#include <poll.h>
-
 #include <cerrno>
 
 #include "net/sflsock.h"
@@ -35,15 +33,9 @@ void drain_socket() {
   }
 }
 
-static void wait_for_datagram() {
-  pollfd waits[] = {{.fd = server_socket, .events = POLLIN, .revents = 0},
-                    {.fd = stop_handle(), .events = POLLIN, .revents = 0}};
-  if (poll(waits, std::size(waits), -1) == -1 && errno != EINTR) sleep_us(ERROR_PAUSE_US);
-}
-
 void run_main_loop() {
   while (!stop_requested()) {
     drain_socket();
-    if (!stop_requested()) wait_for_datagram();
+    if (!wait_for_input_or_stop(server_socket)) sleep_us(ERROR_PAUSE_US);
   }
 }

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -20,43 +19,45 @@ static constexpr std::array<int, 3> STOP_SIGNALS = {SIGINT, SIGHUP, SIGTERM};
 
 static constinit std::atomic<bool> stop_flag = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "written by a signal handler");
-static constinit int wake_handle = -1;
 
 static void shutdown_handler(int /*signal*/) {
-  if (!on_main_thread()) return;
-  const int kept_errno = errno;
-  stop_flag = true;
-  const std::uint64_t one = 1;
-  // Cannot fail in a way that matters: a full counter is readable as well.
-  [[maybe_unused]] const ssize_t written = write(wake_handle, &one, sizeof one);
-  errno = kept_errno;
+  if (on_main_thread()) stop_flag = true;
 }
 
-bool install_shutdown_handler() {
-  wake_handle = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  if (wake_handle == -1) return false;
+static sigset_t stop_signals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : STOP_SIGNALS) sigaddset(&signals, signal);
+  return signals;
+}
+
+void install_shutdown_handler() {
   struct sigaction action {};
   action.sa_handler = shutdown_handler;
   // Without SA_RESTART: the signal frees the main thread from writing to a pipe that nobody reads.
   sigemptyset(&action.sa_mask);
   for (const int signal : STOP_SIGNALS) sigaction(signal, &action, nullptr);
-  return true;
 }
 
 bool stop_requested() {
   return stop_flag;
 }
 
-int stop_handle() {
-  return wake_handle;
+// The signals are blocked from the look at the flag until ppoll(2) lets them in.
+bool wait_for_input_or_stop(int handle) {
+  const sigset_t signals = stop_signals();
+  sigset_t kept_signals;
+  pthread_sigmask(SIG_BLOCK, &signals, &kept_signals);
+  pollfd wait{.fd = handle, .events = POLLIN, .revents = 0};
+  const int ready = stop_requested() ? 0 : ppoll(&wait, 1, nullptr, &kept_signals);
+  pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
+  return ready != -1 || errno == EINTR;
 }
 
 bool start_worker_thread(void* (*body)(void*)) {
-  sigset_t stop_signals;
+  const sigset_t signals = stop_signals();
   sigset_t kept_signals;
-  sigemptyset(&stop_signals);
-  for (const int signal : STOP_SIGNALS) sigaddset(&stop_signals, signal);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, &kept_signals);
+  pthread_sigmask(SIG_BLOCK, &signals, &kept_signals);
   pthread_t thread{};
   const bool started = pthread_create(&thread, nullptr, body, nullptr) == 0;
   pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
