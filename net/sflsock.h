@@ -67,6 +67,9 @@ bool udp_can_reach(const sockaddr_in* address);
 // longer than the buffer is lost. -1 with errno set, EAGAIN when nothing is waiting.
 int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender);
 
+// Both sends wait for room while the send buffer is full, up to 100 ms in a call, before that is a
+// failure; a signal never is one.
+
 // sendto(2): sends the whole buffer as one datagram. Returns length, or -1 with errno set.
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination);
 

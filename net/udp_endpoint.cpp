@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <netdb.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -184,13 +185,31 @@ int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender) 
   return static_cast<int>(direct_recvfrom(handle, buffer, length, sender, &sender_length));
 }
 
+// How often a call waits for room in the send buffer, and how long at most each time.
+static constexpr int ROOM_WAITS = 10;
+static constexpr int ROOM_WAIT_MS = 10;
+
+// After a failed attempt to send: whether to make another. What fills a send buffer is traffic,
+// which must not look like a broken socket. ENOBUFS says nothing about the socket's own buffer, so
+// there is no event to wait for.
+static bool may_try_again(int handle, int& waits_left) {
+  if (errno == EINTR) return true;
+  if ((errno != EAGAIN && errno != ENOBUFS) || waits_left == 0) return false;
+  --waits_left;
+  pollfd wait{.fd = handle, .events = 0, .revents = 0};
+  if (errno == EAGAIN) wait.events = POLLOUT;
+  poll(&wait, 1, ROOM_WAIT_MS);
+  return true;
+}
+
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination) {
   check_argument(buffer != nullptr, SFLSOCK_MODULE);
   check_argument(destination != nullptr, SFLSOCK_MODULE);
+  int waits_left = ROOM_WAITS;
   ssize_t sent;
   do {
     sent = sendto(handle, buffer, length, 0, generic(destination), sizeof *destination);
-  } while (sent == -1 && errno == EINTR);
+  } while (sent == -1 && may_try_again(handle, waits_left));
   return static_cast<int>(sent);
 }
 
@@ -205,8 +224,9 @@ void prepare_fanout(UdpFanout& fanout) {
 // What a first call left unserved. Kept apart from it: one call serves all but in trouble.
 [[gnu::noinline]] static unsigned send_the_rest(int handle, UdpFanout& fanout, unsigned count,
                                                 int sent) {
+  int waits_left = ROOM_WAITS;
   unsigned served = 0;
-  while (sent > 0 || errno == EINTR) {
+  while (sent > 0 || may_try_again(handle, waits_left)) {
     served += static_cast<unsigned>(std::max(sent, 0));
     if (served == count) break;
     sent = direct_sendmmsg(handle, &fanout.messages[served], count - served);

@@ -23,11 +23,21 @@ static bool read_uptime_text(char* text, std::size_t size) {
 
 // The file shows this same clock, cut to hundredths; where it cannot be opened, for want of a
 // descriptor say, time goes on.
-static void format_boot_clock(char* text, std::size_t size) {
+static bool format_boot_clock(char* text, std::size_t size) {
   timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
+  if (clock_gettime(CLOCK_BOOTTIME, &now) == -1) return false;
   std::snprintf(text, size, "%lld.%02d", static_cast<long long>(now.tv_sec),
                 static_cast<int>(now.tv_nsec / 10'000'000));
+  return true;
+}
+
+static bool read_clock(char* text, std::size_t size) {
+  return read_uptime_text(text, size) || format_boot_clock(text, size);
+}
+
+bool clock_works() {
+  char text[64];
+  return read_clock(text, sizeof text);
 }
 
 static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");
@@ -39,8 +49,8 @@ std::uint32_t uptime_text_to_ms(const char* text) {
 }
 
 std::uint32_t uptime_ms() {
-  char text[64];
-  if (!read_uptime_text(text, sizeof text)) format_boot_clock(text, sizeof text);
+  char text[64] = "";
+  read_clock(text, sizeof text);
   return uptime_text_to_ms(text);
 }
 

@@ -38,15 +38,16 @@ static bool open_server_socket() {
 int main() {
   prepare_output();
   main_thread_id = pthread_self();
+  if (!clock_works()) {
+    std::printf("error reading the system clock: %s\n", system_error_text());
+    return EXIT_FAILURE;
+  }
   server_start_ms = uptime_ms();
   config_load();
   if (!open_server_socket()) return EXIT_FAILURE;
   std::printf("ZOL Server %s ONLINE [Port: %s]!!!\n--------------------------------------\n",
               SERVER_VERSION, server_config.Port);
-  if (!install_shutdown_handler()) {
-    std::printf("error preparing the stop by signal: %s\n", system_error_text());
-    return EXIT_FAILURE;
-  }
+  install_shutdown_handler();
   if (server_config.AnnounceServer != 0 && !start_worker_thread(announce_thread)) {
     std::printf("Error while creating announce thread!\n");
     return EXIT_SUCCESS;
