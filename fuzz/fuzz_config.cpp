@@ -1,0 +1,44 @@
+// Any text as the configuration file: what comes out is a configuration that the server can run on.
+
+#include <cstring>
+#include <string>
+
+#include "config/server_config.h"
+#include "fuzz/check.h"
+
+static std::string config_text;
+
+extern "C" std::FILE* __wrap_fopen64(const char* /*name*/, const char* mode) {
+  return fmemopen(config_text.data(), config_text.size(), mode);
+}
+
+template <std::size_t width>
+static void check_field(const char (&field)[width]) {
+  const std::size_t length = strnlen(field, width);
+  check(length > 0 && length < width && field[0] != ' ', "a trimmed text, ended in its field");
+  check(std::strpbrk(field, "\r\n") == nullptr, "one line");
+}
+
+static void load(const std::string& text) {
+  config_text = text;
+  config_load();
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  server_config = {};
+  load(text);
+  const ServerConfig loaded = server_config;
+  check(loaded.maxClients >= MIN_CLIENTS && loaded.maxClients <= MAX_CLIENTS, "maxClients' range");
+  check(loaded.AnnounceServer <= 1 && loaded.GameType <= 1, "a flag and a game type");
+  check_field(loaded.Port);
+  check_field(loaded.ServerName);
+  check_field(loaded.WelcomeMessage);
+  check(std::strchr(loaded.ServerName, '#') == nullptr, "no comment in a text");
+  load(text);
+  check(std::memcmp(&loaded, &server_config, sizeof loaded) == 0, "twice gives the same");
+  server_config = {};
+  load("\r\n#Port=1\n " + text);
+  check(std::memcmp(&loaded, &server_config, sizeof loaded) == 0, "a comment changes nothing");
+  return 0;
+}
