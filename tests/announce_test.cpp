@@ -35,7 +35,11 @@ class AnnounceTest : public GameTest {
  public:
   AnnounceTest() {
     master = this;
-    on_sleep = [] { master->take_part(); };
+    on_sleep = [] {
+      const int allocated = allocations;
+      master->take_part();
+      allocations = allocated;  // the master server's own do not count
+    };
     listener = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -95,7 +99,9 @@ class AnnounceTest : public GameTest {
     request.clear();
     slept_us = 0;
     testing::internal::CaptureStdout();
+    const int allocated = allocations;
     call();
+    EXPECT_EQ(allocations, allocated);
     return testing::internal::GetCapturedStdout();
   }
 
@@ -109,6 +115,8 @@ class AnnounceTest : public GameTest {
 AnnounceTest* AnnounceTest::master = nullptr;
 
 const std::string NO_CONNECTION = "Could not connect to zol master server!\n";
+const std::string REFUSED =
+    "Could not announce server at the zol master server - Check your config...\n";
 const std::string HEAD = "HTTP/1.1 200 OK\r\n\r\n";
 const std::string MARK = "  \r\n";
 constexpr std::uint64_t BUDGET_US = 10'000'000;
@@ -186,44 +194,36 @@ TEST_F(AnnounceTest, SurvivesAMasterServerThatIsNotThere) {
 
 TEST_F(AnnounceTest, TheFirstAnnounceDecidesWhetherThereAreOthers) {
   const std::string start = "Announcing server at the zol master server...\n";
-  const std::string refused =
-      "Could not announce server at the zol master server - Check your config...\n";
   struct Case {
     Script script;
     std::string printed;
-    bool goes_on;
+    std::uint8_t goes_on, game_type;
   };
-  server_config.GameType = 1;
   for (const Case& c : {
-           Case{verdict("1"), "This server is now listed on the zol server list\n", true},
-           Case{verdict("2"), "This server was updated on the zol server list\n", true},
-           Case{verdict("7"), "", true},
-           Case{verdict("0"), refused, false},
-           Case{{.pieces = {HEAD}}, NO_CONNECTION, false},
+           Case{verdict("1"), "This server is now listed on the zol server list\n", 1, 1},
+           Case{verdict("2"), "This server was updated on the zol server list\n", 1, 1},
+           Case{verdict("7"), "", 1, 1},
+           Case{verdict("7"), "", 1, 0},
+           Case{verdict("0"), REFUSED, 0, 1},
+           Case{{.pieces = {HEAD}}, NO_CONNECTION, 0, 1},
        }) {
+    server_config.GameType = c.game_type;
     player_table[1].is_pinkpanther = player_table[16].is_pinkpanther = 1;
     player_table[1].in_use = 1;
-    pinkpanther_reselect = 0;
+    pinkpanther_reselect = 1 - c.game_type;
     fake_now_ms = 4000;
     AnnounceState state;
     EXPECT_EQ(during(c.script, [&] { EXPECT_EQ(announce_first(state), c.goes_on); }),
               start + c.printed);
     EXPECT_EQ(state.last_announce_ms, 4000U);
-    EXPECT_EQ(state.previous_count, c.goes_on ? 1U : 0U);
-    EXPECT_EQ(pinkpanther_reselect, c.goes_on ? 1 : 0);
-    EXPECT_EQ(player_table[1].is_pinkpanther, c.goes_on ? 0 : 1);
+    EXPECT_EQ(state.previous_count, c.goes_on);
+    EXPECT_EQ(pinkpanther_reselect, c.goes_on & c.game_type);
+    EXPECT_EQ(player_table[1].is_pinkpanther, 1 - c.goes_on);
     EXPECT_EQ(player_table[16].is_pinkpanther, 1) << "not given to players";
   }
-  server_config.GameType = 0;
-  pinkpanther_reselect = 1;
-  AnnounceState state;
-  during(verdict("1"), [&] { announce_first(state); });
-  EXPECT_EQ(pinkpanther_reselect, 0);
 }
 
 TEST_F(AnnounceTest, AnnouncesAgainOnAChangeOrAfterFiveMinutes) {
-  const std::string refused =
-      "Could not announce server at the zol master server - Check your config...\n";
   AnnounceState state{.last_announce_ms = 0xFFFFFF00, .previous_count = 0};
   struct Case {
     std::uint32_t now;
@@ -236,7 +236,7 @@ TEST_F(AnnounceTest, AnnouncesAgainOnAChangeOrAfterFiveMinutes) {
            Case{0xFFFFFF00 + 299'999, 0, verdict("1"), false, ""},
            Case{0xFFFFFF00 + 300'000, 0, verdict("1"), true, ""},
            Case{0xFFFFFF00 + 305'000, 0, verdict("1"), false, ""},
-           Case{0xFFFFFF00 + 310'000, 1, verdict("0"), true, refused},
+           Case{0xFFFFFF00 + 310'000, 1, verdict("0"), true, REFUSED},
            Case{0xFFFFFF00 + 315'000, 1, verdict("1"), false, ""},
            Case{0xFFFFFF00 + 609'999, 1, verdict("1"), false, ""},
            Case{0xFFFFFF00 + 610'000, 1, {.pieces = {HEAD}}, true, NO_CONNECTION},
@@ -266,30 +266,9 @@ TEST_F(AnnounceTest, TheThreadAnnouncesThenChecksEveryFiveSeconds) {
   EXPECT_TRUE(scripts.empty());
 }
 
-// The write's budget, against a listener whose queue is full: the connection never comes up.
-TEST_F(AnnounceTest, TheWriteHasABudgetOfItsOwn) {
-  std::vector<int> fillers;
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-  listen(listener, 0);
-  for (int i = 0; i < 4; ++i) {
-    fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    (void)connect(fillers.back(), reinterpret_cast<sockaddr*>(&address), length);
-  }
-  slept_us = 0;
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(master_announce(), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), NO_CONNECTION);
-  EXPECT_EQ(slept_us, BUDGET_US);
-  for (const int filler : fillers) close(filler);
-}
-
 TEST_F(AnnounceTest, ConnectsAndResolvesAsAsked) {
   struct Case {
-    const char* host;
-    const char* service;
-    const char* address;
+    const char *host, *service, *address;
     int port;
   };
   sockaddr_in endpoint{};
@@ -301,22 +280,18 @@ TEST_F(AnnounceTest, ConnectsAndResolvesAsAsked) {
     EXPECT_EQ(ntohs(endpoint.sin_port), c.port);
   }
   const int handle = tcp_connect("", service_text);
-  EXPECT_NE(handle, -1);
   EXPECT_TRUE(fcntl(handle, F_GETFL) & O_NONBLOCK);
-  EXPECT_EQ(socket_layer_state.open_sockets, 1);
   scripts = {{.pieces = {}, .reset = true}};
   take_part();
   EXPECT_EQ(tcp_write(handle, "x", 1), -1);
   EXPECT_EQ(tcp_write(handle, "x", 1), -1) << "an error, and no signal";
   socket_close(handle);
   endpoint.sin_port = htons(1);  // nobody listens there
-  const std::int16_t blocking = 0;
-  socket_layer_state.nonblocking = blocking;
+  socket_layer_state.nonblocking = 0;
   EXPECT_EQ(connect_with_retries("", "", "tcp", &endpoint, 3, 0), -1);
   socket_layer_state.nonblocking = 1;
   EXPECT_EQ(socket_error_code(), SOCKERR_CONNECT_FAILED);
   EXPECT_EQ(socket_layer_state.open_sockets, 0);
-  EXPECT_DEATH(tcp_connect("127.0.0.1", ""), "Assertion failed: sflsock");
 }
 
 }  // namespace

@@ -60,7 +60,6 @@ TEST(ConfigTest, ReadsFilesToTheLetter) {
       // Letters' case, blanks around texts, CR and CRLF, comments behind values.
       {" \tSERVERNAME= \t A #c\r\nport= 80 x\rannounceSERVER=\n TRUE #\rgametype=+1\r", "",
        "16|1|1|80|A|w"},
-      {"ServerName =x\nPort\t=1\n", "", "16|0|0|16309|Unnamed Server|w"},
       // Limits, and what a wrong value leaves in force.
       {"maxClients=2\nmaxClients=1\n", wrong("maxClients", "2 "), "2|0|0|16309|Unnamed Server|w"},
       {"maxClients=32\nmaxClients=33\n", wrong("maxClients", "32 "),
@@ -85,7 +84,6 @@ TEST(ConfigTest, ReadsFilesToTheLetter) {
       {"ServerName=My Server\nmaxClients=abc\nPort=5\n", "", "9|0|0|16309|My Server|w"},
       {"GameType=abc\nPort=5\n", "", "16|0|0|5|Unnamed Server|w"},
       {"ServerName=  A  #\nmaxClients=-x\n", "", "5|0|0|16309|A|w"},
-      {"maxClients=4 Port=5\n", "", "4|0|0|5|Unnamed Server|w"},
       {"maxClients=4#c\nGameType=1 maxClients=9\nPort=5\n", "", "4|0|1|5|Unnamed Server|w"},
       {"maxClients=\n\n 12 ServerName=N\n", "", "12|0|0|16309|N|w"},
       // As a 32-bit number: 4294967298 is not 2, and nothing wraps.
@@ -101,17 +99,12 @@ TEST(ConfigTest, ReadsFilesToTheLetter) {
       {"ServerName=" + x70 + "\nWelcomeMessage=" + x70 + "\nPort=1" + x70 + "\n",
        x70.substr(7) + " \n",
        "16|0|0|1" + x70.substr(46) + "|" + x70.substr(39) + "|" + x70.substr(7)},
-      {"ServerName" + x70 + "=x\nPort=2\n", "", "16|0|0|16309|Unnamed Server|w"},
       {"Port\0junk=4\n"s, "", "16|0|0|4|Unnamed Server|w"},
       // The end of the file ends every read, and what was read counts.
-      {"#c", "", "16|0|0|16309|Unnamed Server|w"},
       {"ServerName=End", "", "16|0|0|16309|End|w"},
-      {"ServerName=7#", "", "16|0|0|16309|7|w"},
-      {"maxClients=7", "", "7|0|0|16309|Unnamed Server|w"},
       {"Port=7", "", "16|0|0|7|Unnamed Server|w"},
       {"WelcomeMessage=8\nPort=", "8 \n" + wrong("Port", "16309"), "16|0|0|16309|Unnamed Server|8"},
       {"AnnounceServer", wrong("AnnounceServer", "FALSE"), "16|0|0|16309|Unnamed Server|w"},
-      {"maxClients=", wrong("maxClients", "16 "), "16|0|0|16309|Unnamed Server|w"},
   };
   for (const Case& c : cases) {
     EXPECT_EQ(load(c.file, std::nullopt), c.printed) << c.file;
@@ -138,15 +131,11 @@ TEST(ConfigTest, TakesTheSampleWithoutAComplaint) {
 }
 
 TEST(StringTest, ComparesAndTrims) {
-  EXPECT_EQ(compare_ignoring_case("aBc", "AbC"), 0);
-  EXPECT_EQ(compare_ignoring_case("ab", "abc"), -'c');
+  EXPECT_EQ(compare_ignoring_case("ab", "aBc"), -'c');
   EXPECT_EQ(compare_ignoring_case("\xFF", "a"), 0xFF - 'a');
-  for (const auto& [before, after] : {std::pair{" \t\n\v\f\r a b \r\n", "a b"}, {"  ", ""}}) {
-    std::string text = before;
-    EXPECT_STREQ(trim(text.data()), after);
-  }
-  EXPECT_DEATH(trim(nullptr), "\nAssertion failed: sflstr, line [0-9]+\n");
-  EXPECT_DEATH(compare_ignoring_case("", nullptr), "Assertion failed: sflstr");
+  std::string text = " \t\n\v\f\r a b \r\n";
+  EXPECT_STREQ(trim(text.data()), "a b");
+  EXPECT_DEATH(trim(nullptr), "^\nAssertion failed: sflstr, line [0-9]+\n$");
 }
 
 }  // namespace

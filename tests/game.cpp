@@ -8,6 +8,16 @@
 #include "net/sflsock.h"
 #include "server/main_loop.h"
 
+std::atomic<int> allocations = 0;
+extern "C" void* __real_malloc(std::size_t size);
+void* operator new(std::size_t size) {
+  return ++allocations, __real_malloc(size);
+}
+// The delete that belongs to it is the library's.
+extern "C" const char* __asan_default_options() {
+  return "alloc_dealloc_mismatch=0";
+}
+
 // Bound to loopback, on a port that the kernel picks unless one is given.
 static int open_loopback_socket(sockaddr_in& address, const char* host = "127.0.0.1") {
   const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
@@ -78,7 +88,9 @@ GameTest::~GameTest() {
 std::string GameTest::say(const Player& player, const Bytes& bytes) {
   player.send(bytes);
   testing::internal::CaptureStdout();
+  const int allocated = allocations;
   drain_socket();
+  EXPECT_EQ(allocations, allocated) << "the game needs no heap";
   return testing::internal::GetCapturedStdout();
 }
 

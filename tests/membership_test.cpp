@@ -77,33 +77,6 @@ TEST_F(MembershipTest, ReconnectMovesToAnotherSlotAndKeepsTheOldFlag) {
   EXPECT_EQ(player_count, 2);
 }
 
-TEST_F(MembershipTest, LeavingTellsTheOthersAndEndsTheRole) {
-  struct Case {
-    std::size_t players_before;
-    int pinkpanther, reselect;
-  };
-  for (const Case& c : {Case{3, 0, 0}, Case{3, 1, 1}, Case{2, 1, 0}}) {
-    SCOPED_TRACE(c.players_before * 10 + static_cast<unsigned>(c.pinkpanther));
-    fill(c.players_before);
-    pinkpanther_slot = 1;
-    pinkpanther_reselect = 0;
-    player_table[1].is_pinkpanther = static_cast<std::uint8_t>(c.pinkpanther);
-    EXPECT_EQ(say(*players[1], {60}), "P1, Player [1] disconnected\n");
-    for (auto& player : players) {
-      const bool left = player == players[1];
-      EXPECT_EQ(player->received(),
-                left ? std::vector<Bytes>{} : std::vector<Bytes>{datagram(60, 2, {{1, {1}}})});
-    }
-    EXPECT_EQ(player_count, static_cast<int>(c.players_before) - 1);
-    EXPECT_EQ(pinkpanther_reselect, c.reselect);
-    EXPECT_EQ(player_table[1].is_pinkpanther, 0);
-    EXPECT_EQ(pinkpanther_slot, 1);
-    EXPECT_EQ(say(*players[1], {60}), "") << "now a stranger";
-    for (auto& player : players) say(*player, {60});
-    players.clear();
-  }
-}
-
 TEST_F(MembershipTest, ThirtyTwoPlayersFillTheTableAndThePortTellsThemApart) {
   server_config.maxClients = 32;
   fill(32);

@@ -35,9 +35,6 @@ TEST_F(PresenceTest, EnteringAnnouncesTheNewcomerAndTellsItOfEveryJoinedPlayer) 
   EXPECT_EQ(say(bob, enter_on_foot()), "") << "once more, on foot: the slot keeps the car";
   EXPECT_EQ(players[0]->received(), std::vector<Bytes>{info_on_foot(2, 1, "Bob")});
   EXPECT_EQ(player_table[2].car_type, 101);
-  bob.received();
-  EXPECT_EQ(say(bob, {60}) + say(joined_only, {60}),
-            "Bob, Player [2] disconnected\nJo, Player [1] disconnected\n");
 }
 
 TEST_F(PresenceTest, EnteringGoesByTheLatestJoinNotByTheSender) {
@@ -64,24 +61,6 @@ TEST_F(PresenceTest, EnteringGoesByTheLatestJoinNotByTheSender) {
   EXPECT_EQ(player_table[1].last_heard, 1000U) << "no slot, no time-stamp";
 }
 
-TEST_F(PresenceTest, NewcomersHearOfThePinkPantherInItsGame) {
-  server_config.GameType = 1;
-  pinkpanther_slot = 5;  // no choice is asked for
-  fill(1);
-  const Player bob;
-  join(bob, "Bob");
-  bob.received();
-  say(bob, enter_on_foot());
-  EXPECT_EQ(bob.received().back(), (Bytes{209, 100})) << "before any choice";
-  pinkpanther_announcement.slot = 0;
-  say(bob, enter_on_foot());
-  EXPECT_EQ(bob.received().back(), (Bytes{209, 0}));
-  say(*players[0], {60});
-  bob.received();
-  say(bob, enter_on_foot());
-  EXPECT_EQ(bob.received().back()[0], 16) << "alone";
-}
-
 TEST_F(PresenceTest, GameClockWraps) {
   struct Case {
     std::uint32_t elapsed;
@@ -101,20 +80,9 @@ TEST_F(PresenceTest, QueriesTellOfOthersInTheGameOnly) {
   const Player joined_only;
   join(joined_only, "Jo");
   joined_only.received();
-  say(*players[1], enter_in_car());
-  forget_received();
-  const Bytes car = clean_car(CAR);
-  Bytes info = info_on_foot(1, 0, "P1");
-  info[96] = 1;
-  std::copy(car.begin(), car.end(), info.begin() + 100);
-  const Bytes state =
-      datagram(43, 80, {{1, {1, 1}}, {4, {STATE.begin(), STATE.begin() + 12}}, {16, car}});
-  say(*players[0], {40, 1});
-  say(*players[0], {41, 1});
-  expect_only(*players[0], {info, state});
   say(joined_only, {41, 0});
-  expect_only(joined_only,
-              {datagram(43, 80, {{1, {0}}, {4, {STATE.begin(), STATE.begin() + 12}}})});
+  const Bytes position(STATE.begin(), STATE.begin() + 12);
+  expect_only(joined_only, {datagram(43, 80, {{1, {0}}, {4, position}})});
   for (const std::uint8_t target : Bytes{0, 2, 3, 16, 31, 32, 200, 255}) {
     for (const std::uint8_t code : Bytes{40, 41}) EXPECT_EQ(say(*players[0], {code, target}), "");
   }
@@ -132,38 +100,52 @@ TEST_F(PresenceTest, PingRepliesAreTheSignOfLife) {
   EXPECT_EQ(player_table[0].last_heard, 77'000U);
 }
 
-// Each row is relayed to all others in the game, whatever bits it holds.
-TEST_F(PresenceTest, UpdatesAreStoredAndRelayed) {
+// What comes in with junk in its unused bytes and a signalling NaN in its floats goes out to all
+// others in the game, bit for bit and clean.
+TEST_F(PresenceTest, ReportsGoToAllOthersBitForBit) {
   server_config.maxClients = 32;
   fill(31);
   const Player joined_only;
   join(joined_only, "Jo");
   joined_only.received();
+  const Bytes nan = {0x01, 0x00, 0xA0, 0x7F};
   const Bytes position = {0xFF, 0xFF, 0xA0, 0x7F, 1, 0, 0x80, 0xFF, 0, 0, 0, 0x80};
-  const Bytes floats = {0x01, 0x00, 0xA0, 0x7F, 0xFF, 0xFF, 0xBF, 0xFF};
-  struct Case {
-    Bytes sent, relayed;
-  };
-  const Case cases[] = {
+  const Bytes updates[][2] = {
       {datagram(100, 16, {{1, {9, 9, 9}}, {4, position}}),
        datagram(200, 16, {{1, {30}}, {4, position}})},
-      {datagram(123, 12, {{1, {9, 9, 9}}, {4, floats}}), datagram(207, 12, {{4, floats}})},
+      {datagram(123, 12, {{1, {9, 9, 9}}, {4, nan}, {8, nan}}),
+       datagram(207, 12, {{4, nan}, {8, nan}})},
+      {datagram(43, 80, {{1, {7, 9, 9}}, {4, position}, {16, CAR}}),
+       datagram(204, 80, {{1, {30}}, {4, position}, {16, clean_car(CAR)}})},
+      {datagram(124, 8, {{1, {77, 9, 9}}, {4, nan}}), datagram(208, 8, {{2, {77}}, {4, nan}})},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(say(*players[30], c.sent), "");
-    for (std::size_t i = 0; i < 30; ++i) {
-      EXPECT_EQ(players[i]->received(), std::vector<Bytes>{c.relayed});
-    }
+  for (const auto& [update, relay] : updates) {
+    say(*players[30], update);
+    for (std::size_t i = 0; i < 30; ++i)
+      EXPECT_EQ(players[i]->received(), (std::vector<Bytes>{relay}));
     expect_only(joined_only, {});
   }
-  EXPECT_EQ(std::memcmp(&player_table[30].position, position.data(), 12), 0);
-  EXPECT_EQ(std::memcmp(&player_table[30].state_f2, floats.data(), 4), 0);
-  EXPECT_EQ(std::memcmp(&player_table[30].state_f3, floats.data() + 4, 4), 0);
+}
 
-  player_table[30].has_died = 1;
-  fake_now_ms = server_start_ms + 61'000;
-  say(*players[30], datagram(123, 12));
-  EXPECT_EQ(players[30]->received(), std::vector<Bytes>{(Bytes{72, 1, 1})});
+TEST_F(PresenceTest, ChatIsPrintedWholeAndCutOnTheWire) {
+  fill(2);
+  const std::string x255(255, 'x');
+  struct Case {
+    std::string said, printed, line;
+  };
+  for (const Case& c : {
+           Case{x255, x255, x255.substr(0, 60)},
+           Case{std::string("hi\0xx", 5), "hi", "hi"},
+           Case{"no end", "no end", "no end"},
+           Case{"", "", ""},
+           Case{"%s%n\xFF", "%s%n\xFF", "%s%n\xFF"},
+       }) {
+    Bytes chat = text(c.said);
+    chat.insert(chat.begin(), 31);
+    EXPECT_EQ(say(*players[1], chat), "Message from \"P1\": \"" + c.printed + "\"\n");
+    expect_only(*players[0], {datagram(30, 65, {{1, text("P1: " + c.line)}})});
+  }
+  EXPECT_EQ(say(*players[1], {}), "Message from \"P1\": \"\"\n") << "of no bytes at all";
 }
 
 }  // namespace
