@@ -50,10 +50,9 @@ static Players bit_of(const sockaddr_in& address) {
   return Players{1} << (address.sin_addr.s_addr + 10U * address.sin_port);
 }
 
-static Players in_game() {
+static Players players_with(std::atomic<std::uint8_t> PlayerSlot::*flag) {
   Players players = 0;
-  for (const PlayerSlot& slot : player_table)
-    players |= slot.in_game != 0 ? bit_of(slot.address) : 0;
+  for (const PlayerSlot& slot : player_table) players |= slot.*flag != 0 ? bit_of(slot.address) : 0;
   return players;
 }
 
@@ -98,8 +97,8 @@ static bool may_send(int command, int code) {
   return std::ranges::count(SENDS, Pair{command, code}) == 1;
 }
 
-// Answers go to the sender alone, relays to all others or to none. A pass of the ping thread sends
-// some codes to some players, and one for each that it times out.
+// Answers go to the sender alone, relays to all others or to none; what a pass of the ping thread
+// sends, to all whom it leaves in the game. Each player who left counts as a code of its own.
 static void check_sent(Players sender, int command, Players others) {
   std::array<Players, 256> reached{};
   for (const auto& [to, bytes] : sent) {
@@ -110,22 +109,24 @@ static void check_sent(Players sender, int command, Players others) {
     check(may_send(command, code), "what the command sends");
     check(goes_to_both || is_answer == (to == sender), "answers to the sender, relays to others");
     check(((sender | others) & to) != 0, "to nobody else");
-    check((reached[code] & to) == 0 || goes_to_both || command == PASS, "once each");
-    reached[code] |= to;
+    Players& so_far = reached.at(code == CMD_PLAYER_LEFT ? 100U + bytes[1] : code);
+    check((so_far & to) == 0 || goes_to_both, "once each");
+    so_far |= to;
   }
+  const Players all = command == PASS ? players_with(&PlayerSlot::in_game) : others;
   for (const Players players : reached)
-    check((players & ~sender) == 0 || (players | sender) == (others | sender) || command == PASS,
-          "relays to all others");
+    check((players & ~sender) == 0 || (all & ~players) == 0, "relays to all others");
 }
 
 // Strangers get no answer but to a join.
 template <typename Event>
 static void run_event(const sockaddr_in& from, int command, Event event) {
-  const bool is_known = find_slot_by_address(from) != NO_SLOT || command == CMD_JOIN;
-  const Players others = in_game() & ~bit_of(from);
+  const Players sender = bit_of(from);
+  const Players others = players_with(&PlayerSlot::in_game) & ~sender;
+  const bool is_known = (players_with(&PlayerSlot::in_use) & sender) != 0;
   sent.clear();
   event();
-  check_sent(is_known ? bit_of(from) : 0, command, others);
+  check_sent(is_known || command == CMD_JOIN ? sender : 0, command, others);
   check_table();
 }
 
