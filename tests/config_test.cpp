@@ -119,8 +119,6 @@ TEST(ConfigTest, PrefersTheFirstFileAndLivesWithoutBoth) {
   EXPECT_EQ(settings(), "16|0|0|2|Unnamed Server|w");
   EXPECT_EQ(load(std::nullopt, std::nullopt),
             "Could not open zolserver.cfg / zolserver.conf - Using defaults\n");
-  EXPECT_STREQ(ServerConfig{}.WelcomeMessage,
-               "Welcome to this Harn Tor Multiplayer Server - have fun");
 }
 
 TEST(ConfigTest, TakesTheSampleWithoutAComplaint) {

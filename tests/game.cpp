@@ -1,12 +1,8 @@
 #include "tests/game.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include "net/sflsock.h"
 #include "server/main_loop.h"
+#include "tests/loopback.h"
 
 std::atomic<int> allocations = 0;
 extern "C" void* __real_malloc(std::size_t size);
@@ -18,22 +14,11 @@ extern "C" const char* __asan_default_options() {
   return "alloc_dealloc_mismatch=0";
 }
 
-// Bound to loopback, on a port that the kernel picks unless one is given.
-static int open_loopback_socket(sockaddr_in& address, const char* host = "127.0.0.1") {
-  const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+Player::Player(const char* host, in_port_t port)
+    : socket(bind_loopback(SOCK_DGRAM | SOCK_NONBLOCK, host, port)),
+      address(local_address(socket)) {
   const int room = 1 << 20;
-  setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = inet_addr(host);
-  socklen_t length = sizeof address;
-  EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&address), length), 0);
-  EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  return handle;
-}
-
-Player::Player(const char* host, in_port_t port) {
-  address.sin_port = port;
-  socket = open_loopback_socket(address, host);
+  setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
 }
 
 Player::~Player() {
@@ -41,12 +26,10 @@ Player::~Player() {
 }
 
 void Player::send(const Bytes& bytes) const {
-  sockaddr_in server{};
-  socklen_t length = sizeof server;
-  getsockname(server_socket, reinterpret_cast<sockaddr*>(&server), &length);
-  const ssize_t sent =
-      sendto(socket, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&server), length);
-  EXPECT_EQ(sent, static_cast<ssize_t>(bytes.size()));
+  const sockaddr_in server = local_address(server_socket);
+  EXPECT_EQ(sendto(socket, bytes.data(), bytes.size(), 0,
+                   reinterpret_cast<const sockaddr*>(&server), sizeof server),
+            static_cast<ssize_t>(bytes.size()));
 }
 
 std::vector<Bytes> Player::received() const {
@@ -60,8 +43,7 @@ std::vector<Bytes> Player::received() const {
 
 GameTest::GameTest() {
   main_thread_id = pthread_self();
-  sockaddr_in address{};
-  server_socket = open_loopback_socket(address);
+  server_socket = bind_loopback(SOCK_DGRAM | SOCK_NONBLOCK);
   start_over();
 }
 

@@ -26,8 +26,8 @@ struct Player {
   void send(const Bytes& bytes) const;
   std::vector<Bytes> received() const;  // all that waits, in order
 
-  sockaddr_in address{};
   int socket;
+  sockaddr_in address;
 };
 
 // Uses of new so far. What the server does must not move it.
@@ -78,9 +78,6 @@ inline Bytes clean_car(Bytes car) {
 
 inline Bytes enter_on_foot() {
   return datagram(15, 100, {{4, STATE}, {36, CAR}});
-}
-inline Bytes enter_in_car() {
-  return datagram(15, 100, {{1, {9, 9, 9}}, {4, STATE}, {32, {7, 9, 9, 9}}, {36, CAR}});
 }
 inline Bytes info_on_foot(std::uint8_t slot, std::uint8_t entered, const std::string& name) {
   return datagram(42, 164, {{1, {slot, entered}}, {3, text(name)}, {68, clean_state(STATE)}});

@@ -38,6 +38,7 @@ TEST_F(LivenessTest, TimesOutAfterMoreThan100000MsAcrossTheWrap) {
     fake_now_ms = start + 160'000;
     say(*players[0], {2});
     say(*players[2], {2});
+    say(*players[1], {41, 1});  // no sign of life
     player_table[1].last_heard = start + 60'000;
     EXPECT_EQ(pass(), "") << "heard 100000 ms ago";
     for (const auto& player : players) EXPECT_EQ(player->received(), std::vector<Bytes>{PING});
@@ -80,22 +81,18 @@ TEST_F(LivenessTest, AsksForANewPinkPantherEveryTwoMinutes) {
   struct Case {
     std::uint8_t game_type;
     std::uint32_t since, now;
-    std::size_t players;
-    int reselect;
+    int players, reselect;
   };
   for (const Case& c : {Case{1, 0, 120'000, 2, 1}, Case{1, 0, 119'999, 2, 0},
                         Case{1, 0, 120'000, 1, 0}, Case{0, 0, 120'000, 2, 0},
                         Case{1, 0xFFFFFFFF, 119'999, 2, 1}, Case{1, 200'000, 120'000, 2, 0}}) {
     server_config.GameType = c.game_type;
     fake_now_ms = c.now;
-    fill(c.players);
+    player_count = c.players;
     pinkpanther_since = c.since;
     pinkpanther_reselect = 0;
     pass();
     EXPECT_EQ(pinkpanther_reselect, c.reselect) << c.since << " " << c.now;
-    for (const auto& player : players) say(*player, {60});
-    pinkpanther_reselect = 0;
-    players.clear();
   }
 }
 
@@ -158,10 +155,6 @@ TEST_F(LivenessTest, HandsTheRoleOn) {
   EXPECT_EQ(pinkpanther_announcement.slot, 100) << "for newcomers";
   EXPECT_EQ(pinkpanther_since, 77U);
   EXPECT_EQ(pinkpanther_reselect, 0);
-  server_config.GameType = 0;
-  pinkpanther_reselect = 1;
-  EXPECT_EQ(stir(), "");
-  EXPECT_EQ(pinkpanther_reselect, 1);
 }
 
 TEST_F(LivenessTest, MakesAPassAtOnceAndOneEveryTenSeconds) {

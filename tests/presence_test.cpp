@@ -19,7 +19,8 @@ TEST_F(PresenceTest, EnteringAnnouncesTheNewcomerAndTellsItOfEveryJoinedPlayer) 
   bob.received();
   player_table[2].last_heard = 0;
   fake_now_ms = 1000 + 61 * 60'000 + 30'000;
-  EXPECT_EQ(say(bob, enter_in_car()), "");
+  EXPECT_EQ(
+      say(bob, datagram(15, 100, {{1, {9, 9, 9}}, {4, STATE}, {32, {7, 9, 9, 9}}, {36, CAR}})), "");
   EXPECT_EQ(player_table[2].last_heard, fake_now_ms);
   EXPECT_EQ(player_table[2].in_game, 1);
 
@@ -89,15 +90,6 @@ TEST_F(PresenceTest, QueriesTellOfOthersInTheGameOnly) {
   player_table[1].in_use = 0;
   say(*players[0], {40, 1});
   expect_only(*players[0], {});
-}
-
-TEST_F(PresenceTest, PingRepliesAreTheSignOfLife) {
-  fill(1);
-  fake_now_ms = 77'000;
-  say(*players[0], datagram(100, 16));
-  EXPECT_EQ(player_table[0].last_heard, 1000U);
-  say(*players[0], {2});
-  EXPECT_EQ(player_table[0].last_heard, 77'000U);
 }
 
 // What comes in with junk in its unused bytes and a signalling NaN in its floats goes out to all

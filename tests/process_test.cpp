@@ -1,11 +1,8 @@
 // The real program: what it prints, how it stops, what it costs when idle.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -14,23 +11,12 @@
 #include <thread>
 
 #include "tests/bytes.h"
+#include "tests/loopback.h"
 
 namespace {
 
 constexpr int PATIENCE_MS = 20'000;  // until a test gives a stuck server up
 const std::string RULE = std::string(38, '-') + "\n";
-
-int udp_socket(std::uint16_t& port) {
-  const int handle = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&address), length), 0);
-  EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  port = ntohs(address.sin_port);
-  return handle;
-}
 
 bool readable(int handle) {
   pollfd wait{.fd = handle, .events = POLLIN, .revents = 0};
@@ -41,7 +27,7 @@ class ProcessTest : public testing::Test {
  protected:
   ProcessTest() {
     EXPECT_NE(mkdtemp(folder), nullptr);
-    close(udp_socket(port));
+    close(bind_any_port());
   }
 
   ~ProcessTest() override {
@@ -49,6 +35,13 @@ class ProcessTest : public testing::Test {
     close(output);
     std::remove((std::string(folder) + "/zolserver.cfg").c_str());
     rmdir(folder);
+  }
+
+  // The port becomes the server's.
+  int bind_any_port() {
+    const int handle = bind_loopback(SOCK_DGRAM);
+    port = ntohs(local_address(handle).sin_port);
+    return handle;
   }
 
   void start(const std::string& config) {
@@ -89,11 +82,8 @@ class ProcessTest : public testing::Test {
 
   // A player in the game, on a socket of its own.
   int enter_game() {
-    std::uint16_t own_port;
-    const int player = udp_socket(own_port);
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int player = bind_loopback(SOCK_DGRAM);
+    sockaddr_in server = local_address(player);
     server.sin_port = htons(port);
     EXPECT_EQ(connect(player, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
     say(player, datagram(10, 68, {{1, text("Bob")}, {66, {40}}}));
@@ -144,27 +134,14 @@ TEST_F(ProcessTest, EachStopSignalEndsItInOrder) {
 }
 
 TEST_F(ProcessTest, SaysWhyItCannotStart) {
-  const int taken = udp_socket(port);
-  start("Port=" + std::to_string(port) + "\n");
-  EXPECT_EQ(read_to("none"), "error building socket: error num: 7\n");
-  EXPECT_EQ(exit_status(), 1);
+  const int taken = bind_any_port();
+  for (const auto& [text, reason] : {std::pair{std::to_string(port), "7"}, {"65536", "3"}}) {
+    start("Port=" + text + "\n");
+    EXPECT_EQ(read_to("none"), std::string("error building socket: error num: ") + reason + "\n");
+    EXPECT_EQ(exit_status(), 1);
+    close(output);
+  }
   close(taken);
-  close(output);
-  start("Port=65536\n");
-  EXPECT_EQ(read_to("none"), "error building socket: error num: 3\n");
-  EXPECT_EQ(exit_status(), 1);
-}
-
-// The master server's name never resolves: the announce thread ends, the removal is tried all the
-// same.
-TEST_F(ProcessTest, RunsUnlistedWhenTheMasterServerCannotBeFound) {
-  const std::string failed = "Could not connect to zol master server!\n";
-  start("AnnounceServer=true\nPort=" + std::to_string(port) + "\n");
-  EXPECT_TRUE(
-      read_to(failed).ends_with(RULE + "Announcing server at the zol master server...\n" + failed));
-  kill(pid, SIGTERM);
-  EXPECT_EQ(read_to("none"), "Exitting...\nRemoving server from master list: " + failed);
-  EXPECT_EQ(exit_status(), 1);
 }
 
 TEST_F(ProcessTest, StopsUnderFullLoad) {

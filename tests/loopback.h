@@ -1,0 +1,23 @@
+// Sockets on loopback, on ports that the kernel picks.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+inline sockaddr_in local_address(int handle) {
+  sockaddr_in address{};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  return address;
+}
+
+// Of type SOCK_DGRAM or SOCK_STREAM, with flags; on a port only when one is given.
+inline int bind_loopback(int type, const char* host = "127.0.0.1", in_port_t port = 0) {
+  const int handle = socket(AF_INET, type, 0);
+  sockaddr_in address{.sin_family = AF_INET, .sin_port = port, .sin_addr = {}, .sin_zero = {}};
+  address.sin_addr.s_addr = inet_addr(host);
+  EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  return handle;
+}
