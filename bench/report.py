@@ -280,6 +280,8 @@ How they are measured:
 - The paced load is {rate} updates a second, evenly spaced: each finds the process waiting. At full
   load 64 updates are under way at any time.
 - The polling floor's paced processor time includes its polling, which it pays when idle as well.
+- A car state and floats after a death are answered with the game clock: two readings, each of which
+  opens `/proc/uptime` anew (some 4 µs), and one send more.
 - A burst waits complete in the receive buffer of the stopped process before it is continued.
 - Instructions are counted by callgrind over 2000 and over 4000 updates; the difference counts.
 - System calls are counted by strace from the first receive of a burst to its last relay.
