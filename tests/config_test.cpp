@@ -7,8 +7,6 @@
 #include <string>
 
 #include "config/server_config.h"
-#include "util/number.h"
-#include "util/sflstr.h"
 
 namespace {
 
@@ -126,14 +124,6 @@ TEST(ConfigTest, TakesTheSampleWithoutAComplaint) {
   sample << std::ifstream(SAMPLE_CONFIG).rdbuf();
   EXPECT_EQ(load(sample.str(), std::nullopt), ServerConfig{}.WelcomeMessage + " \n"s);
   EXPECT_EQ(settings(), "16|0|0|16309|Unnamed Server|"s + ServerConfig{}.WelcomeMessage);
-}
-
-TEST(StringTest, ComparesAndTrims) {
-  EXPECT_EQ(compare_ignoring_case("ab", "aBc"), -'c');
-  EXPECT_EQ(compare_ignoring_case("\xFF", "a"), 0xFF - 'a');
-  std::string text = " \t\n\v\f\r a b \r\n";
-  EXPECT_STREQ(trim(text.data()), "a b");
-  EXPECT_DEATH(trim(nullptr), "^\nAssertion failed: sflstr, line [0-9]+\n$");
 }
 
 }  // namespace

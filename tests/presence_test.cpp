@@ -105,8 +105,6 @@ TEST_F(PresenceTest, ReportsGoToAllOthersBitForBit) {
   const Bytes updates[][2] = {
       {datagram(100, 16, {{1, {9, 9, 9}}, {4, position}}),
        datagram(200, 16, {{1, {30}}, {4, position}})},
-      {datagram(123, 12, {{1, {9, 9, 9}}, {4, nan}, {8, nan}}),
-       datagram(207, 12, {{4, nan}, {8, nan}})},
       {datagram(43, 80, {{1, {7, 9, 9}}, {4, position}, {16, CAR}}),
        datagram(204, 80, {{1, {30}}, {4, position}, {16, clean_car(CAR)}})},
       {datagram(124, 8, {{1, {77, 9, 9}}, {4, nan}}), datagram(208, 8, {{2, {77}}, {4, nan}})},
