@@ -85,13 +85,6 @@ void send_roster(unsigned place, std::span<const std::byte> datagram) {
   send_fanout(roster.fanout, roster.count - (left_one_out ? 1 : 0), datagram);
 }
 
-unsigned find_place(const sockaddr_in& address) {
-  for (unsigned place = 0; place < roster.count; ++place) {
-    if (same_endpoint(*roster.addresses[place], address)) return place;
-  }
-  return NO_PLACE;
-}
-
 // For the other threads, rarely: with copies, since the main thread may be writing addresses.
 void broadcast_copies(std::span<const std::byte> datagram, const sockaddr_in* left_out) {
   std::array<sockaddr_in, TABLE_SIZE> copies;
@@ -117,9 +110,7 @@ void broadcast_all(std::span<const std::byte> datagram) {
 }
 
 void broadcast_except_sender(std::span<const std::byte> datagram, const sockaddr_in& sender) {
-  if (!on_main_thread()) return broadcast_copies(datagram, &sender);
-  refresh_roster();
-  send_roster(find_place(sender), datagram);
+  broadcast_copies(datagram, &sender);
 }
 
 void broadcast_except_slot(std::span<const std::byte> datagram, std::uint8_t sender) {

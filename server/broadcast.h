@@ -14,7 +14,8 @@
 // To every player in the game. Any thread.
 void broadcast_all(std::span<const std::byte> datagram);
 
-// To every player in the game but the one at this address. Any thread.
+// To every player in the game but the one at this address. Any thread; the handlers, which know the
+// slot, have the quicker way below.
 void broadcast_except_sender(std::span<const std::byte> datagram, const sockaddr_in& sender);
 
 // The same by the sender's slot, which the handlers know. Main thread.
