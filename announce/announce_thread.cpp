@@ -1,7 +1,5 @@
 #include "announce/announce_thread.h"
 
-#include <pthread.h>
-
 #include <cstdio>
 
 #include "announce/master_requests.h"
@@ -14,9 +12,11 @@ static void say_refused() {
   std::printf("Could not announce server at the zol master server - Check your config...\n");
 }
 
-// Once listed, a server of CatchPinkPanther starts with a clean choice.
+// Once listed, a server of CatchPinkPanther begins with a new choice.
 static void ask_for_first_pinkpanther() {
-  for (PlayerSlot& slot : playable_slots()) slot.is_pinkpanther = 0;
+  for (Slot slot = 0; slot < server_config.maxClients; ++slot) {
+    player_table[slot].is_pinkpanther = 0;
+  }
   pinkpanther_reselect = server_config.GameType == CATCH_PINKPANTHER ? 1 : 0;
 }
 
@@ -54,13 +54,8 @@ void announce_check(AnnounceState& state) {
 }
 
 void* announce_thread(void* /*unused*/) {
-  pthread_setname_np(pthread_self(), "zol-announce");
   AnnounceState state;
-  if (!announce_first(state)) {
-    // Nobody joins this thread; so its stack does not stay until the process ends.
-    pthread_detach(pthread_self());
-    return nullptr;
-  }
+  if (!announce_first(state)) return nullptr;
   for (;;) {
     announce_check(state);
     sleep_us(ANNOUNCE_CHECK_PERIOD_US);

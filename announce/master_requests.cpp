@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr int BUDGET =
-    1000;  // repetitions of a write or a read that finds the connection not ready
+// How often a write or a read is repeated that finds the connection not ready.
+constexpr int BUDGET = 1000;
 constexpr std::uint32_t PAUSE_US = 10'000;
 constexpr std::size_t REPLY_SIZE = 512;  // bytes of the one read that is judged
 constexpr std::string_view VERDICT_MARKER = "  \r\n";
@@ -33,7 +33,7 @@ struct Reply {
   std::size_t length;
 };
 
-// The name as the query carries it: nothing but its blanks is replaced.
+// The name as the query carries it: only blanks are replaced.
 using QueryName = std::array<char, sizeof server_config.ServerName>;
 
 QueryName query_name() {
@@ -43,10 +43,11 @@ QueryName query_name() {
   return name;
 }
 
-// What both requests say behind their first line of this length. Lines end in bare line feeds.
-void append_headers(Request& request, int length) {
-  const auto used = static_cast<std::size_t>(length);
-  std::snprintf(request.data() + used, request.size() - used,
+// last: the parameter at the end, which tells the two requests apart. Lines end in bare line feeds.
+Request make_request(std::int32_t players, const char* last) {
+  Request request;
+  std::snprintf(request.data(), request.size(),
+                "GET /cgi-bin/zol.pl?name=%s&p=%d&mp=%d&gt=%d&port=%s&v=%d&%s HTTP/1.1\n"
                 "Host: %s\n"
                 "User-Agent: ZOL/0.1 (%s)\n"
                 "Accept: */*;q=0.1\n"
@@ -54,25 +55,9 @@ void append_headers(Request& request, int length) {
                 "Keep-Alive: 300\n"
                 "Connection: keep-alive\n"
                 "\n",
-                MASTER_HOST, MASTER_HOST);
-}
-
-void build_announce(Request& request) {
-  const int length =
-      std::snprintf(request.data(), request.size(),
-                    "GET /cgi-bin/zol.pl?name=%s&p=%d&mp=%d&gt=%d&port=%s&v=%d&os=lin HTTP/1.1\n",
-                    query_name().data(), count_used_slots(), server_config.maxClients,
-                    server_config.GameType, server_config.Port, PROTOCOL_VERSION);
-  append_headers(request, length);
-}
-
-void build_removal(Request& request) {
-  const int length = std::snprintf(
-      request.data(), request.size(),
-      "GET /cgi-bin/zol.pl?name=%s&p=0&mp=%d&gt=%d&port=%s&v=%d&disconnect=1 HTTP/1.1\n",
-      query_name().data(), server_config.maxClients, server_config.GameType, server_config.Port,
-      PROTOCOL_VERSION);
-  append_headers(request, length);
+                query_name().data(), players, server_config.maxClients, server_config.GameType,
+                server_config.Port, PROTOCOL_VERSION, last, MASTER_HOST, MASTER_HOST);
+  return request;
 }
 
 // Repeats an attempt while it gives -1 and the budget lasts. The budget decides: an attempt that
@@ -87,20 +72,20 @@ bool succeeds_in_time(Attempt attempt) {
   return budget > 0;
 }
 
-// Sends a request and takes the first piece of the reply. False when that failed, its line printed;
-// a connection that was made is then left open.
-bool exchange(const Request& request, Reply& reply) {
+// Makes a request and takes the first piece of the reply. False when that failed, and its line was
+// printed; a connection that was made then stays open.
+bool exchange(std::int32_t players, const char* last, Reply& reply) {
   if (socket_layer_start() == -1) {
     std::printf("Error setting up network connection - Error message: %s\n", system_error_text());
     return false;
   }
+  const Request request = make_request(players, last);
   const auto length = static_cast<unsigned>(std::strlen(request.data()));
   const int handle = tcp_connect(MASTER_HOST, MASTER_SERVICE);
   int received = -1;
-  if (handle == -1 ||
-      !succeeds_in_time([&] { return tcp_write(handle, request.data(), length); }) ||
-      !succeeds_in_time(
-          [&] { return received = tcp_read(handle, reply.bytes.data(), REPLY_SIZE); })) {
+  const auto write = [&] { return tcp_write(handle, request.data(), length); };
+  const auto read = [&] { return received = tcp_read(handle, reply.bytes.data(), REPLY_SIZE); };
+  if (handle == -1 || !succeeds_in_time(write) || !succeeds_in_time(read)) {
     say_no_connection();
     return false;
   }
@@ -114,12 +99,10 @@ bool exchange(const Request& request, Reply& reply) {
 }  // namespace
 
 std::int8_t master_announce() {
-  Request request;
   Reply reply;
-  build_announce(request);
-  if (!exchange(request, reply)) return MASTER_RESULT_NO_ANSWER;
-  const std::string_view read(reply.bytes.data(), reply.length);
-  const std::size_t marker = read.find(VERDICT_MARKER);
+  if (!exchange(count_used_slots(), "os=lin", reply)) return MASTER_RESULT_NO_ANSWER;
+  const std::string_view text(reply.bytes.data(), reply.length);
+  const std::size_t marker = text.find(VERDICT_MARKER);
   if (marker == std::string_view::npos) {
     say_no_connection();
     return MASTER_RESULT_NO_ANSWER;
@@ -128,10 +111,8 @@ std::int8_t master_announce() {
 }
 
 void master_remove_server() {
-  Request request;
   Reply reply;
   std::printf("Removing server from master list: ");
   std::fflush(stdout);
-  build_removal(request);
-  if (exchange(request, reply)) std::printf("success\n");
+  if (exchange(0, "disconnect=1", reply)) std::printf("success\n");
 }

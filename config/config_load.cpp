@@ -1,5 +1,4 @@
 #include <array>
-#include <cctype>
 #include <cstddef>
 #include <cstdio>
 #include <limits>
@@ -29,19 +28,7 @@ bool is_line_end(int c) {
 }
 
 void skip_rest_of_line(std::FILE* file) {
-  int c;
-  do {
-    c = std::getc(file);
-  } while (c != EOF && !is_line_end(c));
-}
-
-// The first character that is not white space, or EOF.
-int skip_white_space(std::FILE* file) {
-  int c;
-  do {
-    c = std::getc(file);
-  } while (c != EOF && std::isspace(c) != 0);
-  return c;
+  for (int c = std::getc(file); c != EOF && !is_line_end(c);) c = std::getc(file);
 }
 
 // Line ends are part of a key: only '=' and the end of the file end one.
@@ -55,12 +42,11 @@ void read_key(std::FILE* file, int first, char (&key)[KEY_WIDTH]) {
 
 // Reads up to the line end or a '#' and trims. A comment behind the value is dropped with its line.
 void read_text(ConfigReader& reader) {
-  constexpr std::int32_t limit = std::numeric_limits<std::int32_t>::max();
   std::size_t stored = 0;
   reader.work_integer = 0;
   int c = std::getc(reader.file);
   for (; c != EOF && !is_line_end(c) && c != '#'; c = std::getc(reader.file)) {
-    if (reader.work_integer < limit) ++reader.work_integer;
+    if (reader.work_integer < std::numeric_limits<std::int32_t>::max()) ++reader.work_integer;
     if (stored < VALUE_WIDTH - 1) reader.value[stored++] = static_cast<char>(c);
   }
   reader.value[stored] = '\0';
@@ -68,34 +54,16 @@ void read_text(ConfigReader& reader) {
   if (c == '#') skip_rest_of_line(reader.file);
 }
 
-// As scanf(3) reads "%s"; the white space behind the word stays unread.
+// What does not fit stays unread, for the caller to skip with the rest of the line.
 void read_word(ConfigReader& reader) {
-  std::size_t stored = 0;
-  int c = skip_white_space(reader.file);
-  for (; c != EOF && std::isspace(c) == 0; c = std::getc(reader.file)) {
-    if (stored < VALUE_WIDTH - 1) reader.value[stored++] = static_cast<char>(c);
-  }
-  reader.value[stored] = '\0';
-  std::ungetc(c, reader.file);
+  static_assert(VALUE_WIDTH == 64);
+  if (std::fscanf(reader.file, "%63s", reader.value) != 1) reader.value[0] = '\0';
 }
 
-// As scanf(3) reads "%d" with a 32-bit long: a sign is consumed even when no digit follows, and a
-// number out of range becomes the nearest limit. Without digits the work integer keeps its value.
+// Without digits the work integer keeps its value; a sign is consumed all the same.
 void read_number(ConfigReader& reader) {
-  using Limits = std::numeric_limits<std::int32_t>;
-  int c = skip_white_space(reader.file);
-  const bool negative = c == '-';
-  if (c == '-' || c == '+') c = std::getc(reader.file);
-  if (c != EOF && std::isdigit(c) != 0) {
-    std::int64_t value = 0;
-    for (; c != EOF && std::isdigit(c) != 0; c = std::getc(reader.file)) {
-      value = value * 10 + (negative ? '0' - c : c - '0');
-      if (value > Limits::max()) value = Limits::max();
-      if (value < Limits::min()) value = Limits::min();
-    }
-    reader.work_integer = static_cast<std::int32_t>(value);
-  }
-  std::ungetc(c, reader.file);
+  long number = 0;
+  if (std::fscanf(reader.file, "%ld", &number) == 1) reader.work_integer = clamp_to_int32(number);
 }
 
 template <std::size_t width>

@@ -1,7 +1,7 @@
 // The server's settings, and the reader of the file that sets them.
 //
-// The record is written by config_load alone, before any other thread exists; from then on every
-// thread may read it without further ado.
+// config_load writes the record before any other thread exists. It never changes afterwards, so
+// every thread may read it.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct ServerConfig {
   std::int32_t maxClients = 16;     // MIN_CLIENTS to MAX_CLIENTS: slots that are given to players
   std::uint8_t AnnounceServer = 0;  // 1: listed on the master server
   std::uint8_t GameType = DEATHMATCH;
-  char Port[26] = "16309";  // kept as written; the socket layer makes the port number of it
+  char Port[26] = "16309";  // as written; the socket layer turns it into a number
   char ServerName[32] = "Unnamed Server";
   char WelcomeMessage[64] = "Welcome to this Harn Tor Multiplayer Server - have fun";
 };

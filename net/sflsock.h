@@ -11,10 +11,11 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 enum SocketError : std::int32_t {
   SOCKERR_NONE = 0,
@@ -41,13 +42,8 @@ inline constexpr std::array<const char*, 9> SOCKET_ERROR_TEXTS = {
     "Connection failed on listen()",
 };
 
-// One datagram to many addresses, as sendmmsg(2) takes it. Prepared once and sent often: between
-// two sends only what differs is written anew.
-inline constexpr unsigned MAX_DESTINATIONS = 32;
-struct UdpFanout {
-  iovec payload{};
-  std::array<mmsghdr, MAX_DESTINATIONS> messages{};
-};
+// The most addresses of one udp_send_to_each.
+inline constexpr std::size_t MAX_DESTINATIONS = 32;
 
 // Before the first use of the layer and after the last, in any nesting. 0 on success, -1 on
 // failure; on this platform they have nothing to do and cannot fail.
@@ -59,33 +55,24 @@ int socket_layer_stop();
 // number is ignored. Returns the handle, or -1 with socket_error_code set.
 int udp_open_port(const char* port_text);
 
-// Whether the system has a way to this address: false for one that every send would fail to, such
-// as an unroutable or a broadcast address.
-bool udp_can_reach(const sockaddr_in* address);
+// Whether a send from this socket to this address could leave: false, with errno set, for port 0
+// and for an unroutable or a broadcast address. Sends nothing.
+bool udp_can_reach(int handle, const sockaddr_in* address);
 
 // recvfrom(2): fills buffer and sender. Returns the bytes stored, 0 for an empty datagram; what is
 // longer than the buffer is lost. -1 with errno set, EAGAIN when nothing is waiting.
 int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender);
 
-// Both sends wait for room while the send buffer is full, up to 100 ms in a call, before that is a
-// failure; a signal never is one.
+// Both ways to send wait up to 100 ms in a call while the send buffer is full; only then they fail.
+// A signal is no failure.
 
 // sendto(2): sends the whole buffer as one datagram. Returns length, or -1 with errno set.
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination);
 
-// Makes an address, which must outlive the fan-out, its destination at this index.
-inline void set_destination(UdpFanout& fanout, unsigned index, const sockaddr_in* destination) {
-  fanout.messages[index].msg_hdr.msg_name = const_cast<sockaddr_in*>(destination);
-}
-
-// Fills what all of the fan-out's messages have in common. Once, before it is used.
-void prepare_fanout(UdpFanout& fanout);
-
-// sendmmsg(2): sends the buffer as one datagram to each of the first count destinations, in order,
-// and stops at the first that cannot be served. Returns the number served; below count errno holds
-// the reason.
-unsigned udp_send_fanout(int handle, UdpFanout& fanout, unsigned count, const void* buffer,
-                         unsigned length);
+// sendmmsg(2): sends the payload as one datagram to each of the destinations, in order. At the
+// first that cannot be served it stops and returns false with errno set.
+bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
+                      std::span<const std::byte> payload);
 
 // Opens a non-blocking TCP connection, made or still under way; three attempts in a row when the
 // system refuses at once. The host is a name or a dotted address, null or empty for this machine;

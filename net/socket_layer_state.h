@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <optional>
 
 #include "net/sflsock.h"
 
@@ -24,8 +25,6 @@ struct SocketLayerState {
 };
 
 static_assert(std::atomic<SocketError>::is_always_lock_free);
-static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
-static_assert(std::atomic<std::int16_t>::is_always_lock_free);
 
 extern SocketLayerState socket_layer_state;
 
@@ -40,8 +39,18 @@ int new_inet_socket(const char* protocol);
 void apply_nonblocking(int handle);
 bool is_socket(int handle);
 
-// The port of a service in host byte order, or -1 when the services database has none.
-int find_service_port(const char* service, const char* protocol);
+// Keeps the error as the last one; -1, for the caller to return.
+int fail(SocketError error);
+
+inline const sockaddr* generic(const sockaddr_in* address) {
+  return reinterpret_cast<const sockaddr*>(address);
+}
+
+// The port of a service in host byte order; none when the services database has none.
+std::optional<std::uint16_t> find_service_port(const char* service, const char* protocol);
+
+// None when the protocols database does not know it.
+std::optional<int> find_protocol_number(const char* protocol);
 
 // Fills endpoint from a host and a service as tcp_connect takes them; an unknown service without
 // digits gives port 0. 0 on success, -1 with the last error set.

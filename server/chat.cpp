@@ -18,7 +18,7 @@ static ChatText chat_text_of(const Datagram& datagram) {
   return text;
 }
 
-void handle_chat(std::uint8_t slot, const Datagram& datagram) {
+void handle_chat(Slot slot, const Datagram& datagram) {
   const char* name = player_table[slot].name.data();
   const ChatText text = chat_text_of(datagram);
   std::printf("Message from \"%s\": \"%s\"\n", name, text.data());

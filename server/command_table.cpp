@@ -6,17 +6,15 @@
 #include "server/handlers.h"
 #include "server/pinkpanther.h"
 #include "server/player_table.h"
-#include "server/server_state.h"
 
 namespace {
 
-constexpr std::uint8_t FIRST_CODE = 2;
-constexpr std::uint8_t LAST_CODE = 124;
+using enum ClientCommand;
 
-using Handler = void (*)(std::uint8_t slot, const Datagram& datagram);
+using Handler = void (*)(Slot slot, const Datagram& datagram);
 
 struct Command {
-  std::uint8_t code;
+  ClientCommand code;
   Handler handler;
 };
 
@@ -42,30 +40,21 @@ constexpr Command COMMANDS[] = {
     {CMD_CAR_STATUS, handle_car_status},
 };
 
-// Indexed by the code minus FIRST_CODE; null where there is no command.
-using HandlerTable = std::array<Handler, LAST_CODE - FIRST_CODE + 1>;
-
-constexpr HandlerTable make_handler_table() {
-  HandlerTable table{};
-  for (const Command& command : COMMANDS) table[command.code - FIRST_CODE] = command.handler;
+// Indexed by the code; null where there is no command.
+constexpr auto HANDLERS = [] {
+  std::array<Handler, 256> table{};
+  for (const auto& [code, handler] : COMMANDS) table[static_cast<std::size_t>(code)] = handler;
   return table;
-}
-
-constexpr HandlerTable HANDLERS = make_handler_table();
-
-Handler find_handler(std::uint8_t code) {
-  if (code < FIRST_CODE || code > LAST_CODE) return nullptr;
-  return HANDLERS[code - FIRST_CODE];
-}
+}();
 
 void run_handler(std::uint8_t code, const Datagram& datagram) {
-  const Handler handler = find_handler(code);
+  const Handler handler = HANDLERS[code];
   if (handler == nullptr) {
     std::printf("Unknown Command: %d \n", code);
     return;
   }
-  const std::uint8_t slot = find_slot_by_address(datagram.sender);
-  if (slot != NO_SLOT || code == CMD_JOIN) handler(slot, datagram);
+  const Slot slot = find_slot_by_address(datagram.sender);
+  if (slot != NO_SLOT || handler == handle_join) handler(slot, datagram);
 }
 
 }  // namespace

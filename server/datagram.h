@@ -13,7 +13,7 @@
 struct Datagram {
   // The receive buffer: behind the received bytes lie those of earlier datagrams.
   const std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>& bytes;
-  std::size_t received;  // bytes; only the chat heeds it
+  std::size_t received;  // bytes; only the chat looks at it
   sockaddr_in sender;
 };
 

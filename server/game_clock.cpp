@@ -17,8 +17,6 @@ std::uint8_t game_minute() {
 }
 
 void send_game_clock(const sockaddr_in& destination) {
-  GameClock answer;
-  answer.hour = game_hour();
-  answer.minute = game_minute();
+  const GameClock answer{.hour = game_hour(), .minute = game_minute()};
   send_record(destination, answer, SendErrorText::WITHOUT_BLANK);
 }

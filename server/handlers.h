@@ -1,6 +1,6 @@
-// One function a command, each on the main thread. A handler gets the sender's slot, which is in
-// use; the join gets NO_SLOT from a stranger. It reads its fixed offsets whatever the length of the
-// datagram, whatever came with it, and stores before it relays.
+// One function for each command, all on the main thread. A handler gets the slot of the sender;
+// only the join is also called for a stranger, with NO_SLOT. A handler reads its fixed offsets
+// whatever the length of the datagram, and stores before it relays.
 #pragma once
 
 #include <cstdint>
@@ -8,31 +8,31 @@
 #include "server/datagram.h"
 
 // membership.cpp
-void handle_join(std::uint8_t slot, const Datagram& datagram);
-void handle_leave(std::uint8_t slot, const Datagram& datagram);
+void handle_join(Slot slot, const Datagram& datagram);
+void handle_leave(Slot slot, const Datagram& datagram);
 
 // presence.cpp
-void handle_ping_reply(std::uint8_t slot, const Datagram& datagram);
-void handle_enter_game(std::uint8_t slot, const Datagram& datagram);
-void handle_get_player_info(std::uint8_t slot, const Datagram& datagram);
-void handle_get_player_state(std::uint8_t slot, const Datagram& datagram);
+void handle_ping_reply(Slot slot, const Datagram& datagram);
+void handle_enter_game(Slot slot, const Datagram& datagram);
+void handle_get_player_info(Slot slot, const Datagram& datagram);
+void handle_get_player_state(Slot slot, const Datagram& datagram);
 
 // chat.cpp
-void handle_chat(std::uint8_t slot, const Datagram& datagram);
+void handle_chat(Slot slot, const Datagram& datagram);
 
 // vehicles.cpp
-void handle_vehicle(std::uint8_t slot, const Datagram& datagram);
-void handle_car_state(std::uint8_t slot, const Datagram& datagram);
-void handle_leave_car(std::uint8_t slot, const Datagram& datagram);
-void handle_foot_update(std::uint8_t slot, const Datagram& datagram);
-void handle_car_block_a(std::uint8_t slot, const Datagram& datagram);
-void handle_car_block_b(std::uint8_t slot, const Datagram& datagram);
-void handle_car_status(std::uint8_t slot, const Datagram& datagram);
+void handle_vehicle(Slot slot, const Datagram& datagram);
+void handle_car_state(Slot slot, const Datagram& datagram);
+void handle_leave_car(Slot slot, const Datagram& datagram);
+void handle_foot_update(Slot slot, const Datagram& datagram);
+void handle_car_block_a(Slot slot, const Datagram& datagram);
+void handle_car_block_b(Slot slot, const Datagram& datagram);
+void handle_car_status(Slot slot, const Datagram& datagram);
 
 // combat.cpp
-void handle_weapon(std::uint8_t slot, const Datagram& datagram);
-void handle_died(std::uint8_t slot, const Datagram& datagram);
+void handle_weapon(Slot slot, const Datagram& datagram);
+void handle_died(Slot slot, const Datagram& datagram);
 
 // movement.cpp
-void handle_position_update(std::uint8_t slot, const Datagram& datagram);
-void handle_state_floats(std::uint8_t slot, const Datagram& datagram);
+void handle_position_update(Slot slot, const Datagram& datagram);
+void handle_state_floats(Slot slot, const Datagram& datagram);

@@ -1,12 +1,12 @@
 #include "server/liveness.h"
 
-#include <pthread.h>
-
 #include <cstdio>
 
 #include "config/server_config.h"
 #include "server/clock.h"
+#include "server/membership.h"
 #include "server/player_table.h"
+#include "server/seams.h"
 #include "server/sending.h"
 #include "server/server_state.h"
 
@@ -19,49 +19,50 @@ static std::int32_t ms_between(std::uint32_t since, std::uint32_t now) {
   return static_cast<std::int32_t>(now - since);
 }
 
-// Flags of the role stay with the slot; only a choice moves them.
-static void time_out(PlayerSlot& slot, std::uint8_t number) {
-  const std::array<char, NAME_WIDTH> name = copy_name(slot);
-  const sockaddr_in address = copy_address(slot);
-  if (!free_slot(slot)) return;
-  std::printf("%s, Player [%d] timed out\n", name.data(), number);
-  PlayerLeft notice;
-  notice.slot = number;
-  broadcast_except_sender(bytes_of(notice), address);
-  --player_count;
+// The PinkPanther's flag stays with the slot, for whoever joins it next.
+static void time_out(Slot slot, Seat seen) {
+  PlayerSlot& player = player_table[slot];
+  pass_seam(Seam::TIME_OUT_DECIDED);
+  if (!change_seat(player, seen, SeatState::LEAVING)) return;
+  pass_seam(Seam::TIMED_OUT);
+  std::printf("%s, Player [%d] timed out\n", player.name.data(), slot);
+  finish_leaving(slot);
 }
 
-static void ping(PlayerSlot& slot, std::uint32_t now) {
-  send_record(copy_address(slot), Ping{}, SendErrorText::WITHOUT_BLANK);
-  if (slot.ping_sent < slot.last_heard) slot.ping_sent = now;
+static void ping(PlayerSlot& player, Seat seen, std::uint32_t now) {
+  sockaddr_in address;
+  if (!read_address(player, seen, address)) return;
+  send_record(address, Ping{}, SendErrorText::WITHOUT_BLANK);
+  if (player.ping_sent < player.last_heard) player.ping_sent = now;
 }
 
+static void check_player(Slot slot, std::uint32_t now) {
+  PlayerSlot& player = player_table[slot];
+  const Seat seen = player.seat;
+  if (!is_used(seen)) return;
+  if (ms_between(player.last_heard, now) > SILENCE_LIMIT_MS) {
+    time_out(slot, seen);
+  } else if (seen.state == SeatState::IN_GAME) {
+    ping(player, seen, now);
+  }
+}
+
+// reselect is read before since: the main thread clears it after a choice, behind since. The other
+// way round this could see the time from before a choice and the flag from after it.
 static void rotate_pinkpanther(std::uint32_t now) {
-  if (server_config.GameType == CATCH_PINKPANTHER &&
-      ms_between(pinkpanther_since, now) > PINKPANTHER_TERM_MS && pinkpanther_reselect == 0 &&
-      player_count > 1) {
+  if (server_config.GameType == CATCH_PINKPANTHER && pinkpanther_reselect == 0 &&
+      ms_between(pinkpanther_since, now) > PINKPANTHER_TERM_MS && player_count > 1) {
     pinkpanther_reselect = 1;
   }
 }
 
 void ping_pass() {
   const std::uint32_t now = uptime_ms();
-  std::uint8_t number = 0;
-  for (PlayerSlot& slot : playable_slots()) {
-    if (slot.in_use != 0) {
-      if (ms_between(slot.last_heard, now) > SILENCE_LIMIT_MS) {
-        time_out(slot, number);
-      } else if (slot.in_game != 0) {
-        ping(slot, now);
-      }
-    }
-    ++number;
-  }
+  for (Slot slot = 0; slot < server_config.maxClients; ++slot) check_player(slot, now);
   rotate_pinkpanther(now);
 }
 
 void* ping_thread(void* /*unused*/) {
-  pthread_setname_np(pthread_self(), "zol-ping");
   for (;;) {
     ping_pass();
     sleep_us(PING_PERIOD_US);

@@ -5,7 +5,7 @@
 
 inline constexpr std::uint32_t PING_PERIOD_US = 10'000'000;
 
-// The thread's body: one pass at once, then one every PING_PERIOD_US. Takes and returns nothing.
+// The thread's body: one pass at once, then one every PING_PERIOD_US. It never returns.
 void* ping_thread(void* unused);
 
 // Times out the players that were silent for too long, pings the others that are in the game, and

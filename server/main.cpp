@@ -14,8 +14,8 @@
 #include "server/server_state.h"
 #include "server/shutdown.h"
 
-// Lines appear as they are printed, on a terminal, a pipe or a journal alike. A reader that goes
-// away must not take the server with it.
+// A line appears when it is printed, on a terminal, a pipe or a journal alike. That the reader ends
+// must not end the server.
 static void prepare_output() {
   static char buffer[BUFSIZ];
   std::setvbuf(stdout, buffer, _IOLBF, sizeof buffer);
@@ -48,16 +48,16 @@ int main() {
   std::printf("ZOL Server %s ONLINE [Port: %s]!!!\n--------------------------------------\n",
               SERVER_VERSION, server_config.Port);
   install_shutdown_handler();
-  if (server_config.AnnounceServer != 0 && !start_worker_thread(announce_thread)) {
+  if (server_config.AnnounceServer != 0 && !start_worker_thread("zol-announce", announce_thread)) {
     std::printf("Error while creating announce thread!\n");
     return EXIT_SUCCESS;
   }
-  if (!start_worker_thread(ping_thread)) {
+  if (!start_worker_thread("zol-ping", ping_thread)) {
     std::printf("Error while creating ping thread!\n");
     return EXIT_SUCCESS;
   }
   run_main_loop();
-  announce_shutdown();
+  tell_of_stop();
   if (server_config.AnnounceServer != 0) master_remove_server();
   return EXIT_FAILURE;
 }

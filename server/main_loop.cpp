@@ -12,11 +12,6 @@
 // the processor.
 static constexpr std::uint32_t ERROR_PAUSE_US = 50;
 
-// Nothing can be sent to port 0: a player from there would make every broadcast fail.
-static bool can_be_answered(const Datagram& datagram) {
-  return datagram.sender.sin_port != 0;
-}
-
 void drain_socket() {
   Datagram datagram{.bytes = receive_buffer, .received = 0, .sender = {}};
   while (!stop_requested()) {
@@ -24,7 +19,7 @@ void drain_socket() {
         udp_receive(server_socket, receive_buffer.data(), RECEIVE_BUFFER_SIZE, &datagram.sender);
     if (received >= 0) {
       datagram.received = static_cast<std::size_t>(received);
-      if (can_be_answered(datagram)) dispatch_datagram(datagram);
+      dispatch_datagram(datagram);
     } else if (errno == EAGAIN) {
       return;
     } else if (errno != EINTR) {

@@ -2,8 +2,6 @@
 // order of the slots. Main thread.
 #pragma once
 
-#include <cstdint>
-
 #include "server/player_table.h"
 
 // Makes the choice that some event has asked for. Runs after every datagram but a join.
@@ -11,4 +9,4 @@ void run_pinkpanther_step(std::uint8_t handled_code);
 
 // A player who leaves or dies gives the role up; while more than one player is joined, a new choice
 // is asked for. pinkpanther_slot keeps naming the slot until that choice.
-void give_up_pinkpanther(PlayerSlot& slot);
+void give_up_pinkpanther(PlayerSlot& player);

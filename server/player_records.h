@@ -1,18 +1,12 @@
-// Between a slot's fields and the blocks and records that carry them on the wire. Main thread.
+// Between a player's slot and the wire's blocks and records. Main thread.
 #pragma once
 
-#include <cstdint>
-
 #include "server/player_table.h"
-#include "server/protocol.h"
 
-void store_player_state(PlayerSlot& slot, const PlayerState& state);
-void store_car_state(PlayerSlot& slot, const CarState& car);
+// As reported, but for the unused bytes, which become zero.
+void store_state(PlayerSlot& player, const PlayerState& state);
+void store_car(PlayerSlot& player, const CarState& car);
 
-// All that the slot holds, whether or not the player sits in the car; unused bytes are zero.
-PlayerState player_state_of(const PlayerSlot& slot);
-CarState car_state_of(const PlayerSlot& slot);
-
-// The car is zero in both when the player is on foot.
-PlayerInfo player_info_of(std::uint8_t number, bool just_entered);
-PlayerStateReply player_state_reply_of(std::uint8_t number);
+// Both describe the player of a slot; the car is zero while the player is on foot.
+PlayerInfo player_info_of(Slot slot, bool just_entered);
+PlayerStateReply player_state_reply_of(Slot slot);

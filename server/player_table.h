@@ -1,92 +1,105 @@
-// The players: a fixed table of 32 slots, and the lookups in it.
+// The players: a fixed table of 32 slots, the life of a slot, and the look-ups.
 //
-// Threads, without a lock. Only the main thread joins players, so only it writes names and
-// addresses, and it may read them as plain memory. The ping thread frees slots beside it. What more
-// than one thread writes, or one writes while another reads, is atomic; a join publishes a slot by
-// storing in_use last, and whoever frees a slot does so by free_slot, which has one winner. What no
-// lock leaves open: a time-out that is decided in the very instant in which the silent player
-// leaves and another takes its slot frees the slot under the newcomer.
+// Threads share the table without a lock. Of a slot:
+//   seat            any thread reads and changes it; a change is made by compare-exchange
+//   address         the main thread writes it while the seat is FREE; any thread reads it
+//   name            the main thread writes it while the seat is FREE; the ping thread reads it
+//   while
+//                   it holds the seat in LEAVING
+//   is_pinkpanther  the main thread writes it, and the announce thread clears it once
+//   last_heard      the main thread writes it, the ping thread reads it
+//   ping_sent       the ping thread's alone
+//   all else        the main thread's alone
+//
+// What remains: a player who times out while the main thread handles its datagram may still have
+// that datagram stored, answered and relayed; the notice that it left may arrive before the relay.
+// A PinkPanther who is chosen at the moment of its time-out keeps the role until the next choice.
 #pragma once
 
 #include <netinet/in.h>
 
 #include <array>
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
-#include <span>
 
+#include "config/server_config.h"
 #include "server/protocol.h"
 
-inline constexpr std::size_t TABLE_SIZE = 32;
+enum class SeatState : std::uint32_t {
+  FREE,     // a join may take the slot
+  JOINED,   // a player has the slot and has not entered the game
+  IN_GAME,  // a player has the slot and gets broadcasts and pings
+  LEAVING,  // its player is gone, and the thread that says so tells the others: no look-up finds
+            // the player any more, no join can take the slot yet
+};
 
-// A slot that is freed keeps all but in_use and in_game. A join writes address, name, those two,
-// in_car, death_count, has_died and last_heard, and leaves the rest as the last player left it.
+// Who has a slot, in one word. Whoever decides something about a player acts on the seat that it
+// saw: when the player has left meanwhile, the tenancy or the state differs, and the act fails.
+struct Seat {
+  SeatState state = SeatState::FREE;
+  std::uint32_t tenancy = 0;  // counts the players who have had the slot
+
+  bool operator==(const Seat&) const = default;
+};
+
+// IPv4 address and UDP port, both in network byte order, in one word.
+struct Endpoint {
+  in_addr_t host = 0;
+  in_port_t port = 0;
+  std::uint16_t unused = 0;  // always 0, so that equal endpoints are equal words
+
+  bool operator==(const Endpoint&) const = default;
+};
+
+static_assert(std::atomic<Seat>::is_always_lock_free);
+static_assert(std::atomic<Endpoint>::is_always_lock_free);
+
+// A slot that becomes FREE keeps all its other values. A join writes address, name, in_car,
+// death_count, has_died and last_heard, and leaves the rest as the last player left it.
 struct PlayerSlot {
-  sockaddr_in address;  // as received; freed slots keep theirs
-  std::array<char, NAME_WIDTH> name;
-  std::atomic<std::uint8_t> in_use;   // a joined player holds the slot
-  std::atomic<std::uint8_t> in_game;  // it has entered the game: it gets broadcasts and pings
-  Position position;
-  FloatBits state_f1;
-  std::uint8_t state_b;  // the weapon type
-  FloatBits state_f2;
-  FloatBits state_f3;
-  std::uint8_t death_count;  // as the client counts
+  std::atomic<Seat> seat;
+  std::atomic<Endpoint> address;
+  std::array<char, NAME_WIDTH> name;  // ends with NUL
+  PlayerState state;                  // as reported, unused bytes zero
+  CarState car;                       // likewise; it outlives the ride
+  std::uint8_t in_car;                // non-zero: the player sits in car
+  std::uint8_t death_count;           // as the client counts
+  std::uint8_t has_died;              // 1: since the join
   std::atomic<std::uint8_t> is_pinkpanther;
-  std::uint8_t has_died;  // since the join
-  CarBlockA car_block_a;  // this and the other car fields outlive the ride
-  CarBlockB car_block_b;
-  std::uint8_t car_type;
-  std::uint8_t car_color1;
-  std::uint8_t car_color2;
-  std::uint8_t car_byte;
-  FloatBits car_float;
-  std::uint8_t in_car;                    // non-zero: sits in the car that the car fields describe
-  std::atomic<std::uint32_t> ping_sent;   // uptime_ms of the first ping after the last sign of life
+  std::uint32_t ping_sent;                // uptime_ms of the first ping after the last sign of life
   std::atomic<std::uint32_t> last_heard;  // uptime_ms; a join sets it 60000 ahead
 };
 
-static_assert(sizeof(sockaddr_in) == 16);
-
-using PlayerTable = std::array<PlayerSlot, TABLE_SIZE>;
+using PlayerTable = std::array<PlayerSlot, MAX_CLIENTS>;
 extern PlayerTable player_table;
 
-// Moves on with every change of who is in the game. Any thread.
-extern std::atomic<std::uint32_t> roster_version;
+Endpoint endpoint_of(const sockaddr_in& address);
+sockaddr_in socket_address_of(const Endpoint& endpoint);
 
-// The slots that are given to players, whatever their state. Any thread.
-std::span<PlayerSlot> playable_slots();
+bool is_used(const Seat& seat);   // JOINED or IN_GAME: the slot has a player
+std::int32_t count_used_slots();  // below maxClients; any thread
 
-// How many of them are in use. Any thread.
-std::int32_t count_used_slots();
+// The player at this IPv4 address and port, NO_SLOT for none. Main thread.
+Slot find_slot_by_address(const sockaddr_in& address);
 
-// Whether IPv4 address and port are the same.
-bool same_endpoint(const sockaddr_in& left, const sockaddr_in& right);
+// The lowest slot that a join may take, NO_SLOT for none. Main thread.
+Slot find_free_slot();
 
-// The player at this IPv4 address and port, or NO_SLOT. Main thread.
-std::uint8_t find_slot_by_address(const sockaddr_in& address);
+// The next slot with a player, in slot order, around the end of the table and up to the slot
+// itself; from slot 0 on for NO_SLOT. NO_SLOT when there is none. Looks at all 32. Main thread.
+Slot next_used_slot(Slot slot);
 
-// The lowest slot that a join may take, or -1. Main thread.
-std::int8_t find_free_slot();
+// From FREE to JOINED, with this address; everything else must have been written before. Main
+// thread.
+void take_seat(PlayerSlot& player, const sockaddr_in& address);
 
-// The first slot in use behind this one, around the end of the table and up to the slot itself;
-// from the first slot on for NO_SLOT; -1 when none is in use. Looks at all slots. Main thread.
-std::int8_t next_used_slot(std::uint8_t slot);
+// The seat moves on from what was seen to another state. False when it has changed since: then
+// nothing was done. Any thread.
+bool change_seat(PlayerSlot& player, Seat seen, SeatState state);
 
-// Makes a slot a joined player's with this address and name; everything else must have been
-// written before. Main thread.
-void occupy_slot(PlayerSlot& slot, const sockaddr_in& address, const char* name);
+// From JOINED or IN_GAME to another state. False when the player is gone. Main thread, since no
+// other can seat someone else meanwhile.
+bool change_used_seat(PlayerSlot& player, SeatState state);
 
-// Lets the player of a slot into the game. Main thread.
-void enter_game(PlayerSlot& slot);
-
-// Takes the player out of the game and off the table. False when another thread has just done so:
-// then that thread tells the others and counts the player out. Any thread.
-bool free_slot(PlayerSlot& slot);
-
-// Copies of what the main thread may be writing. For the other threads: when the slot changes hands
-// during the copy, it may mix the old and the new player's, which at worst misprints a name or
-// sends one datagram astray. The name's last byte is always NUL.
-std::array<char, NAME_WIDTH> copy_name(PlayerSlot& slot);
-sockaddr_in copy_address(PlayerSlot& slot);
+// The address of the player seen in this seat. False when the seat has changed since. Any thread.
+bool read_address(const PlayerSlot& player, Seat seen, sockaddr_in& address);

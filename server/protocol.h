@@ -25,51 +25,58 @@ inline constexpr std::size_t NAME_WIDTH = 64;  // bytes, terminating NUL include
 inline constexpr std::size_t TEXT_WIDTH = 64;
 inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // what is longer on the wire is cut
 
-inline constexpr std::uint8_t NOBODY = 100;  // in CMD_PINKPANTHER: there is no PinkPanther
+using Slot = std::uint8_t;  // a player's number
+inline constexpr Slot NO_SLOT = 255;
+inline constexpr Slot NOBODY = 100;  // in CMD_PINKPANTHER alone: there is no PinkPanther
 
 // Client to server.
-inline constexpr std::uint8_t CMD_PING_REPLY = 2;
-inline constexpr std::uint8_t CMD_JOIN = 10;
-inline constexpr std::uint8_t CMD_ENTER_GAME = 15;
-inline constexpr std::uint8_t CMD_CHAT = 31;
-inline constexpr std::uint8_t CMD_GET_PLAYER_INFO = 40;
-inline constexpr std::uint8_t CMD_GET_PLAYER_STATE = 41;
-inline constexpr std::uint8_t CMD_VEHICLE = 43;
-inline constexpr std::uint8_t CMD_PLAYER_LEFT = 60;  // both directions
-inline constexpr std::uint8_t CMD_POSITION_UPDATE = 100;
-inline constexpr std::uint8_t CMD_CAR_STATE = 101;
-inline constexpr std::uint8_t CMD_LEAVE_CAR = 102;
-inline constexpr std::uint8_t CMD_DIED = 103;
-inline constexpr std::uint8_t CMD_FOOT_UPDATE = 110;
-inline constexpr std::uint8_t CMD_CAR_BLOCK_A = 120;
-inline constexpr std::uint8_t CMD_CAR_BLOCK_B = 121;
-inline constexpr std::uint8_t CMD_WEAPON = 122;
-inline constexpr std::uint8_t CMD_STATE_FLOATS = 123;
-inline constexpr std::uint8_t CMD_CAR_STATUS = 124;
+enum class ClientCommand : std::uint8_t {
+  CMD_PING_REPLY = 2,
+  CMD_JOIN = 10,
+  CMD_ENTER_GAME = 15,
+  CMD_CHAT = 31,
+  CMD_GET_PLAYER_INFO = 40,
+  CMD_GET_PLAYER_STATE = 41,
+  CMD_VEHICLE = 43,
+  CMD_PLAYER_LEFT = 60,
+  CMD_POSITION_UPDATE = 100,
+  CMD_CAR_STATE = 101,
+  CMD_LEAVE_CAR = 102,
+  CMD_DIED = 103,
+  CMD_FOOT_UPDATE = 110,
+  CMD_CAR_BLOCK_A = 120,
+  CMD_CAR_BLOCK_B = 121,
+  CMD_WEAPON = 122,
+  CMD_STATE_FLOATS = 123,
+  CMD_CAR_STATUS = 124,
+};
 
 // Server to client.
-inline constexpr std::uint8_t CMD_PING = 1;
-inline constexpr std::uint8_t CMD_JOIN_REFUSED_FULL = 12;
-inline constexpr std::uint8_t CMD_JOIN_REFUSED_VERSION = 14;
-inline constexpr std::uint8_t CMD_ENTER_GAME_REPLY = 16;
-inline constexpr std::uint8_t CMD_JOIN_ACCEPTED = 17;
-inline constexpr std::uint8_t CMD_SERVER_SHUTDOWN = 19;
-inline constexpr std::uint8_t CMD_CHAT_LINE = 30;
-inline constexpr std::uint8_t CMD_NOT_IN_CAR = 41;
-inline constexpr std::uint8_t CMD_PLAYER_INFO = 42;
-inline constexpr std::uint8_t CMD_PLAYER_STATE = 43;
-inline constexpr std::uint8_t CMD_GAME_CLOCK = 72;
-inline constexpr std::uint8_t CMD_PLAYER_POSITION = 200;
-inline constexpr std::uint8_t CMD_PLAYER_FOOT_UPDATE = 201;
-inline constexpr std::uint8_t CMD_PLAYER_CAR_BLOCK_A = 202;
-inline constexpr std::uint8_t CMD_PLAYER_CAR_BLOCK_B = 203;
-inline constexpr std::uint8_t CMD_PLAYER_GOT_CAR = 204;
-inline constexpr std::uint8_t CMD_PLAYER_LEFT_CAR = 205;
-inline constexpr std::uint8_t CMD_PLAYER_WEAPON = 206;
-inline constexpr std::uint8_t CMD_PLAYER_STATE_FLOATS = 207;
-inline constexpr std::uint8_t CMD_PLAYER_CAR_STATUS = 208;
-inline constexpr std::uint8_t CMD_PINKPANTHER = 209;
-inline constexpr std::uint8_t CMD_PLAYER_DIED = 220;
+enum class ServerCommand : std::uint8_t {
+  CMD_PING = 1,
+  CMD_JOIN_REFUSED_FULL = 12,
+  CMD_JOIN_REFUSED_VERSION = 14,
+  CMD_ENTER_GAME_REPLY = 16,
+  CMD_JOIN_ACCEPTED = 17,
+  CMD_SERVER_SHUTDOWN = 19,
+  CMD_CHAT_LINE = 30,
+  CMD_NOT_IN_CAR = 41,
+  CMD_PLAYER_INFO = 42,
+  CMD_PLAYER_STATE = 43,
+  CMD_PLAYER_LEFT = 60,
+  CMD_GAME_CLOCK = 72,
+  CMD_PLAYER_POSITION = 200,
+  CMD_PLAYER_FOOT_UPDATE = 201,
+  CMD_PLAYER_CAR_BLOCK_A = 202,
+  CMD_PLAYER_CAR_BLOCK_B = 203,
+  CMD_PLAYER_GOT_CAR = 204,
+  CMD_PLAYER_LEFT_CAR = 205,
+  CMD_PLAYER_WEAPON = 206,
+  CMD_PLAYER_STATE_FLOATS = 207,
+  CMD_PLAYER_CAR_STATUS = 208,
+  CMD_PINKPANTHER = 209,
+  CMD_PLAYER_DIED = 220,
+};
 
 // A float of the clients, carried as its bits.
 using FloatBits = std::uint32_t;
@@ -105,14 +112,14 @@ struct CarState {
 // Client to server.
 
 struct JoinRequest {
-  std::uint8_t command = CMD_JOIN;
+  ClientCommand command = ClientCommand::CMD_JOIN;
   std::array<char, NAME_WIDTH> name{};
   Unused<1> unused_1{};
   std::array<std::uint8_t, 2> version{};  // little-endian, PROTOCOL_VERSION
 };
 
 struct EnterGame {
-  std::uint8_t command = CMD_ENTER_GAME;
+  ClientCommand command = ClientCommand::CMD_ENTER_GAME;
   Unused<3> unused_1{};
   PlayerState state{};
   std::uint8_t in_car = 0;  // 0: on foot, and car is not read
@@ -121,18 +128,18 @@ struct EnterGame {
 };
 
 struct SlotQuery {
-  std::uint8_t command = 0;  // CMD_GET_PLAYER_INFO or CMD_GET_PLAYER_STATE
-  std::uint8_t slot = 0;
+  ClientCommand command{};  // CMD_GET_PLAYER_INFO or CMD_GET_PLAYER_STATE
+  Slot slot = 0;
 };
 
 struct PositionUpdate {
-  std::uint8_t command = CMD_POSITION_UPDATE;
+  ClientCommand command = ClientCommand::CMD_POSITION_UPDATE;
   Unused<3> unused_1{};
   Position position{};
 };
 
 struct Vehicle {
-  std::uint8_t command = CMD_VEHICLE;
+  ClientCommand command = ClientCommand::CMD_VEHICLE;
   std::uint8_t got_in = 0;  // 0: left its car, and car is not read
   Unused<2> unused_1{};
   Position position{};
@@ -140,42 +147,42 @@ struct Vehicle {
 };
 
 struct CarStateReport {
-  std::uint8_t command = CMD_CAR_STATE;
+  ClientCommand command = ClientCommand::CMD_CAR_STATE;
   Unused<3> unused_1{};
   Position position{};
   CarState car{};
 };
 
 struct Died {
-  std::uint8_t command = CMD_DIED;
+  ClientCommand command = ClientCommand::CMD_DIED;
   std::uint8_t death_count = 0;
 };
 
 struct FootUpdate {
-  std::uint8_t command = CMD_FOOT_UPDATE;
+  ClientCommand command = ClientCommand::CMD_FOOT_UPDATE;
   Unused<3> unused_1{};
   FloatBits state_f1 = 0;
 };
 
 struct CarBlockAUpdate {
-  std::uint8_t command = CMD_CAR_BLOCK_A;
+  ClientCommand command = ClientCommand::CMD_CAR_BLOCK_A;
   Unused<3> unused_1{};
   CarBlockA car_block_a{};
 };
 
 struct CarBlockBUpdate {
-  std::uint8_t command = CMD_CAR_BLOCK_B;
+  ClientCommand command = ClientCommand::CMD_CAR_BLOCK_B;
   Unused<3> unused_1{};
   CarBlockB car_block_b{};
 };
 
 struct Weapon {
-  std::uint8_t command = CMD_WEAPON;
+  ClientCommand command = ClientCommand::CMD_WEAPON;
   std::uint8_t state_b = 0;
 };
 
 struct CarStatus {
-  std::uint8_t command = CMD_CAR_STATUS;
+  ClientCommand command = ClientCommand::CMD_CAR_STATUS;
   std::uint8_t car_byte = 0;
   Unused<2> unused_1{};
   FloatBits car_float = 0;
@@ -184,7 +191,7 @@ struct CarStatus {
 // CMD_CHAT has no record: its text runs from the second byte to a NUL or the datagram's end.
 
 struct StateFloats {
-  std::uint8_t command = CMD_STATE_FLOATS;
+  ClientCommand command = ClientCommand::CMD_STATE_FLOATS;
   Unused<3> unused_1{};
   FloatBits state_f2 = 0;
   FloatBits state_f3 = 0;
@@ -193,27 +200,27 @@ struct StateFloats {
 // Server to client.
 
 struct JoinAccepted {
-  std::uint8_t command = CMD_JOIN_ACCEPTED;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_JOIN_ACCEPTED;
+  Slot slot = 0;
   std::uint8_t game_type = 0;
   char welcome_message[TEXT_WIDTH] = {};
 };
 
 struct JoinRefused {
-  std::uint8_t command = 0;  // CMD_JOIN_REFUSED_FULL or CMD_JOIN_REFUSED_VERSION
+  ServerCommand command{};  // CMD_JOIN_REFUSED_FULL or CMD_JOIN_REFUSED_VERSION
   char text[TEXT_WIDTH] = {};
 };
 
 struct EnterGameReply {
-  std::uint8_t command = CMD_ENTER_GAME_REPLY;
-  std::uint8_t last_join_slot = 0;  // of the latest join request, whoever made it; 255 for none
+  ServerCommand command = ServerCommand::CMD_ENTER_GAME_REPLY;
+  Slot last_join_slot = 0;  // of the latest join request, whoever made it; NO_SLOT for none
   std::uint8_t hour = 0;
   std::uint8_t minute = 0;
 };
 
 struct PlayerInfo {
-  std::uint8_t command = CMD_PLAYER_INFO;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_INFO;
+  Slot slot = 0;
   std::uint8_t just_entered = 0;  // 1: announces a player who has just entered the game
   std::array<char, NAME_WIDTH + 1> name{};
   PlayerState state{};
@@ -223,8 +230,8 @@ struct PlayerInfo {
 };
 
 struct PlayerStateReply {
-  std::uint8_t command = CMD_PLAYER_STATE;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_STATE;
+  Slot slot = 0;
   std::uint8_t in_car = 0;  // as in PlayerInfo
   Unused<1> unused_1{};
   Position position{};
@@ -232,78 +239,78 @@ struct PlayerStateReply {
 };
 
 struct PlayerLeft {
-  std::uint8_t command = CMD_PLAYER_LEFT;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_LEFT;
+  Slot slot = 0;
 };
 
 struct ServerShutdown {
-  std::uint8_t command = CMD_SERVER_SHUTDOWN;
+  ServerCommand command = ServerCommand::CMD_SERVER_SHUTDOWN;
 };
 
 struct GameClock {
-  std::uint8_t command = CMD_GAME_CLOCK;
+  ServerCommand command = ServerCommand::CMD_GAME_CLOCK;
   std::uint8_t hour = 0;
   std::uint8_t minute = 0;
 };
 
 struct ChatLine {
-  std::uint8_t command = CMD_CHAT_LINE;
+  ServerCommand command = ServerCommand::CMD_CHAT_LINE;
   std::array<char, TEXT_WIDTH> text{};  // no terminating NUL when it fills the field
 };
 
 struct PlayerPosition {
-  std::uint8_t command = CMD_PLAYER_POSITION;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_POSITION;
+  Slot slot = 0;
   Unused<2> unused_1{};
   Position position{};
 };
 
 struct PlayerFootUpdate {
-  std::uint8_t command = CMD_PLAYER_FOOT_UPDATE;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_FOOT_UPDATE;
+  Slot slot = 0;
   Unused<2> unused_1{};
   FloatBits state_f1 = 0;
 };
 
 struct PlayerCarBlockA {
-  std::uint8_t command = CMD_PLAYER_CAR_BLOCK_A;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_CAR_BLOCK_A;
+  Slot slot = 0;
   Unused<2> unused_1{};
   CarBlockA car_block_a{};
 };
 
 struct PlayerCarBlockB {
-  std::uint8_t command = CMD_PLAYER_CAR_BLOCK_B;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_CAR_BLOCK_B;
+  Slot slot = 0;
   Unused<2> unused_1{};
   CarBlockB car_block_b{};
 };
 
 struct PlayerGotCar {
-  std::uint8_t command = CMD_PLAYER_GOT_CAR;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_GOT_CAR;
+  Slot slot = 0;
   Unused<2> unused_1{};
   Position position{};
   CarState car{};
 };
 
 struct PlayerLeftCar {
-  std::uint8_t command = CMD_PLAYER_LEFT_CAR;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_LEFT_CAR;
+  Slot slot = 0;
   Unused<2> unused_1{};
   Position position{};
   FloatBits state_f1 = 0;
 };
 
 struct PlayerWeapon {
-  std::uint8_t command = CMD_PLAYER_WEAPON;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_WEAPON;
+  Slot slot = 0;
   std::uint8_t state_b = 0;
 };
 
 // Names no slot, like PlayerStateFloats.
 struct PlayerCarStatus {
-  std::uint8_t command = CMD_PLAYER_CAR_STATUS;
+  ServerCommand command = ServerCommand::CMD_PLAYER_CAR_STATUS;
   Unused<1> unused_1{};
   std::uint8_t car_byte = 0;
   Unused<1> unused_2{};
@@ -311,31 +318,31 @@ struct PlayerCarStatus {
 };
 
 struct PlayerDied {
-  std::uint8_t command = CMD_PLAYER_DIED;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_PLAYER_DIED;
+  Slot slot = 0;
   std::uint8_t death_count = 0;
 };
 
 struct NotInCar {
-  std::uint8_t command = CMD_NOT_IN_CAR;
-  std::uint8_t slot = 0;
+  ServerCommand command = ServerCommand::CMD_NOT_IN_CAR;
+  Slot slot = 0;
 };
 
 struct Ping {
-  std::uint8_t command = CMD_PING;
+  ServerCommand command = ServerCommand::CMD_PING;
 };
 
 // Names no slot: receivers cannot tell whose floats these are.
 struct PlayerStateFloats {
-  std::uint8_t command = CMD_PLAYER_STATE_FLOATS;
+  ServerCommand command = ServerCommand::CMD_PLAYER_STATE_FLOATS;
   Unused<3> unused_1{};
   FloatBits state_f2 = 0;
   FloatBits state_f3 = 0;
 };
 
 struct PinkPanther {
-  std::uint8_t command = CMD_PINKPANTHER;
-  std::uint8_t slot = NOBODY;
+  ServerCommand command = ServerCommand::CMD_PINKPANTHER;
+  Slot slot = NOBODY;
 };
 
 // True of a record that has no padding, so that all it sends is what was written into it, and that
@@ -354,42 +361,35 @@ static_assert(wire_size<CarState> == 64 && offsetof(CarState, car_block_b) == 32
 static_assert(wire_size<JoinRequest> == 68 && offsetof(JoinRequest, version) == 66);
 static_assert(wire_size<EnterGame> == 100 && offsetof(EnterGame, in_car) == 32 &&
               offsetof(EnterGame, car) == 36);
-static_assert(wire_size<SlotQuery> == 2);
 static_assert(wire_size<PositionUpdate> == 16 && offsetof(PositionUpdate, position) == 4);
 static_assert(wire_size<Vehicle> == 80 && offsetof(Vehicle, position) == 4 &&
               offsetof(Vehicle, car) == 16);
 static_assert(wire_size<CarStateReport> == 80 && offsetof(CarStateReport, position) == 4 &&
               offsetof(CarStateReport, car) == 16);
-static_assert(wire_size<Died> == 2);
 static_assert(wire_size<FootUpdate> == 8 && offsetof(FootUpdate, state_f1) == 4);
 static_assert(wire_size<CarBlockAUpdate> == 32 && offsetof(CarBlockAUpdate, car_block_a) == 4);
 static_assert(wire_size<CarBlockBUpdate> == 28 && offsetof(CarBlockBUpdate, car_block_b) == 4);
-static_assert(wire_size<Weapon> == 2);
 static_assert(wire_size<CarStatus> == 8 && offsetof(CarStatus, car_byte) == 1 &&
               offsetof(CarStatus, car_float) == 4);
 static_assert(wire_size<StateFloats> == 12 && offsetof(StateFloats, state_f2) == 4);
 static_assert(wire_size<JoinAccepted> == 67 && offsetof(JoinAccepted, welcome_message) == 3);
-static_assert(wire_size<JoinRefused> == 65);
-static_assert(wire_size<EnterGameReply> == 4);
 static_assert(wire_size<PlayerInfo> == 164 && offsetof(PlayerInfo, state) == 68 &&
               offsetof(PlayerInfo, in_car) == 96 && offsetof(PlayerInfo, car) == 100);
 static_assert(wire_size<PlayerStateReply> == 80 && offsetof(PlayerStateReply, position) == 4 &&
               offsetof(PlayerStateReply, car) == 16);
-static_assert(wire_size<PlayerLeft> == 2);
-static_assert(wire_size<ServerShutdown> == 1);
-static_assert(wire_size<GameClock> == 3);
-static_assert(wire_size<ChatLine> == 65);
 static_assert(wire_size<PlayerPosition> == 16 && offsetof(PlayerPosition, position) == 4);
 static_assert(wire_size<PlayerFootUpdate> == 8 && offsetof(PlayerFootUpdate, state_f1) == 4);
 static_assert(wire_size<PlayerCarBlockA> == 32 && offsetof(PlayerCarBlockA, car_block_a) == 4);
 static_assert(wire_size<PlayerCarBlockB> == 28 && offsetof(PlayerCarBlockB, car_block_b) == 4);
 static_assert(wire_size<PlayerGotCar> == 80 && offsetof(PlayerGotCar, car) == 16);
 static_assert(wire_size<PlayerLeftCar> == 20 && offsetof(PlayerLeftCar, state_f1) == 16);
-static_assert(wire_size<PlayerWeapon> == 3);
 static_assert(wire_size<PlayerCarStatus> == 8 && offsetof(PlayerCarStatus, car_byte) == 2 &&
               offsetof(PlayerCarStatus, car_float) == 4);
-static_assert(wire_size<PlayerDied> == 3);
-static_assert(wire_size<NotInCar> == 2);
-static_assert(wire_size<Ping> == 1);
 static_assert(wire_size<PlayerStateFloats> == 12 && offsetof(PlayerStateFloats, state_f2) == 4);
-static_assert(wire_size<PinkPanther> == 2);
+static_assert(wire_size<SlotQuery> == 2 && wire_size<Died> == 2 && wire_size<Weapon> == 2);
+static_assert(wire_size<Ping> == 1 && wire_size<ServerShutdown> == 1);
+static_assert(wire_size<PlayerLeft> == 2 && wire_size<NotInCar> == 2);
+static_assert(wire_size<PinkPanther> == 2 && wire_size<EnterGameReply> == 4);
+static_assert(wire_size<GameClock> == 3 && wire_size<PlayerWeapon> == 3);
+static_assert(wire_size<PlayerDied> == 3 && wire_size<JoinRefused> == 65);
+static_assert(wire_size<ChatLine> == 65);

@@ -9,8 +9,6 @@
 
 #include "server/protocol.h"
 
-inline constexpr std::uint8_t NO_SLOT = 255;
-
 // The datagram that is being handled. Never cleared: a short datagram is read with the bytes that
 // earlier ones left. Main thread.
 extern std::array<std::uint8_t, RECEIVE_BUFFER_SIZE> receive_buffer;
@@ -22,25 +20,20 @@ extern int server_socket;
 extern pthread_t main_thread_id;
 extern std::uint32_t server_start_ms;  // uptime_ms, the origin of the game clock
 
-// Joined players, kept by one increment or decrement an event and never recounted. Main and ping
-// thread.
+// Joined players: a join counts one in, every way out of a slot counts one out. Never recounted.
+// Written by the main and the ping thread.
 extern std::atomic<std::int32_t> player_count;
 
-// The slot that the latest join request found free, -1 when it found none. Main thread.
-extern std::int8_t last_join_slot;
+// The slot that the latest join request found free, NO_SLOT when it found none. Main thread.
+extern Slot last_join_slot;
 
 // The PinkPanther, NO_SLOT for nobody. Main thread.
-extern std::uint8_t pinkpanther_slot;
+extern Slot pinkpanther_slot;
 // Set by any thread that wants a new choice; the main thread makes it.
 extern std::atomic<std::uint8_t> pinkpanther_reselect;
 // uptime_ms of the last choice. Written by the main thread, read by the ping thread.
 extern std::atomic<std::uint32_t> pinkpanther_since;
-// What was last announced, or NOBODY; newcomers get it as it stands. Main thread.
-extern PinkPanther pinkpanther_announcement;
+// The notice as it was last sent, NOBODY before the first; newcomers get it. Main thread.
+extern PinkPanther pinkpanther_notice;
 
-static_assert(std::atomic<std::int32_t>::is_always_lock_free);
-static_assert(std::atomic<std::uint8_t>::is_always_lock_free);
-
-inline bool on_main_thread() {
-  return pthread_equal(pthread_self(), main_thread_id) != 0;
-}
+static_assert(decltype(player_count)::is_always_lock_free);

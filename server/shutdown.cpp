@@ -11,7 +11,6 @@
 #include <csignal>
 #include <cstdio>
 
-#include "server/player_table.h"
 #include "server/sending.h"
 #include "server/server_state.h"
 
@@ -21,7 +20,7 @@ static constinit std::atomic<bool> stop_flag = false;
 static_assert(std::atomic<bool>::is_always_lock_free, "written by a signal handler");
 
 static void shutdown_handler(int /*signal*/) {
-  if (on_main_thread()) stop_flag = true;
+  if (pthread_equal(pthread_self(), main_thread_id) != 0) stop_flag = true;
 }
 
 static sigset_t stop_signals() {
@@ -34,7 +33,7 @@ static sigset_t stop_signals() {
 void install_shutdown_handler() {
   struct sigaction action {};
   action.sa_handler = shutdown_handler;
-  // Without SA_RESTART: the signal frees the main thread from writing to a pipe that nobody reads.
+  // No SA_RESTART: a write to a console that nobody reads ends when the signal comes.
   sigemptyset(&action.sa_mask);
   for (const int signal : STOP_SIGNALS) sigaction(signal, &action, nullptr);
 }
@@ -43,7 +42,8 @@ bool stop_requested() {
   return stop_flag;
 }
 
-// The signals are blocked from the look at the flag until ppoll(2) lets them in.
+// The signals are blocked before the flag is read, and ppoll(2) lets them in: one that comes in
+// between ends the wait.
 bool wait_for_input_or_stop(int handle) {
   const sigset_t signals = stop_signals();
   sigset_t kept_signals;
@@ -54,17 +54,20 @@ bool wait_for_input_or_stop(int handle) {
   return ready != -1 || errno == EINTR;
 }
 
-bool start_worker_thread(void* (*body)(void*)) {
+bool start_worker_thread(const char* name, void* (*body)(void*)) {
   const sigset_t signals = stop_signals();
   sigset_t kept_signals;
   pthread_sigmask(SIG_BLOCK, &signals, &kept_signals);
   pthread_t thread{};
   const bool started = pthread_create(&thread, nullptr, body, nullptr) == 0;
   pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
-  return started;
+  if (!started) return false;
+  pthread_setname_np(thread, name);
+  pthread_detach(thread);
+  return true;
 }
 
-// Where nobody reads the lines, the last ones would hold up the stop.
+// Nobody reads the console: the last lines would hold up the stop.
 static void give_up_a_full_console() {
   pollfd console{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
   if (poll(&console, 1, 0) != 0) return;
@@ -72,8 +75,8 @@ static void give_up_a_full_console() {
   if (nowhere != -1) dup2(nowhere, STDOUT_FILENO);
 }
 
-void announce_shutdown() {
+void tell_of_stop() {
   give_up_a_full_console();
   std::printf("Exitting...\n");
-  broadcast_all(bytes_of(ServerShutdown{}));
+  broadcast_all(ServerShutdown{});
 }

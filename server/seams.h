@@ -1,0 +1,13 @@
+// The places in one thread's work where it matters what another thread does just then. The product
+// links pass_seam as a function that does nothing. The tests link one that lets the other thread's
+// work happen there, so that an order of events which luck makes rare is made on purpose.
+#pragma once
+
+enum class Seam {
+  TIME_OUT_DECIDED,  // ping thread: a player was silent for too long, and its seat is untouched
+  TIMED_OUT,         // ping thread: the seat is LEAVING, and nobody has been told
+  ENTERING,          // main thread: who enters was found, and its seat is untouched
+  ENTERED,           // main thread: the seat is IN_GAME, and nobody has been told
+};
+
+void pass_seam(Seam seam);
