@@ -21,7 +21,7 @@
 #include "tools/histogram.h"
 #include "tools/options.h"
 
-inline constexpr std::uint8_t NO_ONE = 255;  // no slot, or no bot
+inline constexpr std::uint8_t NO_BOT = 255;
 
 enum class Stage : std::uint8_t {
   OUT,
@@ -34,7 +34,7 @@ enum class Stage : std::uint8_t {
 struct Bot {
   int socket = -1;
   std::uint8_t number = 0;
-  std::uint8_t slot = NO_ONE;  // where it sits, while it joins anew where it sat
+  Slot slot = NO_SLOT;  // where it sits, while it joins anew where it sat
   Stage stage = Stage::OUT;
   bool has_entered = false;  // at some time
   std::array<char, NAME_WIDTH> name{};
@@ -48,7 +48,7 @@ struct Bot {
 };
 
 struct SlotModel {
-  std::uint8_t bot = NO_ONE;  // who sits there; the server may have seated someone not of ours
+  std::uint8_t bot = NO_BOT;  // who sits there; the server may have seated someone not of ours
   bool known = false;         // state is what the server holds
   bool in_car = false;
   bool has_died = false;
@@ -78,8 +78,8 @@ struct Fleet {
   BotSet maybe_game = 0;  // may get relays
 
   // One join at a time, so that last_join_slot is known whenever a bot enters.
-  std::uint8_t joining_bot = NO_ONE;
-  std::uint8_t last_join_slot = NO_ONE;
+  std::uint8_t joining_bot = NO_BOT;
+  Slot last_join_slot = NO_SLOT;
 
   std::uint32_t our_slots = 0;       // bit a slot: one of ours has sat there
   std::uint32_t foreign_slots = 0;   // bit a slot: someone not of ours has sat there
@@ -113,7 +113,7 @@ Bytes bytes_of(const Record& record) {
 // Does what is due and sets when the bot is due again.
 void act(Bot& bot, std::uint64_t now_ns);
 void set_stage(Bot& bot, Stage stage);
-void take_seat(Bot& bot, std::uint8_t slot);
+void take_seat(Bot& bot, Slot slot);
 void be_refused(Bot& bot);
 void leave(Bot& bot);
 void send_bytes(const Bot& bot, Bytes datagram);

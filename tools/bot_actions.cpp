@@ -130,11 +130,10 @@ static void send_car_state(Bot& bot) {
 }
 
 static void leave_car(Bot& bot) {
-  const std::uint8_t report = CMD_LEAVE_CAR;
   model_of(bot).in_car = false;
   expect_clock(bot);
   expect_left_car(bot);
-  send_bytes(bot, bytes_of(report));
+  send_bytes(bot, bytes_of(ClientCommand::CMD_LEAVE_CAR));
 }
 
 static void send_car_block_a(Bot& bot) {
@@ -206,7 +205,7 @@ static void die(Bot& bot) {
 // datagram instead of a NUL.
 static void chat(Bot& bot) {
   std::array<char, RECEIVE_BUFFER_SIZE> report{};
-  report[0] = static_cast<char>(CMD_CHAT);
+  report[0] = static_cast<char>(ClientCommand::CMD_CHAT);
   const char* phrase = PHRASES[random_below(bot, std::size(PHRASES))];
   const int length = std::snprintf(&report[1], report.size() - 1, "%u.%u %s", unsigned{bot.slot},
                                    unsigned{bot.serial++}, phrase);
@@ -220,7 +219,7 @@ static void chat(Bot& bot) {
   send_bytes(bot, {reinterpret_cast<const std::uint8_t*>(report.data()), size});
 }
 
-static void expect_state(const Bot& bot, std::uint8_t slot) {
+static void expect_state(const Bot& bot, Slot slot) {
   const SlotModel& model = fleet.slots[slot];
   PlayerStateReply reply;
   reply.slot = slot;
@@ -234,16 +233,17 @@ static void expect_state(const Bot& bot, std::uint8_t slot) {
 // for as well, and slots whose player is about to change are not.
 static void query(Bot& bot) {
   SlotQuery question;
-  question.command = random_below(bot, 2) == 0 ? CMD_GET_PLAYER_INFO : CMD_GET_PLAYER_STATE;
-  question.slot = static_cast<std::uint8_t>(random_below(bot, fleet.size + 2));
+  const bool asks_info = random_below(bot, 2) == 0;
+  question.command =
+      asks_info ? ClientCommand::CMD_GET_PLAYER_INFO : ClientCommand::CMD_GET_PLAYER_STATE;
+  question.slot = static_cast<Slot>(random_below(bot, fleet.size + 2));
   if (question.slot > fleet.size) question.slot = random_byte(bot) | 32U;
-  const std::uint8_t target = question.slot < SLOTS ? fleet.slots[question.slot].bot : NO_ONE;
-  if (target != NO_ONE && target != bot.number) {
+  const std::uint8_t target = question.slot < SLOTS ? fleet.slots[question.slot].bot : NO_BOT;
+  if (target != NO_BOT && target != bot.number) {
     const BotSet target_bit = only(target);
     if ((fleet.maybe_game & target_bit) != 0) return;
     if ((fleet.in_game & target_bit) != 0) {
-      question.command == CMD_GET_PLAYER_INFO ? expect_info(bot, question.slot)
-                                              : expect_state(bot, question.slot);
+      asks_info ? expect_info(bot, question.slot) : expect_state(bot, question.slot);
     }
   }
   send_bytes(bot, bytes_of(question));

@@ -9,6 +9,8 @@
 #include "tools/bot.h"
 #include "tools/report.h"
 
+using enum ServerCommand;
+
 template <WireRecord Record>
 static Record record_of(Bytes datagram) {
   Record record;
@@ -17,7 +19,7 @@ static Record record_of(Bytes datagram) {
 }
 
 static bool is_relay(Bytes datagram) {
-  switch (datagram[0]) {
+  switch (command_of(datagram)) {
     case CMD_CHAT_LINE:
     case CMD_PLAYER_LEFT:
     case CMD_PLAYER_DIED:
@@ -25,7 +27,8 @@ static bool is_relay(Bytes datagram) {
     case CMD_PLAYER_INFO:
       return record_of<PlayerInfo>(datagram).just_entered != 0;
     default:
-      return datagram[0] >= CMD_PLAYER_POSITION && datagram[0] <= CMD_PLAYER_CAR_STATUS;
+      return command_of(datagram) >= CMD_PLAYER_POSITION &&
+             command_of(datagram) <= CMD_PLAYER_CAR_STATUS;
   }
 }
 
@@ -35,32 +38,32 @@ static bool is_our_name(std::string_view name) {
 }
 
 // "Name-mark: slot.serial ..."
-static std::uint8_t slot_of_chat(Bytes datagram) {
+static Slot slot_of_chat(Bytes datagram) {
   const auto line = record_of<ChatLine>(datagram);
   const std::string_view text(line.text.data(), line.text.size());
   const std::size_t colon = text.find(": ");
-  std::uint8_t slot = NO_ONE;
-  if (colon == std::string_view::npos) return NO_ONE;
+  Slot slot = NO_SLOT;
+  if (colon == std::string_view::npos) return NO_SLOT;
   const std::string_view name = text.substr(0, colon);
   if (is_our_name(name)) std::from_chars(text.data() + colon + 2, text.data() + text.size(), slot);
   return slot;
 }
 
-// NO_ONE when the datagram does not name the slot of one of ours.
-static std::uint8_t slot_of(Bytes datagram) {
-  if (datagram[0] == CMD_CHAT_LINE) return slot_of_chat(datagram);
-  if (datagram[0] == CMD_PLAYER_STATE_FLOATS) {
+// NO_SLOT when the datagram does not name the slot of one of ours.
+static Slot slot_of(Bytes datagram) {
+  if (command_of(datagram) == CMD_CHAT_LINE) return slot_of_chat(datagram);
+  if (command_of(datagram) == CMD_PLAYER_STATE_FLOATS) {
     const FloatBits bits = record_of<PlayerStateFloats>(datagram).state_f2;
-    return bits >> 16U == fleet.mark ? static_cast<std::uint8_t>(bits) : NO_ONE;
+    return bits >> 16U == fleet.mark ? static_cast<Slot>(bits) : NO_SLOT;
   }
-  if (datagram[0] == CMD_PLAYER_CAR_STATUS) {
+  if (command_of(datagram) == CMD_PLAYER_CAR_STATUS) {
     const auto relay = record_of<PlayerCarStatus>(datagram);
-    return relay.car_float >> 16U == fleet.mark ? relay.car_byte : NO_ONE;
+    return relay.car_float >> 16U == fleet.mark ? relay.car_byte : NO_SLOT;
   }
-  return datagram.size() > 1 ? datagram[1] : NO_ONE;
+  return datagram.size() > 1 ? datagram[1] : NO_SLOT;
 }
 
-static void note_foreign(std::uint8_t slot) {
+static void note_foreign(Slot slot) {
   fleet.foreign_slots |= 1U << slot;
   fleet.slots[slot].known = false;
 }
@@ -75,10 +78,10 @@ static bool has_foreign_name(Bytes datagram) {
 // Of a slot where none of ours ever sat, everything is foreign; of others only what comes after the
 // record of a foreigner there. Which records an entering bot gets is not known once there is a
 // foreigner. A wrong datagram that passes for a foreign one still leaves the right one lost.
-static bool is_foreign(Bytes datagram, std::uint8_t slot) {
-  if (slot == NO_ONE) return fleet.foreign_slots != 0;
+static bool is_foreign(Bytes datagram, Slot slot) {
+  if (slot == NO_SLOT) return fleet.foreign_slots != 0;
   if (slot >= SLOTS) return false;
-  const bool is_info = datagram[0] == CMD_PLAYER_INFO;
+  const bool is_info = command_of(datagram) == CMD_PLAYER_INFO;
   const bool never_ours = (fleet.our_slots >> slot & 1U) == 0;
   if (never_ours || (is_info && has_foreign_name(datagram))) note_foreign(slot);
   if (is_info && fleet.foreign_slots != 0) return true;
@@ -97,7 +100,7 @@ static const char* reason_of(Verdict verdict) {
 }
 
 static void judge_unexpected(const Bot& bot, Bytes datagram, const Match& found, Tally& tally,
-                             std::uint8_t slot) {
+                             Slot slot) {
   if (found.verdict != Verdict::OUT_OF_ORDER && is_foreign(datagram, slot)) {
     ++fleet.counters.foreign;
     return;
@@ -106,7 +109,7 @@ static void judge_unexpected(const Bot& bot, Bytes datagram, const Match& found,
 }
 
 static void hear_relay(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
-  const std::uint8_t slot = slot_of(datagram);
+  const Slot slot = slot_of(datagram);
   Match found{Verdict::UNEXPECTED, nullptr};
   if (slot < SLOTS) found = match(relay_ring(slot), bot.number, datagram, now_ns);
   if (found.verdict != Verdict::EXPECTED) {
@@ -133,12 +136,12 @@ static bool is_like_the_first(JoinAccepted accepted) {
 
 static void hear_join_answer(Bot& bot, Bytes datagram) {
   if (bot.stage != Stage::JOINING) return;  // too late, the bot has gone on without it
-  if (datagram[0] == CMD_JOIN_REFUSED_FULL) return be_refused(bot);
+  if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) return be_refused(bot);
   const auto accepted = record_of<JoinAccepted>(datagram);
   if (!is_like_the_first(accepted)) {
     report_wrong(bot, datagram, answer_tally, "unlike the first welcome", nullptr);
   }
-  if (accepted.slot < SLOTS && fleet.slots[accepted.slot].bot == NO_ONE) {
+  if (accepted.slot < SLOTS && fleet.slots[accepted.slot].bot == NO_BOT) {
     take_seat(bot, accepted.slot);
   } else {
     report_wrong(bot, datagram, answer_tally, "no free slot", nullptr);
@@ -165,11 +168,13 @@ static void hear_enter_reply(Bot& bot, Bytes datagram, const Expectation& expect
 static void hear_answer(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
   const Match found = match(answer_ring(bot.number), bot.number, datagram, now_ns);
   if (found.verdict != Verdict::EXPECTED) {
-    const bool names_slot = datagram[0] == CMD_PLAYER_INFO || datagram[0] == CMD_PLAYER_STATE;
+    const bool names_slot =
+        command_of(datagram) == CMD_PLAYER_INFO || command_of(datagram) == CMD_PLAYER_STATE;
     judge_unexpected(bot, datagram, found, answer_tally, names_slot ? slot_of(datagram) : SLOTS);
-  } else if (datagram[0] == CMD_JOIN_ACCEPTED || datagram[0] == CMD_JOIN_REFUSED_FULL) {
+  } else if (command_of(datagram) == CMD_JOIN_ACCEPTED ||
+             command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
     hear_join_answer(bot, datagram);
-  } else if (datagram[0] == CMD_ENTER_GAME_REPLY) {
+  } else if (command_of(datagram) == CMD_ENTER_GAME_REPLY) {
     hear_enter_reply(bot, datagram, *found.expectation);
   }
 }
@@ -188,18 +193,18 @@ static void hear_ping(const Bot& bot, Bytes datagram) {
   if (datagram.size() != sizeof(Ping) || !bot.has_entered) {
     report_wrong(bot, datagram, answer_tally, "no ping for one outside of the game", nullptr);
   }
-  const std::uint8_t reply = CMD_PING_REPLY;
-  send_bytes(bot, bytes_of(reply));
+  send_bytes(bot, bytes_of(ClientCommand::CMD_PING_REPLY));
 }
 
 void hear(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
   if (datagram.empty()) {
     report_wrong(bot, datagram, answer_tally, "empty", nullptr);
-  } else if (datagram[0] == CMD_PING) {
+  } else if (command_of(datagram) == CMD_PING) {
     hear_ping(bot, datagram);
-  } else if (datagram[0] == CMD_PINKPANTHER) {
+  } else if (command_of(datagram) == CMD_PINKPANTHER) {
     hear_pinkpanther(bot, datagram);
-  } else if (datagram[0] == CMD_SERVER_SHUTDOWN && datagram.size() == sizeof(ServerShutdown)) {
+  } else if (command_of(datagram) == CMD_SERVER_SHUTDOWN &&
+             datagram.size() == sizeof(ServerShutdown)) {
     fleet.server_stopped = true;
   } else if (is_relay(datagram)) {
     hear_relay(bot, datagram, now_ns);

@@ -17,7 +17,7 @@ static constexpr std::uint64_t ANSWER_WAIT_NS = 5'000 * MS;
 static constexpr std::uint64_t OVERTAKING_NS = 1'000 * MS;
 
 void set_stage(Bot& bot, Stage stage) {
-  const bool joins_anew = stage == Stage::JOINING && bot.slot != NO_ONE;
+  const bool joins_anew = stage == Stage::JOINING && bot.slot != NO_SLOT;
   const bool in_game = stage == Stage::PLAYING || (stage == Stage::ENTERING && fleet.ordered_road);
   const bool maybe = !in_game && (joins_anew || !fleet.ordered_road);
   bot.stage = stage;
@@ -38,15 +38,15 @@ void send_bytes(const Bot& bot, Bytes datagram) {
 // joined, none of the records is sure to come.
 static void expect_records(const Bot& bot) {
   if (fleet.foreign_slots != 0) return;
-  for (std::uint8_t slot = 0; slot < SLOTS; ++slot) {
-    if (fleet.slots[slot].bot == NO_ONE || slot == fleet.last_join_slot) continue;
+  for (Slot slot = 0; slot < SLOTS; ++slot) {
+    if (fleet.slots[slot].bot == NO_BOT || slot == fleet.last_join_slot) continue;
     expect_info(bot, slot);
   }
 }
 
 // Also done by a bot that is in the game already; not while a join is on its way.
 static void enter_game(Bot& bot) {
-  if (fleet.joining_bot != NO_ONE) return;
+  if (fleet.joining_bot != NO_BOT) return;
   SlotModel& model = model_of(bot);
   EnterGame report;
   report.state.position = next_position(bot);
@@ -96,7 +96,7 @@ static void excuse_in_flight(const Bot& bot) {
 
 // On a road without order a join could overtake the entering of another bot.
 static bool may_join() {
-  if (fleet.joining_bot != NO_ONE) return false;
+  if (fleet.joining_bot != NO_BOT) return false;
   return fleet.ordered_road ||
          std::none_of(fleet.bots.begin(), fleet.bots.end(),
                       [](const Bot& bot) { return bot.stage == Stage::ENTERING; });
@@ -108,7 +108,7 @@ static void join(Bot& bot) {
   if (!may_join()) return;
   excuse_in_flight(bot);
   set_stage(bot, Stage::JOINING);
-  if (bot.slot != NO_ONE) allow_leave_notice(bot);
+  if (bot.slot != NO_SLOT) allow_leave_notice(bot);
   const JoinAccepted answer;
   expect_answer(bot, bytes_of(answer), offsetof(JoinAccepted, slot));
 
@@ -123,13 +123,12 @@ static void join(Bot& bot) {
 void leave(Bot& bot) {
   excuse_in_flight(bot);
   const PlayerLeft notice{.slot = bot.slot};
-  const std::uint8_t report = CMD_PLAYER_LEFT;
   expect_relay(bot, notice);
-  model_of(bot).bot = NO_ONE;
-  bot.slot = NO_ONE;
+  model_of(bot).bot = NO_BOT;
+  bot.slot = NO_SLOT;
   set_stage(bot, Stage::OUT);
   bot.due_ns = monotonic_ns() + MS * random_below(bot, LONGEST_PAUSE_MS);
-  send_bytes(bot, bytes_of(report));
+  send_bytes(bot, bytes_of(ClientCommand::CMD_PLAYER_LEFT));
 }
 
 static void skip_missed_steps(Bot& bot, std::uint64_t now_ns) {
@@ -160,15 +159,15 @@ static void play(Bot& bot, std::uint64_t now_ns) {
 
 // No slot came of it: refused, or the answer is overdue and the bot goes on as if it had not asked.
 static void end_join(Bot& bot) {
-  fleet.joining_bot = NO_ONE;
-  set_stage(bot, bot.slot == NO_ONE ? Stage::OUT : Stage::PLAYING);
-  const std::uint64_t pause = bot.slot == NO_ONE ? LONGEST_PAUSE_MS * MS : fleet.step_ns;
+  fleet.joining_bot = NO_BOT;
+  set_stage(bot, bot.slot == NO_SLOT ? Stage::OUT : Stage::PLAYING);
+  const std::uint64_t pause = bot.slot == NO_SLOT ? LONGEST_PAUSE_MS * MS : fleet.step_ns;
   bot.due_ns = monotonic_ns() + pause;
 }
 
 void be_refused(Bot& bot) {
   ++fleet.counters.refused;
-  fleet.last_join_slot = NO_ONE;
+  fleet.last_join_slot = NO_SLOT;
   end_join(bot);
 }
 
@@ -178,10 +177,10 @@ static void require_leave_notice(const Bot& bot) {
   require(relay_ring(bot.slot), bot.leave_notice, witnesses);
 }
 
-void take_seat(Bot& bot, std::uint8_t slot) {
-  if (bot.slot != NO_ONE) {
+void take_seat(Bot& bot, Slot slot) {
+  if (bot.slot != NO_SLOT) {
     require_leave_notice(bot);
-    model_of(bot).bot = NO_ONE;
+    model_of(bot).bot = NO_BOT;
   }
   bot.slot = slot;
   model_of(bot).bot = bot.number;
@@ -190,14 +189,14 @@ void take_seat(Bot& bot, std::uint8_t slot) {
   ++fleet.counters.joins;
   fleet.our_slots |= 1U << slot;
   fleet.last_join_slot = slot;
-  fleet.joining_bot = NO_ONE;
+  fleet.joining_bot = NO_BOT;
   set_stage(bot, Stage::JOINED);
   bot.due_ns = monotonic_ns() + MS * random_below(bot, LONGEST_LINGER_MS);
 }
 
 static void enter_first_time(Bot& bot, std::uint64_t now_ns) {
   bot.due_ns = now_ns + RETRY_NS;
-  if (fleet.joining_bot != NO_ONE) return;
+  if (fleet.joining_bot != NO_BOT) return;
   act_before_entering(bot);
   enter_game(bot);
 }

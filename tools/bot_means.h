@@ -115,7 +115,7 @@ inline SlotModel& model_of(const Bot& bot) {
   return fleet.slots[bot.slot];
 }
 
-inline void expect_info(const Bot& bot, std::uint8_t slot) {
+inline void expect_info(const Bot& bot, Slot slot) {
   const SlotModel& model = fleet.slots[slot];
   PlayerInfo info;
   info.slot = slot;

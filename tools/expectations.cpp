@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+using enum ServerCommand;
+
 struct Ring {
   std::array<Expectation, RING_SIZE> entries;
   std::uint64_t end = 0;
@@ -77,18 +79,18 @@ static bool clock_fits(unsigned hour, unsigned minute, std::uint64_t sent_ns,
 
 static bool is_refusal(Bytes datagram) {
   static constexpr char TEXT[] = "Maximum allowed players: ";
-  return datagram.size() == sizeof(JoinRefused) && datagram[0] == CMD_JOIN_REFUSED_FULL &&
+  return datagram.size() == sizeof(JoinRefused) && command_of(datagram) == CMD_JOIN_REFUSED_FULL &&
          std::memcmp(&datagram[1], TEXT, sizeof TEXT - 1) == 0;
 }
 
 static bool fits(const Expectation& entry, Bytes datagram, std::uint64_t now_ns) {
-  if (entry.bytes[0] == CMD_JOIN_ACCEPTED && is_refusal(datagram)) return true;
+  if (command_of(entry.bytes) == CMD_JOIN_ACCEPTED && is_refusal(datagram)) return true;
   if (datagram.size() != entry.length) return false;
   if (std::memcmp(entry.bytes.data(), datagram.data(), entry.compared) != 0) return false;
-  if (datagram[0] == CMD_GAME_CLOCK) {
+  if (command_of(datagram) == CMD_GAME_CLOCK) {
     return clock_fits(datagram[1], datagram[2], entry.sent_ns, now_ns);
   }
-  if (datagram[0] == CMD_ENTER_GAME_REPLY) {
+  if (command_of(datagram) == CMD_ENTER_GAME_REPLY) {
     return clock_fits(datagram[2], datagram[3], entry.sent_ns, now_ns);
   }
   return true;

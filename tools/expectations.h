@@ -25,6 +25,11 @@ inline constexpr std::uint64_t RING_SIZE = 1024;
 using BotSet = std::uint32_t;  // one bit a bot
 using Bytes = std::span<const std::uint8_t>;
 
+// Of a datagram from the server.
+inline ServerCommand command_of(Bytes datagram) {
+  return ServerCommand{datagram[0]};
+}
+
 inline BotSet only(unsigned bot) {
   return BotSet{1} << bot;
 }
@@ -53,7 +58,7 @@ struct Match {
   Expectation* expectation;  // matched; with REPEATED and UNEXPECTED the next one due, or null
 };
 
-inline unsigned relay_ring(std::uint8_t slot) {
+inline unsigned relay_ring(Slot slot) {
   return slot;
 }
 

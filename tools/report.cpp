@@ -38,7 +38,7 @@ void report_wrong(const Bot& bot, Bytes datagram, Tally& tally, const char* reas
   ++wrong_shown;
   close_line();
   std::printf("wrong: %zu bytes to %s (slot %d): %s\n", datagram.size(), bot.name.data(),
-              bot.slot == NO_ONE ? -1 : bot.slot, reason);
+              bot.slot == NO_SLOT ? -1 : bot.slot, reason);
   print_bytes("received", datagram);
   if (due == nullptr) {
     std::printf("    nothing was due\n");

@@ -165,7 +165,7 @@ static void drain(const sigset_t& while_waiting) {
 
 static void leave_all() {
   for (unsigned i = 0; i < fleet.size; ++i) {
-    if (fleet.bots[i].slot != NO_ONE) leave(fleet.bots[i]);
+    if (fleet.bots[i].slot != NO_SLOT) leave(fleet.bots[i]);
   }
 }
 
