@@ -1,13 +1,15 @@
 // The bots and what they know of the server.
 //
-// A bot is one UDP socket with a place in the life of a player. What the server stores of a player
-// belongs to its slot and outlives the player, so it is kept by slot here too.
+// A bot is one UDP socket that plays one player. What the server stores of a player stays in its
+// slot when the player leaves, so the bots' copy of it is kept by slot too.
 //
-// The server handles datagrams in the order of their arrival. On the loopback interface that is the
-// order in which this one thread sends them, and what every bot must hear follows exactly. Through
-// a network (ordered_road is false) the datagrams of two bots may overtake each other: around the
-// coming and going of a bot, relays to it are optional then, and records of others are compared
-// without their state.
+// The server handles datagrams in the order of their arrival. On the loopback interface they arrive
+// in the order in which this process sends them, so it is known exactly what each bot must receive.
+// On a network (in_order_delivery is false) the datagrams of two bots may overtake each other. Then
+// relays to a bot that joins or leaves are optional, and what the server tells a bot of another
+// player's state is not compared.
+//
+// A foreign player is one who is not a bot of this process.
 //
 // Single-threaded.
 #pragma once
@@ -25,68 +27,70 @@ inline constexpr std::uint8_t NO_BOT = 255;
 
 enum class Stage : std::uint8_t {
   OUT,
-  JOINING,  // has asked and waits for the answer; sends nothing else
+  JOINING,  // waits for the answer to its join request and sends nothing else
   JOINED,
-  ENTERING,  // has entered and waits for the answer; sends nothing else
+  ENTERING,  // waits for the answer to CMD_ENTER_GAME and sends nothing else
   PLAYING,
 };
 
 struct Bot {
   int socket = -1;
   std::uint8_t number = 0;
-  Slot slot = NO_SLOT;  // where it sits, while it joins anew where it sat
+  Slot slot = NO_SLOT;  // the old one while it joins again
   Stage stage = Stage::OUT;
-  bool has_entered = false;  // at some time
+  bool has_entered = false;  // at least once, even if it has left since
   std::array<char, NAME_WIDTH> name{};
-  std::uint64_t random = 0;
-  std::uint64_t due_ns = 0;        // when it acts next
-  std::uint64_t leave_notice = 0;  // in its slot's ring, while it joins anew
-  BotSet witnesses = 0;            // who was in the game then
-  std::uint32_t steps = 0;         // along its path
-  std::uint16_t serial = 0;        // of its datagrams that carry one
-  std::uint8_t deaths = 0;
+  std::uint64_t rng = 0;
+  std::uint64_t due_ns = 0;           // when it acts next
+  std::uint64_t leave_notice = 0;     // while it joins again: number in the relay ring of its slot
+  BotSet leave_notice_receivers = 0;  // bots in the game when it sent that join request
+  std::uint32_t steps = 0;            // along its circle
+  std::uint16_t sequence = 0;         // of its chat texts and car statuses
+  std::uint8_t death_count = 0;
 };
 
+// What the server holds for a slot.
 struct SlotModel {
-  std::uint8_t bot = NO_BOT;  // who sits there; the server may have seated someone not of ours
-  bool known = false;         // state is what the server holds
+  std::uint8_t bot = NO_BOT;  // the bot in the slot; a foreign player is not recorded here
+  bool known = false;         // a bot has entered here, and no foreign player has been seen since
   bool in_car = false;
   bool has_died = false;
   PlayerState state{};
-  CarState car{};  // what the server holds, whenever in_car is set
+  CarState car{};  // valid while in_car is set
 };
 
 struct Counters {
   std::uint64_t positions = 0;
-  std::uint64_t late = 0;  // position updates that were skipped because we were too slow
+  std::uint64_t skipped = 0;  // position updates that were not sent because the bots were too slow
   std::uint64_t sent = 0;
   std::uint64_t send_failures = 0;
   std::uint64_t joins = 0;
   std::uint64_t refused = 0;
-  std::uint64_t foreign = 0;  // datagrams about players who are not of ours
+  std::uint64_t foreign = 0;  // datagrams about foreign players
 };
 
 struct Fleet {
   std::array<Bot, MAX_BOTS> bots{};
   std::array<SlotModel, SLOTS> slots{};
   unsigned size = 0;
-  bool ordered_road = false;
-  std::uint16_t mark = 0;  // tells our datagrams and names from those of another zolbots
-  std::uint64_t step_ns = 0;
+  bool in_order_delivery = false;
+  std::uint16_t process_tag = 0;  // tells our datagrams and names from those of another zolbots
+  std::uint64_t step_ns = 0;      // between two position updates of a bot
 
-  BotSet in_game = 0;     // must get relays
-  BotSet maybe_game = 0;  // may get relays
+  BotSet in_game = 0;        // must get relays
+  BotSet maybe_in_game = 0;  // may get relays
 
-  // One join at a time, so that last_join_slot is known whenever a bot enters.
+  // One bot joins at a time, so that last_join_slot is known whenever a bot enters.
   std::uint8_t joining_bot = NO_BOT;
   Slot last_join_slot = NO_SLOT;
 
-  std::uint32_t our_slots = 0;       // bit a slot: one of ours has sat there
-  std::uint32_t foreign_slots = 0;   // bit a slot: someone not of ours has sat there
-  std::uint32_t presumed_slots = 0;  // bit a slot: named by an answer only, must turn out foreign
+  // One bit per slot.
+  std::uint32_t our_slots = 0;                  // a bot has been there
+  std::uint32_t foreign_slots = 0;              // a foreign player has been there
+  std::uint32_t unconfirmed_foreign_slots = 0;  // only a CMD_ENTER_GAME_REPLY has said so
 
-  bool accepted_known = false;
-  JoinAccepted accepted{};  // the first one
+  bool first_accepted_known = false;
+  JoinAccepted first_accepted{};
 
   bool server_stopped = false;
   Counters counters{};
@@ -108,23 +112,23 @@ Bytes bytes_of(const Record& record) {
   return {reinterpret_cast<const std::uint8_t*>(&record), sizeof record};
 }
 
-// bot_life: how bots come, stay and go.
+// bot_life.cpp: how bots join, enter and leave.
 
 // Does what is due and sets when the bot is due again.
 void act(Bot& bot, std::uint64_t now_ns);
 void set_stage(Bot& bot, Stage stage);
-void take_seat(Bot& bot, Slot slot);
-void be_refused(Bot& bot);
+void take_slot(Bot& bot, Slot slot);
+void handle_refusal(Bot& bot);
 void leave(Bot& bot);
 void send_bytes(const Bot& bot, Bytes datagram);
 
-// bot_actions: what bots do meanwhile.
+// bot_actions.cpp: what bots do between joining and leaving.
 
 void act_in_game(Bot& bot);
 void act_before_entering(Bot& bot);
 
-// bot_hearing: what bots hear.
+// bot_hearing.cpp: how bots check what they receive.
 
 void hear(Bot& bot, Bytes datagram, std::uint64_t now_ns);
-// To be called at the end, before the wrong ones are shown.
-void settle_presumed_slots();
+// Counts foreign slots that stayed unconfirmed as wrong. To be called at the end.
+void count_unconfirmed_slots();

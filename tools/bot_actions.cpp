@@ -1,11 +1,11 @@
-// What the bots do in the game: each action changes the model of the slot as the server will change
-// its own, notes what everyone must hear of it, and sends.
+// What the bots do between joining and leaving. An action changes the model of the slot as the
+// server will change its own state, adds the expected datagrams, and sends.
 
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
 
-#include "tools/bot_means.h"
+#include "tools/bot_common.h"
 
 static constexpr const char* PHRASES[] = {
     "hello everybody",
@@ -57,8 +57,8 @@ static void send_position(Bot& bot) {
 
 static void send_state_floats(Bot& bot) {
   StateFloats update;
-  update.state_f2 = mark_bits(bot);
-  update.state_f3 = random_bits(bot);
+  update.state_f2 = tagged_slot(bot);
+  update.state_f3 = random_float(bot);
   model_of(bot).state.state_f2 = update.state_f2;
   model_of(bot).state.state_f3 = update.state_f3;
 
@@ -70,11 +70,11 @@ static void send_state_floats(Bot& bot) {
   send_bytes(bot, bytes_of(update));
 }
 
-// Ends a ride as well.
+// Also takes the player out of its car.
 static void send_foot_update(Bot& bot) {
   SlotModel& model = model_of(bot);
   FootUpdate update;
-  update.state_f1 = random_bits(bot);
+  update.state_f1 = random_float(bot);
   if (model.in_car) expect_left_car(bot);
   model.in_car = false;
   model.state.state_f1 = update.state_f1;
@@ -86,14 +86,14 @@ static void send_foot_update(Bot& bot) {
   send_bytes(bot, bytes_of(update));
 }
 
-// From within a car only the position counts.
+// Of a player who is in a car already the server takes the position alone.
 static void get_in(Bot& bot) {
   SlotModel& model = model_of(bot);
   const CarState car = random_car(bot);
   Vehicle report;
   report.got_in = static_cast<std::uint8_t>(1 + random_below(bot, 255));
   report.position = next_position(bot);
-  report.car = soil_unused(bot, car);
+  report.car = with_random_unused(bot, car);
   model.state.position = report.position;
   if (!model.in_car) {
     model.car = car;
@@ -103,7 +103,7 @@ static void get_in(Bot& bot) {
   send_bytes(bot, bytes_of(report));
 }
 
-// From on foot only the position counts.
+// Of a player who is on foot already the server takes the position alone.
 static void get_out(Bot& bot) {
   SlotModel& model = model_of(bot);
   Vehicle report;
@@ -120,7 +120,7 @@ static void send_car_state(Bot& bot) {
   const CarState car = random_car(bot);
   CarStateReport report;
   report.position = next_position(bot);
-  report.car = soil_unused(bot, car);
+  report.car = with_random_unused(bot, car);
   model.state.position = report.position;
   model.car = car;
   model.in_car = true;
@@ -160,11 +160,11 @@ static void send_car_block_b(Bot& bot) {
   send_bytes(bot, bytes_of(update));
 }
 
-// Names the slot in the car byte and the process in the float, as the relay 208 names neither.
+// CMD_PLAYER_CAR_STATUS names no slot, so car_byte names it, and car_float holds the process tag.
 static void send_car_status(Bot& bot) {
   CarStatus update;
   update.car_byte = bot.slot;
-  update.car_float = static_cast<FloatBits>(fleet.mark) << 16U | bot.serial++;
+  update.car_float = static_cast<FloatBits>(fleet.process_tag) << 16U | bot.sequence++;
   model_of(bot).car.car_byte = update.car_byte;
   model_of(bot).car.car_float = update.car_float;
 
@@ -187,10 +187,10 @@ static void change_weapon(Bot& bot) {
   send_bytes(bot, bytes_of(update));
 }
 
-// The ride ends without a word.
+// The player is out of its car then, and nobody is sent a CMD_PLAYER_LEFT_CAR.
 static void die(Bot& bot) {
   Died report;
-  report.death_count = ++bot.deaths;
+  report.death_count = ++bot.death_count;
   model_of(bot).in_car = false;
   model_of(bot).has_died = true;
 
@@ -201,14 +201,14 @@ static void die(Bot& bot) {
   send_bytes(bot, bytes_of(report));
 }
 
-// The text begins with the slot, as the relay names the player only. Half of the texts end with the
-// datagram instead of a NUL.
+// CMD_CHAT_LINE names the player but no slot, so the text begins with it. Half of the texts end
+// with the datagram instead of a NUL.
 static void chat(Bot& bot) {
   std::array<char, RECEIVE_BUFFER_SIZE> report{};
   report[0] = static_cast<char>(ClientCommand::CMD_CHAT);
   const char* phrase = PHRASES[random_below(bot, std::size(PHRASES))];
   const int length = std::snprintf(&report[1], report.size() - 1, "%u.%u %s", unsigned{bot.slot},
-                                   unsigned{bot.serial++}, phrase);
+                                   unsigned{bot.sequence++}, phrase);
 
   std::array<char, 2 * RECEIVE_BUFFER_SIZE> line{};
   std::snprintf(line.data(), line.size(), "%s: %s", bot.name.data(), &report[1]);
@@ -226,11 +226,11 @@ static void expect_state(const Bot& bot, Slot slot) {
   reply.in_car = model.in_car ? 1 : 0;
   reply.position = model.state.position;
   if (model.in_car) reply.car = model.car;
-  expect_record(bot, model, bytes_of(reply), offsetof(PlayerStateReply, in_car));
+  expect_player_data(bot, model, bytes_of(reply), offsetof(PlayerStateReply, in_car));
 }
 
-// Only players in the game are told of, and nobody of itself. Numbers beyond the table are asked
-// for as well, and slots whose player is about to change are not.
+// The server answers only about players in the game, and not about the one who asks. Bots ask about
+// slots that do not exist too, but not about a bot that may or may not be in the game.
 static void query(Bot& bot) {
   SlotQuery question;
   const bool asks_info = random_below(bot, 2) == 0;
@@ -240,8 +240,8 @@ static void query(Bot& bot) {
   if (question.slot > fleet.size) question.slot = random_byte(bot) | 32U;
   const std::uint8_t target = question.slot < SLOTS ? fleet.slots[question.slot].bot : NO_BOT;
   if (target != NO_BOT && target != bot.number) {
-    const BotSet target_bit = only(target);
-    if ((fleet.maybe_game & target_bit) != 0) return;
+    const BotSet target_bit = bot_bit(target);
+    if ((fleet.maybe_in_game & target_bit) != 0) return;
     if ((fleet.in_game & target_bit) != 0) {
       asks_info ? expect_info(bot, question.slot) : expect_state(bot, question.slot);
     }
@@ -249,20 +249,21 @@ static void query(Bot& bot) {
   send_bytes(bot, bytes_of(question));
 }
 
-// What a bot does besides its position updates: how often in a thousand of them.
-struct Habit {
+// An action and its probability, per draw. The probabilities of a table add up to less than a
+// thousand: the rest is the probability that the bot does nothing.
+struct WeightedAction {
   unsigned per_mille;
   void (*act)(Bot& bot);
 };
 
-static constexpr Habit ANYWHERE[] = {
+static constexpr WeightedAction ANYWHERE[] = {
     {250, send_state_floats}, {30, change_weapon}, {50, query}, {12, chat}, {6, die},
 };
-static constexpr Habit ON_FOOT[] = {
+static constexpr WeightedAction ON_FOOT[] = {
     {80, send_foot_update}, {50, get_in},          {10, send_car_state},  {4, get_out},
     {4, leave_car},         {4, send_car_block_a}, {4, send_car_block_b}, {4, send_car_status},
 };
-static constexpr Habit IN_CAR[] = {
+static constexpr WeightedAction IN_CAR[] = {
     {150, send_car_block_a},
     {150, send_car_block_b},
     {150, send_car_status},
@@ -272,29 +273,29 @@ static constexpr Habit IN_CAR[] = {
     {8, leave_car},
     {8, send_foot_update},
 };
-static constexpr Habit BEFORE_ENTERING[] = {
+static constexpr WeightedAction BEFORE_ENTERING[] = {
     {300, send_car_status},
     {200, chat},
     {200, query},
     {100, send_state_floats},
 };
 
-static void follow_habit(Bot& bot, std::span<const Habit> habits) {
+static void act_at_random(Bot& bot, std::span<const WeightedAction> actions) {
   unsigned drawn = random_below(bot, 1'000);
-  for (const Habit& habit : habits) {
-    if (drawn < habit.per_mille) return habit.act(bot);
-    drawn -= habit.per_mille;
+  for (const WeightedAction& action : actions) {
+    if (drawn < action.per_mille) return action.act(bot);
+    drawn -= action.per_mille;
   }
 }
 
 void act_in_game(Bot& bot) {
   ++fleet.counters.positions;
   send_position(bot);
-  follow_habit(bot, model_of(bot).in_car ? IN_CAR : ON_FOOT);
-  follow_habit(bot, ANYWHERE);
+  act_at_random(bot, model_of(bot).in_car ? IN_CAR : ON_FOOT);
+  act_at_random(bot, ANYWHERE);
 }
 
-// The server takes them from a player who has not entered too.
+// The server accepts these from a player who has not entered yet.
 void act_before_entering(Bot& bot) {
-  follow_habit(bot, BEFORE_ENTERING);
+  act_at_random(bot, BEFORE_ENTERING);
 }

@@ -1,5 +1,5 @@
-// What the bots hear: each datagram is one that the server owes to this bot, or is about a player
-// who is not of ours, or is wrong.
+// How the bots check what they receive: a datagram is an expected one, or is about a foreign
+// player, or is wrong.
 
 #include <algorithm>
 #include <charconv>
@@ -37,7 +37,7 @@ static bool is_our_name(std::string_view name) {
                      [name](const Bot& bot) { return name == bot.name.data(); });
 }
 
-// "Name-mark: slot.serial ..."
+// The line is "name-tag: slot.sequence phrase".
 static Slot slot_of_chat(Bytes datagram) {
   const auto line = record_of<ChatLine>(datagram);
   const std::string_view text(line.text.data(), line.text.size());
@@ -49,16 +49,17 @@ static Slot slot_of_chat(Bytes datagram) {
   return slot;
 }
 
-// NO_SLOT when the datagram does not name the slot of one of ours.
+// The slot of the player whom the datagram is about. NO_SLOT if it is unknown, as with the chat of
+// a foreign player.
 static Slot slot_of(Bytes datagram) {
   if (command_of(datagram) == CMD_CHAT_LINE) return slot_of_chat(datagram);
   if (command_of(datagram) == CMD_PLAYER_STATE_FLOATS) {
     const FloatBits bits = record_of<PlayerStateFloats>(datagram).state_f2;
-    return bits >> 16U == fleet.mark ? static_cast<Slot>(bits) : NO_SLOT;
+    return bits >> 16U == fleet.process_tag ? static_cast<Slot>(bits) : NO_SLOT;
   }
   if (command_of(datagram) == CMD_PLAYER_CAR_STATUS) {
     const auto relay = record_of<PlayerCarStatus>(datagram);
-    return relay.car_float >> 16U == fleet.mark ? relay.car_byte : NO_SLOT;
+    return relay.car_float >> 16U == fleet.process_tag ? relay.car_byte : NO_SLOT;
   }
   return datagram.size() > 1 ? datagram[1] : NO_SLOT;
 }
@@ -75,9 +76,10 @@ static bool has_foreign_name(Bytes datagram) {
   return !is_our_name(name);
 }
 
-// Of a slot where none of ours ever sat, everything is foreign; of others only what comes after the
-// record of a foreigner there. Which records an entering bot gets is not known once there is a
-// foreigner. A wrong datagram that passes for a foreign one still leaves the right one lost.
+// A slot where no bot has been is foreign; any other one becomes foreign with the CMD_PLAYER_INFO
+// of a foreign player. Once there is a foreign player, nobody knows which CMD_PLAYER_INFO an
+// entering bot gets, so each unexpected one counts as foreign. If a wrong datagram is taken for a
+// foreign one, the right datagram still counts as lost.
 static bool is_foreign(Bytes datagram, Slot slot) {
   if (slot == NO_SLOT) return fleet.foreign_slots != 0;
   if (slot >= SLOTS) return false;
@@ -99,8 +101,8 @@ static const char* reason_of(Verdict verdict) {
   }
 }
 
-static void judge_unexpected(const Bot& bot, Bytes datagram, const Match& found, Tally& tally,
-                             Slot slot) {
+static void handle_unexpected(const Bot& bot, Bytes datagram, const Match& found, Tally& tally,
+                              Slot slot) {
   if (found.verdict != Verdict::OUT_OF_ORDER && is_foreign(datagram, slot)) {
     ++fleet.counters.foreign;
     return;
@@ -113,49 +115,49 @@ static void hear_relay(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
   Match found{Verdict::UNEXPECTED, nullptr};
   if (slot < SLOTS) found = match(relay_ring(slot), bot.number, datagram, now_ns);
   if (found.verdict != Verdict::EXPECTED) {
-    judge_unexpected(bot, datagram, found, relay_tally, slot);
+    handle_unexpected(bot, datagram, found, relay_tally, slot);
     return;
   }
-  // Which cause an optional one had is not sure enough to time it.
-  if ((found.expectation->required & only(bot.number)) == 0) return;
+  // An optional relay may have been matched with an equal, older entry, so its delay is not known.
+  if ((found.expectation->required & bot_bit(bot.number)) == 0) return;
   const std::uint64_t delay_ns = now_ns - found.expectation->sent_ns;
   histogram_add(fleet.delays, delay_ns);
   histogram_add(fleet.recent_delays, delay_ns);
 }
 
-// Everything but the slot is the same for all.
-static bool is_like_the_first(JoinAccepted accepted) {
+// All bots must get the same answer, except for the slot.
+static bool is_like_first(JoinAccepted accepted) {
   accepted.slot = 0;
-  if (!fleet.accepted_known) {
-    fleet.accepted = accepted;
-    fleet.accepted_known = true;
+  if (!fleet.first_accepted_known) {
+    fleet.first_accepted = accepted;
+    fleet.first_accepted_known = true;
     return accepted.game_type <= 1 && accepted.welcome_message[TEXT_WIDTH - 1] == '\0';
   }
-  return std::memcmp(&accepted, &fleet.accepted, sizeof accepted) == 0;
+  return std::memcmp(&accepted, &fleet.first_accepted, sizeof accepted) == 0;
 }
 
 static void hear_join_answer(Bot& bot, Bytes datagram) {
-  if (bot.stage != Stage::JOINING) return;  // too late, the bot has gone on without it
-  if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) return be_refused(bot);
+  if (bot.stage != Stage::JOINING) return;  // too late: the bot has given up, see end_join
+  if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) return handle_refusal(bot);
   const auto accepted = record_of<JoinAccepted>(datagram);
-  if (!is_like_the_first(accepted)) {
+  if (!is_like_first(accepted)) {
     report_wrong(bot, datagram, answer_tally, "unlike the first welcome", nullptr);
   }
   if (accepted.slot < SLOTS && fleet.slots[accepted.slot].bot == NO_BOT) {
-    take_seat(bot, accepted.slot);
+    take_slot(bot, accepted.slot);
   } else {
     report_wrong(bot, datagram, answer_tally, "no free slot", nullptr);
   }
 }
 
-// The slot is that of the latest join, of whomever: one of ours, or of someone whom we have yet to
-// hear of.
+// The reply names the slot of the latest join: that of a bot, or that of a foreign player of whom
+// no other datagram may have come yet.
 static void hear_enter_reply(Bot& bot, Bytes datagram, const Expectation& expectation) {
   const auto slot = record_of<EnterGameReply>(datagram).last_join_slot;
-  const bool as_known = slot == expectation.bytes[offsetof(EnterGameReply, last_join_slot)];
-  if (!as_known && fleet.foreign_slots == 0) {
+  const bool as_expected = slot == expectation.bytes[offsetof(EnterGameReply, last_join_slot)];
+  if (!as_expected && fleet.foreign_slots == 0) {
     if (slot < SLOTS && (fleet.our_slots >> slot & 1U) == 0) {
-      fleet.presumed_slots |= 1U << slot;
+      fleet.unconfirmed_foreign_slots |= 1U << slot;
     } else {
       report_wrong(bot, datagram, answer_tally, "not the slot of the latest join", &expectation);
     }
@@ -170,7 +172,7 @@ static void hear_answer(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
   if (found.verdict != Verdict::EXPECTED) {
     const bool names_slot =
         command_of(datagram) == CMD_PLAYER_INFO || command_of(datagram) == CMD_PLAYER_STATE;
-    judge_unexpected(bot, datagram, found, answer_tally, names_slot ? slot_of(datagram) : SLOTS);
+    handle_unexpected(bot, datagram, found, answer_tally, names_slot ? slot_of(datagram) : SLOTS);
   } else if (command_of(datagram) == CMD_JOIN_ACCEPTED ||
              command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
     hear_join_answer(bot, datagram);
@@ -179,19 +181,19 @@ static void hear_answer(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
   }
 }
 
-// May come at any time, to all who have entered.
+// May come at any time to a player who has entered.
 static void hear_pinkpanther(const Bot& bot, Bytes datagram) {
   const auto notice = record_of<PinkPanther>(datagram);
   const bool plausible = datagram.size() == sizeof notice &&
                          (notice.slot < SLOTS || notice.slot == NOBODY) && bot.has_entered &&
-                         fleet.accepted.game_type == 1;
+                         fleet.first_accepted.game_type == 1;
   if (!plausible)
-    report_wrong(bot, datagram, answer_tally, "no PinkPanther to be told of", nullptr);
+    report_wrong(bot, datagram, answer_tally, "unexpected news of the PinkPanther", nullptr);
 }
 
 static void hear_ping(const Bot& bot, Bytes datagram) {
   if (datagram.size() != sizeof(Ping) || !bot.has_entered) {
-    report_wrong(bot, datagram, answer_tally, "no ping for one outside of the game", nullptr);
+    report_wrong(bot, datagram, answer_tally, "ping before the bot has entered", nullptr);
   }
   send_bytes(bot, bytes_of(ClientCommand::CMD_PING_REPLY));
 }
@@ -213,8 +215,8 @@ void hear(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
   }
 }
 
-void settle_presumed_slots() {
-  for (std::uint32_t open = fleet.presumed_slots & ~fleet.foreign_slots; open != 0;
+void count_unconfirmed_slots() {
+  for (std::uint32_t open = fleet.unconfirmed_foreign_slots & ~fleet.foreign_slots; open != 0;
        open &= open - 1) {
     ++answer_tally.wrong;
   }

@@ -1,31 +1,34 @@
-// How the bots come, stay and go.
+// How the bots join, enter and leave.
 
 #include <sys/socket.h>
 
 #include <algorithm>
 
-#include "tools/bot_means.h"
+#include "tools/bot_common.h"
 
 Fleet fleet;
 
-static constexpr std::uint64_t MS = 1'000'000;  // ns
-static constexpr std::uint64_t RETRY_NS = 2 * MS;
-static constexpr unsigned LONGEST_PAUSE_MS = 500;   // out of the game
-static constexpr unsigned LONGEST_LINGER_MS = 200;  // between joining and entering
-static constexpr std::uint64_t ANSWER_WAIT_NS = 5'000 * MS;
-// The longest that one bot's datagram may take longer than another's on a road without order.
-static constexpr std::uint64_t OVERTAKING_NS = 1'000 * MS;
+static constexpr std::uint64_t MS = 1'000'000;       // ns
+static constexpr std::uint64_t RETRY_NS = 2 * MS;    // while another bot joins
+static constexpr unsigned MAX_PAUSE_MS = 500;        // between leaving and joining
+static constexpr unsigned MAX_ENTER_DELAY_MS = 200;  // between joining and entering
+static constexpr std::uint64_t ANSWER_TIMEOUT_NS = 5'000 * MS;
+// Without in-order delivery a datagram may arrive this much later than one that was sent after it.
+static constexpr std::uint64_t REORDER_WINDOW_NS = 1'000 * MS;
 
 void set_stage(Bot& bot, Stage stage) {
-  const bool joins_anew = stage == Stage::JOINING && bot.slot != NO_SLOT;
-  const bool in_game = stage == Stage::PLAYING || (stage == Stage::ENTERING && fleet.ordered_road);
-  const bool maybe = !in_game && (joins_anew || !fleet.ordered_road);
+  const BotSet bit = bot_bit(bot.number);
+  const bool joins_again = stage == Stage::JOINING && bot.slot != NO_SLOT;
+  const bool in_game =
+      stage == Stage::PLAYING || (stage == Stage::ENTERING && fleet.in_order_delivery);
+  const bool maybe = !in_game && (joins_again || !fleet.in_order_delivery);
   bot.stage = stage;
-  fleet.in_game = (fleet.in_game & ~only(bot.number)) | (in_game ? only(bot.number) : 0);
-  fleet.maybe_game = (fleet.maybe_game & ~only(bot.number)) | (maybe ? only(bot.number) : 0);
+  fleet.in_game = in_game ? fleet.in_game | bit : fleet.in_game & ~bit;
+  fleet.maybe_in_game = maybe ? fleet.maybe_in_game | bit : fleet.maybe_in_game & ~bit;
 }
 
-// An error here is that of an earlier datagram (ECONNREFUSED, see udp(7)), so once more is enough.
+// An error may be that of an earlier datagram (ECONNREFUSED, see udp(7)). It is reported only once,
+// so a second attempt is enough.
 void send_bytes(const Bot& bot, Bytes datagram) {
   ++fleet.counters.sent;
   for (int attempt = 0; attempt < 2; ++attempt) {
@@ -34,9 +37,9 @@ void send_bytes(const Bot& bot, Bytes datagram) {
   ++fleet.counters.send_failures;
 }
 
-// Which record the server leaves out goes by the last join, so when others than ours may have
-// joined, none of the records is sure to come.
-static void expect_records(const Bot& bot) {
+// The server leaves out the slot of the latest join. Once there are foreign players, that slot is
+// unknown, and nothing is expected.
+static void expect_other_players(const Bot& bot) {
   if (fleet.foreign_slots != 0) return;
   for (Slot slot = 0; slot < SLOTS; ++slot) {
     if (fleet.slots[slot].bot == NO_BOT || slot == fleet.last_join_slot) continue;
@@ -44,23 +47,24 @@ static void expect_records(const Bot& bot) {
   }
 }
 
-// Also done by a bot that is in the game already; not while a join is on its way.
+// A bot in the game may enter again. No bot enters while another one joins, because the reply names
+// the slot of the latest join.
 static void enter_game(Bot& bot) {
   if (fleet.joining_bot != NO_BOT) return;
   SlotModel& model = model_of(bot);
   EnterGame report;
   report.state.position = next_position(bot);
-  report.state.state_f1 = random_bits(bot);
+  report.state.state_f1 = random_float(bot);
   report.state.state_b = random_byte(bot);
-  report.state.state_f2 = mark_bits(bot);
-  report.state.state_f3 = random_bits(bot);
+  report.state.state_f2 = tagged_slot(bot);
+  report.state.state_f3 = random_float(bot);
   model.state = report.state;
   model.known = true;
   model.in_car = random_below(bot, 4) == 0;
   if (model.in_car) {
     report.in_car = static_cast<std::uint8_t>(1 + random_below(bot, 255));
     model.car = random_car(bot);
-    report.car = soil_unused(bot, model.car);
+    report.car = with_random_unused(bot, model.car);
   }
 
   const EnterGameReply reply{.last_join_slot = fleet.last_join_slot};
@@ -73,42 +77,43 @@ static void enter_game(Bot& bot) {
   relay.in_car = model.in_car ? 1 : 0;
   if (model.in_car) relay.car = model.car;
   expect_relay(bot, relay);
-  expect_records(bot);
+  expect_other_players(bot);
   bot.has_entered = true;
   set_stage(bot, Stage::ENTERING);
-  bot.due_ns = monotonic_ns() + ANSWER_WAIT_NS;
+  bot.due_ns = monotonic_ns() + ANSWER_TIMEOUT_NS;
   send_bytes(bot, bytes_of(report));
 }
 
-// Others may hear that the bot leaves its slot; that they must, require_leave_notice says.
-static void allow_leave_notice(Bot& bot) {
+// A bot in a slot that joins again leaves this slot only if the server accepts it in another one,
+// so the notice to the other players is optional until the answer comes.
+static void expect_leave_notice(Bot& bot) {
   const PlayerLeft notice{.slot = bot.slot};
   Expectation expectation = expectation_of(bytes_of(notice));
-  bot.witnesses = fleet.in_game & ~only(bot.number);
-  expectation.optional = (fleet.in_game | fleet.maybe_game) & ~only(bot.number);
+  bot.leave_notice_receivers = fleet.in_game & ~bot_bit(bot.number);
+  expectation.optional = (fleet.in_game | fleet.maybe_in_game) & ~bot_bit(bot.number);
   bot.leave_notice = expect(relay_ring(bot.slot), expectation);
 }
 
-// What is in flight to the bot may meet it gone.
-static void excuse_in_flight(const Bot& bot) {
-  if (!fleet.ordered_road) excuse(bot.number, monotonic_ns() - OVERTAKING_NS);
+// Without in-order delivery, what this bot sends next may reach the server before what other bots
+// have sent earlier. The server then does not relay their datagrams to this bot.
+static void make_recent_optional(const Bot& bot) {
+  if (!fleet.in_order_delivery) make_optional(bot.number, monotonic_ns() - REORDER_WINDOW_NS);
 }
 
-// On a road without order a join could overtake the entering of another bot.
+// Without in-order delivery a join could overtake the CMD_ENTER_GAME of another bot.
 static bool may_join() {
   if (fleet.joining_bot != NO_BOT) return false;
-  return fleet.ordered_road ||
+  return fleet.in_order_delivery ||
          std::none_of(fleet.bots.begin(), fleet.bots.end(),
                       [](const Bot& bot) { return bot.stage == Stage::ENTERING; });
 }
 
-// A bot that sits already moves to another slot if there is room, and stays where it is if there is
-// none.
+// A bot in a slot moves to another one if one is free, and keeps its own if none is.
 static void join(Bot& bot) {
   if (!may_join()) return;
-  excuse_in_flight(bot);
+  make_recent_optional(bot);
   set_stage(bot, Stage::JOINING);
-  if (bot.slot != NO_SLOT) allow_leave_notice(bot);
+  if (bot.slot != NO_SLOT) expect_leave_notice(bot);
   const JoinAccepted answer;
   expect_answer(bot, bytes_of(answer), offsetof(JoinAccepted, slot));
 
@@ -116,18 +121,18 @@ static void join(Bot& bot) {
   request.name = bot.name;
   request.version = {PROTOCOL_VERSION & 0xFFU, PROTOCOL_VERSION >> 8U};
   fleet.joining_bot = bot.number;
-  bot.due_ns = monotonic_ns() + ANSWER_WAIT_NS;
+  bot.due_ns = monotonic_ns() + ANSWER_TIMEOUT_NS;
   send_bytes(bot, bytes_of(request));
 }
 
 void leave(Bot& bot) {
-  excuse_in_flight(bot);
+  make_recent_optional(bot);
   const PlayerLeft notice{.slot = bot.slot};
   expect_relay(bot, notice);
   model_of(bot).bot = NO_BOT;
   bot.slot = NO_SLOT;
   set_stage(bot, Stage::OUT);
-  bot.due_ns = monotonic_ns() + MS * random_below(bot, LONGEST_PAUSE_MS);
+  bot.due_ns = monotonic_ns() + MS * random_below(bot, MAX_PAUSE_MS);
   send_bytes(bot, bytes_of(ClientCommand::CMD_PLAYER_LEFT));
 }
 
@@ -135,11 +140,11 @@ static void skip_missed_steps(Bot& bot, std::uint64_t now_ns) {
   bot.due_ns += fleet.step_ns;
   if (bot.due_ns > now_ns) return;
   const std::uint64_t missed = (now_ns - bot.due_ns) / fleet.step_ns + 1;
-  fleet.counters.late += missed;
+  fleet.counters.skipped += missed;
   bot.due_ns += missed * fleet.step_ns;
 }
 
-// Of a thousand steps one bot ends with leaving, joining anew or entering again this often.
+// After how many of a thousand steps a bot leaves, joins again or enters again.
 static constexpr unsigned LEAVES_PER_MILLE = 4;
 static constexpr unsigned JOINS_PER_MILLE = 3;
 static constexpr unsigned ENTERS_PER_MILLE = 4;
@@ -157,27 +162,28 @@ static void play(Bot& bot, std::uint64_t now_ns) {
   }
 }
 
-// No slot came of it: refused, or the answer is overdue and the bot goes on as if it had not asked.
+// The bot has got no new slot: it was refused, or no answer came in time.
 static void end_join(Bot& bot) {
   fleet.joining_bot = NO_BOT;
   set_stage(bot, bot.slot == NO_SLOT ? Stage::OUT : Stage::PLAYING);
-  const std::uint64_t pause = bot.slot == NO_SLOT ? LONGEST_PAUSE_MS * MS : fleet.step_ns;
+  const std::uint64_t pause = bot.slot == NO_SLOT ? MAX_PAUSE_MS * MS : fleet.step_ns;
   bot.due_ns = monotonic_ns() + pause;
 }
 
-void be_refused(Bot& bot) {
+void handle_refusal(Bot& bot) {
   ++fleet.counters.refused;
   fleet.last_join_slot = NO_SLOT;
   end_join(bot);
 }
 
-// On a road without order a witness may have left in the meantime.
+// Without in-order delivery a receiver that has left the game since may have missed the notice.
 static void require_leave_notice(const Bot& bot) {
-  const BotSet witnesses = fleet.ordered_road ? bot.witnesses : bot.witnesses & fleet.in_game;
-  require(relay_ring(bot.slot), bot.leave_notice, witnesses);
+  BotSet receivers = bot.leave_notice_receivers;
+  if (!fleet.in_order_delivery) receivers &= fleet.in_game;
+  make_required(relay_ring(bot.slot), bot.leave_notice, receivers);
 }
 
-void take_seat(Bot& bot, Slot slot) {
+void take_slot(Bot& bot, Slot slot) {
   if (bot.slot != NO_SLOT) {
     require_leave_notice(bot);
     model_of(bot).bot = NO_BOT;
@@ -191,7 +197,7 @@ void take_seat(Bot& bot, Slot slot) {
   fleet.last_join_slot = slot;
   fleet.joining_bot = NO_BOT;
   set_stage(bot, Stage::JOINED);
-  bot.due_ns = monotonic_ns() + MS * random_below(bot, LONGEST_LINGER_MS);
+  bot.due_ns = monotonic_ns() + MS * random_below(bot, MAX_ENTER_DELAY_MS);
 }
 
 static void enter_first_time(Bot& bot, std::uint64_t now_ns) {
@@ -207,13 +213,13 @@ void act(Bot& bot, std::uint64_t now_ns) {
       bot.due_ns = now_ns + RETRY_NS;
       join(bot);
       break;
-    case Stage::JOINING:
+    case Stage::JOINING:  // no answer came in time
       end_join(bot);
       break;
     case Stage::JOINED:
       enter_first_time(bot, now_ns);
       break;
-    case Stage::ENTERING:
+    case Stage::ENTERING:  // no answer came in time
       set_stage(bot, Stage::PLAYING);
       bot.due_ns = now_ns;
       break;

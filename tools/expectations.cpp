@@ -11,14 +11,14 @@ struct Ring {
   std::uint64_t end = 0;
 };
 
-static constexpr std::uint64_t DAY_S = 1440;  // of the game: one of its minutes is a second
+static constexpr std::uint64_t DAY_S = 1440;  // of the game: one of its minutes takes a second
 static constexpr std::uint64_t CLOCK_TOLERANCE_S = 2;
 
 static std::array<Ring, RINGS> rings;
 static std::array<std::array<std::uint64_t, MAX_BOTS>, RINGS> cursors;
 static std::uint64_t outstanding_count;
 
-// Second of our clock, plus whole days, at which the game's clock stood at zero.
+// The second of our clock at which the game's clock showed 0:00, plus whole days of the game.
 static std::uint64_t game_start_s;
 static bool game_start_known;
 
@@ -37,7 +37,7 @@ static std::uint64_t oldest_of(unsigned ring) {
   return rings[ring].end > RING_SIZE ? rings[ring].end - RING_SIZE : 0;
 }
 
-static void settle(unsigned ring, Expectation& entry) {
+static void tally_and_clear(unsigned ring, Expectation& entry) {
   Tally& tally = ring < SLOTS ? relay_tally : answer_tally;
   const std::uint64_t lost = count_of(entry.required & ~entry.received);
   tally.expected += count_of(entry.received) + lost;
@@ -50,15 +50,15 @@ static void settle(unsigned ring, Expectation& entry) {
 std::uint64_t expect(unsigned ring, const Expectation& expectation) {
   const std::uint64_t number = rings[ring].end++;
   Expectation& entry = entry_of(ring, number);
-  settle(ring, entry);
+  tally_and_clear(ring, entry);
   entry = expectation;
   outstanding_count += count_of(entry.required);
   return number;
 }
 
-// Both halves of the time are read off the clock one after the other somewhere between our send and
-// our receive, so each is tried on its own against every second of that time. The first time of day
-// seen sets the start.
+// The server reads the hour and the minute separately, some time between our send and our receive.
+// So each of the two is compared on its own with every second of this interval. The first time of
+// day received sets game_start_s.
 static bool clock_fits(unsigned hour, unsigned minute, std::uint64_t sent_ns,
                        std::uint64_t now_ns) {
   if (hour > 23 || minute > 59) return false;
@@ -83,10 +83,10 @@ static bool is_refusal(Bytes datagram) {
          std::memcmp(&datagram[1], TEXT, sizeof TEXT - 1) == 0;
 }
 
-static bool fits(const Expectation& entry, Bytes datagram, std::uint64_t now_ns) {
+static bool is_match(const Expectation& entry, Bytes datagram, std::uint64_t now_ns) {
   if (command_of(entry.bytes) == CMD_JOIN_ACCEPTED && is_refusal(datagram)) return true;
-  if (datagram.size() != entry.length) return false;
-  if (std::memcmp(entry.bytes.data(), datagram.data(), entry.compared) != 0) return false;
+  if (datagram.size() != entry.size) return false;
+  if (std::memcmp(entry.bytes.data(), datagram.data(), entry.compared_size) != 0) return false;
   if (command_of(datagram) == CMD_GAME_CLOCK) {
     return clock_fits(datagram[1], datagram[2], entry.sent_ns, now_ns);
   }
@@ -96,79 +96,83 @@ static bool fits(const Expectation& entry, Bytes datagram, std::uint64_t now_ns)
   return true;
 }
 
-enum class Wanted { REQUIRED, OPTIONAL, RECEIVED };
+// What an entry is to one receiver.
+enum class Status { REQUIRED, OPTIONAL, RECEIVED, UNRELATED };
 
-static bool is_wanted(const Expectation& entry, Wanted wanted, BotSet receiver) {
-  if ((entry.received & receiver) != 0) return wanted == Wanted::RECEIVED;
-  if ((entry.required & receiver) != 0) return wanted == Wanted::REQUIRED;
-  return (entry.optional & receiver) != 0 && wanted == Wanted::OPTIONAL;
+static Status status_of(const Expectation& entry, BotSet receiver) {
+  if ((entry.received & receiver) != 0) return Status::RECEIVED;
+  if ((entry.required & receiver) != 0) return Status::REQUIRED;
+  return (entry.optional & receiver) != 0 ? Status::OPTIONAL : Status::UNRELATED;
 }
 
-struct Heard {
+struct Arrival {
   unsigned ring;
-  BotSet receiver;
+  BotSet receiver;  // one bit
   Bytes datagram;
   std::uint64_t now_ns;
 };
 
-// The first such entry that the datagram may be, or to.
-static std::uint64_t find(const Heard& heard, Wanted wanted, std::uint64_t from, std::uint64_t to) {
+// The number of the first entry of this status that matches the datagram, or the value of `to`.
+static std::uint64_t find(const Arrival& arrival, Status status, std::uint64_t from,
+                          std::uint64_t to) {
   for (std::uint64_t number = from; number < to; ++number) {
-    const Expectation& entry = entry_of(heard.ring, number);
-    if (is_wanted(entry, wanted, heard.receiver) && fits(entry, heard.datagram, heard.now_ns)) {
+    const Expectation& entry = entry_of(arrival.ring, number);
+    if (status_of(entry, arrival.receiver) == status &&
+        is_match(entry, arrival.datagram, arrival.now_ns)) {
       return number;
     }
   }
   return to;
 }
 
-static Match receive(const Heard& heard, std::uint64_t number, Verdict verdict) {
-  Expectation& entry = entry_of(heard.ring, number);
-  if ((entry.required & heard.receiver) != 0) --outstanding_count;
-  entry.received |= heard.receiver;
+static Match mark_received(const Arrival& arrival, std::uint64_t number, Verdict verdict) {
+  Expectation& entry = entry_of(arrival.ring, number);
+  if ((entry.required & arrival.receiver) != 0) --outstanding_count;
+  entry.received |= arrival.receiver;
   return {verdict, &entry};
 }
 
-static Expectation* next_due(const Heard& heard, std::uint64_t cursor) {
-  for (std::uint64_t number = cursor; number < rings[heard.ring].end; ++number) {
-    Expectation& entry = entry_of(heard.ring, number);
-    if (is_wanted(entry, Wanted::REQUIRED, heard.receiver)) return &entry;
+static Expectation* next_required(const Arrival& arrival, std::uint64_t cursor) {
+  for (std::uint64_t number = cursor; number < rings[arrival.ring].end; ++number) {
+    Expectation& entry = entry_of(arrival.ring, number);
+    if (status_of(entry, arrival.receiver) == Status::REQUIRED) return &entry;
   }
   return nullptr;
 }
 
-// What is required goes before what is optional, so that an optional one that never came cannot
-// take the place of a later one like it. Of the optional the order does not count for that reason.
+// A required entry is matched before an earlier, equal optional one, because the optional datagram
+// may never come. If it does come, the cursor may have passed its entry. So optional entries are
+// matched in any order.
 Match match(unsigned ring, unsigned receiver, Bytes datagram, std::uint64_t now_ns) {
-  const Heard heard{ring, only(receiver), datagram, now_ns};
+  const Arrival arrival{ring, bot_bit(receiver), datagram, now_ns};
   const std::uint64_t end = rings[ring].end;
   const std::uint64_t oldest = oldest_of(ring);
   std::uint64_t& cursor = cursors[ring][receiver];
   cursor = std::max(cursor, oldest);
 
-  std::uint64_t number = find(heard, Wanted::REQUIRED, cursor, end);
-  if (number == end) number = find(heard, Wanted::OPTIONAL, cursor, end);
+  std::uint64_t number = find(arrival, Status::REQUIRED, cursor, end);
+  if (number == end) number = find(arrival, Status::OPTIONAL, cursor, end);
   if (number != end) {
     cursor = number + 1;
-    return receive(heard, number, Verdict::EXPECTED);
+    return mark_received(arrival, number, Verdict::EXPECTED);
   }
-  number = find(heard, Wanted::REQUIRED, oldest, cursor);
-  if (number != cursor) return receive(heard, number, Verdict::OUT_OF_ORDER);
-  number = find(heard, Wanted::OPTIONAL, oldest, cursor);
-  if (number != cursor) return receive(heard, number, Verdict::EXPECTED);
-  const bool repeated = find(heard, Wanted::RECEIVED, oldest, end) != end;
-  return {repeated ? Verdict::REPEATED : Verdict::UNEXPECTED, next_due(heard, cursor)};
+  number = find(arrival, Status::REQUIRED, oldest, cursor);
+  if (number != cursor) return mark_received(arrival, number, Verdict::OUT_OF_ORDER);
+  number = find(arrival, Status::OPTIONAL, oldest, cursor);
+  if (number != cursor) return mark_received(arrival, number, Verdict::EXPECTED);
+  const bool repeated = find(arrival, Status::RECEIVED, oldest, end) != end;
+  return {repeated ? Verdict::REPEATED : Verdict::UNEXPECTED, next_required(arrival, cursor)};
 }
 
-void require(unsigned ring, std::uint64_t number, BotSet bots) {
+void make_required(unsigned ring, std::uint64_t number, BotSet bots) {
   if (number < oldest_of(ring)) return;
   Expectation& entry = entry_of(ring, number);
   outstanding_count += count_of(bots & ~entry.required & ~entry.received);
   entry.required |= bots;
 }
 
-void excuse(unsigned receiver, std::uint64_t since_ns) {
-  const BotSet bit = only(receiver);
+void make_optional(unsigned receiver, std::uint64_t since_ns) {
+  const BotSet bit = bot_bit(receiver);
   for (unsigned ring = 0; ring < RINGS; ++ring) {
     const std::uint64_t oldest = oldest_of(ring);
     for (std::uint64_t number = oldest; number < rings[ring].end; ++number) {
@@ -185,8 +189,8 @@ std::uint64_t outstanding() {
   return outstanding_count;
 }
 
-void settle_expectations() {
+void tally_remaining() {
   for (unsigned ring = 0; ring < RINGS; ++ring) {
-    for (Expectation& entry : rings[ring].entries) settle(ring, entry);
+    for (Expectation& entry : rings[ring].entries) tally_and_clear(ring, entry);
   }
 }

@@ -1,12 +1,13 @@
-// What the bots must hear: every datagram that the server owes them because of one of theirs.
+// What the bots must receive: every datagram that the server must send because of one of theirs.
 //
-// There is one ring for each slot, with the relays caused by the bot in that slot, and one for each
-// bot, with the answers to it alone. Both hold their datagrams in the order in which the bots sent
-// what caused them, so each receiver walks each ring with a cursor of its own.
+// A relay tells the other players what one bot has sent; an answer goes to the sender alone. Each
+// slot has a ring of the relays caused by the bot in it, and each bot has a ring of the answers to
+// it. Both hold the datagrams in the order in which the bots sent what causes them. Each receiver
+// has a cursor of its own in each ring.
 //
-// A relay is stored once, with a bit for each bot that must or may get it. What was to be received
-// and was not is lost, but only when its place in the ring is needed again or at the end, so that
-// nothing is called lost that still lies in a socket.
+// A relay is stored once, with one bit for each bot that must or may get it. A datagram that has
+// not come counts as lost only when its place in the ring is reused, or at the end: until then it
+// may still wait in a socket.
 #pragma once
 
 #include <array>
@@ -22,25 +23,25 @@ inline constexpr unsigned RINGS = SLOTS + MAX_BOTS;
 // Datagrams a ring holds: the fastest bots fill one in about three seconds.
 inline constexpr std::uint64_t RING_SIZE = 1024;
 
-using BotSet = std::uint32_t;  // one bit a bot
+using BotSet = std::uint32_t;  // one bit per bot
 using Bytes = std::span<const std::uint8_t>;
 
-// Of a datagram from the server.
+inline BotSet bot_bit(unsigned bot) {
+  return BotSet{1} << bot;
+}
+
+// The datagram must be one from the server and not empty.
 inline ServerCommand command_of(Bytes datagram) {
   return ServerCommand{datagram[0]};
 }
 
-inline BotSet only(unsigned bot) {
-  return BotSet{1} << bot;
-}
-
 struct Expectation {
-  std::uint64_t sent_ns = 0;  // when its cause was sent
-  BotSet required = 0;        // who must get it
-  BotSet optional = 0;        // who may get it
-  BotSet received = 0;
-  std::uint8_t length = 0;
-  std::uint8_t compared = 0;  // leading bytes that are known; the rest is judged by its code
+  std::uint64_t sent_ns = 0;  // when the bot sent what causes it
+  BotSet required = 0;        // bots that must get it
+  BotSet optional = 0;        // bots that may get it
+  BotSet received = 0;        // bots that have got it
+  std::uint8_t size = 0;
+  std::uint8_t compared_size = 0;  // the first bytes of it, which must be equal
   std::array<std::uint8_t, sizeof(PlayerInfo)> bytes{};
 };
 
@@ -55,7 +56,8 @@ enum class Verdict { EXPECTED, OUT_OF_ORDER, REPEATED, UNEXPECTED };
 
 struct Match {
   Verdict verdict;
-  Expectation* expectation;  // matched; with REPEATED and UNEXPECTED the next one due, or null
+  // The entry that the datagram is; for REPEATED and UNEXPECTED the next required one, or null.
+  Expectation* expectation;
 };
 
 inline unsigned relay_ring(Slot slot) {
@@ -66,22 +68,22 @@ inline unsigned answer_ring(unsigned bot) {
   return SLOTS + bot;
 }
 
-// Returns its number in the ring.
+// Returns the number of the new entry in its ring.
 std::uint64_t expect(unsigned ring, const Expectation& expectation);
 
 Match match(unsigned ring, unsigned receiver, Bytes datagram, std::uint64_t now_ns);
 
-// Makes what was optional for these bots required, unless it has left the ring.
-void require(unsigned ring, std::uint64_t number, BotSet bots);
+// Makes an entry required for these bots, unless it has left the ring.
+void make_required(unsigned ring, std::uint64_t number, BotSet bots);
 
-// What was sent since then and the bot has not received yet, it need not receive any more.
-void excuse(unsigned receiver, std::uint64_t since_ns);
+// Makes optional what the bot has not received yet of all that was caused since then.
+void make_optional(unsigned receiver, std::uint64_t since_ns);
 
-// How many datagrams must still come.
+// How many required datagrams have not come yet.
 std::uint64_t outstanding();
 
-// To be called at the end: whatever has not come is lost.
-void settle_expectations();
+// To be called at the end: counts what has not come as lost.
+void tally_remaining();
 
 extern Tally relay_tally;
 extern Tally answer_tally;

@@ -19,10 +19,10 @@ static constexpr const char* HELP =
     "  --server HOST:PORT  the server, 127.0.0.1:16309 by default\n"
     "  --players N         bots, 1 to 32, 8 by default\n"
     "  --rate HZ           position updates a second of each bot, 1 to 200, 20 by default\n"
-    "  --seconds S         time of play, 1 to 1000000, 10 by default\n"
-    "  --seed N            what the bots do follows from it, 0 to 4294967295, 1 by default\n"
+    "  --seconds S         how long to play, 1 to 1000000, 10 by default\n"
+    "  --seed N            seed of the bots' random choices, 0 to 4294967295, 1 by default\n"
     "\n"
-    "SIGINT and SIGTERM end the play early; the bots leave and the table is shown.\n"
+    "SIGINT and SIGTERM end the run early; the bots leave and the table is shown.\n"
     "Exit status: 0 all was well, 1 something was wrong or lost or no bot could join,\n"
     "2 bad arguments.\n";
 

@@ -3,18 +3,16 @@
 
 #include <netinet/in.h>
 
-#include <cstdint>
-
 struct Options {
   const char* server = "127.0.0.1:16309";
   sockaddr_in address{};  // of server
   unsigned players = 8;
-  unsigned rate = 20;     // position updates a second and player
-  unsigned seconds = 10;  // of play
-  unsigned seed = 1;
+  unsigned rate = 20;     // position updates per second and bot
+  unsigned seconds = 10;  // how long to play
+  unsigned seed = 1;      // of the bots' random choices
 };
 
 enum class ParseResult { RUN, HELP_SHOWN, BAD_ARGUMENTS };
 
-// Says on standard error what is wrong with bad arguments.
+// Prints to standard error what is wrong with bad arguments.
 ParseResult parse_options(int count, char** arguments, Options& options);

@@ -5,23 +5,23 @@
 #include <cinttypes>
 #include <cstdio>
 
-static constexpr unsigned WRONG_SHOWN = 10;
-static constexpr std::uint64_t LIVE_NS = 500'000'000;
-static constexpr std::uint64_t PLAIN_NS = 10'000'000'000;
+static constexpr unsigned MAX_WRONG_SHOWN = 10;
+static constexpr std::uint64_t TERMINAL_PERIOD_NS = 500'000'000;
+static constexpr std::uint64_t PLAIN_PERIOD_NS = 10'000'000'000;
 
 static const bool ON_TERMINAL = isatty(STDOUT_FILENO) == 1;
 
 static unsigned wrong_shown;
 static std::uint64_t last_progress_ns;
-static bool line_is_open;  // the terminal's cursor stands behind a progress line
+static bool on_progress_line;  // the terminal's cursor is at the end of one
 
-static void close_line() {
-  if (line_is_open) std::printf("\n");
-  line_is_open = false;
+static void end_progress_line() {
+  if (on_progress_line) std::printf("\n");
+  on_progress_line = false;
 }
 
 void print_line(const char* text) {
-  close_line();
+  end_progress_line();
   std::printf("%s\n", text);
 }
 
@@ -34,16 +34,16 @@ static void print_bytes(const char* title, Bytes bytes) {
 void report_wrong(const Bot& bot, Bytes datagram, Tally& tally, const char* reason,
                   const Expectation* due) {
   ++tally.wrong;
-  if (wrong_shown == WRONG_SHOWN) return;
+  if (wrong_shown == MAX_WRONG_SHOWN) return;
   ++wrong_shown;
-  close_line();
+  end_progress_line();
   std::printf("wrong: %zu bytes to %s (slot %d): %s\n", datagram.size(), bot.name.data(),
               bot.slot == NO_SLOT ? -1 : bot.slot, reason);
   print_bytes("received", datagram);
   if (due == nullptr) {
     std::printf("    nothing was due\n");
   } else {
-    print_bytes("due", Bytes(due->bytes).first(due->length));
+    print_bytes("due", Bytes(due->bytes).first(due->size));
   }
 }
 
@@ -60,7 +60,7 @@ static unsigned players_in_game() {
 void show_progress(std::uint64_t now_ns) {
   if (last_progress_ns == 0) last_progress_ns = now_ns;
   const std::uint64_t passed = now_ns - last_progress_ns;
-  if (passed < (ON_TERMINAL ? LIVE_NS : PLAIN_NS)) return;
+  if (passed < (ON_TERMINAL ? TERMINAL_PERIOD_NS : PLAIN_PERIOD_NS)) return;
   last_progress_ns = now_ns;
   const Histogram& delays = fleet.recent_delays;
   const double rate = static_cast<double>(delays.total) * 1e9 / static_cast<double>(passed);
@@ -70,7 +70,7 @@ void show_progress(std::uint64_t now_ns) {
               in_ms(histogram_percentile(delays, 50)), in_ms(histogram_percentile(delays, 99)),
               relay_tally.wrong + answer_tally.wrong, ON_TERMINAL ? "\x1b[K" : "\n");
   std::fflush(stdout);
-  line_is_open = ON_TERMINAL;
+  on_progress_line = ON_TERMINAL;
   fleet.recent_delays = {};
 }
 
@@ -83,21 +83,22 @@ static void show_count(std::uint64_t count, const char* text) {
   if (count != 0) std::printf("%" PRIu64 " %s\n", count, text);
 }
 
-// What came to pass beside the table, where anything did.
-static void show_remarks(std::uint64_t socket_drops) {
+// Events that the table does not show, if there were any.
+static void show_events(std::uint64_t socket_drops) {
   const Counters& counters = fleet.counters;
   show_count(counters.refused, "joins refused, the server was full");
-  show_count(counters.foreign, "datagrams about players of others");
-  show_count(counters.late, "position updates skipped: the bots fell behind, not the server");
+  show_count(counters.foreign, "datagrams about foreign players, who are not bots of this run");
+  show_count(counters.skipped, "position updates skipped: the bots fell behind, not the server");
   show_count(socket_drops, "datagrams dropped at the bots' own sockets: the bots were too slow");
   show_count(counters.send_failures, "datagrams could not be sent");
   if (relay_tally.lost + answer_tally.lost != 0) {
-    std::printf("where a bot's datagram was lost, what it changed may make later ones wrong\n");
+    std::printf(
+        "if a bot's own update was lost, later datagrams about that bot may be wrong too\n");
   }
 }
 
 void show_table(const Options& options, double seconds, std::uint64_t socket_drops) {
-  close_line();
+  end_progress_line();
   const Counters& counters = fleet.counters;
   std::printf("\n%u players at %u Hz on %s for %.1f s, seed %u\n", options.players, options.rate,
               options.server, seconds, options.seed);
@@ -111,5 +112,5 @@ void show_table(const Options& options, double seconds, std::uint64_t socket_dro
   std::printf("\ndelay of a relay: p50 %.3f ms, p99 %.3f ms, max %.3f ms\n",
               in_ms(histogram_percentile(delays, 50)), in_ms(histogram_percentile(delays, 99)),
               in_ms(delays.max_ns));
-  show_remarks(socket_drops);
+  show_events(socket_drops);
 }

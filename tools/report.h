@@ -3,14 +3,15 @@
 
 #include "tools/bot.h"
 
-// Counts the datagram as wrong; the first ten are printed with what was due instead, if anything.
+// Counts the datagram as wrong. The first ten are printed, each with the expectation that was due
+// instead; due is null if there was none.
 void report_wrong(const Bot& bot, Bytes datagram, Tally& tally, const char* reason,
                   const Expectation* due);
 
-// On a terminal a line that is rewritten twice a second, else a plain one every ten seconds.
+// On a terminal one line, rewritten twice a second; elsewhere a new line every ten seconds.
 void show_progress(std::uint64_t now_ns);
 
-// A line of its own, whatever the terminal shows at the moment.
+// Prints a line of its own, below a progress line if there is one.
 void print_line(const char* text);
 
 void show_table(const Options& options, double seconds, std::uint64_t socket_drops);

@@ -1,4 +1,4 @@
-// What every action of the bots is made of: chance, and notes of what must be heard of it.
+// What bot_actions.cpp and bot_life.cpp share: random values and expected datagrams.
 #pragma once
 
 #include <algorithm>
@@ -12,8 +12,8 @@
 
 // splitmix64
 inline std::uint64_t next_random(Bot& bot) {
-  bot.random += 0x9E37'79B9'7F4A'7C15;
-  std::uint64_t z = bot.random;
+  bot.rng += 0x9E37'79B9'7F4A'7C15;
+  std::uint64_t z = bot.rng;
   z = (z ^ (z >> 30U)) * 0xBF58'476D'1CE4'E5B9;
   z = (z ^ (z >> 27U)) * 0x94D0'49BB'1331'11EB;
   return z ^ (z >> 31U);
@@ -27,9 +27,9 @@ inline std::uint8_t random_byte(Bot& bot) {
   return static_cast<std::uint8_t>(next_random(bot) >> 56U);
 }
 
-// Any pattern, and often a signalling NaN: none may change on its way.
-inline std::uint32_t random_bits(Bot& bot) {
-  const auto bits = static_cast<std::uint32_t>(next_random(bot) >> 32U);
+// Any bits, and one time in eight a signalling NaN: the server must not change even these.
+inline FloatBits random_float(Bot& bot) {
+  const auto bits = static_cast<FloatBits>(next_random(bot) >> 32U);
   return random_below(bot, 8) == 0 ? (bits & 0x803F'FFFFU) | 0x7F80'0001U : bits;
 }
 
@@ -38,20 +38,20 @@ inline void fill_random(Bot& bot, std::array<std::uint8_t, count>& bytes) {
   for (std::uint8_t& byte : bytes) byte = random_byte(bot);
 }
 
-// Two floats along a circle of the bot's own, and a third value that means nothing.
+// The next point of a circle whose radius differs from bot to bot; the third value is random.
 inline Position next_position(Bot& bot) {
   const float angle = 0.05F * static_cast<float>(++bot.steps);
   const float radius = 20.0F + static_cast<float>(bot.number);
   return {std::bit_cast<std::uint32_t>(radius * std::cos(angle)),
-          std::bit_cast<std::uint32_t>(radius * std::sin(angle)), random_bits(bot)};
+          std::bit_cast<std::uint32_t>(radius * std::sin(angle)), random_float(bot)};
 }
 
-// Names the slot, as the relay 207 does not.
-inline FloatBits mark_bits(const Bot& bot) {
-  return static_cast<FloatBits>(fleet.mark) << 16U | bot.slot;
+// The state_f2 of every bot. CMD_PLAYER_STATE_FLOATS names no slot, so state_f2 names it.
+inline FloatBits tagged_slot(const Bot& bot) {
+  return static_cast<FloatBits>(fleet.process_tag) << 16U | bot.slot;
 }
 
-// Its unused bytes stay zero, as the server sends them.
+// The unused bytes are zero, as in what the server sends.
 inline CarState random_car(Bot& bot) {
   CarState car;
   car.car_type = random_byte(bot);
@@ -60,12 +60,12 @@ inline CarState random_car(Bot& bot) {
   fill_random(bot, car.car_block_a);
   fill_random(bot, car.car_block_b);
   car.car_byte = random_byte(bot);
-  car.car_float = random_bits(bot);
+  car.car_float = random_float(bot);
   return car;
 }
 
-// The server is to read no unused byte, so they may hold anything.
-inline CarState soil_unused(Bot& bot, CarState car) {
+// The server must not read unused bytes, so bots send random ones.
+inline CarState with_random_unused(Bot& bot, CarState car) {
   fill_random(bot, car.unused_1);
   fill_random(bot, car.unused_2);
   return car;
@@ -74,8 +74,8 @@ inline CarState soil_unused(Bot& bot, CarState car) {
 inline Expectation expectation_of(Bytes datagram) {
   Expectation expectation;
   expectation.sent_ns = monotonic_ns();
-  expectation.length = static_cast<std::uint8_t>(datagram.size());
-  expectation.compared = expectation.length;
+  expectation.size = static_cast<std::uint8_t>(datagram.size());
+  expectation.compared_size = expectation.size;
   std::copy(datagram.begin(), datagram.end(), expectation.bytes.begin());
   return expectation;
 }
@@ -83,27 +83,27 @@ inline Expectation expectation_of(Bytes datagram) {
 template <WireRecord Record>
 inline void expect_relay(const Bot& bot, const Record& relay) {
   Expectation expectation = expectation_of(bytes_of(relay));
-  expectation.required = fleet.in_game & ~only(bot.number);
-  expectation.optional = fleet.maybe_game & ~only(bot.number);
+  expectation.required = fleet.in_game & ~bot_bit(bot.number);
+  expectation.optional = fleet.maybe_in_game & ~bot_bit(bot.number);
   expect(relay_ring(bot.slot), expectation);
 }
 
-inline void expect_answer(const Bot& bot, Bytes answer, std::size_t compared) {
+inline void expect_answer(const Bot& bot, Bytes answer, std::size_t compared_size) {
   Expectation expectation = expectation_of(answer);
-  expectation.compared = static_cast<std::uint8_t>(compared);
-  expectation.required = only(bot.number);
+  expectation.compared_size = static_cast<std::uint8_t>(compared_size);
+  expectation.required = bot_bit(bot.number);
   expect(answer_ring(bot.number), expectation);
 }
 
-// The server's state of a slot is sure only where the order is, and once one of ours has entered
-// there; that there is an answer at all is sure with the order alone.
-inline void expect_record(const Bot& bot, const SlotModel& model, Bytes record,
-                          std::size_t identified) {
-  const bool exact = fleet.ordered_road && model.known;
-  Expectation expectation = expectation_of(record);
-  expectation.compared = static_cast<std::uint8_t>(exact ? record.size() : identified);
-  expectation.required = fleet.ordered_road ? only(bot.number) : 0;
-  expectation.optional = only(bot.number);
+// Without in-order delivery the server may answer with an older state, or not at all. Then, and
+// while the server's state of the slot is unknown, only the first known_size bytes are compared.
+inline void expect_player_data(const Bot& bot, const SlotModel& model, Bytes answer,
+                               std::size_t known_size) {
+  const bool exact = fleet.in_order_delivery && model.known;
+  Expectation expectation = expectation_of(answer);
+  expectation.compared_size = static_cast<std::uint8_t>(exact ? answer.size() : known_size);
+  expectation.required = fleet.in_order_delivery ? bot_bit(bot.number) : 0;
+  expectation.optional = bot_bit(bot.number);
   expect(answer_ring(bot.number), expectation);
 }
 
@@ -123,5 +123,5 @@ inline void expect_info(const Bot& bot, Slot slot) {
   info.state = model.state;
   info.in_car = model.in_car ? 1 : 0;
   if (model.in_car) info.car = model.car;
-  expect_record(bot, model, bytes_of(info), offsetof(PlayerInfo, state));
+  expect_player_data(bot, model, bytes_of(info), offsetof(PlayerInfo, state));
 }
