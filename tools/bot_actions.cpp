@@ -17,19 +17,15 @@ static constexpr const char* PHRASES[] = {
 };
 
 static void expect_got_car(const Bot& bot) {
-  PlayerGotCar relay;
-  relay.slot = bot.slot;
-  relay.position = model_of(bot).state.position;
-  relay.car = model_of(bot).car;
-  expect_relay(bot, relay);
+  expect_relay(bot, PlayerGotCar{.slot = bot.slot,
+                                 .position = model_of(bot).state.position,
+                                 .car = model_of(bot).car});
 }
 
 static void expect_left_car(const Bot& bot) {
-  PlayerLeftCar relay;
-  relay.slot = bot.slot;
-  relay.position = model_of(bot).state.position;
-  relay.state_f1 = model_of(bot).state.state_f1;
-  expect_relay(bot, relay);
+  expect_relay(bot, PlayerLeftCar{.slot = bot.slot,
+                                  .position = model_of(bot).state.position,
+                                  .state_f1 = model_of(bot).state.state_f1});
 }
 
 template <WireRecord Record>
@@ -38,8 +34,7 @@ static void expect_car_relay(const Bot& bot, const Record& relay) {
     expect_relay(bot, relay);
     return;
   }
-  const NotInCar answer{.slot = bot.slot};
-  expect_answer(bot, bytes_of(answer), sizeof answer);
+  expect_answer(bot, bytes_of(NotInCar{.slot = bot.slot}), sizeof(NotInCar));
 }
 
 static void send_position(Bot& bot) {
@@ -48,10 +43,7 @@ static void send_position(Bot& bot) {
   update.position = next_position(bot);
   model_of(bot).state.position = update.position;
 
-  PlayerPosition relay;
-  relay.slot = bot.slot;
-  relay.position = update.position;
-  expect_relay(bot, relay);
+  expect_relay(bot, PlayerPosition{.slot = bot.slot, .position = update.position});
   send_bytes(bot, bytes_of(update));
 }
 
@@ -63,10 +55,7 @@ static void send_state_floats(Bot& bot) {
   model_of(bot).state.state_f3 = update.state_f3;
 
   if (model_of(bot).has_died) expect_clock(bot);
-  PlayerStateFloats relay;
-  relay.state_f2 = update.state_f2;
-  relay.state_f3 = update.state_f3;
-  expect_relay(bot, relay);
+  expect_relay(bot, PlayerStateFloats{.state_f2 = update.state_f2, .state_f3 = update.state_f3});
   send_bytes(bot, bytes_of(update));
 }
 
@@ -79,10 +68,7 @@ static void send_foot_update(Bot& bot) {
   model.in_car = false;
   model.state.state_f1 = update.state_f1;
 
-  PlayerFootUpdate relay;
-  relay.slot = bot.slot;
-  relay.state_f1 = update.state_f1;
-  expect_relay(bot, relay);
+  expect_relay(bot, PlayerFootUpdate{.slot = bot.slot, .state_f1 = update.state_f1});
   send_bytes(bot, bytes_of(update));
 }
 
@@ -141,10 +127,7 @@ static void send_car_block_a(Bot& bot) {
   fill_random(bot, update.car_block_a);
   model_of(bot).car.car_block_a = update.car_block_a;
 
-  PlayerCarBlockA relay;
-  relay.slot = bot.slot;
-  relay.car_block_a = update.car_block_a;
-  expect_car_relay(bot, relay);
+  expect_car_relay(bot, PlayerCarBlockA{.slot = bot.slot, .car_block_a = update.car_block_a});
   send_bytes(bot, bytes_of(update));
 }
 
@@ -153,10 +136,7 @@ static void send_car_block_b(Bot& bot) {
   fill_random(bot, update.car_block_b);
   model_of(bot).car.car_block_b = update.car_block_b;
 
-  PlayerCarBlockB relay;
-  relay.slot = bot.slot;
-  relay.car_block_b = update.car_block_b;
-  expect_car_relay(bot, relay);
+  expect_car_relay(bot, PlayerCarBlockB{.slot = bot.slot, .car_block_b = update.car_block_b});
   send_bytes(bot, bytes_of(update));
 }
 
@@ -168,10 +148,8 @@ static void send_car_status(Bot& bot) {
   model_of(bot).car.car_byte = update.car_byte;
   model_of(bot).car.car_float = update.car_float;
 
-  PlayerCarStatus relay;
-  relay.car_byte = update.car_byte;
-  relay.car_float = update.car_float;
-  expect_car_relay(bot, relay);
+  expect_car_relay(bot,
+                   PlayerCarStatus{.car_byte = update.car_byte, .car_float = update.car_float});
   send_bytes(bot, bytes_of(update));
 }
 
@@ -180,10 +158,7 @@ static void change_weapon(Bot& bot) {
   update.state_b = random_byte(bot);
   model_of(bot).state.state_b = update.state_b;
 
-  PlayerWeapon relay;
-  relay.slot = bot.slot;
-  relay.state_b = update.state_b;
-  expect_relay(bot, relay);
+  expect_relay(bot, PlayerWeapon{.slot = bot.slot, .state_b = update.state_b});
   send_bytes(bot, bytes_of(update));
 }
 
@@ -194,10 +169,7 @@ static void die(Bot& bot) {
   model_of(bot).in_car = false;
   model_of(bot).has_died = true;
 
-  PlayerDied relay;
-  relay.slot = bot.slot;
-  relay.death_count = report.death_count;
-  expect_relay(bot, relay);
+  expect_relay(bot, PlayerDied{.slot = bot.slot, .death_count = report.death_count});
   send_bytes(bot, bytes_of(report));
 }
 

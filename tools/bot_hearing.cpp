@@ -2,6 +2,7 @@
 // player, or is wrong.
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cstring>
 #include <string_view>
@@ -216,8 +217,6 @@ void hear(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
 }
 
 void count_unconfirmed_slots() {
-  for (std::uint32_t open = fleet.unconfirmed_foreign_slots & ~fleet.foreign_slots; open != 0;
-       open &= open - 1) {
-    ++answer_tally.wrong;
-  }
+  const std::uint32_t unconfirmed = fleet.unconfirmed_foreign_slots & ~fleet.foreign_slots;
+  answer_tally.wrong += static_cast<std::uint64_t>(std::popcount(unconfirmed));
 }

@@ -114,8 +114,7 @@ static void join(Bot& bot) {
   make_recent_optional(bot);
   set_stage(bot, Stage::JOINING);
   if (bot.slot != NO_SLOT) expect_leave_notice(bot);
-  const JoinAccepted answer;
-  expect_answer(bot, bytes_of(answer), offsetof(JoinAccepted, slot));
+  expect_answer(bot, bytes_of(JoinAccepted{}), offsetof(JoinAccepted, slot));
 
   JoinRequest request;
   request.name = bot.name;
@@ -127,8 +126,7 @@ static void join(Bot& bot) {
 
 void leave(Bot& bot) {
   make_recent_optional(bot);
-  const PlayerLeft notice{.slot = bot.slot};
-  expect_relay(bot, notice);
+  expect_relay(bot, PlayerLeft{.slot = bot.slot});
   model_of(bot).bot = NO_BOT;
   bot.slot = NO_SLOT;
   set_stage(bot, Stage::OUT);

@@ -53,22 +53,11 @@ static bool set_number(const NumberOption& option, const char* text, Options& op
   return false;
 }
 
-static bool set_option(std::string_view name, const char* text, Options& options) {
-  if (name == "--server") {
-    options.server = text;
-    return true;
-  }
+static const NumberOption* find_number_option(std::string_view name) {
   for (const NumberOption& option : NUMBER_OPTIONS) {
-    if (name == option.name) return set_number(option, text, options);
+    if (name == option.name) return &option;
   }
-  return false;
-}
-
-static bool is_option(std::string_view name) {
-  for (const NumberOption& option : NUMBER_OPTIONS) {
-    if (name == option.name) return true;
-  }
-  return name == "--server";
+  return nullptr;
 }
 
 static bool resolve_server(Options& options) {
@@ -103,7 +92,8 @@ ParseResult parse_options(int count, char** arguments, Options& options) {
       std::fputs(HELP, stdout);
       return ParseResult::HELP_SHOWN;
     }
-    if (!is_option(name)) {
+    const NumberOption* number_option = find_number_option(name);
+    if (number_option == nullptr && name != "--server") {
       std::fprintf(stderr, "zolbots: unknown argument \"%s\"; see --help\n", arguments[i]);
       return ParseResult::BAD_ARGUMENTS;
     }
@@ -111,7 +101,11 @@ ParseResult parse_options(int count, char** arguments, Options& options) {
       std::fprintf(stderr, "zolbots: %s needs a value\n", arguments[i]);
       return ParseResult::BAD_ARGUMENTS;
     }
-    if (!set_option(name, arguments[i + 1], options)) return ParseResult::BAD_ARGUMENTS;
+    if (number_option == nullptr) {
+      options.server = arguments[i + 1];
+    } else if (!set_number(*number_option, arguments[i + 1], options)) {
+      return ParseResult::BAD_ARGUMENTS;
+    }
   }
   return resolve_server(options) ? ParseResult::RUN : ParseResult::BAD_ARGUMENTS;
 }
