@@ -1,227 +1,148 @@
 #include "bench/crowd.h"
 
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
+#include <string>
+#include <thread>
+#include <utility>
 
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
+#include "bench/client_socket.h"
+#include "server/protocol.h"
 
-static constexpr std::int64_t SECOND_NS = 1'000'000'000;
-static constexpr std::int64_t JOIN_LIMIT_NS = 20 * SECOND_NS;  // under instrumentation it is slow
-static constexpr std::int64_t SILENCE_LIMIT_NS = SECOND_NS;
-static constexpr unsigned BATCH = 32;  // datagrams taken by one receive
-
-using Buffer = std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>;
-
-static constexpr Exchange EXCHANGES[] = {
-    {wire_size<PlayerPosition>, 0, CMD_POSITION_UPDATE, CMD_PLAYER_POSITION},
-    {wire_size<PlayerGotCar>, 1, CMD_CAR_STATE, CMD_PLAYER_GOT_CAR},
-    {wire_size<PlayerDied>, 0, CMD_DIED, CMD_PLAYER_DIED},
-    // Of a player who has died before.
-    {wire_size<PlayerStateFloats>, 1, CMD_STATE_FLOATS, CMD_PLAYER_STATE_FLOATS},
-};
-
-const Exchange* find_exchange(std::uint8_t command) {
-  for (const Exchange& exchange : EXCHANGES) {
-    if (exchange.command == command) return &exchange;
-  }
-  return nullptr;
-}
-
-std::int64_t now_ns() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * SECOND_NS + now.tv_nsec;
-}
-
-void sleep_until(std::int64_t time_ns) {
-  timespec time{};
-  time.tv_sec = static_cast<time_t>(time_ns / SECOND_NS);
-  time.tv_nsec = static_cast<long>(time_ns % SECOND_NS);
-  while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr) == EINTR) {
-  }
-}
+static constexpr std::chrono::seconds LIMIT{10};
+static constexpr std::chrono::milliseconds PING_CHECK{20};
 
 template <WireRecord Record>
-static bool send_from(int handle, const Record& record) {
-  return send(handle, &record, sizeof record, 0) == static_cast<ssize_t>(sizeof record);
+static std::string bytes_of(const Record& record) {
+  return {reinterpret_cast<const char*>(&record), sizeof record};
 }
 
-static int connected_socket(std::uint16_t port) {
-  const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  // As much as the system gives, so that what is lost is lost on the way in, not here.
-  const int bytes = 8 << 20;
-  setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-  sockaddr_in server{};
-  server.sin_family = AF_INET;
-  server.sin_port = htons(port);
-  server.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const auto* address = reinterpret_cast<const sockaddr*>(&server);
-  return connect(handle, address, sizeof server) == 0 ? handle : -1;
+// All codes come from the records but this one, which has none.
+static const std::string PING_REPLY(1, static_cast<char>(ClientCommand::CMD_PING_REPLY));
+static const std::string PING = bytes_of(Ping{});
+static const std::string GAME_CLOCK = bytes_of(GameClock{});
+
+// What the player in this slot sends as its update, and what all others get of it.
+static std::pair<std::string, std::string> exchange_of(Update kind, std::uint32_t update,
+                                                       std::uint8_t slot) {
+  const Position position = {update, ~update, 0x7FA0'0001};  // words like no others in a record
+  switch (kind) {
+    case Update::POSITION:
+      return {bytes_of(PositionUpdate{.position = position}),
+              bytes_of(PlayerPosition{.slot = slot, .position = position})};
+    case Update::CAR_STATE:
+      return {bytes_of(CarStateReport{.position = position}),
+              bytes_of(PlayerGotCar{.slot = slot, .position = position})};
+    case Update::DEATH:
+      return {bytes_of(Died{.death_count = 1}),
+              bytes_of(PlayerDied{.slot = slot, .death_count = 1})};
+    case Update::STATE_FLOATS:
+      break;
+  }
+  return {bytes_of(StateFloats{.state_f2 = update, .state_f3 = ~update}),
+          bytes_of(PlayerStateFloats{.state_f2 = update, .state_f3 = ~update})};
 }
 
-// Receives datagrams until one with this code comes.
-static bool await_code(int handle, std::uint8_t code, Buffer& buffer) {
-  const std::int64_t limit = now_ns() + JOIN_LIMIT_NS;
-  while (now_ns() < limit) {
-    pollfd wait{.fd = handle, .events = POLLIN, .revents = 0};
-    poll(&wait, 1, 100);
-    if (recv(handle, buffer.data(), buffer.size(), 0) > 0 && buffer[0] == code) return true;
-  }
-  std::fprintf(stderr, "zolload: waited in vain for datagram %d\n", code);
-  return false;
+// Whether the sender of an update gets the game clock for it.
+static bool is_answered(Update kind) {
+  return kind == Update::CAR_STATE || kind == Update::STATE_FLOATS;
 }
 
-static bool enter_game(int handle, unsigned already_joined) {
-  Buffer buffer;
-  if (!send_from(handle, EnterGame{}) || !await_code(handle, CMD_ENTER_GAME_REPLY, buffer)) {
-    return false;
+// Skips datagrams until one with this record's code comes. Returns its second byte, which is the
+// slot where there is one, or -1.
+template <WireRecord Record>
+static int await_record(int handle, const Record& record) {
+  int second = -1;
+  const Clock::time_point limit = Clock::now() + LIMIT;
+  while (second == -1 && Clock::now() < limit) {
+    receive_waiting(handle, 1, [&](std::string_view datagram) {
+      if (datagram[0] == bytes_of(record)[0]) second = static_cast<std::uint8_t>(datagram[1]);
+    });
   }
-  for (unsigned i = 0; i < already_joined; ++i) {
-    if (!await_code(handle, CMD_PLAYER_INFO, buffer)) return false;
+  return second;
+}
+
+// A player who enters is told of all who are there, and they of it.
+static bool enter_game(const Crowd& crowd, int handle) {
+  bool is_in =
+      send_bytes(handle, bytes_of(EnterGame{})) && await_record(handle, EnterGameReply{}) != -1;
+  for (unsigned i = 0; i < crowd.size && is_in; ++i) {
+    is_in = await_record(handle, PlayerInfo{}) != -1 &&
+            await_record(crowd.players[i].handle, PlayerInfo{}) != -1;
   }
+  return is_in;
+}
+
+bool join_player(Crowd& crowd, bool is_floor, std::uint16_t port) {
+  const int handle = open_client_socket(port);
+  const JoinRequest request{.name = {'p'}, .version = {PROTOCOL_VERSION, 0}};
+  if (handle == -1 || !send_bytes(handle, bytes_of(request))) return false;
+  const int slot = await_record(handle, JoinAccepted{});
+  if (slot == -1 || (!is_floor && !enter_game(crowd, handle))) return false;
+  crowd.players[crowd.size++] = {.handle = handle, .slot = static_cast<std::uint8_t>(slot)};
   return true;
 }
 
-static bool join_player(Crowd& crowd, Target target, std::uint16_t port) {
-  Buffer buffer{};
-  const unsigned number = crowd.size;
-  const int handle = connected_socket(port);
-  if (handle == -1) return false;
-  JoinRequest request;
-  request.version = {PROTOCOL_VERSION, 0};
-  std::snprintf(request.name.data(), request.name.size(), "player %u", number);
-  if (!send_from(handle, request) || !await_code(handle, CMD_JOIN_ACCEPTED, buffer)) return false;
-  crowd.handles[number] = handle;
-  crowd.slots[number] = buffer[1];
-  if (target == Target::FLOOR) return true;
-  if (!enter_game(handle, number)) return false;
-  for (unsigned i = 0; i < number; ++i) {
-    if (!await_code(crowd.handles[i], CMD_PLAYER_INFO, buffer)) return false;
-  }
-  return true;
+static const Player& sender_of(const Crowd& crowd, std::uint32_t update) {
+  return crowd.players[update % crowd.size];
 }
 
-bool join_crowd(Crowd& crowd, Target target, std::uint16_t port, unsigned size) {
-  for (crowd.size = 0; crowd.size < size; ++crowd.size) {
-    if (!join_player(crowd, target, port)) return false;
-  }
-  return true;
+static void skip_unanswered(const Crowd& crowd, Player& player) {
+  if (&player == &sender_of(crowd, player.next) && !is_answered(crowd.kind)) ++player.next;
 }
 
-static unsigned sender_of(std::uint32_t update, const Crowd& crowd) {
-  return update % crowd.size;
-}
-
-// The number of the update, and words that no other field could be mistaken for.
-static Position position_of(std::uint32_t update) {
-  return {update, ~update, 0x7FA0'0001};
-}
-
-bool send_update(Crowd& crowd, std::uint8_t command) {
-  const std::uint32_t update = crowd.updates_sent++;
-  const int handle = crowd.handles[sender_of(update, crowd)];
-  const Position position = position_of(update);
-  if (command == CMD_POSITION_UPDATE)
-    return send_from(handle, PositionUpdate{.position = position});
-  if (command == CMD_CAR_STATE) return send_from(handle, CarStateReport{.position = position});
-  if (command == CMD_DIED) return send_from(handle, Died{.death_count = 1});
-  return send_from(handle, StateFloats{.state_f2 = update, .state_f3 = ~update});
-}
-
-static void count_datagram(Crowd& crowd, int handle, const Buffer& datagram, std::size_t length,
-                           const Exchange& exchange) {
-  Tally& tally = crowd.tally;
-  if (datagram[0] == exchange.relay_command && length == exchange.relay_size) {
-    ++tally.relays;
-  } else if (datagram[0] == CMD_GAME_CLOCK && exchange.answers != 0) {
-    ++tally.answers;
-  } else if (datagram[0] == CMD_PING) {
-    const std::uint8_t reply = CMD_PING_REPLY;
-    send(handle, &reply, sizeof reply, 0);
-    ++tally.pings;
-  } else {
-    ++tally.wrong;
+void begin_updates(Crowd& crowd, Update kind) {
+  crowd.kind = kind;
+  crowd.right = 0;
+  crowd.wrong = 0;
+  for (unsigned i = 0; i < crowd.size; ++i) {
+    crowd.players[i].next = crowd.sent;
+    skip_unanswered(crowd, crowd.players[i]);
   }
 }
 
-struct Batch {
-  std::array<Buffer, BATCH> buffers;
-  std::array<iovec, BATCH> payloads;
-  std::array<mmsghdr, BATCH> messages;
-};
-
-static Batch& prepared_batch() {
-  static Batch batch{};
-  for (unsigned i = 0; i < BATCH && batch.messages[i].msg_hdr.msg_iovlen == 0; ++i) {
-    batch.payloads[i] = {batch.buffers[i].data(), batch.buffers[i].size()};
-    batch.messages[i].msg_hdr.msg_iov = &batch.payloads[i];
-    batch.messages[i].msg_hdr.msg_iovlen = 1;
-  }
-  return batch;
+bool send_update(Crowd& crowd) {
+  const Player& sender = sender_of(crowd, crowd.sent);
+  return send_bytes(sender.handle, exchange_of(crowd.kind, crowd.sent++, sender.slot).first);
 }
 
-void collect(Crowd& crowd, const Exchange& exchange) {
-  Batch& batch = prepared_batch();
-  for (unsigned player = 0; player < crowd.size; ++player) {
-    const int handle = crowd.handles[player];
-    const int count = recvmmsg(handle, batch.messages.data(), BATCH, 0, nullptr);
-    for (int i = 0; i < count; ++i) {
-      const auto index = static_cast<std::size_t>(i);
-      count_datagram(crowd, handle, batch.buffers[index], batch.messages[index].msg_len, exchange);
+unsigned datagrams_per_update(const Crowd& crowd) {
+  return is_answered(crowd.kind) ? crowd.size : crowd.size - 1;
+}
+
+// Nobody outside the server knows the time that a game clock has to show.
+static bool is_due(const Crowd& crowd, const Player& player, std::string_view datagram) {
+  const Player& sender = sender_of(crowd, player.next);
+  if (&player != &sender) {
+    return datagram == exchange_of(crowd.kind, player.next, sender.slot).second;
+  }
+  return datagram.size() == GAME_CLOCK.size() && datagram[0] == GAME_CLOCK[0];
+}
+
+static void take_waiting(Crowd& crowd, Player& player) {
+  receive_waiting(player.handle, BATCH, [&](std::string_view datagram) {
+    if (datagram == PING) {
+      send_bytes(player.handle, PING_REPLY);
+      return;
+    }
+    ++(is_due(crowd, player, datagram) ? crowd.right : crowd.wrong);
+    ++player.next;
+    skip_unanswered(crowd, player);
+  });
+}
+
+bool await_update(Crowd& crowd, std::uint32_t update) {
+  const Clock::time_point limit = Clock::now() + LIMIT;
+  for (unsigned i = 0; i < crowd.size; ++i) {
+    while (crowd.players[i].next <= update) {
+      take_waiting(crowd, crowd.players[i]);
+      if (Clock::now() > limit) return false;
     }
   }
-}
-
-bool collect_until(Crowd& crowd, const Exchange& exchange, std::uint64_t expected) {
-  const Tally& tally = crowd.tally;
-  std::int64_t limit = now_ns() + SILENCE_LIMIT_NS;
-  while (tally.relays + tally.answers < expected) {
-    const std::uint64_t before = tally.relays + tally.answers;
-    collect(crowd, exchange);
-    const std::int64_t now = now_ns();
-    if (tally.relays + tally.answers > before) limit = now + SILENCE_LIMIT_NS;
-    if (now > limit) return false;
-  }
   return true;
 }
 
-static bool await_record(Crowd& crowd, int handle, const PlayerPosition& expected,
-                         std::int64_t limit) {
-  const Exchange nothing{};
-  Buffer buffer{};
-  while (now_ns() < limit) {
-    const ssize_t length = recv(handle, buffer.data(), buffer.size(), 0);
-    if (length <= 0) continue;
-    if (std::memcmp(buffer.data(), &expected, sizeof expected) == 0) return true;
-    count_datagram(crowd, handle, buffer, static_cast<std::size_t>(length), nothing);
-  }
-  return false;
-}
-
-bool await_last_update(Crowd& crowd) {
-  const std::uint32_t update = crowd.updates_sent - 1;
-  const unsigned sender = sender_of(update, crowd);
-  const PlayerPosition expected{.slot = crowd.slots[sender], .position = position_of(update)};
-  const std::int64_t limit = now_ns() + SILENCE_LIMIT_NS;
-  for (unsigned player = 0; player < crowd.size; ++player) {
-    if (player == sender) continue;
-    if (!await_record(crowd, crowd.handles[player], expected, limit)) return false;
-    ++crowd.tally.relays;
-  }
-  return true;
-}
-
-void answer_pings_until(Crowd& crowd, std::int64_t time_ns) {
-  const Exchange nothing{};
-  std::array<pollfd, MAX_PLAYERS> waits{};
-  for (unsigned i = 0; i < crowd.size; ++i) waits[i] = {crowd.handles[i], POLLIN, 0};
-  for (std::int64_t now = now_ns(); now < time_ns; now = now_ns()) {
-    const auto left_ms = static_cast<int>((time_ns - now) / 1'000'000) + 1;
-    if (poll(waits.data(), crowd.size, left_ms) > 0) collect(crowd, nothing);
+void answer_pings_until(Crowd& crowd, Clock::time_point time) {
+  while (Clock::now() < time) {
+    std::this_thread::sleep_for(PING_CHECK);
+    for (unsigned i = 0; i < crowd.size; ++i) take_waiting(crowd, crowd.players[i]);
   }
 }

@@ -1,17 +1,17 @@
-"""Measures the server beside floors: relays that do the least that a relay can do.
+"""Measures the server beside the least that a relay can do.
 
-Runs the server and the floors of build-bench in turns, each round in another order, on one
-processor core, with the load driver on another. Ratios are taken within a round, so what slows the
-whole machine down cancels out. valgrind counts instructions, strace system calls. Ends with status
-1 when a target is not met.
+Runs the server and the floor, a relay of one sendmmsg loop, in turns on one processor core, with
+the load driver on another. Every round starts both anew, and a ratio is taken within its round, so
+what slows the whole machine down cancels out. Ends with status 1 when a bound is not met.
 """
 
 import argparse
+import collections
 import contextlib
 import json
 import os
+import pathlib
 import re
-import shlex
 import socket
 import subprocess
 import sys
@@ -20,27 +20,14 @@ import time
 
 import report
 
-ROOT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-BUILD = os.path.join(ROOT, "build-bench")
-PROGRAMS = ["server", "sendmmsg", "sendto", "polling"]
-PLAYERS = [16, 32]
-SLICE_MS = 400  # of one load of one program; many short slices even out what disturbs them
-LONE_UPDATES = 400
-RATE = 2000  # updates a second of the paced load
-WINDOW = 64  # updates under way at full load; the default receive buffer holds 256
-BURSTS = [64, 128, 256, 512, 1024, 2048, 4096]
-COMMANDS = {"position": 100, "car state": 101, "floats after a death": 123}
-BURST = 200  # updates that wait together while instructions and system calls are counted
-
-
-def pick_cores():
-    """One core for what is measured, another for the driver, where there are two."""
-    cores = sorted(os.sched_getaffinity(0))
-    return cores[-1], cores[0]
-
-
-def on_core(core):
-    return lambda: os.sched_setaffinity(0, {core})
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build-bench"
+CORES = sorted(os.sched_getaffinity(0))
+SPACING_NS = 500_000  # of lone updates, as docs/performance.md says
+LONE_UPDATES = 800
+FULL_UPDATES = 8000
+AHEAD = 64  # updates under way at full load; the default receive buffer holds 256
+SETTLE_S = 0.02  # for a program to be back in its wait, when the scheduler's account is complete
 
 
 def free_port():
@@ -49,206 +36,123 @@ def free_port():
         return probe.getsockname()[1]
 
 
-def wait_until_bound(port, process, limit_s=20.0):
+def wait_until_bound(port, process):
     """proc_net(5): the local address ends in the port, four hexadecimal digits."""
-    end = time.monotonic() + limit_s
-    while time.monotonic() < end and process.poll() is None:
-        with open("/proc/net/udp", encoding="ascii") as table:
-            if any(line.split()[1].endswith(f":{port:04X}") for line in list(table)[1:]):
-                return
+    sockets = pathlib.Path("/proc/net/udp")
+    while not re.search(rf"^ *\d+: \w+:{port:04X} ", sockets.read_text(), re.M):
+        if process.poll() is not None:
+            sys.exit("bench: a program under measurement did not start")
         time.sleep(0.01)
-    sys.exit("bench: a program under measurement did not start")
 
 
-def only_child(pid):
-    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as children:
-        return int(children.read().split()[0])
+def start(command, core, **options):
+    return subprocess.Popen([str(word) for word in command], text=True,
+                            preexec_fn=lambda: os.sched_setaffinity(0, {core}), **options)
 
 
-@contextlib.contextmanager
-def running(program, players, wrapper=()):
-    """Starts a program, under a wrapper perhaps, and yields its port and process id."""
-    target_core, _ = pick_cores()
-    with tempfile.TemporaryDirectory() as directory:
-        port = free_port()
-        command = [*wrapper, os.path.join(BUILD, "relay_floor"), program, str(port), str(players)]
-        if program == "server":
-            command = [*wrapper, os.path.join(BUILD, "zolserver")]
-            with open(os.path.join(directory, "zolserver.cfg"), "w", encoding="ascii") as config:
-                config.write(f"Port={port}\nmaxClients={players}\nAnnounceServer=false\n")
-        process = subprocess.Popen(command, cwd=directory, stdout=subprocess.DEVNULL,
-                                   stderr=subprocess.DEVNULL, preexec_fn=on_core(target_core))
-        try:
-            wait_until_bound(port, process)
-            pid = only_child(process.pid) if "strace" in wrapper else process.pid
-            yield port, pid
-            os.kill(pid, 15)
-            process.wait(timeout=20)
-        finally:
-            process.kill()
-            process.wait()
-
-
-def load(program, port, pid, players, *measurements):
-    """The driver's findings, one record a measurement."""
-    _, driver_core = pick_cores()
-    kind = "server" if program == "server" else "floor"
-    command = [os.path.join(BUILD, "zolload"), kind, str(port), str(pid), str(players)]
-    done = subprocess.run([*command, *measurements], stdout=subprocess.PIPE, text=True,
-                          preexec_fn=on_core(driver_core), check=False)
-    if done.returncode != 0:
-        sys.exit(f"bench: the driver failed on {program}: {shlex.join(measurements)}")
-    found = [json.loads(line) for line in done.stdout.splitlines()]
-    if any(record["wrong"] for record in found):
-        sys.exit(f"bench: {program} sent datagrams that it should not: {found}")
-    return found
+def processor_ns(pid):
+    """The scheduler's account of all threads, the kernel's work on their behalf included."""
+    time.sleep(SETTLE_S)
+    tasks = pathlib.Path(f"/proc/{pid}/task").iterdir()
+    return sum(int((task / "schedstat").read_text().split()[0]) for task in tasks)
 
 
 def resident_kib(pid):
-    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as memory:
-        return int(re.search(r"^Rss:\s+(\d+) kB", memory.read(), re.MULTILINE).group(1))
+    memory = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
+    return int(re.search(r"^Rss:\s+(\d+) kB", memory, re.M).group(1))
 
 
-class Samples(dict):
-    """samples[metric][program] lists one value a round."""
+@contextlib.contextmanager
+def running(samples, program, players, tracer=()):
+    """Yields the process id of a program whose players have come, and a function that puts load on
+    it: what the driver found, and the processor time that the program took."""
+    def load(kind, count, ahead=0, spacing_ns=0):
+        before = processor_ns(pid)
+        driver.stdin.write(f"{kind} {count} {ahead} {spacing_ns}\n")
+        driver.stdin.flush()
+        answer = driver.stdout.readline() or sys.exit(f"bench: the driver failed on {kind}")
+        found = json.loads(answer)
+        samples["faults"].append(found["missing"] + found["wrong"])
+        return {**found, "cpu_ns": processor_ns(pid) - before}
 
-    def add(self, metric, program, value):
-        self.setdefault(metric, {}).setdefault(program, []).append(value)
+    with tempfile.TemporaryDirectory() as directory, contextlib.ExitStack() as cleanup:
+        port = free_port()
+        config = f"Port={port}\nmaxClients={players}\nAnnounceServer=false\n"
+        pathlib.Path(directory, "zolserver.cfg").write_text(config, encoding="ascii")
+        command = {"server": [BUILD / "zolserver"],
+                   "floor": [BUILD / "relay_floor", port, players]}[program]
+        target = start([*tracer, *command], CORES[-1], cwd=directory,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        cleanup.callback(target.wait)
+        pid = target.pid
+        cleanup.callback(lambda: os.kill(pid, 15))
+        wait_until_bound(port, target)
+        if tracer:
+            children = pathlib.Path(f"/proc/{pid}/task/{pid}/children")
+            pid = int(children.read_text(encoding="ascii"))
+        with start([BUILD / "zolload", program, port, players], CORES[0],
+                   stdin=subprocess.PIPE, stdout=subprocess.PIPE) as driver:
+            yield pid, load
 
 
 def measure_relays(samples, program, players):
-    with running(program, players) as (port, pid):
-        paced, full, delay = load(
-            program, port, pid, players, f"paced:100:{RATE}:{SLICE_MS}",
-            f"full:100:{WINDOW}:{SLICE_MS}", f"delay:100:{LONE_UPDATES}:300")
-        samples.add(f"memory {players}", program, resident_kib(pid))
-    samples.add(f"paced {players}", program, paced["cpu_ns"] / paced["relays"])
-    samples.add(f"busy {players}", program, full["cpu_ns"] / full["relays"])
-    samples.add(f"rate {players}", program, full["relays"] / full["elapsed_ns"] * 1e9)
-    samples.add(f"p50 {players}", program, delay["p50_us"])
-    samples.add(f"p99 {players}", program, delay["p99_us"])
-    samples.add("waited", program, paced["waited_ns"] / paced["elapsed_ns"] * 100)
-    samples.add("lost", program, paced["lost"] + full["lost"] + delay["lost"])
+    def relay_us(found):
+        return found["cpu_ns"] / (LONE_UPDATES * (players - 1)) / 1e3
+
+    with running(samples, program, players) as (pid, load):
+        lone = load("position", LONE_UPDATES, 0, SPACING_NS)
+        full = load("position", FULL_UPDATES, AHEAD)
+        samples[program, "memory"].append(resident_kib(pid))
+        samples[program, "cpu", players].append(relay_us(lone))
+        samples[program, "delay", players].append(lone["delay_ns"] / 1e3)
+        thousands = FULL_UPDATES * (players - 1) / full["elapsed_ns"] * 1e6
+        samples[program, "rate", players].append(thousands)
+        if (program, players) == ("server", 16):
+            load("death", players)  # floats are answered with the clock after a death
+            for kind in ("car_state", "state_floats"):
+                samples[kind].append(relay_us(load(kind, LONE_UPDATES, 0, SPACING_NS)))
 
 
-def measure_commands(samples, order):
-    """What the updates that are answered with the clock cost, beside a position update."""
-    with running("server", 16) as (port, pid):
-        found = load("server", port, pid, 16,
-                     *(f"paced:{COMMANDS[name]}:{RATE}:{SLICE_MS}" for name in order))
-    for name, record in zip(order, found):
-        samples.add("command", name, record["cpu_ns"] / record["updates"])
-        samples.add("lost", "server", record["lost"])
+def count_calls(samples, updates):
+    with tempfile.NamedTemporaryFile("r", encoding="ascii") as summary:
+        tracer = ["strace", "-f", "-c", "-o", summary.name]
+        with running(samples, "server", 16, tracer) as (_, load):
+            load("position", updates, AHEAD)
+        rows = [line.split() for line in summary if re.match(r" *\d+\.\d+ ", line)]
+    return collections.Counter({row[-1]: int(row[3]) for row in rows if row[-1] != "total"})
 
 
-def measure_once(samples, idle_ms):
-    for program in ("server", "polling"):
-        with running(program, 16) as (port, pid):
-            (idle,) = load(program, port, pid, 16, f"idle:100:{idle_ms}:1")
-            samples.add("idle", program, idle["cpu_ns"] / idle["elapsed_ns"] * 100)
-    for program in ("server", "sendmmsg"):
-        with running(program, 16) as (port, pid):
-            found = load(program, port, pid, 16, *(f"burst:100:{count}:1" for count in BURSTS))
-            whole = [record["updates"] for record in found if record["lost"] == 0]
-            samples.add("burst", program, max(whole, default=0))
-
-
-def rotated(items, by):
-    by %= len(items)
-    turned = items[by:] + items[:by]
-    return turned[::-1] if by % 2 else turned
-
-
-def measure_times(samples, rounds, idle_ms):
-    for number in range(rounds):
-        print(f"bench: round {number + 1} of {rounds}", file=sys.stderr)
-        for players in PLAYERS:
-            for program in rotated(PROGRAMS, number):
-                measure_relays(samples, program, players)
-        measure_commands(samples, rotated(list(COMMANDS), number))
-    print("bench: idle and bursts", file=sys.stderr)
-    measure_once(samples, idle_ms)
-
-
-def count_instructions(program, bursts):
-    with tempfile.TemporaryDirectory() as directory:
-        profile = os.path.join(directory, "profile")
-        wrapper = ["valgrind", "--tool=callgrind", f"--callgrind-out-file={profile}"]
-        with running(program, 32, wrapper) as (port, pid):
-            (found,) = load(program, port, pid, 32, f"burst:100:{BURST}:{bursts}")
-        if found["lost"]:
-            sys.exit(f"bench: {program} lost datagrams under valgrind: {found}")
-        with open(profile, encoding="ascii") as text:
-            return int(re.search(r"^summary: (\d+)", text.read(), re.MULTILINE).group(1))
-
-
-def measure_instructions(samples):
-    """User-space instructions an update: what twice as many updates take more, over their number.
-    Start, joins and stop cancel out."""
-    for program in ("server", "sendmmsg"):
-        more = count_instructions(program, 20) - count_instructions(program, 10)
-        samples.add("instructions", program, more / (10 * BURST))
-
-
-def calls_of_burst(trace_lines):
-    """The names of the calls from the first receive of a position update to the last relay, by the
-    thread that receives: each line is the thread's id and the call with its result."""
-    update = re.compile(r'\d+ +recvfrom\(\d+, "d')  # the octets 100 and 200 as strace prints them
-    first = next(i for i, line in enumerate(trace_lines) if update.match(line))
-    thread = trace_lines[first].split()[0]
-    relay = re.compile(thread + r' +send\w+\(.*"\\310')
-    last = max(i for i, line in enumerate(trace_lines) if relay.match(line))
-    calls = [re.match(thread + r" +(\w+)\(", line) for line in trace_lines[first:last + 1]]
-    return [call.group(1) for call in calls if call]
-
-
-def measure_system_calls(samples):
-    """All updates of the burst wait before the server handles the first of them."""
-    for program in ("server", "sendmmsg"):
-        with tempfile.TemporaryDirectory() as directory:
-            trace = os.path.join(directory, "trace")
-            with running(program, 32, ["strace", "-f", "-o", trace]) as (port, pid):
-                (found,) = load(program, port, pid, 32, f"burst:100:{BURST}:1")
-            with open(trace, encoding="utf-8") as text:
-                calls = calls_of_burst(text.read().splitlines())
-        if found["lost"]:
-            sys.exit(f"bench: {program} lost datagrams under strace: {found}")
-        samples.add("system calls", program,
-                    {name: calls.count(name) / BURST for name in sorted(set(calls))})
-
-
-def parse_arguments():
-    parser = argparse.ArgumentParser(prog="script/bench", description=__doc__,
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--rounds", type=int, default=25, help="rounds of the timed part (25)")
-    parser.add_argument("--quick", action="store_true", help="3 rounds, to see that it works")
-    parser.add_argument("--only", choices=["times", "instructions", "calls"], help="one part alone")
-    parser.add_argument("--write-docs", action="store_true",
-                        help="write docs/performance.md and docs/performance.svg")
-    arguments = parser.parse_args()
-    if arguments.rounds < 1:
-        parser.error("--rounds must be positive")
-    if arguments.write_docs and (arguments.only or arguments.quick):
-        parser.error("--write-docs needs the whole run")
-    return arguments
+def measure_once(samples, idle_ms, updates=4000):
+    """The calls of none are taken off those of many: start, joins and stop cancel out."""
+    calls = count_calls(samples, updates)
+    calls.subtract(count_calls(samples, 0))
+    samples["calls"] = {name: calls[name] / updates for name in calls}
+    with running(samples, "server", 16) as (_, load):
+        found = load("idle", idle_ms)
+    samples["idle"] = found["cpu_ns"] / found["elapsed_ns"] * 100
 
 
 def main():
-    arguments = parse_arguments()
-    samples = Samples()
-    if arguments.only in (None, "instructions"):
-        measure_instructions(samples)
-    if arguments.only in (None, "calls"):
-        measure_system_calls(samples)
-    if arguments.only in (None, "times"):
-        rounds = min(arguments.rounds, 3) if arguments.quick else arguments.rounds
-        measure_times(samples, rounds, idle_ms=2500 if arguments.quick else 21000)
-    command = shlex.join(["script/bench", *sys.argv[1:]])
-    targets = report.judge(samples)
-    print(report.as_text(samples, targets))
+    parser = argparse.ArgumentParser(prog="script/bench", description=__doc__)
+    parser.add_argument("--rounds", type=int, default=25, help="how many (25)")
+    parser.add_argument("--quick", action="store_true", help="3 rounds, to see that it works")
+    parser.add_argument("--write-docs", action="store_true",
+                        help="write docs/performance.md and docs/performance.svg")
+    arguments = parser.parse_args()
+    if arguments.rounds < 1 or (arguments.write_docs and arguments.quick):
+        parser.error("--rounds must be positive, and --write-docs needs the whole run")
+    samples = collections.defaultdict(list)
+    for number in range(3 if arguments.quick else arguments.rounds):
+        print(f"bench: round {number + 1}", file=sys.stderr)
+        for players in (16, 32):
+            for program in ("server", "floor") if number % 2 else ("floor", "server"):
+                measure_relays(samples, program, players)
+    measure_once(samples, 2500 if arguments.quick else 21000)
+    rows = report.make_rows(samples)
+    print(report.table(rows))
     if arguments.write_docs:
-        report.write_docs(os.path.join(ROOT, "docs"), samples, targets, command, pick_cores(), RATE)
-    return 0 if all(target.met for target in targets) else 1
+        report.write_docs(ROOT, samples, rows, " ".join(["script/bench", *sys.argv[1:]]))
+    return 1 if any(row.met is False for row in rows) else 0
 
 
 if __name__ == "__main__":
