@@ -1,36 +1,55 @@
-// Datagrams as the tests write them: by offset and byte, apart from the server's own records.
+// Datagrams as the tests write them: in words, apart from the server's own records.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
-#include <initializer_list>
+#include <iomanip>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct At {
-  std::size_t offset;
-  Bytes bytes;
-};
-
-inline Bytes text(const std::string& characters) {
-  return {characters.begin(), characters.end()};
+// Throws unless all of the text is a number of the base from least to most.
+inline std::uint32_t number_of(const std::string& text, int base = 0, std::size_t least = 0,
+                               std::size_t most = 0xFFFFFFFF) {
+  std::size_t length = 0;
+  const unsigned long long number = std::stoull(text, &length, base);
+  if (length != text.size() || number < least || number > most) throw std::out_of_range(text);
+  return static_cast<std::uint32_t>(number);
 }
 
-// count bytes from first upwards.
-inline Bytes counting(std::uint8_t first, std::size_t count) {
-  Bytes bytes(count);
-  for (std::uint8_t& byte : bytes) byte = first++;
+// Of 0a (a byte), 00*63 (63 times the same), "Bob" (a text) and ..66 (zeros up to 66 bytes in all).
+// Throws at any other word.
+inline Bytes bytes_of(const std::string& words) {
+  Bytes bytes;
+  std::istringstream in(words);
+  for (std::string word; !(in >> std::ws).eof();) {
+    const bool is_text = in.peek() == '"';
+    in >> std::quoted(word);
+    const std::size_t star = word.find('*');
+    if (is_text) {
+      bytes.insert(bytes.end(), word.begin(), word.end());
+    } else if (word.starts_with("..")) {
+      bytes.resize(number_of(word.substr(2), 10, bytes.size(), 1000));
+    } else {
+      const auto byte = static_cast<std::uint8_t>(number_of(word.substr(0, star), 16, 0, 255));
+      bytes.insert(bytes.end(), star < word.size() ? number_of(word.substr(star + 1), 10) : 1,
+                   byte);
+    }
+  }
   return bytes;
 }
 
-// A datagram of this size, zero but for the code and the given bytes.
-inline Bytes datagram(std::uint8_t code, std::size_t size, std::initializer_list<At> parts = {}) {
-  Bytes whole(size);
-  whole[0] = code;
-  for (const At& part : parts) {
-    std::copy(part.bytes.begin(), part.bytes.end(),
-              whole.begin() + static_cast<std::ptrdiff_t>(part.offset));
+// The first two of these words for any bytes, each behind a blank.
+inline std::string words_of(const Bytes& bytes) {
+  std::ostringstream out;
+  for (auto at = bytes.begin(); at != bytes.end();) {
+    const auto end = std::find_if(at, bytes.end(), [at](std::uint8_t byte) { return byte != *at; });
+    out << std::hex << ' ' << std::setfill('0') << std::setw(2) << unsigned{*at};
+    if (end - at > 1) out << '*' << std::dec << end - at;
+    at = end;
   }
-  return whole;
+  return out.str();
 }

@@ -84,6 +84,7 @@ TEST(ConfigTest, ReadsFilesToTheLetter) {
       {"ServerName=  A  #\nmaxClients=-x\n", "", "5|0|0|16309|A|w"},
       {"maxClients=4#c\nGameType=1 maxClients=9\nPort=5\n", "", "4|0|1|5|Unnamed Server|w"},
       {"maxClients=\n\n 12 ServerName=N\n", "", "12|0|0|16309|N|w"},
+      {"AnnounceServer=false Port=5555\nGameType=1\n", "", "16|0|1|16309|Unnamed Server|w"},
       // As a 32-bit number: 4294967298 is not 2, and nothing wraps.
       {"maxClients=4294967298\n", wrong("maxClients", "16 "), "16|0|0|16309|Unnamed Server|w"},
       {"GameType=18446744073709551617\n", wrong("GameType", "0 (Deathmatch)"),

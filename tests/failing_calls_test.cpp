@@ -2,13 +2,16 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstring>
 #include <deque>
+#include <fstream>
 
+#include "config/server_config.h"
+#include "net/sflsock.h"
+#include "net/socket_layer_state.h"
 #include "server/clock.h"
 #include "server/main_loop.h"
 #include "server/player_table.h"
@@ -18,10 +21,10 @@
 
 int server_main();
 
-// One entry a call: what it returns, or an errno as a negative number.
+// One entry for each call: what it returns, or an errno as a negative number.
 using Script = std::deque<int>;
-static Script opens, reads, clocks, receives, polls, sends, batches;
-static std::string log;  // ports that were sent to, polls by event and limit, pauses
+static Script opens, reads, clocks, receives, polls, sends, batches, connects, sockets, threads;
+static std::string log;  // what was called with what, in order
 
 static int play(Script& script, int behind_its_end) {
   if (script.empty()) return behind_its_end;
@@ -33,6 +36,8 @@ static int play(Script& script, int behind_its_end) {
 extern "C" {
 int __real_open64(const char* path, int flags, ...);
 ssize_t __real_read(int handle, void* buffer, std::size_t size);
+int __real_socket(int family, int type, int protocol);
+int __real_setsockopt(int handle, int level, int option, const void* value, socklen_t size);
 
 int __wrap_open64(const char* path, int flags, ...) {
   return opens.empty() ? __real_open64(path, flags) : play(opens, 0);
@@ -40,13 +45,20 @@ int __wrap_open64(const char* path, int flags, ...) {
 ssize_t __wrap_read(int handle, void* buffer, std::size_t size) {
   return reads.empty() ? __real_read(handle, buffer, size) : play(reads, 0);
 }
+int __wrap_setsockopt(int handle, int level, int option, const void* value, socklen_t size) {
+  if (option != SO_REUSEADDR) {
+    log += std::to_string(option) + "=" + std::to_string(*static_cast<const int*>(value)) + " ";
+  }
+  return __real_setsockopt(handle, level, option, value, size);
+}
 int __wrap_clock_gettime(clockid_t /*id*/, timespec* now) {
   *now = {.tv_sec = 7, .tv_nsec = 120'000'000};
   return play(clocks, 0);
 }
-int __wrap_nanosleep(const timespec* time, timespec* /*left*/) {
-  log += "pause " + std::to_string(time->tv_nsec) + " ";
-  return 0;
+int __wrap_nanosleep(const timespec* time, timespec* left) {
+  log += "pause " + std::to_string(time->tv_sec) + "." + std::to_string(time->tv_nsec) + " ";
+  *left = {.tv_sec = 3, .tv_nsec = 4};
+  return play(clocks, 0);
 }
 int __wrap_poll(pollfd* waits, nfds_t /*count*/, int limit) {
   log += "poll " + std::to_string(waits->events) + " " + std::to_string(limit) + " ";
@@ -57,76 +69,109 @@ int __wrap_ppoll(pollfd* waits, nfds_t /*count*/, const timespec* limit, const s
   log += "wait " + std::to_string(waits->events) + (limit == nullptr ? " " : "! ");
   if (polls.size() == 1) {
     std::raise(SIGTERM);
-    EXPECT_FALSE(stop_requested());
+    log += stop_requested() ? "early " : "";
     sigset_t kept;
     pthread_sigmask(SIG_SETMASK, mask, &kept);
     pthread_sigmask(SIG_SETMASK, &kept, nullptr);
   }
   return play(polls, 0);
 }
+int __wrap_socket(int family, int type, int protocol) {
+  return sockets.empty() ? __real_socket(family, type, protocol) : play(sockets, 0);
+}
+int __wrap_connect(int /*handle*/, const sockaddr* /*to*/, socklen_t /*length*/) {
+  log += "connect ";
+  return play(connects, 0);
+}
+int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
+  return threads.empty() ? 0 : -play(threads, 0);
+}
+int __wrap_pthread_setname_np(pthread_t /*thread*/, const char* name) {
+  return log.append(name).append(" "), 0;
+}
+int __wrap_pthread_detach(pthread_t /*thread*/) {
+  return log += "detached ", 0;
+}
+ssize_t __wrap_recvfrom(int, void*, std::size_t, int, sockaddr* /*from*/, socklen_t*) {
+  return play(receives, (errno = EAGAIN, -1));
+}
 ssize_t __wrap_sendto(int, const void*, std::size_t size, int, const void* /*to*/, socklen_t) {
   return play(sends, static_cast<int>(size));
 }
-long __wrap_syscall(long number, int, mmsghdr* messages, unsigned count, ...) {
-  if (number == SYS_recvfrom) return play(receives, (errno = EAGAIN, -1));
+int __wrap_sendmmsg(int, mmsghdr* messages, unsigned count, int /*flags*/) {
   const int served = play(batches, static_cast<int>(count));
   for (int i = 0; i < served; ++i) log += static_cast<const char*>(messages[i].msg_hdr.msg_name)[3];
   return served;
 }
 }
 
+namespace {
+
 // Standard output goes to standard error, where a test of an exit can see it.
-static void end_after(int (*call)()) {
+void end_after(int (*call)()) {
   dup2(STDERR_FILENO, STDOUT_FILENO);
   main_thread_id = pthread_self();
   std::exit(call());
 }
 
 // To the ports A to D.
-static int broadcast() {
-  for (std::uint8_t i = 0; i < 4; ++i) {
-    occupy_slot(player_table[i], {AF_INET, htons('A' + i), {}, {}}, "");
-    enter_game(player_table[i]);
+int broadcast_to_four() {
+  for (Slot slot = 0; slot < 4; ++slot) {
+    take_seat(player_table[slot], {AF_INET, htons('A' + slot), {}, {}});
+    change_used_seat(player_table[slot], SeatState::IN_GAME);
   }
-  return broadcast_all(bytes_of(Ping{})), 0;
+  return broadcast_all(Ping{}), 0;
 }
 
 TEST(FailingCallsTest, SendsGoOnWhereTheyStopped) {
   batches = {1, 2, 1, -EINTR, 3, -EINTR, 1};
-  broadcast(), broadcast();
+  broadcast_to_four(), broadcast_to_four();
   batches = {2, -EAGAIN, 1, -ENOBUFS, -EAGAIN};
-  broadcast();
+  broadcast_to_four();
   EXPECT_EQ(std::exchange(log, ""), "ABCDABCDABpoll 4 10 Cpoll 0 10 poll 4 10 D");
   sends = {-EINTR, -EAGAIN, -ENOBUFS};
-  EXPECT_TRUE(send_record({}, Ping{}, SendErrorText::WITHOUT_BLANK));
+  send_record({}, Ping{}, SendErrorText::WITHOUT_BLANK);
   EXPECT_EQ(std::exchange(log, ""), "poll 4 10 poll 0 10 ");
-}
-
-TEST(FailingCallsTest, OnlyAnEmptySocketEndsADrainAndErrorsPause) {
-  receives = {-EINTR, -ENOMEM, -ECONNREFUSED, -EINTR, -EAGAIN, -EBADF};
-  drain_socket();
-  EXPECT_EQ(std::exchange(log, ""), "pause 50000 pause 50000 ");
-  // What stood behind EAGAIN comes up in the next drain.
-  polls = {-EINTR, -ENOMEM, -EINTR};
-  EXPECT_EXIT(end_after([] {
-                install_shutdown_handler();
-                run_main_loop();
-                return log == "pause 50000 wait 1 wait 1 pause 50000 wait 1 " ? 0 : 2;
-              }),
-              testing::ExitedWithCode(0), "");
-  polls.clear();
+  EXPECT_TRUE(sends.empty());
 }
 
 TEST(FailingCallsTest, FailedSendsSayWhyAndABroadcastEndsTheProcess) {
   for (const int error : {EPERM, EACCES, ENETUNREACH, EHOSTUNREACH, EINVAL, EAGAIN, ENOBUFS}) {
     const std::string line = std::string("error writing to socket:") + std::strerror(error) + "\n";
     sends = batches = Script(11, -error);
-    EXPECT_EXIT(end_after(broadcast), testing::ExitedWithCode(1), "^" + line + "$");
+    EXPECT_EXIT(end_after(broadcast_to_four), testing::ExitedWithCode(1), "^" + line + "$");
     testing::internal::CaptureStdout();
-    EXPECT_FALSE(send_record({}, Ping{}, SendErrorText::WITHOUT_BLANK));
+    send_record({}, Ping{}, SendErrorText::WITHOUT_BLANK);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), line);
     EXPECT_EQ(sends.size(), error == EAGAIN || error == ENOBUFS ? 0U : 10U) << "attempts left";
   }
+  log.clear();
+}
+
+TEST(FailingCallsTest, ErrorsOfReceivingPauseAndOnlyAnEmptySocketEndsADrain) {
+  receives = {-EINTR, -ENOMEM, -ECONNREFUSED, -EINTR, -EAGAIN, -EBADF};
+  drain_socket();
+  EXPECT_EQ(std::exchange(log, ""), "pause 0.50000 pause 0.50000 ");
+  EXPECT_EQ(receives.size(), 1U) << "what stands behind EAGAIN comes up in the next drain";
+  receives.clear();
+}
+
+TEST(FailingCallsTest, ErrorsOfTheWaitPauseAndASignalDuringItStops) {
+  polls = {-EINTR, -ENOMEM, -EINTR};
+  EXPECT_EXIT(end_after([] {
+                install_shutdown_handler();
+                run_main_loop();
+                std::fputs(log.c_str(), stderr);
+                return 0;
+              }),
+              testing::ExitedWithCode(0), "^wait 1 wait 1 pause 0.50000 wait 1 $");
+  polls.clear();
+}
+
+TEST(FailingCallsTest, WaitsGoOnAfterASignal) {
+  clocks = {-EINTR};
+  sleep_us(12'000'007);
+  EXPECT_EQ(std::exchange(log, ""), "pause 12.7000 pause 3.4 ");
 }
 
 TEST(FailingCallsTest, TheBootClockStandsInForTheFile) {
@@ -138,4 +183,36 @@ TEST(FailingCallsTest, TheBootClockStandsInForTheFile) {
   clocks = {-EINVAL};
   EXPECT_EXIT(end_after(server_main), testing::ExitedWithCode(1),
               "^error reading the system clock: Invalid argument\n$");
+  opens.clear(), clocks.clear();
 }
+
+TEST(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
+  server_config.AnnounceServer = 1;
+  std::snprintf(server_config.Port, sizeof server_config.Port, "%d", 20000 + getpid() % 10000);
+  const auto start = [] {
+    std::atexit([] { std::fputs(log.c_str(), stderr); });
+    return server_main();
+  };
+  threads = {-EAGAIN};
+  EXPECT_EXIT(end_after(start), testing::ExitedWithCode(0),
+              "-\nError while creating announce thread!\n8=1048576 7=1048576 $");
+  threads = {0, -EAGAIN};
+  EXPECT_EXIT(end_after(start), testing::ExitedWithCode(0),
+              "-\nError while creating ping thread!\n.* zol-announce detached $");
+  threads.clear();
+}
+
+TEST(FailingCallsTest, ARefusedConnectionIsTriedThreeTimes) {
+  connects = {-ECONNREFUSED, -ECONNREFUSED, -ECONNREFUSED};
+  EXPECT_EQ(tcp_connect("127.0.0.1", "80"), -1);
+  EXPECT_EQ(socket_error_code(), SOCKERR_CONNECT_FAILED);
+  connects = {-ECONNREFUSED, -EINPROGRESS};
+  EXPECT_EQ(socket_close(tcp_connect("127.0.0.1", "80")), 0);
+  sockets = {-EMFILE};
+  EXPECT_EQ(tcp_connect("127.0.0.1", "80"), -1) << "no socket, no further attempt";
+  EXPECT_EQ(socket_error_code(), 5);
+  EXPECT_EQ(std::exchange(log, ""), "connect connect connect connect connect ");
+  EXPECT_EQ(socket_layer_state.open_sockets, 0);
+}
+
+}  // namespace

@@ -1,6 +1,9 @@
 #include "tests/game.h"
 
+#include <thread>
+
 #include "net/sflsock.h"
+#include "server/liveness.h"
 #include "server/main_loop.h"
 #include "tests/loopback.h"
 
@@ -49,7 +52,6 @@ GameTest::GameTest() {
 
 void GameTest::start_over() {
   std::memset(static_cast<void*>(&player_table), 0, sizeof player_table);
-  ++roster_version;
   server_config = ServerConfig{};
   receive_buffer = {};
   player_count = 0;
@@ -57,7 +59,7 @@ void GameTest::start_over() {
   pinkpanther_slot = NO_SLOT;
   pinkpanther_reselect = 0;
   pinkpanther_since = 0;
-  pinkpanther_announcement = {};
+  pinkpanther_notice = {};
   server_start_ms = 1000;
   fake_now_ms = 1000;
   slept_us = 0;
@@ -67,13 +69,24 @@ GameTest::~GameTest() {
   close(server_socket);
 }
 
-std::string GameTest::say(const Player& player, const Bytes& bytes) {
-  player.send(bytes);
+template <typename Work>
+static std::string printed_by(Work work) {
   testing::internal::CaptureStdout();
   const int allocated = allocations;
-  drain_socket();
+  work();
   EXPECT_EQ(allocations, allocated) << "the game needs no heap";
   return testing::internal::GetCapturedStdout();
+}
+
+std::string GameTest::say(const Player& player, const Bytes& bytes) {
+  player.send(bytes);
+  return printed_by(drain_socket);
+}
+
+std::string GameTest::pass() {
+  std::string printed;
+  std::thread([&printed] { printed = printed_by(ping_pass); }).join();
+  return printed;
 }
 
 void GameTest::join(const Player& player, const std::string& name) {
@@ -91,13 +104,6 @@ void GameTest::fill(std::size_t count) {
   while (players.size() < count) {
     players.push_back(std::make_unique<Player>());
     enter(*players.back(), std::string(1, 'P').append(std::to_string(players.size() - 1)));
-  }
-}
-
-void GameTest::expect_only(const Player& player, const std::vector<Bytes>& datagrams) {
-  EXPECT_EQ(player.received(), datagrams);
-  for (std::size_t i = 0; i < players.size(); ++i) {
-    EXPECT_EQ(players[i]->received(), std::vector<Bytes>{}) << "at player " << i;
   }
 }
 

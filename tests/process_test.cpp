@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -51,7 +52,7 @@ class ProcessTest : public testing::Test {
     pid = fork();
     if (pid == 0) {
       dup2(pipe_ends[1], STDOUT_FILENO);
-      close(pipe_ends[0]);
+      close_range(3, ~0U, 0);
       if (chdir(folder) == 0) execl(ZOLSERVER, "zolserver", nullptr);
       _exit(99);
     }
@@ -59,9 +60,9 @@ class ProcessTest : public testing::Test {
     output = pipe_ends[0];
   }
 
-  void start_and_wait() {
+  void start_and_wait(const std::string& settings = "") {
     const std::string text = std::to_string(port);
-    start("Port=" + text + "\n");
+    start("Port=" + text + "\n" + settings);
     ASSERT_EQ(read_to(RULE), "ZOL Server 0.4 ONLINE [Port: " + text + "]!!!\n" + RULE);
   }
 
@@ -86,9 +87,9 @@ class ProcessTest : public testing::Test {
     sockaddr_in server = local_address(player);
     server.sin_port = htons(port);
     EXPECT_EQ(connect(player, reinterpret_cast<sockaddr*>(&server), sizeof server), 0);
-    say(player, datagram(10, 68, {{1, text("Bob")}, {66, {40}}}));
+    say(player, bytes_of("0a \"Bob\" ..66 28 00"));
     EXPECT_EQ(heard(player)[0], 17);
-    say(player, datagram(15, 100));
+    say(player, bytes_of("0f ..100"));
     const Bytes reply = heard(player);
     EXPECT_EQ(reply[0] + reply[2], 16) << "hour 0";
     EXPECT_LT(reply[3], 20) << "minute of a server that has just started";
@@ -133,6 +134,36 @@ TEST_F(ProcessTest, EachStopSignalEndsItInOrder) {
   }
 }
 
+// The tests of the game set every global before they begin; here all are as the program has them.
+TEST_F(ProcessTest, BeginsWithoutAPinkPanther) {
+  start_and_wait("GameType=1\n");
+  const int first = enter_game();
+  EXPECT_EQ(read_to("\n"), "Bob, Player [0] Connected!\n");
+  const int second = enter_game();
+  EXPECT_EQ(read_to("now \n"), "Bob, Player [1] Connected!\nPlayer [0] is the PinkPanther now \n");
+  EXPECT_EQ(heard(second)[0], 42);
+  EXPECT_EQ(heard(second), (Bytes{209, 100}));
+  EXPECT_EQ(heard(second), (Bytes{209, 0}));
+  EXPECT_EQ(heard(first)[0], 42);
+  close(first), close(second);
+}
+
+TEST_F(ProcessTest, KeepsNoDescriptorButItsSocket) {
+  const auto descriptors = [this] {
+    const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+    return std::distance(begin(all), end(all));
+  };
+  start_and_wait();
+  const auto before = descriptors();
+  for (int i = 0; i < 50; ++i) {
+    const int player = enter_game();
+    say(player, {60});
+    close(player);
+  }
+  EXPECT_EQ(descriptors(), before);
+  EXPECT_EQ(before, 4) << "the standard ones and the socket";
+}
+
 TEST_F(ProcessTest, SaysWhyItCannotStart) {
   const int taken = bind_any_port();
   for (const auto& [text, reason] : {std::pair{std::to_string(port), "7"}, {"65536", "3"}}) {
@@ -153,7 +184,7 @@ TEST_F(ProcessTest, StopsUnderFullLoad) {
   EXPECT_EQ(heard(witness)[0], 42);
   std::atomic<bool> done = false;
   std::thread flood([&] {
-    const Bytes update = datagram(100, 16);
+    const Bytes update = bytes_of("64 ..16");
     while (!done) (void)send(player, update.data(), update.size(), 0);
   });
   EXPECT_EQ(heard(witness)[0], 200) << "the flood is being handled";
@@ -170,7 +201,7 @@ TEST_F(ProcessTest, LivesOnWithoutAReaderAndCostsNothingWhenIdle) {
   close(output);
   output = -1;
   for (int i = 0; i < 100; ++i) say(player, {200, 0});
-  say(player, datagram(15, 100));
+  say(player, bytes_of("0f ..100"));
   EXPECT_EQ(heard(player)[0], 16);
 
   // Nanoseconds that the main thread has run. It is back in its wait when they stand still.

@@ -1,63 +1,241 @@
-// Replays the worked sessions of docs/protocol.md, byte for byte, with what the server prints.
+// Plays sessions: those of docs/protocol.md and tests/sessions/*.session. A line of a session is
+//   A> BYTES             a datagram of A, handled at once; bytes.h says how bytes are written
+//   A< BYTES             what A gets; P0..P9< is the same for ten players
+//   #| LINE              what the server prints
+//   server NAME=VALUE... a server that has just started, with these settings; all players are new
+//   set NAME=VALUE...    the settings change, or what SETTERS has beside them
+//   wait MS              time goes by
+//   pass                 a pass of the ping thread
+//   join A B             A and B join; what that sends is not looked at
+//   seat A B             A and B join and enter as enter_on_foot has it; likewise
+//   twin B A             B sends from the port of A at another address
+//   fail A               no answer can be sent to A, from here to the next server
+//   let NAME WORDS       $NAME stands for the words from here on
+//   check NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
+// and # begins a comment. Lines and datagrams must come in the order in which they stand, and none
+// may come that does not.
 
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <map>
-#include <sstream>
+#include <set>
+#include <utility>
 
 #include "tests/game.h"
 
 namespace {
 
-class SessionTest : public GameTest {};
+using Number = std::uint32_t;
 
-// "0a 00*3" is 0a 00 00 00.
-Bytes bytes_of_line(std::istream& words) {
-  Bytes bytes;
-  for (std::string word; words >> word;) {
-    const std::size_t star = word.find('*');
-    const std::size_t count = star == std::string::npos ? 1 : std::stoul(word.substr(star + 1));
-    bytes.insert(bytes.end(), count, static_cast<std::uint8_t>(std::stoul(word, nullptr, 16)));
-  }
-  return bytes;
+const std::map<std::string, void (*)(Number)> SETTERS = {
+    {"clock", [](Number ms) { fake_now_ms = ms; }},
+    {"GameType", [](Number type) { server_config.GameType = static_cast<std::uint8_t>(type); }},
+    {"maxClients", [](Number count) { server_config.maxClients = static_cast<int>(count); }},
+    {"pinkpanther_reselect",
+     [](Number on) { pinkpanther_reselect = static_cast<std::uint8_t>(on); }},
+    {"pinkpanther_slot", [](Number slot) { pinkpanther_slot = static_cast<Slot>(slot); }},
+};
+
+Number value_of(const std::string& name) {
+  const std::size_t dot = name.find('.');
+  const bool is_of_slot = dot != std::string::npos;
+  const PlayerSlot& player = player_table.at(is_of_slot ? number_of(name.substr(0, dot)) : 0);
+  const std::map<std::string, Number> values = {
+      {"last_join_slot", last_join_slot},
+      {"pinkpanther_reselect", pinkpanther_reselect},
+      {"pinkpanther_since", pinkpanther_since},
+      {"pinkpanther_slot", pinkpanther_slot},
+      {"player_count", player_count},
+      {".car_block_a", player.car.car_block_a[0]},
+      {".car_block_b", player.car.car_block_b[0]},
+      {".car_byte", player.car.car_byte},
+      {".car_type", player.car.car_type},
+      {".death_count", player.death_count},
+      {".has_died", player.has_died},
+      {".in_car", player.in_car},
+      {".is_pinkpanther", player.is_pinkpanther},
+      {".last_heard", player.last_heard},
+      {".ping_sent", player.ping_sent},
+  };
+  return values.at(is_of_slot ? name.substr(dot) : name);
 }
+
+// "P0..P9" is ten players, any other word one.
+std::vector<std::string> names_of(const std::string& word) {
+  const std::size_t dots = word.find("..");
+  if (dots == std::string::npos) return {word};
+  std::vector<std::string> names;
+  const Number last = number_of(word.substr(dots + 3));
+  for (Number i = number_of(word.substr(1, dots - 1)); i <= last; ++i) {
+    names.push_back(word[0] + std::to_string(i));
+  }
+  return names;
+}
+
+class SessionTest : public GameTest {
+ public:
+  // Among the lines that the server prints, so that the two keep their order.
+  void print_arrivals() {
+    const int allocated = allocations;
+    for (const auto& [name, peer] : peers) {
+      for (const Bytes& bytes : peer.received()) {
+        std::printf("%s<%s\n", name.c_str(), words_of(bytes).c_str());
+      }
+    }
+    allocations = allocated;
+  }
+
+  static SessionTest* playing;
+  std::set<in_port_t> failing;
+
+ protected:
+  SessionTest() { playing = this; }
+  ~SessionTest() override { playing = nullptr; }
+
+  // A line that is not understood has thrown.
+  void TearDown() override {
+    finish_step();
+    EXPECT_FALSE(HasFailure()) << "up to " << place;
+    EXPECT_GT(datagrams, 0) << place;
+  }
+
+  void play(const std::string& file, int number, const std::string& line) {
+    place = file + ":" + std::to_string(number) + ": " + line;
+    std::istringstream words(line);
+    std::string word;
+    words >> word;
+    if (word == "#|") {
+      expected += line.substr(3) + "\n";
+    } else if (word.ends_with('<')) {
+      const std::string arrival = "<" + words_of(bytes_behind(words)) + "\n";
+      word.pop_back();
+      for (const std::string& name : names_of(word)) expected += name + arrival;
+    } else if (!word.empty() && word[0] != '#') {
+      finish_step();
+      step = place;
+      act(word, words);
+    }
+  }
+
+ private:
+  void finish_step() {
+    EXPECT_EQ(std::exchange(happened, ""), std::exchange(expected, "")) << step;
+  }
+
+  void act(std::string word, std::istringstream& words) {
+    std::string name;
+    if (word.ends_with('>')) {
+      word.pop_back();
+      happened = say(peers[word], bytes_behind(words));
+      ++datagrams;
+    } else if (word == "server" || word == "set" || word == "check") {
+      if (word == "server") start_over(), peers.clear(), failing.clear();
+      while (words >> name) use_pair(name, word == "check");
+    } else if (word == "pass") {
+      happened = pass();
+    } else if (word == "join" || word == "seat") {
+      while (words >> name) admit(names_of(name), word == "seat");
+    } else if (word == "let" && words >> name) {
+      std::getline(words, lets[name]);
+    } else if (word == "twin" && words >> word >> name) {
+      peers.try_emplace(word, "127.0.0.2", peers.at(name).address.sin_port);
+    } else if (word == "fail" && words >> name) {
+      failing.insert(peers.at(name).address.sin_port);
+    } else if (word == "wait" && words >> name) {
+      fake_now_ms += number_of(name);
+    } else {
+      throw std::invalid_argument(word);
+    }
+  }
+
+  // NAME=VALUE.
+  void use_pair(const std::string& pair, bool is_check) {
+    const std::string name = pair.substr(0, pair.find('='));
+    const Number value = number_of(pair.substr(name.size() + 1));
+    if (!is_check) return SETTERS.at(name)(value);
+    EXPECT_EQ(value_of(name), value) << name << " at " << step;
+  }
+
+  void admit(const std::vector<std::string>& names, bool enters) {
+    for (const std::string& name : names) {
+      enters ? enter(peers[name], name) : join(peers[name], name);
+    }
+  }
+
+  Bytes bytes_behind(std::istringstream& words) const {
+    std::string text;
+    std::getline(words, text);
+    for (std::size_t at = 0; (at = text.find('$')) != std::string::npos;) {
+      const std::size_t length = text.find(' ', at) - at;
+      text.replace(at, length, lets.at(text.substr(at + 1, length - 1)));
+    }
+    return bytes_of(text);
+  }
+
+  std::map<std::string, Player> peers;
+  std::map<std::string, std::string> lets;
+  std::string place, step, happened, expected;
+  int datagrams = 0;
+};
+
+SessionTest* SessionTest::playing = nullptr;
 
 TEST_F(SessionTest, TheWorkedSessionsAreTrue) {
   std::ifstream document(PROTOCOL_DOCUMENT);
-  std::map<std::string, Player> peers;
-  std::map<std::string, std::vector<Bytes>> expected;
-  std::string printed;
-  std::string expected_print;
-  int sessions = 0;
-  int datagrams = 0;
-  for (std::string line, block; std::getline(document, line);) {
+  std::string block;
+  int number = 0;
+  for (std::string line; std::getline(document, line);) {
+    ++number;
     if (line.starts_with("```")) {
-      for (const auto& [name, peer] : peers) EXPECT_EQ(peer.received(), expected[name]) << name;
-      EXPECT_EQ(std::exchange(printed, ""), std::exchange(expected_print, ""));
-      start_over();
-      peers.clear();
-      expected.clear();
       block = line;
-      sessions += block.starts_with("```session") ? 1 : 0;
-      server_config.GameType = block == "```session-pinkpanther" ? 1 : 0;
-      server_config.maxClients = block == "```session-pinkpanther" ? 2 : 16;
-    } else if (block.starts_with("```session") && line.starts_with("#|")) {
-      expected_print += line.substr(3) + "\n";
-    } else if (block.starts_with("```session") && line[0] != '#') {
-      std::istringstream words(line);
-      std::string direction;
-      words >> direction;
-      const std::string name = direction.substr(0, 1);
-      const Bytes bytes = bytes_of_line(words);
-      if (direction[1] == '<') {
-        expected[name].push_back(bytes);
-      } else {
-        printed += say(peers[name], bytes);
-      }
-      ++datagrams;
+      line = block == "```session-pinkpanther" ? "server GameType=1 maxClients=2" : "server";
     }
+    if (block.starts_with("```session")) play("protocol.md", number, line);
   }
-  EXPECT_EQ(sessions, 2);
-  EXPECT_GT(datagrams, 80);
 }
 
+class SessionFileTest : public SessionTest,
+                        public testing::WithParamInterface<std::filesystem::path> {};
+
+TEST_P(SessionFileTest, IsTrue) {
+  std::ifstream file(GetParam());
+  int number = 0;
+  for (std::string line; std::getline(file, line);) {
+    play(GetParam().filename().string(), ++number, line);
+  }
+}
+
+std::vector<std::filesystem::path> session_files() {
+  return {std::filesystem::directory_iterator(SESSIONS), {}};
+}
+
+INSTANTIATE_TEST_SUITE_P(Sessions, SessionFileTest, testing::ValuesIn(session_files()),
+                         [](const auto& file) { return file.param.stem().string(); });
+
 }  // namespace
+
+// Each send is followed by a look at who got it; so a batch goes out one by one.
+extern "C" {
+decltype(sendto) __real_sendto;
+decltype(sendmmsg) __real_sendmmsg;
+
+ssize_t __wrap_sendto(int handle, const void* bytes, std::size_t size, int flags,
+                      const sockaddr* to, socklen_t length) {
+  SessionTest* session = handle == server_socket ? SessionTest::playing : nullptr;
+  const in_port_t port = reinterpret_cast<const sockaddr_in*>(to)->sin_port;
+  if (session != nullptr && size > 0 && session->failing.contains(port)) return errno = EINVAL, -1;
+  const ssize_t sent = __real_sendto(handle, bytes, size, flags, to, length);
+  if (session != nullptr) session->print_arrivals();
+  return sent;
+}
+
+int __wrap_sendmmsg(int handle, mmsghdr* messages, unsigned count, int flags) {
+  SessionTest* session = SessionTest::playing;
+  const int sent = __real_sendmmsg(handle, messages, session != nullptr ? 1 : count, flags);
+  if (session != nullptr) session->print_arrivals();
+  return sent;
+}
+}

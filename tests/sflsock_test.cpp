@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <string>
 
+#include "announce/master_server.h"
 #include "net/socket_layer_state.h"
 #include "tests/loopback.h"
 
@@ -53,7 +54,7 @@ TEST(SflsockTest, SaysWhyItCannotOpen) {
   EXPECT_EQ(udp_open_port("5"), -1) << "0 with the offset";
   socket_layer_state.port_offset = 0;
   EXPECT_EQ(new_inet_socket("no-such-protocol"), -1);
-  EXPECT_EQ(socket_error_code(), SOCKERR_BAD_PROTOCOL);
+  EXPECT_EQ(socket_error_code(), 4);
 
   // Taken by a socket without SO_REUSEADDR; the failed one stays open and counted.
   const int taken = bind_loopback(SOCK_DGRAM);
@@ -87,17 +88,36 @@ TEST(SflsockTest, ReceivesCutsAndSends) {
   // In order, up to the first address that cannot be served.
   sockaddr_in nowhere = to;
   nowhere.sin_port = 0;
-  UdpFanout fanout;
-  prepare_fanout(fanout);
-  const sockaddr_in destinations[] = {to, to, nowhere, to};
-  for (unsigned i = 0; i < 4; ++i) set_destination(fanout, i, &destinations[i]);
-  EXPECT_EQ(udp_send_fanout(one, fanout, 4, "ab", 2), 2U);
+  const std::array destinations = {to, to, nowhere, to};
+  const std::array payload = {std::byte{'a'}, std::byte{'b'}};
+  EXPECT_FALSE(udp_send_to_each(one, destinations, payload));
   EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
-  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
-  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), -1);
+  EXPECT_TRUE(udp_can_reach(one, &to));
+  EXPECT_FALSE(udp_can_reach(one, &nowhere));
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
+  EXPECT_EQ(buffer.substr(0, 2), "ab");
+  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), -1) << "a probe sends nothing";
   socket_close(one);
   socket_close(two);
+}
+
+TEST(SflsockTest, ResolvesHostsAndServices) {
+  struct Case {
+    const char *host, *service, *address;
+    int port;
+  };
+  for (const Case& c :
+       {Case{"192.0.2.1", "80", "192.0.2.1", 80}, Case{nullptr, "http", "127.0.0.1", 80},
+        Case{"", "xyz", "127.0.0.1", 0}, Case{"localhost", "65616", "127.0.0.1", 80}}) {
+    sockaddr_in endpoint{};
+    EXPECT_EQ(resolve_endpoint(c.host, c.service, "tcp", &endpoint), 0) << c.service;
+    EXPECT_EQ(endpoint.sin_family, AF_INET);
+    EXPECT_EQ(endpoint.sin_addr.s_addr, inet_addr(c.address));
+    EXPECT_EQ(ntohs(endpoint.sin_port), c.port);
+  }
+  EXPECT_EQ(connect_with_retries("no such host", "80", "tcp", nullptr, 1, 0), -1);
+  EXPECT_EQ(socket_error_code(), SOCKERR_BAD_HOST);
+  EXPECT_STREQ(MASTER_SERVICE, "80");
 }
 
 TEST(SflsockTest, ChecksItsArguments) {
@@ -114,6 +134,7 @@ TEST(SflsockTest, DropsRaisedRightsWithTheFirstBind) {
     EXPECT_EXIT(
         {
           if (setresuid(65534, 0, 0) != 0) _exit(1);
+          socket_layer_state.saved_real_user = socket_layer_state.saved_effective_user = -1U;
           const int handle = udp_open_port(port);
           if ((handle != -1) != (*port == '1')) _exit(2);
           _exit(geteuid() == 65534 ? 0 : 3);

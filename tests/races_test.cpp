@@ -1,0 +1,156 @@
+// Orders of events between the main and the ping thread that luck makes rare, made on purpose: at a
+// seam of one thread's work the other's is done.
+
+#include <thread>
+
+#include "server/liveness.h"
+#include "server/main_loop.h"
+#include "tests/game.h"
+#include "tests/seams.h"
+
+namespace {
+
+class RacesTest : public GameTest {
+ public:
+  using GameTest::players;
+
+  // Four places, three players in the game; the one in slot 1 was silent for too long.
+  RacesTest() {
+    self = this;
+    server_config.maxClients = 4;
+    fill(3);
+    silence(1);
+  }
+
+  ~RacesTest() override { on_seam = nullptr; }
+
+  static void silence(Slot silent) {
+    fake_now_ms += 200'000;
+    for (Slot slot = 0; slot < 4; ++slot) {
+      if (slot != silent) player_table[slot].last_heard = fake_now_ms.load();
+    }
+  }
+
+  // What is done at this seam, once.
+  static void at(Seam seam, void (*work)()) {
+    wanted = seam, work_at_seam = work;
+    on_seam = [](Seam reached) {
+      if (reached == wanted) on_seam = nullptr, work_at_seam();
+    };
+  }
+
+  static void arrive(const Player& player, const Bytes& bytes) {
+    player.send(bytes);
+    drain_socket();
+  }
+
+  // The first bytes of what the player in slot 0 was told, but for pings.
+  std::vector<Bytes> told() {
+    std::vector<Bytes> all = players[0]->received();
+    std::erase(all, Bytes{1});
+    for (Bytes& bytes : all) bytes.resize(std::min<std::size_t>(bytes.size(), 3));
+    return all;
+  }
+
+  static SeatState state_of(Slot slot) { return player_table[slot].seat.load().state; }
+
+  static RacesTest* self;
+  static Seam wanted;
+  static void (*work_at_seam)();
+  Player newcomer;
+};
+
+RacesTest* RacesTest::self = nullptr;
+Seam RacesTest::wanted;
+void (*RacesTest::work_at_seam)() = nullptr;
+
+TEST_F(RacesTest, ATimeOutMissesWhoTookTheSlotMeanwhile) {
+  const Seat seen = player_table[1].seat;
+  at(Seam::TIME_OUT_DECIDED, [] {
+    arrive(*self->players[1], {60});
+    arrive(self->newcomer, join_request("New"));
+  });
+  ping_pass();
+  EXPECT_EQ(find_slot_by_address(newcomer.address), 1);
+  EXPECT_EQ(state_of(1), SeatState::JOINED);
+  EXPECT_EQ(player_count, 3);
+  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
+  sockaddr_in address;
+  EXPECT_FALSE(read_address(player_table[1], seen, address)) << "nor is the newcomer pinged";
+}
+
+TEST_F(RacesTest, ATimeOutIsMadeOnceWhenThePlayerLeavesMeanwhile) {
+  at(Seam::TIME_OUT_DECIDED, [] { arrive(*self->players[1], {60}); });
+  ping_pass();
+  EXPECT_EQ(player_count, 2);
+  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
+  at(Seam::TIMED_OUT, [] { arrive(*self->players[2], {60}); });
+  silence(2);
+  ping_pass();
+  EXPECT_EQ(state_of(2), SeatState::FREE);
+  EXPECT_EQ(player_count, 1);
+  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 2})});
+}
+
+TEST_F(RacesTest, ASlotIsTakenOnlyAfterTheNoticeOfItsLastPlayer) {
+  at(Seam::TIMED_OUT, [] {
+    arrive(self->newcomer, join_request("New"));
+    arrive(self->newcomer, enter_on_foot());
+    arrive(*self->players[1], join_request("Old"));
+  });
+  ping_pass();
+  EXPECT_EQ(told(), (std::vector<Bytes>{Bytes{42, 3, 1}, {60, 1}}));
+  EXPECT_EQ(state_of(1), SeatState::FREE);
+  EXPECT_EQ(state_of(3), SeatState::IN_GAME);
+  EXPECT_EQ(player_count, 3);
+  EXPECT_EQ(players[1]->received()[0][0], 12) << "the last free slot was taken";
+  arrive(*players[1], join_request("Old"));
+  EXPECT_EQ(find_slot_by_address(players[1]->address), 1);
+}
+
+// The player who enters again is timed out at this seam.
+TEST_F(RacesTest, WhoTimesOutWhileEnteringIsNotAnnounced) {
+  at(Seam::ENTERING, ping_pass);
+  arrive(*players[1], enter_on_foot());
+  EXPECT_EQ(state_of(1), SeatState::FREE);
+  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
+  EXPECT_EQ(player_count, 2);
+}
+
+TEST_F(RacesTest, WhoTimesOutOnEnteringIsTakenBack) {
+  at(Seam::ENTERED, ping_pass);
+  arrive(*players[1], enter_on_foot());
+  EXPECT_EQ(state_of(1), SeatState::FREE);
+  EXPECT_EQ(told(), (std::vector<Bytes>{{60, 1}, {42, 1, 1}, {60, 1}}));
+  EXPECT_EQ(player_count, 2);
+}
+
+// Players come, go, come back and fall silent while passes run as fast as they can. What it proves
+// shows under ThreadSanitizer; the counts must agree on every build.
+TEST_F(RacesTest, TheThreadsAgreeOnEveryPlayer) {
+  server_config.GameType = 1;
+  server_config.maxClients = 16;
+  std::atomic<bool> done = false;
+  testing::internal::CaptureStdout();
+  std::thread passes([&] {
+    while (!done) ping_pass();
+  });
+  const Player six[6];
+  for (unsigned round = 0; round < 3000; ++round) {
+    const Player& player = six[round * 7 % 6];
+    for (const Bytes& bytes : {join_request("Somebody"), enter_on_foot(), bytes_of("64 ..16")}) {
+      player.send(bytes);
+    }
+    six[round % 6].send({2});
+    if (round % 3 == 0) six[round / 3 % 6].send({60});
+    if (round % 5 == 0) fake_now_ms += 100'001 + round % 2 * 60'000;
+    drain_socket();
+    for (const Player& each : six) each.received();
+  }
+  done = true;
+  passes.join();
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(player_count, count_used_slots());
+}
+
+}  // namespace

@@ -1,0 +1,6 @@
+// What a test has another thread do at the server's seams.
+#pragma once
+
+#include "server/seams.h"
+
+extern void (*on_seam)(Seam seam);  // called at each seam, unless it is null
