@@ -32,7 +32,7 @@ static void send_all_records(const sockaddr_in& newcomer) {
 
 // Makes the player IN_GAME and tells the others. False when it times out meanwhile: the others may
 // then have been told that it left before they were told that it entered, so they are told again.
-static bool announce_entry(Slot slot) {
+static bool tell_others_of_entry(Slot slot) {
   PlayerSlot& player = player_table[slot];
   pass_seam(Seam::ENTERING);
   if (!change_used_seat(player, SeatState::IN_GAME)) return false;
@@ -52,7 +52,7 @@ void handle_enter_game(Slot slot, const Datagram& datagram) {
       .last_join_slot = last_join_slot, .hour = game_hour(), .minute = game_minute()};
   send_record(datagram.sender, reply, SendErrorText::WITH_BLANK);
 
-  if (!announce_entry(slot)) return;
+  if (!tell_others_of_entry(slot)) return;
   send_all_records(datagram.sender);
   if (server_config.GameType == CATCH_PINKPANTHER && player_count > 1) {
     send_record(datagram.sender, pinkpanther_notice, SendErrorText::WITHOUT_BLANK);

@@ -221,7 +221,7 @@ struct EnterGameReply {
 struct PlayerInfo {
   ServerCommand command = ServerCommand::CMD_PLAYER_INFO;
   Slot slot = 0;
-  std::uint8_t just_entered = 0;  // 1: announces a player who has just entered the game
+  std::uint8_t just_entered = 0;  // 1: this player has just entered the game
   std::array<char, NAME_WIDTH + 1> name{};
   PlayerState state{};
   std::uint8_t in_car = 0;  // 0 or 1; car is zero unless it is 1

@@ -69,15 +69,6 @@ GameTest::~GameTest() {
   close(server_socket);
 }
 
-template <typename Work>
-static std::string printed_by(Work work) {
-  testing::internal::CaptureStdout();
-  const int allocated = allocations;
-  work();
-  EXPECT_EQ(allocations, allocated) << "the game needs no heap";
-  return testing::internal::GetCapturedStdout();
-}
-
 std::string GameTest::say(const Player& player, const Bytes& bytes) {
   player.send(bytes);
   return printed_by(drain_socket);

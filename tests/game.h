@@ -33,6 +33,16 @@ struct Player {
 // Uses of new so far. What the server does must not move it.
 extern std::atomic<int> allocations;
 
+// Runs the server's work and returns what it printed.
+template <typename Work>
+std::string printed_by(Work work) {
+  testing::internal::CaptureStdout();
+  const int allocated = allocations;
+  work();
+  EXPECT_EQ(allocations, allocated) << "the server needs no heap";
+  return testing::internal::GetCapturedStdout();
+}
+
 class GameTest : public testing::Test {
  protected:
   GameTest();

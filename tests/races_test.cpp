@@ -109,7 +109,7 @@ TEST_F(RacesTest, ASlotIsTakenOnlyAfterTheNoticeOfItsLastPlayer) {
 }
 
 // The player who enters again is timed out at this seam.
-TEST_F(RacesTest, WhoTimesOutWhileEnteringIsNotAnnounced) {
+TEST_F(RacesTest, NobodyIsToldOfWhoTimesOutWhileEntering) {
   at(Seam::ENTERING, ping_pass);
   arrive(*players[1], enter_on_foot());
   EXPECT_EQ(state_of(1), SeatState::FREE);

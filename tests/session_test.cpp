@@ -11,6 +11,12 @@
 //   twin B A             B sends from the port of A at another address
 //   fail A               no answer can be sent to A, from here to the next server
 //   let NAME WORDS       $NAME stands for the words from here on
+//   master BYTES / BYTES the master server answers the next request with these pieces; with "late
+//   N"
+//                        in front after N of the server's pauses, with "reset" it resets
+//   announce WHAT        announce_first, announce_check, master_announce or master_remove_server:
+//                        first, check, ask or remove
+//   M| LINE              the first line of the request that the master server gets
 //   check NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
 // and # begins a comment. Lines and datagrams must come in the order in which they stand, and none
 // may come that does not.
@@ -24,7 +30,11 @@
 #include <set>
 #include <utility>
 
+#include "announce/announce_thread.h"
+#include "announce/master_requests.h"
+#include "net/socket_layer_state.h"
 #include "tests/game.h"
+#include "tests/master.h"
 
 namespace {
 
@@ -39,16 +49,28 @@ const std::map<std::string, void (*)(Number)> SETTERS = {
     {"pinkpanther_slot", [](Number slot) { pinkpanther_slot = static_cast<Slot>(slot); }},
 };
 
+struct Announcer {
+  AnnounceState state;
+  bool goes_on = false;  // the result of the first announce
+  std::uint8_t verdict = 0;
+} announcer;
+
 Number value_of(const std::string& name) {
   const std::size_t dot = name.find('.');
   const bool is_of_slot = dot != std::string::npos;
   const PlayerSlot& player = player_table.at(is_of_slot ? number_of(name.substr(0, dot)) : 0);
   const std::map<std::string, Number> values = {
+      {"goes_on", announcer.goes_on},
+      {"last_announce_ms", announcer.state.last_announce_ms},
       {"last_join_slot", last_join_slot},
+      {"open_sockets", static_cast<Number>(socket_layer_state.open_sockets)},
       {"pinkpanther_reselect", pinkpanther_reselect},
       {"pinkpanther_since", pinkpanther_since},
       {"pinkpanther_slot", pinkpanther_slot},
       {"player_count", player_count},
+      {"previous_count", announcer.state.previous_count},
+      {"slept_ms", static_cast<Number>(slept_us / 1000)},
+      {"verdict", announcer.verdict},
       {".car_block_a", player.car.car_block_a[0]},
       {".car_block_b", player.car.car_block_b[0]},
       {".car_byte", player.car.car_byte},
@@ -107,7 +129,9 @@ class SessionTest : public GameTest {
     std::istringstream words(line);
     std::string word;
     words >> word;
-    if (word == "#|") {
+    if (word == "M|") {
+      expected += line + "\n";
+    } else if (word == "#|") {
       expected += line.substr(3) + "\n";
     } else if (word.ends_with('<')) {
       const std::string arrival = "<" + words_of(bytes_behind(words)) + "\n";
@@ -144,11 +168,51 @@ class SessionTest : public GameTest {
       peers.try_emplace(word, "127.0.0.2", peers.at(name).address.sin_port);
     } else if (word == "fail" && words >> name) {
       failing.insert(peers.at(name).address.sin_port);
+    } else if (word == "master") {
+      set_master(words);
+    } else if (word == "announce" && words >> name) {
+      happened = announce(name);
     } else if (word == "wait" && words >> name) {
       fake_now_ms += number_of(name);
     } else {
       throw std::invalid_argument(word);
     }
+  }
+
+  void set_master(std::istringstream& words) {
+    std::string word, rest;
+    int waits = 0;
+    bool resets = false;
+    while (words >> word && (word == "late" || word == "reset")) {
+      resets = word == "reset";
+      if (!resets) words >> waits;
+      word.clear();
+    }
+    std::getline(words, rest);
+    std::deque<Bytes> pieces;
+    std::istringstream all(word + rest);
+    while (std::getline(all, word, '/')) {
+      std::istringstream piece(word);
+      pieces.push_back(bytes_behind(piece));
+    }
+    master.script(pieces, waits, resets);
+    std::snprintf(server_config.ServerName, sizeof server_config.ServerName, "A b  &=%%s");
+    std::snprintf(server_config.Port, sizeof server_config.Port, "+7x");
+    slept_us = 0;
+    socket_layer_state.open_sockets = 0;
+  }
+
+  std::string announce(const std::string& what) {
+    const std::map<std::string, void (*)()> calls = {
+        {"first", [] { announcer.goes_on = announce_first(announcer.state = {}); }},
+        {"check", [] { announce_check(announcer.state); }},
+        {"ask", [] { announcer.verdict = static_cast<std::uint8_t>(master_announce()); }},
+        {"remove", master_remove_server},
+    };
+    on_sleep = [] { playing->master.take_part(); };
+    const std::string printed = printed_by(calls.at(what));
+    on_sleep = nullptr;
+    return printed;
   }
 
   // NAME=VALUE.
@@ -175,6 +239,7 @@ class SessionTest : public GameTest {
     return bytes_of(text);
   }
 
+  Master master;
   std::map<std::string, Player> peers;
   std::map<std::string, std::string> lets;
   std::string place, step, happened, expected;
