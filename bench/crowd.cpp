@@ -8,7 +8,6 @@
 #include "server/protocol.h"
 
 static constexpr std::chrono::seconds LIMIT{10};
-static constexpr std::chrono::milliseconds PING_CHECK{20};
 
 template <WireRecord Record>
 static std::string bytes_of(const Record& record) {
@@ -142,7 +141,7 @@ bool await_update(Crowd& crowd, std::uint32_t update) {
 
 void answer_pings_until(Crowd& crowd, Clock::time_point time) {
   while (Clock::now() < time) {
-    std::this_thread::sleep_for(PING_CHECK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     for (unsigned i = 0; i < crowd.size; ++i) take_waiting(crowd, crowd.players[i]);
   }
 }

@@ -13,14 +13,12 @@
 #include "net/sflsock.h"
 #include "server/protocol.h"
 
-static constexpr unsigned MAX_PEERS = 32;
-
 static int floor_socket = -1;
 static unsigned peer_count = 0;
-static std::array<sockaddr_in, MAX_PEERS> peers;
+static std::array<sockaddr_in, MAX_DESTINATIONS> peers;
 static PlayerPosition relay_record;
 static iovec payload{&relay_record, sizeof relay_record};
-static std::array<mmsghdr, MAX_PEERS> messages;
+static std::array<mmsghdr, MAX_DESTINATIONS> messages;
 
 static void receive(PositionUpdate& update, sockaddr_in& sender) {
   auto* address = reinterpret_cast<sockaddr*>(&sender);
@@ -60,7 +58,7 @@ static void send_to_others(const sockaddr_in& sender) {
 
 int main(int count, char** arguments) {
   const int peers_expected = count == 3 ? std::atoi(arguments[2]) : 0;
-  if (peers_expected < 2 || peers_expected > static_cast<int>(MAX_PEERS)) {
+  if (peers_expected < 2 || peers_expected > static_cast<int>(MAX_DESTINATIONS)) {
     std::fprintf(stderr, "usage: relay_floor PORT PEERS(2..32)\n");
     return EXIT_FAILURE;
   }

@@ -1,10 +1,9 @@
 // Drives the server, or the floor, with players on loopback. Reads one measurement a line from
 // standard input and answers each with one line of JSON:
 //
-//   KIND COUNT AHEAD SPACING_NS   updates of a kind; each is sent when all but AHEAD of those
-//   before
-//                                 it have reached everyone, and no sooner than SPACING_NS after the
-//                                 last
+//   KIND COUNT AHEAD SPACING_NS   that many updates of a kind, spaced at least so; each is sent
+//   when
+//                                 all before it but the last AHEAD have reached everyone
 //   idle MS 0 0                   nobody sends; pings are answered
 
 #include <algorithm>
