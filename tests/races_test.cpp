@@ -126,7 +126,8 @@ TEST_F(RacesTest, WhoTimesOutOnEnteringIsTakenBack) {
 }
 
 // Players come, go, come back and fall silent while passes run as fast as they can. What it proves
-// shows under ThreadSanitizer; the counts must agree on every build.
+// shows under ThreadSanitizer; the counts must agree on every build. Nobody reads what is sent: the
+// passes send faster than it could be read, and the system drops what finds no room.
 TEST_F(RacesTest, TheThreadsAgreeOnEveryPlayer) {
   server_config.GameType = 1;
   server_config.maxClients = 16;
@@ -145,7 +146,6 @@ TEST_F(RacesTest, TheThreadsAgreeOnEveryPlayer) {
     if (round % 3 == 0) six[round / 3 % 6].send({60});
     if (round % 5 == 0) fake_now_ms += 100'001 + round % 2 * 60'000;
     drain_socket();
-    for (const Player& each : six) each.received();
   }
   done = true;
   passes.join();
