@@ -14,9 +14,7 @@ static void say_refused() {
 
 // Once listed, a server of CatchPinkPanther begins with a new choice.
 static void ask_for_first_pinkpanther() {
-  for (Slot slot = 0; slot < server_config.maxClients; ++slot) {
-    player_table[slot].is_pinkpanther = 0;
-  }
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) player_table[slot].is_pinkpanther = 0;
   pinkpanther_reselect = server_config.GameType == CATCH_PINKPANTHER ? 1 : 0;
 }
 

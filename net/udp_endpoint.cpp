@@ -22,10 +22,11 @@ int udp_open_port(const char* port_text) {
   return handle;
 }
 
-// With these two flags and no bytes, Linux looks the route up and checks the address as for any
-// other send, and then sends nothing. The C library has no name for the second.
+// With MSG_CONFIRM, this flag and no bytes, Linux looks the route up and checks the address as for
+// any other send, and then sends nothing. The C library has no name for the flag.
+static constexpr int PROBE_FLAG = 0x10;
+
 bool udp_can_reach(int handle, const sockaddr_in* address) {
-  constexpr int PROBE_FLAG = 0x10;
   check_argument(address != nullptr, SFLSOCK_MODULE);
   return sendto(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, generic(address), sizeof *address) != -1;
 }

@@ -58,7 +58,7 @@ static void rotate_pinkpanther(std::uint32_t now) {
 
 void ping_pass() {
   const std::uint32_t now = uptime_ms();
-  for (Slot slot = 0; slot < server_config.maxClients; ++slot) check_player(slot, now);
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) check_player(slot, now);
   rotate_pinkpanther(now);
 }
 

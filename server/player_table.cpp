@@ -14,13 +14,17 @@ sockaddr_in socket_address_of(const Endpoint& endpoint) {
   return address;
 }
 
+Slot slots_in_play() {
+  return static_cast<Slot>(server_config.maxClients);
+}
+
 bool is_used(const Seat& seat) {
   return seat.state == SeatState::JOINED || seat.state == SeatState::IN_GAME;
 }
 
 std::int32_t count_used_slots() {
   std::int32_t count = 0;
-  for (Slot slot = 0; slot < server_config.maxClients; ++slot) {
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
     if (is_used(player_table[slot].seat)) ++count;
   }
   return count;
@@ -30,7 +34,7 @@ std::int32_t count_used_slots() {
 // slot keeps its address, so only a used one can match.
 Slot find_slot_by_address(const sockaddr_in& address) {
   const Endpoint wanted = endpoint_of(address);
-  for (Slot slot = 0; slot < server_config.maxClients; ++slot) {
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
     const PlayerSlot& player = player_table[slot];
     if (player.address.load() == wanted && is_used(player.seat)) return slot;
   }
@@ -38,7 +42,7 @@ Slot find_slot_by_address(const sockaddr_in& address) {
 }
 
 Slot find_free_slot() {
-  for (Slot slot = 0; slot < server_config.maxClients; ++slot) {
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
     if (player_table[slot].seat.load().state == SeatState::FREE) return slot;
   }
   return NO_SLOT;

@@ -77,6 +77,7 @@ extern PlayerTable player_table;
 Endpoint endpoint_of(const sockaddr_in& address);
 sockaddr_in socket_address_of(const Endpoint& endpoint);
 
+Slot slots_in_play();             // those that are given to players, from 0 on; any thread
 bool is_used(const Seat& seat);   // JOINED or IN_GAME: the slot has a player
 std::int32_t count_used_slots();  // below maxClients; any thread
 

@@ -24,7 +24,7 @@ static void store_report(PlayerSlot& player, const Datagram& datagram) {
 
 // The newcomer gets the record of every joined player, in the game or not.
 static void send_all_records(const sockaddr_in& newcomer) {
-  for (Slot slot = 0; slot < server_config.maxClients; ++slot) {
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
     if (slot == last_join_slot || !is_used(player_table[slot].seat)) continue;
     send_record(newcomer, player_info_of(slot, false), SendErrorText::WITHOUT_BLANK);
   }

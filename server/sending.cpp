@@ -29,7 +29,7 @@ void send_bytes(const sockaddr_in& destination, std::span<const std::byte> datag
 void broadcast(std::span<const std::byte> datagram, Slot excluded) {
   std::array<sockaddr_in, MAX_CLIENTS> destinations;
   std::size_t count = 0;
-  for (Slot slot = 0; slot < server_config.maxClients; ++slot) {
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
     const PlayerSlot& player = player_table[slot];
     const Seat seat = player.seat;
     if (seat.state != SeatState::IN_GAME || slot == excluded) continue;
