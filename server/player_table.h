@@ -36,7 +36,7 @@ enum class SeatState : std::uint32_t {
 
 // Who has a slot, in one word. Whoever decides something about a player acts on the seat that it
 // saw: when the player has left meanwhile, the tenancy or the state differs, and the act fails.
-struct Seat {
+struct alignas(8) Seat {  // aligned as the processor wants it for one access
   SeatState state = SeatState::FREE;
   std::uint32_t tenancy = 0;  // counts the players who have had the slot
 
@@ -44,7 +44,7 @@ struct Seat {
 };
 
 // IPv4 address and UDP port, both in network byte order, in one word.
-struct Endpoint {
+struct alignas(8) Endpoint {
   in_addr_t host = 0;
   in_port_t port = 0;
   std::uint16_t unused = 0;  // always 0, so that equal endpoints are equal words
@@ -91,8 +91,7 @@ Slot find_free_slot();
 // itself; from slot 0 on for NO_SLOT. NO_SLOT when there is none. Looks at all 32. Main thread.
 Slot next_used_slot(Slot slot);
 
-// From FREE to JOINED, with this address; everything else must have been written before. Main
-// thread.
+// From FREE to JOINED, with this address; all else must have been written before. Main thread.
 void take_seat(PlayerSlot& player, const sockaddr_in& address);
 
 // The seat moves on from what was seen to another state. False when it has changed since: then
