@@ -79,15 +79,16 @@ static bool has_foreign_name(Bytes datagram) {
 
 // A slot where no bot has been is foreign; any other one becomes foreign with the CMD_PLAYER_INFO
 // of a foreign player. Once there is a foreign player, nobody knows which CMD_PLAYER_INFO an
-// entering bot gets, so each unexpected one counts as foreign. If a wrong datagram is taken for a
-// foreign one, the right datagram still counts as lost.
+// entering bot gets (its own too, when someone else has joined since), so each unexpected one counts
+// as foreign. If a wrong datagram is taken for a foreign one, the right datagram still counts as
+// lost.
 static bool is_foreign(Bytes datagram, Slot slot) {
   if (slot == NO_SLOT) return fleet.foreign_slots != 0;
   if (slot >= SLOTS) return false;
   const bool is_info = command_of(datagram) == CMD_PLAYER_INFO;
   const bool never_ours = (fleet.our_slots >> slot & 1U) == 0;
   if (never_ours || (is_info && has_foreign_name(datagram))) note_foreign(slot);
-  if (is_info && fleet.foreign_slots != 0) return true;
+  if (is_info && (fleet.foreign_slots | fleet.unconfirmed_foreign_slots) != 0) return true;
   return (fleet.foreign_slots >> slot & 1U) != 0;
 }
 
