@@ -25,6 +25,7 @@ int server_main();
 using Script = std::deque<int>;
 static Script opens, reads, clocks, receives, polls, sends, batches, connects, sockets, threads;
 static std::string log;  // what was called with what, in order
+static bool scripted;    // the calls below are those of a FailingCallsTest
 
 static int play(Script& script, int behind_its_end) {
   if (script.empty()) return behind_its_end;
@@ -35,9 +36,15 @@ static int play(Script& script, int behind_its_end) {
 
 extern "C" {
 int __real_open64(const char* path, int flags, ...);
-ssize_t __real_read(int handle, void* buffer, std::size_t size);
-int __real_socket(int family, int type, int protocol);
-int __real_setsockopt(int handle, int level, int option, const void* value, socklen_t size);
+decltype(read) __real_read;
+decltype(socket) __real_socket;
+decltype(setsockopt) __real_setsockopt;
+decltype(clock_gettime) __real_clock_gettime;
+decltype(nanosleep) __real_nanosleep;
+decltype(poll) __real_poll;
+decltype(recvfrom) __real_recvfrom;
+decltype(sendto) __real_sendto;
+decltype(sendmmsg) __real_sendmmsg;
 
 int __wrap_open64(const char* path, int flags, ...) {
   return opens.empty() ? __real_open64(path, flags) : play(opens, 0);
@@ -51,16 +58,19 @@ int __wrap_setsockopt(int handle, int level, int option, const void* value, sock
   }
   return __real_setsockopt(handle, level, option, value, size);
 }
-int __wrap_clock_gettime(clockid_t /*id*/, timespec* now) {
+int __wrap_clock_gettime(clockid_t id, timespec* now) {
+  if (!scripted) return __real_clock_gettime(id, now);
   *now = {.tv_sec = 7, .tv_nsec = 120'000'000};
   return play(clocks, 0);
 }
 int __wrap_nanosleep(const timespec* time, timespec* left) {
+  if (!scripted) return __real_nanosleep(time, left);
   log += "pause " + std::to_string(time->tv_sec) + "." + std::to_string(time->tv_nsec) + " ";
   *left = {.tv_sec = 3, .tv_nsec = 4};
   return play(clocks, 0);
 }
-int __wrap_poll(pollfd* waits, nfds_t /*count*/, int limit) {
+int __wrap_poll(pollfd* waits, nfds_t count, int limit) {
+  if (!scripted) return __real_poll(waits, count, limit);
   log += "poll " + std::to_string(waits->events) + " " + std::to_string(limit) + " ";
   return 0;
 }
@@ -92,13 +102,18 @@ int __wrap_pthread_setname_np(pthread_t /*thread*/, const char* name) {
 int __wrap_pthread_detach(pthread_t /*thread*/) {
   return log += "detached ", 0;
 }
-ssize_t __wrap_recvfrom(int, void*, std::size_t, int, sockaddr* /*from*/, socklen_t*) {
+ssize_t __wrap_recvfrom(int handle, void* buffer, std::size_t size, int flags, sockaddr* from,
+                        socklen_t* length) {
+  if (!scripted) return __real_recvfrom(handle, buffer, size, flags, from, length);
   return play(receives, (errno = EAGAIN, -1));
 }
-ssize_t __wrap_sendto(int, const void*, std::size_t size, int, const void* /*to*/, socklen_t) {
+ssize_t __wrap_sendto(int handle, const void* bytes, std::size_t size, int flags,
+                      const sockaddr* to, socklen_t length) {
+  if (!scripted) return __real_sendto(handle, bytes, size, flags, to, length);
   return play(sends, static_cast<int>(size));
 }
-int __wrap_sendmmsg(int, mmsghdr* messages, unsigned count, int /*flags*/) {
+int __wrap_sendmmsg(int handle, mmsghdr* messages, unsigned count, int flags) {
+  if (!scripted) return __real_sendmmsg(handle, messages, count, flags);
   const int served = play(batches, static_cast<int>(count));
   for (int i = 0; i < served; ++i) log += static_cast<const char*>(messages[i].msg_hdr.msg_name)[3];
   return served;
@@ -106,6 +121,11 @@ int __wrap_sendmmsg(int, mmsghdr* messages, unsigned count, int /*flags*/) {
 }
 
 namespace {
+
+struct FailingCallsTest : testing::Test {
+  FailingCallsTest() { scripted = true; }
+  ~FailingCallsTest() override { scripted = false; }
+};
 
 // Standard output goes to standard error, where a test of an exit can see it.
 void end_after(int (*call)()) {
@@ -123,7 +143,7 @@ int broadcast_to_four() {
   return broadcast_all(Ping{}), 0;
 }
 
-TEST(FailingCallsTest, SendsGoOnWhereTheyStopped) {
+TEST_F(FailingCallsTest, SendsGoOnWhereTheyStopped) {
   batches = {1, 2, 1, -EINTR, 3, -EINTR, 1};
   broadcast_to_four(), broadcast_to_four();
   batches = {2, -EAGAIN, 1, -ENOBUFS, -EAGAIN};
@@ -135,7 +155,7 @@ TEST(FailingCallsTest, SendsGoOnWhereTheyStopped) {
   EXPECT_TRUE(sends.empty());
 }
 
-TEST(FailingCallsTest, FailedSendsSayWhyAndABroadcastEndsTheProcess) {
+TEST_F(FailingCallsTest, FailedSendsSayWhyAndABroadcastEndsTheProcess) {
   for (const int error : {EPERM, EACCES, ENETUNREACH, EHOSTUNREACH, EINVAL, EAGAIN, ENOBUFS}) {
     const std::string line = std::string("error writing to socket:") + std::strerror(error) + "\n";
     sends = batches = Script(11, -error);
@@ -148,7 +168,7 @@ TEST(FailingCallsTest, FailedSendsSayWhyAndABroadcastEndsTheProcess) {
   log.clear();
 }
 
-TEST(FailingCallsTest, ErrorsOfReceivingPauseAndOnlyAnEmptySocketEndsADrain) {
+TEST_F(FailingCallsTest, ErrorsOfReceivingPauseAndOnlyAnEmptySocketEndsADrain) {
   receives = {-EINTR, -ENOMEM, -ECONNREFUSED, -EINTR, -EAGAIN, -EBADF};
   drain_socket();
   EXPECT_EQ(std::exchange(log, ""), "pause 0.50000 pause 0.50000 ");
@@ -156,7 +176,7 @@ TEST(FailingCallsTest, ErrorsOfReceivingPauseAndOnlyAnEmptySocketEndsADrain) {
   receives.clear();
 }
 
-TEST(FailingCallsTest, ErrorsOfTheWaitPauseAndASignalDuringItStops) {
+TEST_F(FailingCallsTest, ErrorsOfTheWaitPauseAndASignalDuringItStops) {
   polls = {-EINTR, -ENOMEM, -EINTR};
   EXPECT_EXIT(end_after([] {
                 install_shutdown_handler();
@@ -168,13 +188,13 @@ TEST(FailingCallsTest, ErrorsOfTheWaitPauseAndASignalDuringItStops) {
   polls.clear();
 }
 
-TEST(FailingCallsTest, WaitsGoOnAfterASignal) {
+TEST_F(FailingCallsTest, WaitsGoOnAfterASignal) {
   clocks = {-EINTR};
   sleep_us(12'000'007);
   EXPECT_EQ(std::exchange(log, ""), "pause 12.7000 pause 3.4 ");
 }
 
-TEST(FailingCallsTest, TheBootClockStandsInForTheFile) {
+TEST_F(FailingCallsTest, TheBootClockStandsInForTheFile) {
   opens = {-EMFILE};
   reads = {-EIO, 0};
   for (int i = 0; i < 3; ++i) EXPECT_EQ(uptime_ms(), 7120U);
@@ -186,7 +206,7 @@ TEST(FailingCallsTest, TheBootClockStandsInForTheFile) {
   opens.clear(), clocks.clear();
 }
 
-TEST(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
+TEST_F(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
   server_config.AnnounceServer = 1;
   std::snprintf(server_config.Port, sizeof server_config.Port, "%d", 20000 + getpid() % 10000);
   const auto start = [] {
@@ -202,7 +222,7 @@ TEST(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
   threads.clear();
 }
 
-TEST(FailingCallsTest, ARefusedConnectionIsTriedThreeTimes) {
+TEST_F(FailingCallsTest, ARefusedConnectionIsTriedThreeTimes) {
   connects = {-ECONNREFUSED, -ECONNREFUSED, -ECONNREFUSED};
   EXPECT_EQ(tcp_connect("127.0.0.1", "80"), -1);
   EXPECT_EQ(socket_error_code(), SOCKERR_CONNECT_FAILED);
