@@ -79,9 +79,9 @@ static bool has_foreign_name(Bytes datagram) {
 
 // A slot where no bot has been is foreign; any other one becomes foreign with the CMD_PLAYER_INFO
 // of a foreign player. Once there is a foreign player, nobody knows which CMD_PLAYER_INFO an
-// entering bot gets (its own too, when someone else has joined since), so each unexpected one counts
-// as foreign. If a wrong datagram is taken for a foreign one, the right datagram still counts as
-// lost.
+// entering bot gets (its own too, when someone else has joined since), so each unexpected one
+// counts as foreign. If a wrong datagram is taken for a foreign one, the right datagram still
+// counts as lost.
 static bool is_foreign(Bytes datagram, Slot slot) {
   if (slot == NO_SLOT) return fleet.foreign_slots != 0;
   if (slot >= SLOTS) return false;
