@@ -77,17 +77,25 @@ static bool has_foreign_name(Bytes datagram) {
   return !is_our_name(name);
 }
 
+// Such a relay may be a foreign player's who has repeated a bot's report: what a datagram lacks,
+// the server reads from earlier ones.
+static bool names_no_slot(Bytes datagram) {
+  return command_of(datagram) == CMD_CHAT_LINE || command_of(datagram) == CMD_PLAYER_STATE_FLOATS ||
+         command_of(datagram) == CMD_PLAYER_CAR_STATUS;
+}
+
 // A slot where no bot has been is foreign; any other one becomes foreign with the CMD_PLAYER_INFO
-// of a foreign player. Once there is a foreign player, nobody knows which CMD_PLAYER_INFO an
-// entering bot gets (its own too, when someone else has joined since), so each unexpected one
-// counts as foreign. If a wrong datagram is taken for a foreign one, the right datagram still
-// counts as lost.
+// of a foreign player, or when no bot is there any more and there are foreign players. From the
+// first foreign player on nobody knows which CMD_PLAYER_INFO an entering bot gets (its own too,
+// when someone else has joined since), so each unexpected one counts as foreign. If a wrong
+// datagram is taken for a foreign one, the right datagram still counts as lost.
 static bool is_foreign(Bytes datagram, Slot slot) {
-  if (slot == NO_SLOT) return fleet.foreign_slots != 0;
+  if (slot == NO_SLOT || names_no_slot(datagram)) return fleet.foreign_slots != 0;
   if (slot >= SLOTS) return false;
   const bool is_info = command_of(datagram) == CMD_PLAYER_INFO;
   const bool never_ours = (fleet.our_slots >> slot & 1U) == 0;
-  if (never_ours || (is_info && has_foreign_name(datagram))) note_foreign(slot);
+  const bool left_to_them = fleet.foreign_slots != 0 && fleet.slots[slot].bot == NO_BOT;
+  if (never_ours || left_to_them || (is_info && has_foreign_name(datagram))) note_foreign(slot);
   if (is_info && (fleet.foreign_slots | fleet.unconfirmed_foreign_slots) != 0) return true;
   return (fleet.foreign_slots >> slot & 1U) != 0;
 }
