@@ -1,15 +1,14 @@
 #include "announce/announce_thread.h"
 
-#include <cstdio>
-
 #include "announce/master_requests.h"
 #include "config/server_config.h"
 #include "server/clock.h"
 #include "server/player_table.h"
 #include "server/server_state.h"
+#include "util/console.h"
 
 static void say_refused() {
-  std::printf("Could not announce server at the zol master server - Check your config...\n");
+  console_print("Could not announce server at the zol master server - Check your config...\n");
 }
 
 // Once listed, a server of CatchPinkPanther begins with a new choice.
@@ -20,7 +19,7 @@ static void ask_for_first_pinkpanther() {
 
 bool announce_first(AnnounceState& state) {
   state.last_announce_ms = uptime_ms();
-  std::printf("Announcing server at the zol master server...\n");
+  console_print("Announcing server at the zol master server...\n");
   switch (master_announce()) {
     case MASTER_RESULT_NO_ANSWER:
       return false;
@@ -28,10 +27,10 @@ bool announce_first(AnnounceState& state) {
       say_refused();
       return false;
     case MASTER_RESULT_LISTED:
-      std::printf("This server is now listed on the zol server list\n");
+      console_print("This server is now listed on the zol server list\n");
       break;
     case MASTER_RESULT_UPDATED:
-      std::printf("This server was updated on the zol server list\n");
+      console_print("This server was updated on the zol server list\n");
       break;
     default:
       break;

@@ -13,6 +13,7 @@
 #include "server/clock.h"
 #include "server/player_table.h"
 #include "server/protocol.h"
+#include "util/console.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ constexpr std::string_view VERDICT_MARKER = "  \r\n";
 using Request = std::array<char, 1024>;
 
 void say_no_connection() {
-  std::printf("Could not connect to zol master server!\n");
+  console_print("Could not connect to zol master server!\n");
 }
 
 struct Reply {
@@ -76,7 +77,7 @@ bool succeeds_in_time(Attempt attempt) {
 // printed; a connection that was made then stays open.
 bool exchange(std::int32_t players, const char* last, Reply& reply) {
   if (socket_layer_start() == -1) {
-    std::printf("Error setting up network connection - Error message: %s\n", system_error_text());
+    console_print("Error setting up network connection - Error message: %s\n", system_error_text());
     return false;
   }
   const Request request = make_request(players, last);
@@ -112,7 +113,6 @@ std::int8_t master_announce() {
 
 void master_remove_server() {
   Reply reply;
-  std::printf("Removing server from master list: ");
-  std::fflush(stdout);
-  if (exchange(0, "disconnect=1", reply)) std::printf("success\n");
+  console_print("Removing server from master list: ");
+  if (exchange(0, "disconnect=1", reply)) console_print("success\n");
 }

@@ -1,9 +1,16 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <limits>
 
 #include "config/server_config.h"
+#include "util/console.h"
 #include "util/number.h"
 #include "util/sflstr.h"
 
@@ -70,7 +77,7 @@ template <std::size_t width>
 void set_text(ConfigReader& reader, const char* key, char (&field)[width]) {
   read_text(reader);
   if (reader.value[0] == '\0') {
-    std::printf("Wrong value %s in config file. Using default Value: %s \n", key, field);
+    console_print("Wrong value %s in config file. Using default Value: %s \n", key, field);
   } else {
     copy_text(field, reader.value);
   }
@@ -82,7 +89,7 @@ void set_server_name(ConfigReader& reader) {
 
 void set_welcome_message(ConfigReader& reader) {
   set_text(reader, "WelcomeMessage", server_config.WelcomeMessage);
-  std::printf("%s \n", reader.value);
+  console_print("%s \n", reader.value);
 }
 
 // Scanning goes on right behind the number, unlike after every other key.
@@ -91,8 +98,8 @@ void set_max_clients(ConfigReader& reader) {
   if (reader.work_integer >= MIN_CLIENTS && reader.work_integer <= MAX_CLIENTS) {
     server_config.maxClients = reader.work_integer;
   } else {
-    std::printf("Wrong value maxClients in config file. Using default Value: %d \n",
-                server_config.maxClients);
+    console_print("Wrong value maxClients in config file. Using default Value: %d \n",
+                  server_config.maxClients);
   }
 }
 
@@ -103,8 +110,8 @@ void set_announce_server(ConfigReader& reader) {
   } else if (compare_ignoring_case(reader.value, "false") == 0) {
     server_config.AnnounceServer = 0;
   } else {
-    std::printf("Wrong value AnnounceServer in config file. Using default Value: %s\n",
-                server_config.AnnounceServer != 0 ? "TRUE" : "FALSE");
+    console_print("Wrong value AnnounceServer in config file. Using default Value: %s\n",
+                  server_config.AnnounceServer != 0 ? "TRUE" : "FALSE");
   }
   skip_rest_of_line(reader.file);
 }
@@ -114,9 +121,9 @@ void set_game_type(ConfigReader& reader) {
   if (reader.work_integer == DEATHMATCH || reader.work_integer == CATCH_PINKPANTHER) {
     server_config.GameType = static_cast<std::uint8_t>(reader.work_integer);
   } else {
-    std::printf("Wrong value GameType in config file. Using default Value: %d (%s)\n",
-                server_config.GameType,
-                server_config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther");
+    console_print("Wrong value GameType in config file. Using default Value: %d (%s)\n",
+                  server_config.GameType,
+                  server_config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther");
   }
   skip_rest_of_line(reader.file);
 }
@@ -126,7 +133,7 @@ void set_port(ConfigReader& reader) {
   if (text_to_int32(reader.value) > 0) {
     copy_text(server_config.Port, reader.value);
   } else {
-    std::printf("Wrong value Port in config file. Using default Value: %s\n", server_config.Port);
+    console_print("Wrong value Port in config file. Using default Value: %s\n", server_config.Port);
   }
   skip_rest_of_line(reader.file);
 }
@@ -164,13 +171,33 @@ void read_settings(ConfigReader& reader) {
   }
 }
 
+void complain(const char* name, const char* reason) {
+  std::fprintf(stderr, "%s: %s\n", name, reason);
+}
+
+// What is no file counts as an empty one: a pipe may never be written to, a device may never end.
+std::FILE* open_settings(const char* name) {
+  int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (handle == -1) {
+    if (errno != ENOENT) complain(name, std::strerror(errno));
+    return nullptr;
+  }
+  struct stat status {};
+  if (fstat(handle, &status) == 0 && !S_ISREG(status.st_mode)) {
+    complain(name, S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "Not a file");
+    close(handle);
+    handle = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  }
+  return fdopen(handle, "r");
+}
+
 }  // namespace
 
 void config_load() {
-  std::FILE* file = std::fopen("zolserver.cfg", "rt");
-  if (file == nullptr) file = std::fopen("zolserver.conf", "rt");
+  std::FILE* file = open_settings("zolserver.cfg");
+  if (file == nullptr) file = open_settings("zolserver.conf");
   if (file == nullptr) {
-    std::printf("Could not open zolserver.cfg / zolserver.conf - Using defaults\n");
+    console_print("Could not open zolserver.cfg / zolserver.conf - Using defaults\n");
     return;
   }
   ConfigReader reader{.file = file};

@@ -8,7 +8,11 @@
 
 static std::string config_text;
 
-extern "C" std::FILE* __wrap_fopen64(const char* /*name*/, const char* mode) {
+extern "C" int __wrap_open64(const char* /*name*/, int /*flags*/, ...) {
+  return 1000;
+}
+
+extern "C" std::FILE* __wrap_fdopen(int /*handle*/, const char* mode) {
   return fmemopen(config_text.data(), config_text.size(), mode);
 }
 

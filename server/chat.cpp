@@ -7,6 +7,7 @@
 #include "server/handlers.h"
 #include "server/player_table.h"
 #include "server/sending.h"
+#include "util/console.h"
 
 // What the datagram brought behind its code, up to the first NUL or its end.
 using ChatText = std::array<char, RECEIVE_BUFFER_SIZE>;
@@ -21,7 +22,7 @@ static ChatText chat_text_of(const Datagram& datagram) {
 void handle_chat(Slot slot, const Datagram& datagram) {
   const char* name = player_table[slot].name.data();
   const ChatText text = chat_text_of(datagram);
-  std::printf("Message from \"%s\": \"%s\"\n", name, text.data());
+  console_print("Message from \"%s\": \"%s\"\n", name, text.data());
 
   // Room for the longest name and text, so that only the wire's field cuts the line.
   std::array<char, NAME_WIDTH + RECEIVE_BUFFER_SIZE + 2> formatted{};

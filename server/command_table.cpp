@@ -1,11 +1,11 @@
 #include "server/command_table.h"
 
 #include <array>
-#include <cstdio>
 
 #include "server/handlers.h"
 #include "server/pinkpanther.h"
 #include "server/player_table.h"
+#include "util/console.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ constexpr auto HANDLERS = [] {
 void run_handler(std::uint8_t code, const Datagram& datagram) {
   const Handler handler = HANDLERS[code];
   if (handler == nullptr) {
-    std::printf("Unknown Command: %d \n", code);
+    console_print("Unknown Command: %d \n", code);
     return;
   }
   const Slot slot = find_slot_by_address(datagram.sender);

@@ -1,7 +1,5 @@
 #include "server/liveness.h"
 
-#include <cstdio>
-
 #include "config/server_config.h"
 #include "server/clock.h"
 #include "server/membership.h"
@@ -9,6 +7,7 @@
 #include "server/seams.h"
 #include "server/sending.h"
 #include "server/server_state.h"
+#include "util/console.h"
 
 static constexpr std::int32_t SILENCE_LIMIT_MS = 100'000;
 static constexpr std::int32_t PINKPANTHER_TERM_MS = 119'999;
@@ -25,7 +24,7 @@ static void time_out(Slot slot, Seat seen) {
   pass_seam(Seam::TIME_OUT_DECIDED);
   if (!change_seat(player, seen, SeatState::LEAVING)) return;
   pass_seam(Seam::TIMED_OUT);
-  std::printf("%s, Player [%d] timed out\n", player.name.data(), slot);
+  console_print("%s, Player [%d] timed out\n", player.name.data(), slot);
   finish_leaving(slot);
 }
 

@@ -12,6 +12,7 @@
 #include "server/player_table.h"
 #include "server/sending.h"
 #include "server/server_state.h"
+#include "util/console.h"
 #include "util/sflstr.h"
 
 // On top of the silence that liveness allows, until a new player must have answered a ping.
@@ -49,7 +50,7 @@ void finish_leaving(Slot slot) {
 // The slot's PinkPanther flag stays for whoever joins it next.
 static void leave_for_reconnect(Slot slot) {
   if (!change_used_seat(player_table[slot], SeatState::LEAVING)) return;
-  std::printf("Player %d reconnected\n", slot);
+  console_print("Player %d reconnected\n", slot);
   finish_leaving(slot);
 }
 
@@ -65,7 +66,7 @@ static void seat_player(Slot slot, const JoinRequest& request, const Datagram& d
   player.death_count = 0;
   player.has_died = 0;
   take_seat(player, datagram.sender);
-  std::printf("%s, Player [%d] Connected!\n", player.name.data(), slot);
+  console_print("%s, Player [%d] Connected!\n", player.name.data(), slot);
 }
 
 // Who cannot be sent to is dropped without a word: once in the game it would make the next
@@ -91,7 +92,7 @@ void handle_join(Slot slot, const Datagram& datagram) {
 void handle_leave(Slot slot, const Datagram& /*datagram*/) {
   PlayerSlot& player = player_table[slot];
   if (!change_used_seat(player, SeatState::LEAVING)) return;
-  std::printf("%s, Player [%d] disconnected\n", player.name.data(), slot);
+  console_print("%s, Player [%d] disconnected\n", player.name.data(), slot);
   finish_leaving(slot);
   give_up_pinkpanther(player);
 }

@@ -1,16 +1,15 @@
 #include "server/pinkpanther.h"
 
-#include <cstdio>
-
 #include "config/server_config.h"
 #include "server/clock.h"
 #include "server/sending.h"
 #include "server/server_state.h"
+#include "util/console.h"
 
 static void name_pinkpanther(Slot slot) {
   pinkpanther_slot = slot;
   player_table[slot].is_pinkpanther = 1;
-  std::printf("Player [%d] is the PinkPanther now \n", slot);
+  console_print("Player [%d] is the PinkPanther now \n", slot);
   pinkpanther_notice.slot = slot;
   broadcast_all(pinkpanther_notice);
   pinkpanther_since = uptime_ms();
@@ -18,7 +17,7 @@ static void name_pinkpanther(Slot slot) {
 
 static void name_nobody() {
   pinkpanther_slot = NO_SLOT;
-  std::printf("Too less players. Nobody is the PinkPanther \n");
+  console_print("Too less players. Nobody is the PinkPanther \n");
   pinkpanther_notice.slot = NOBODY;
   broadcast_all(pinkpanther_notice);
 }

@@ -2,19 +2,18 @@
 
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #include "net/sflsock.h"
 #include "server/player_table.h"
 #include "server/server_state.h"
+#include "util/console.h"
 
 static_assert(MAX_CLIENTS <= MAX_DESTINATIONS);
 
 // By whichever thread meets the failure, so nothing of the other threads may be torn down.
 [[noreturn]] static void end_for_broken_socket() {
-  std::printf("error writing to socket:%s\n", system_error_text());
-  std::fflush(stdout);
+  console_print("error writing to socket:%s\n", system_error_text());
   _exit(EXIT_FAILURE);
 }
 
@@ -23,7 +22,7 @@ void send_bytes(const sockaddr_in& destination, std::span<const std::byte> datag
   const auto length = static_cast<unsigned>(datagram.size());
   if (udp_send(server_socket, datagram.data(), length, &destination) != -1) return;
   const char* blank = error_text == SendErrorText::WITH_BLANK ? " " : "";
-  std::printf("error writing to socket:%s%s\n", blank, system_error_text());
+  console_print("error writing to socket:%s%s\n", blank, system_error_text());
 }
 
 void broadcast(std::span<const std::byte> datagram, Slot excluded) {

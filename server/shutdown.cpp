@@ -1,18 +1,16 @@
 #include "server/shutdown.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 
 #include "server/sending.h"
 #include "server/server_state.h"
+#include "util/console.h"
 
 static constexpr std::array<int, 3> STOP_SIGNALS = {SIGINT, SIGHUP, SIGTERM};
 
@@ -67,16 +65,7 @@ bool start_worker_thread(const char* name, void* (*body)(void*)) {
   return true;
 }
 
-// Nobody reads the console: the last lines would hold up the stop.
-static void give_up_a_full_console() {
-  pollfd console{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-  if (poll(&console, 1, 0) != 0) return;
-  const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-  if (nowhere != -1) dup2(nowhere, STDOUT_FILENO);
-}
-
 void tell_of_stop() {
-  give_up_a_full_console();
-  std::printf("Exitting...\n");
+  console_print("Exitting...\n");
   broadcast_all(ServerShutdown{});
 }

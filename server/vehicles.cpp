@@ -1,19 +1,18 @@
 // Cars: getting in and out, and the updates of a car that is being driven.
 
-#include <cstdio>
-
 #include "server/game_clock.h"
 #include "server/handlers.h"
 #include "server/player_records.h"
 #include "server/player_table.h"
 #include "server/sending.h"
+#include "util/console.h"
 
 static void get_in(Slot slot, const CarState& car) {
   PlayerSlot& player = player_table[slot];
   store_car(player, car);
   player.in_car = 1;
-  std::printf("Got Car from Player [%d] - Type: %d Color1: %d Color2: %d\n", slot, car.car_type,
-              car.car_color1, car.car_color2);
+  console_print("Got Car from Player [%d] - Type: %d Color1: %d Color2: %d\n", slot, car.car_type,
+                car.car_color1, car.car_color2);
   relay_to_others(PlayerGotCar{.slot = slot, .position = player.state.position, .car = player.car},
                   slot);
 }
@@ -22,7 +21,7 @@ static void get_in(Slot slot, const CarState& car) {
 static void get_out(Slot slot, const char* how) {
   PlayerSlot& player = player_table[slot];
   player.in_car = 0;
-  std::printf("Player [%d] %s\n", slot, how);
+  console_print("Player [%d] %s\n", slot, how);
   relay_to_others(
       PlayerLeftCar{
           .slot = slot, .position = player.state.position, .state_f1 = player.state.state_f1},

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -24,13 +25,16 @@ void write_file(const char* name, const std::optional<std::string>& content) {
   if (content) std::ofstream(name, std::ios::binary) << *content;
 }
 
-// Loads the two files in a folder of their own; returns what was printed.
-std::string load(const std::optional<std::string>& cfg, const std::optional<std::string>& conf) {
+// Loads the two files in a folder of their own, the first made as it is told; returns what was
+// printed.
+std::string load(const std::optional<std::string>& cfg, const std::optional<std::string>& conf,
+                 int (*make)(const char*, mode_t) = nullptr) {
   char folder[] = "/tmp/zol_config_XXXXXX";
   EXPECT_NE(mkdtemp(folder), nullptr);
   EXPECT_EQ(chdir(folder), 0);
   write_file("zolserver.cfg", cfg);
   write_file("zolserver.conf", conf);
+  if (make != nullptr) make("zolserver.cfg", 0700);
   server_config = ServerConfig{.WelcomeMessage = "w"};
   testing::internal::CaptureStdout();
   config_load();
@@ -79,6 +83,19 @@ TEST(ConfigTest, PrefersTheFirstFileAndLivesWithoutBoth) {
   EXPECT_EQ(settings(), "16|0|0|2|Unnamed Server|w");
   EXPECT_EQ(load(std::nullopt, std::nullopt),
             "Could not open zolserver.cfg / zolserver.conf - Using defaults\n");
+}
+
+TEST(ConfigTest, SaysWhatIsNoFileAndDoesNotWaitForIt) {
+  struct Case {
+    int (*make)(const char*, mode_t);
+    const char* reason;
+  };
+  for (const auto& [make, reason] : {Case{mkdir, "Is a directory"}, Case{mkfifo, "Not a file"}}) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(load(std::nullopt, std::nullopt, make), "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "zolserver.cfg: "s + reason + "\n");
+    EXPECT_EQ(settings(), "16|0|0|16309|Unnamed Server|w");
+  }
 }
 
 TEST(ConfigTest, TakesTheSampleWithoutAComplaint) {

@@ -2,8 +2,12 @@
 
 Usage: process_test.py ZOLSERVER [TEST...]"""
 
+import contextlib
+import fcntl
 import os
 import pathlib
+import re
+import resource
 import select
 import signal
 import socket
@@ -43,19 +47,25 @@ class Player:
 
 
 class ProcessTest(unittest.TestCase):
-    def start(self, settings):
+    def start(self, settings, **options):
         folder = self.enterContext(tempfile.TemporaryDirectory())
         pathlib.Path(folder, "zolserver.cfg").write_text(settings)
-        self.server = subprocess.Popen(
-            [ZOLSERVER], cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE)
-        self.addCleanup(self.server.stdout.close)
+        options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE} | options
+        self.server = subprocess.Popen([ZOLSERVER], cwd=folder, **options)
+        self.console = self.server.stdout
+        if self.console:
+            self.addCleanup(self.console.close)
         self.addCleanup(self.server.wait)
         self.addCleanup(self.server.kill)
 
-    def start_and_wait(self, settings=""):
+    def start_on_free_port(self, settings="", **options):
         taken, self.port = bound_socket()
         taken.close()
-        self.start(f"Port={self.port}\n{settings}")
+        self.start(f"Port={self.port}\n{settings}", **options)
+
+    def start_and_wait(self, settings="", console=None, **options):
+        self.start_on_free_port(settings, **options)
+        self.console = console or self.console
         online = f"ZOL Server 0.4 ONLINE [Port: {self.port}]!!!\n{RULE}"
         self.assertEqual(self.read_to(RULE), online)
 
@@ -63,8 +73,8 @@ class ProcessTest(unittest.TestCase):
         """What the server prints up to and including this text, or to its end."""
         text = ""
         while not text.endswith(last):
-            ready = select.select([self.server.stdout], [], [], PATIENCE_S)[0]
-            byte = os.read(self.server.stdout.fileno(), 1) if ready else b""
+            ready = select.select([self.console], [], [], PATIENCE_S)[0]
+            byte = os.read(self.console.fileno(), 1) if ready else b""
             if not byte:
                 break
             text += byte.decode()
@@ -169,6 +179,96 @@ class ProcessTest(unittest.TestCase):
             time.sleep(0.1)
         time.sleep(0.3)
         self.assertEqual(self.proc("schedstat").read_text().split()[0], before)
+
+
+    def say_unknown(self, player, count):
+        """Has the server print a line for each; returns when it has handled all of them."""
+        for _ in range(count):
+            player.say(200)
+        player.say(15, 100)
+        self.assertEqual(player.heard()[0], 16)
+
+    def consoles(self):
+        """Two kinds of console, full after a few lines: where to read it, where the server writes."""
+        reader, writer = os.pipe()
+        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+        yield open(reader, "rb", buffering=0), open(writer, "wb", buffering=0)
+        reader, writer = socket.socketpair()
+        writer.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1)
+        yield reader, writer
+
+    def play_on(self, reader, writer):
+        self.addCleanup(reader.close)
+        with writer:
+            self.start_and_wait(console=reader, stdout=writer)
+        player = self.enter_game()
+        self.read_to("Connected!\n")
+        return player
+
+    def test_a_console_that_nobody_reads_stops_neither_the_game_nor_the_stop(self):
+        for reader, writer in self.consoles():
+            player = self.play_on(reader, writer)
+            self.say_unknown(player, 300)
+            text = b""
+            os.set_blocking(reader.fileno(), False)
+            with contextlib.suppress(BlockingIOError):
+                while more := os.read(reader.fileno(), 4096):
+                    text += more
+            self.say_unknown(player, 1)
+            missing = re.fullmatch(r"(\d+) lines are missing here\n", self.read_to("\n"))
+            self.assertEqual(text.count(b"Unknown Command: 200 \n") + int(missing[1]), 300)
+            self.assertEqual(self.read_to("\n"), "Unknown Command: 200 \n")
+            self.say_unknown(player, 300)
+            self.server.send_signal(signal.SIGTERM)
+            self.assertEqual(player.heard(), b"\x13")
+            self.assertEqual(self.server.wait(3), 1)
+
+    def test_a_reader_that_is_half_a_second_late_loses_nothing(self):
+        for reader, writer in self.consoles():
+            player = self.play_on(reader, writer)
+            texts = []
+            late = threading.Timer(0.5, lambda: texts.append(self.read_to("none")))
+            late.start()
+            self.say_unknown(player, 300)
+            self.server.send_signal(signal.SIGTERM)
+            late.join()
+            self.assertEqual(texts[0], "Unknown Command: 200 \n" * 300 + "Exitting...\n")
+            self.assertEqual(self.server.wait(PATIENCE_S), 1)
+
+    def test_a_console_file_at_its_limit_ends_nothing(self):
+        limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (150, 150))
+        with tempfile.TemporaryFile() as file:
+            self.start_on_free_port(stdout=file, preexec_fn=limit)
+            while file.seek(0) or len(file.read()) < 50:
+                time.sleep(0.01)
+            self.say_unknown(self.enter_game(), 20)
+            self.server.send_signal(signal.SIGTERM)
+            self.assertEqual(self.server.wait(PATIENCE_S), 1)
+
+    def test_no_socket_becomes_a_standard_descriptor(self):
+        close = lambda: [os.close(handle) for handle in range(3)]
+        self.start_on_free_port(preexec_fn=close, stdout=None)
+        player = Player(self.port)
+        self.addCleanup(player.socket.close)
+        opened = lambda: [os.readlink(self.proc(f"fd/{handle}")) for handle in range(4)]
+        end = time.monotonic() + PATIENCE_S
+        while time.monotonic() < end:
+            with contextlib.suppress(FileNotFoundError):
+                if opened()[3].startswith("socket:"):
+                    break
+        self.assertEqual(opened()[:3], ["/dev/null"] * 3)
+
+    def test_options_start_no_server(self):
+        for argument, status, said in (
+            ("--version", 0, "ZOL Server 0.4\n"), ("--help", 0, "usage: zolserver\n"),
+            ("-p", 2, 'zolserver: takes no argument like "-p"; see --help\n'),
+            ("", 2, 'zolserver: takes no argument like ""; see --help\n'),
+        ):
+            done = subprocess.run([ZOLSERVER, argument], capture_output=True, text=True,
+                                  timeout=PATIENCE_S)
+            self.assertEqual(done.returncode, status)
+            self.assertTrue((done.stderr if status else done.stdout).startswith(said))
+            self.assertEqual(done.stdout if status else done.stderr, "")
 
 
 if __name__ == "__main__":

@@ -14,8 +14,8 @@
 //   master BYTES / BYTES the master server answers the next request with these pieces; with "late
 //   N"
 //                        in front after N of the server's pauses, with "reset" it resets
-//   announce WHAT        announce_first, announce_check, master_announce or master_remove_server:
-//                        first, check, ask or remove
+//   announce WHAT        announce_first, announce_check, master_announce, master_remove_server or
+//                        tell_of_stop: first, check, ask, remove or stop
 //   M| LINE              the first line of the request that the master server gets
 //   check NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
 // and # begins a comment. Lines and datagrams must come in the order in which they stand, and none
@@ -33,6 +33,7 @@
 #include "announce/announce_thread.h"
 #include "announce/master_requests.h"
 #include "net/socket_layer_state.h"
+#include "server/shutdown.h"
 #include "tests/game.h"
 #include "tests/master.h"
 
@@ -208,6 +209,7 @@ class SessionTest : public GameTest {
         {"check", [] { announce_check(announcer.state); }},
         {"ask", [] { announcer.verdict = static_cast<std::uint8_t>(master_announce()); }},
         {"remove", master_remove_server},
+        {"stop", tell_of_stop},
     };
     on_sleep = [] { playing->master.take_part(); };
     const std::string printed = printed_by(calls.at(what));
