@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cfloat>
+#include <cinttypes>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -21,18 +24,29 @@ static bool read_uptime_text(char* text, std::size_t size) {
   return true;
 }
 
-// The file shows this same clock, cut to hundredths; where it cannot be opened, for want of a
-// descriptor say, time goes on.
-static bool format_boot_clock(char* text, std::size_t size) {
+// What the file is ahead of the kernel's boot clock, in hundredths of a second. In a container that
+// hides how long the machine has run the two differ.
+static constinit std::atomic<std::int64_t> file_ahead = 0;
+
+static bool read_boot_clock(std::int64_t& hundredths) {
   timespec now{};
   if (clock_gettime(CLOCK_BOOTTIME, &now) == -1) return false;
-  std::snprintf(text, size, "%lld.%02d", static_cast<long long>(now.tv_sec),
-                static_cast<int>(now.tv_nsec / 10'000'000));
+  hundredths = std::int64_t{now.tv_sec} * 100 + now.tv_nsec / 10'000'000;
   return true;
 }
 
+// Where the file cannot be read, for want of a descriptor say, time goes on from its last reading.
 static bool read_clock(char* text, std::size_t size) {
-  return read_uptime_text(text, size) || format_boot_clock(text, size);
+  const bool has_file = read_uptime_text(text, size);
+  std::int64_t boot = 0;
+  if (!read_boot_clock(boot)) return has_file;
+  if (has_file) {
+    file_ahead = std::llround(std::strtod(text, nullptr) * 100) - boot;
+  } else {
+    const std::int64_t now = boot + file_ahead;
+    std::snprintf(text, size, "%" PRId64 ".%02d", now / 100, static_cast<int>(now % 100));
+  }
+  return true;
 }
 
 bool clock_works() {
