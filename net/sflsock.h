@@ -55,22 +55,24 @@ int socket_layer_stop();
 // number is ignored. Returns the handle, or -1 with socket_error_code set.
 int udp_open_port(const char* port_text);
 
-// Whether a send from this socket to this address could leave: false, with errno set, for port 0
-// and for an unroutable or a broadcast address. Sends nothing.
+// Whether a send from this socket to this address could leave, and to another machine's or our own
+// address: false for port 0, for an unroutable or a broadcast address, and for 0.0.0.0/8, by which
+// Linux means this machine. Sends nothing.
 bool udp_can_reach(int handle, const sockaddr_in* address);
 
 // recvfrom(2): fills buffer and sender. Returns the bytes stored, 0 for an empty datagram; what is
 // longer than the buffer is lost. -1 with errno set, EAGAIN when nothing is waiting.
 int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender);
 
-// Both ways to send wait up to 100 ms in a call while the send buffer is full; only then they fail.
-// A signal is no failure.
+// While the send buffer is full, both ways to send wait, up to 5 ms in a call. A signal is no
+// failure.
 
 // sendto(2): sends the whole buffer as one datagram. Returns length, or -1 with errno set.
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination);
 
-// sendmmsg(2): sends the payload as one datagram to each of the destinations, in order. At the
-// first that cannot be served it stops and returns false with errno set.
+// sendmmsg(2): sends the payload as one datagram to each of the destinations, in order. A send
+// buffer that stays full loses datagrams, as the way to a player may. At any other error it stops
+// and returns false with errno set.
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
                       std::span<const std::byte> payload);
 

@@ -1,3 +1,4 @@
+#include <arpa/inet.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -8,10 +9,10 @@
 #include "net/socket_layer_state.h"
 #include "util/assertion.h"
 
-// The default holds a burst of some 256 small datagrams. The system gives what it allows; nothing
-// depends on how much.
+// For bursts, and for what waits for neighbours that have gone: Linux holds datagrams to a machine
+// of the own network for seconds while it does not answer. The system gives what it allows.
 static void ask_for_room(int handle) {
-  const int bytes = 1 << 20;
+  const int bytes = 4 << 20;
   setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
   setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
 }
@@ -28,6 +29,7 @@ static constexpr int PROBE_FLAG = 0x10;
 
 bool udp_can_reach(int handle, const sockaddr_in* address) {
   check_argument(address != nullptr, SFLSOCK_MODULE);
+  if (ntohl(address->sin_addr.s_addr) >> 24U == 0) return false;
   return sendto(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, generic(address), sizeof *address) != -1;
 }
 
@@ -39,31 +41,33 @@ int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender) 
   return static_cast<int>(recvfrom(handle, buffer, length, 0, address, &sender_length));
 }
 
-// How often a call waits for room in the send buffer, and how long at most each time.
-static constexpr int ROOM_WAITS = 10;
-static constexpr int ROOM_WAIT_MS = 10;
+// The longest that a call waits for room in the send buffer, in all.
+static constexpr int ROOM_WAIT_MS = 5;
 
-// After a failed attempt to send: whether to try again. ENOBUFS says nothing about the socket's own
-// buffer, so there is no event to wait for.
-static bool may_try_again(int handle, int& waits_left) {
-  if (errno == EINTR) return true;
-  if ((errno != EAGAIN && errno != ENOBUFS) || waits_left == 0) return false;
-  --waits_left;
+static bool is_full() {
+  return errno == EAGAIN || errno == ENOBUFS;
+}
+
+// ENOBUFS says nothing about the socket's own buffer, so there is no event to wait for.
+static void wait_for_room(int handle) {
   pollfd wait{.fd = handle, .events = 0, .revents = 0};
   if (errno == EAGAIN) wait.events = POLLOUT;
   poll(&wait, 1, ROOM_WAIT_MS);
-  return true;
 }
 
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination) {
   check_argument(buffer != nullptr, SFLSOCK_MODULE);
   check_argument(destination != nullptr, SFLSOCK_MODULE);
-  int waits_left = ROOM_WAITS;
-  ssize_t sent;
-  do {
-    sent = sendto(handle, buffer, length, 0, generic(destination), sizeof *destination);
-  } while (sent == -1 && may_try_again(handle, waits_left));
-  return static_cast<int>(sent);
+  bool may_wait = true;
+  for (;;) {
+    const ssize_t sent =
+        sendto(handle, buffer, length, 0, generic(destination), sizeof *destination);
+    if (sent != -1) return static_cast<int>(sent);
+    if (errno == EINTR) continue;
+    if (!is_full() || !may_wait) return -1;
+    wait_for_room(handle);
+    may_wait = false;
+  }
 }
 
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
@@ -78,12 +82,19 @@ bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
     message.msg_iov = &bytes;
     message.msg_iovlen = 1;
   }
-  int waits_left = ROOM_WAITS;
+  bool may_wait = true;
   for (std::size_t served = 0; served < destinations.size();) {
     const auto rest = static_cast<unsigned>(destinations.size() - served);
     const int sent = sendmmsg(handle, &messages[served], rest, 0);
-    if (sent == -1 && !may_try_again(handle, waits_left)) return false;
-    if (sent > 0) served += static_cast<unsigned>(sent);
+    if (sent > 0) {
+      served += static_cast<unsigned>(sent);
+    } else if (is_full()) {
+      if (!may_wait) ++served;  // lost, as any datagram may be on its way
+      if (may_wait) wait_for_room(handle);
+      may_wait = false;
+    } else if (errno != EINTR) {
+      return false;
+    }
   }
   return true;
 }

@@ -94,6 +94,9 @@ TEST(SflsockTest, ReceivesCutsAndSends) {
   EXPECT_EQ(errno, EINVAL);
   EXPECT_TRUE(udp_can_reach(one, &to));
   EXPECT_FALSE(udp_can_reach(one, &nowhere));
+  nowhere = to;
+  nowhere.sin_addr.s_addr = inet_addr("0.0.0.5");
+  EXPECT_FALSE(udp_can_reach(one, &nowhere));
   for (int i = 0; i < 2; ++i) EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 2);
   EXPECT_EQ(buffer.substr(0, 2), "ab");
   EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), -1) << "a probe sends nothing";
