@@ -16,8 +16,9 @@
 //                        in front after N of the server's pauses, with "reset" it resets
 //   announce WHAT        announce_first, announce_check, master_announce, master_remove_server or
 //                        tell_of_stop: first, check, ask, remove or stop
-//   M| LINE              the first line of the request that the master server gets
-//   check NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
+//   run THREAD SECONDS   the ping or the announce thread from its start on, until it has slept so
+//   long M| LINE              the first line of the request that the master server gets check
+//   NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
 // and # begins a comment. Lines and datagrams must come in the order in which they stand, and none
 // may come that does not.
 
@@ -33,6 +34,7 @@
 #include "announce/announce_thread.h"
 #include "announce/master_requests.h"
 #include "net/socket_layer_state.h"
+#include "server/liveness.h"
 #include "server/shutdown.h"
 #include "tests/game.h"
 #include "tests/master.h"
@@ -173,6 +175,8 @@ class SessionTest : public GameTest {
       set_master(words);
     } else if (word == "announce" && words >> name) {
       happened = announce(name);
+    } else if (word == "run" && words >> name >> word) {
+      happened = run(name == "ping" ? ping_thread : announce_thread, number_of(word));
     } else if (word == "wait" && words >> name) {
       fake_now_ms += number_of(name);
     } else {
@@ -217,6 +221,21 @@ class SessionTest : public GameTest {
     return printed;
   }
 
+  static std::string run(void* (*body)(void*), Number seconds) {
+    playing->run_begin_ms = fake_now_ms;
+    playing->run_ms = seconds * 1000;
+    slept_us = 0;
+    on_sleep = [] {
+      const auto ms = static_cast<Number>(slept_us / 1000);
+      fake_now_ms = playing->run_begin_ms + ms;
+      playing->master.take_part();
+      if (ms >= playing->run_ms) throw ms;
+    };
+    const std::string printed = printed_by([body] { EXPECT_THROW(body(nullptr), Number); });
+    on_sleep = nullptr;
+    return printed;
+  }
+
   // NAME=VALUE.
   void use_pair(const std::string& pair, bool is_check) {
     const std::string name = pair.substr(0, pair.find('='));
@@ -246,6 +265,7 @@ class SessionTest : public GameTest {
   std::map<std::string, std::string> lets;
   std::string place, step, happened, expected;
   int datagrams = 0;
+  Number run_begin_ms = 0, run_ms = 0;
 };
 
 SessionTest* SessionTest::playing = nullptr;
