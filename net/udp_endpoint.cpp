@@ -30,7 +30,11 @@ static constexpr int PROBE_FLAG = 0x10;
 bool udp_can_reach(int handle, const sockaddr_in* address) {
   check_argument(address != nullptr, SFLSOCK_MODULE);
   if (ntohl(address->sin_addr.s_addr) >> 24U == 0) return false;
-  return sendto(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, generic(address), sizeof *address) != -1;
+  if (sendto(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, generic(address), sizeof *address) != -1) {
+    return true;
+  }
+  // These say nothing about the address.
+  return errno == ENOBUFS || errno == ENOMEM || errno == EOPNOTSUPP;
 }
 
 int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender) {

@@ -1,7 +1,7 @@
 // The argument check of the modules that take raw pointers and texts. Any thread may call.
 #pragma once
 
-// Writes "\nAssertion failed: <module>, line <line>\n" to standard error
+// Flushes standard output, writes "\nAssertion failed: <module>, line <line>\n" to standard error
 // and aborts the process.
 [[noreturn]] void assertion_failed(const char* module, unsigned line);
 

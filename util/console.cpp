@@ -57,10 +57,10 @@ bool write_all(std::span<const char> text) {
     const ssize_t written = write_some(text);
     if (written > 0) {
       text = text.subspan(static_cast<std::size_t>(written));
-    } else if (errno == EAGAIN) {
+    } else if (written == -1 && errno == EAGAIN) {
       waited = true;
       if (!wait_for_console()) return false;
-    } else if (errno != EINTR) {
+    } else if (written == 0 || errno != EINTR) {
       return false;
     }
   }
