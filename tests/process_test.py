@@ -239,9 +239,11 @@ class ProcessTest(unittest.TestCase):
         limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (150, 150))
         with tempfile.TemporaryFile() as file:
             self.start_on_free_port(stdout=file, preexec_fn=limit)
-            while file.seek(0) or len(file.read()) < 50:
+            size = lambda: os.fstat(file.fileno()).st_size
+            while size() < 50:
                 time.sleep(0.01)
             self.say_unknown(self.enter_game(), 20)
+            self.assertGreater(size(), 100)
             self.server.send_signal(signal.SIGTERM)
             self.assertEqual(self.server.wait(PATIENCE_S), 1)
 
@@ -250,13 +252,15 @@ class ProcessTest(unittest.TestCase):
         self.start_on_free_port(preexec_fn=close, stdout=None)
         player = Player(self.port)
         self.addCleanup(player.socket.close)
-        opened = lambda: [os.readlink(self.proc(f"fd/{handle}")) for handle in range(4)]
-        end = time.monotonic() + PATIENCE_S
-        while time.monotonic() < end:
-            with contextlib.suppress(FileNotFoundError):
-                if opened()[3].startswith("socket:"):
-                    break
-        self.assertEqual(opened()[:3], ["/dev/null"] * 3)
+        player.socket.settimeout(0.1)
+        answer, end = b"", time.monotonic() + PATIENCE_S
+        while not answer and time.monotonic() < end:
+            with contextlib.suppress(ConnectionRefusedError, TimeoutError):
+                player.socket.send(FULL_JOIN)
+                answer = player.heard()
+        self.assertEqual(answer[:1], b"\x11", "it has started")
+        opened = [os.readlink(self.proc(f"fd/{handle}")) for handle in range(3)]
+        self.assertEqual(opened, ["/dev/null"] * 3)
 
     def test_options_start_no_server(self):
         for argument, status, said in (
