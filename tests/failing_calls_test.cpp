@@ -38,6 +38,7 @@ extern "C" {
 int __real_open64(const char* path, int flags, ...);
 decltype(read) __real_read;
 decltype(socket) __real_socket;
+decltype(connect) __real_connect;
 decltype(setsockopt) __real_setsockopt;
 decltype(clock_gettime) __real_clock_gettime;
 decltype(nanosleep) __real_nanosleep;
@@ -89,7 +90,8 @@ int __wrap_ppoll(pollfd* waits, nfds_t /*count*/, const timespec* limit, const s
 int __wrap_socket(int family, int type, int protocol) {
   return sockets.empty() ? __real_socket(family, type, protocol) : play(sockets, 0);
 }
-int __wrap_connect(int /*handle*/, const sockaddr* /*to*/, socklen_t /*length*/) {
+int __wrap_connect(int handle, const sockaddr* to, socklen_t length) {
+  if (!scripted) return __real_connect(handle, to, length);
   log += "connect ";
   return play(connects, 0);
 }
@@ -123,7 +125,10 @@ int __wrap_sendmmsg(int handle, mmsghdr* messages, unsigned count, int flags) {
 namespace {
 
 struct FailingCallsTest : testing::Test {
-  FailingCallsTest() { scripted = true; }
+  FailingCallsTest() {
+    scripted = true;
+    log.clear();
+  }
   ~FailingCallsTest() override { scripted = false; }
 };
 

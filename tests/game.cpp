@@ -45,24 +45,10 @@ std::vector<Bytes> Player::received() const {
 }
 
 GameTest::GameTest() {
+  std::setvbuf(stdout, nullptr, _IONBF, 0);  // tests print among the server's lines
   main_thread_id = pthread_self();
   server_socket = bind_loopback(SOCK_DGRAM | SOCK_NONBLOCK);
-  start_over();
-}
-
-void GameTest::start_over() {
-  std::memset(static_cast<void*>(&player_table), 0, sizeof player_table);
-  server_config = ServerConfig{};
-  receive_buffer = {};
-  player_count = 0;
-  last_join_slot = 0;
-  pinkpanther_slot = NO_SLOT;
-  pinkpanther_reselect = 0;
-  pinkpanther_since = 0;
-  pinkpanther_notice = {};
-  server_start_ms = 1000;
-  fake_now_ms = 1000;
-  slept_us = 0;
+  reset_server(1000);
 }
 
 GameTest::~GameTest() {
@@ -87,17 +73,5 @@ void GameTest::join(const Player& player, const std::string& name) {
 void GameTest::enter(const Player& player, const std::string& name) {
   join(player, name);
   say(player, enter_on_foot());
-  forget_received();
   player.received();
-}
-
-void GameTest::fill(std::size_t count) {
-  while (players.size() < count) {
-    players.push_back(std::make_unique<Player>());
-    enter(*players.back(), std::string(1, 'P').append(std::to_string(players.size() - 1)));
-  }
-}
-
-void GameTest::forget_received() {
-  for (const auto& player : players) player->received();
 }

@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,20 +47,13 @@ class GameTest : public testing::Test {
   GameTest();
   ~GameTest() override;
 
-  // A server as it is before its first datagram.
-  void start_over();
   // Sends and has the server handle it. Returns what the server printed.
   std::string say(const Player& player, const Bytes& bytes);
   // A pass of the ping thread, on a thread of its own. Returns what it printed.
   std::string pass();
   void join(const Player& player, const std::string& name);
-  // Joins and enters on foot; drops what that sends to everybody.
+  // Joins and enters on foot; drops what that sends to the player.
   void enter(const Player& player, const std::string& name);
-  // Makes count players and lets them enter in order: player i gets slot i.
-  void fill(std::size_t count);
-  void forget_received();
-
-  std::vector<std::unique_ptr<Player>> players;
 };
 
 inline Bytes join_request(const std::string& name) {

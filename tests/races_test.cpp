@@ -12,13 +12,12 @@ namespace {
 
 class RacesTest : public GameTest {
  public:
-  using GameTest::players;
-
   // Four places, three players in the game; the one in slot 1 was silent for too long.
   RacesTest() {
     self = this;
     server_config.maxClients = 4;
-    fill(3);
+    for (const Player& player : players) enter(player, "P");
+    for (const Player& player : players) player.received();
     silence(1);
   }
 
@@ -46,7 +45,7 @@ class RacesTest : public GameTest {
 
   // The first bytes of what the player in slot 0 was told, but for pings.
   std::vector<Bytes> told() {
-    std::vector<Bytes> all = players[0]->received();
+    std::vector<Bytes> all = players[0].received();
     std::erase(all, Bytes{1});
     for (Bytes& bytes : all) bytes.resize(std::min<std::size_t>(bytes.size(), 3));
     return all;
@@ -57,6 +56,7 @@ class RacesTest : public GameTest {
   static RacesTest* self;
   static Seam wanted;
   static void (*work_at_seam)();
+  Player players[3];
   Player newcomer;
 };
 
@@ -67,7 +67,7 @@ void (*RacesTest::work_at_seam)() = nullptr;
 TEST_F(RacesTest, ATimeOutMissesWhoTookTheSlotMeanwhile) {
   const Seat seen = player_table[1].seat;
   at(Seam::TIME_OUT_DECIDED, [] {
-    arrive(*self->players[1], {60});
+    arrive(self->players[1], {60});
     arrive(self->newcomer, join_request("New"));
   });
   ping_pass();
@@ -80,11 +80,11 @@ TEST_F(RacesTest, ATimeOutMissesWhoTookTheSlotMeanwhile) {
 }
 
 TEST_F(RacesTest, ATimeOutIsMadeOnceWhenThePlayerLeavesMeanwhile) {
-  at(Seam::TIME_OUT_DECIDED, [] { arrive(*self->players[1], {60}); });
+  at(Seam::TIME_OUT_DECIDED, [] { arrive(self->players[1], {60}); });
   ping_pass();
   EXPECT_EQ(player_count, 2);
   EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
-  at(Seam::TIMED_OUT, [] { arrive(*self->players[2], {60}); });
+  at(Seam::TIMED_OUT, [] { arrive(self->players[2], {60}); });
   silence(2);
   ping_pass();
   EXPECT_EQ(state_of(2), SeatState::FREE);
@@ -96,22 +96,22 @@ TEST_F(RacesTest, ASlotIsTakenOnlyAfterTheNoticeOfItsLastPlayer) {
   at(Seam::TIMED_OUT, [] {
     arrive(self->newcomer, join_request("New"));
     arrive(self->newcomer, enter_on_foot());
-    arrive(*self->players[1], join_request("Old"));
+    arrive(self->players[1], join_request("Old"));
   });
   ping_pass();
   EXPECT_EQ(told(), (std::vector<Bytes>{Bytes{42, 3, 1}, {60, 1}}));
   EXPECT_EQ(state_of(1), SeatState::FREE);
   EXPECT_EQ(state_of(3), SeatState::IN_GAME);
   EXPECT_EQ(player_count, 3);
-  EXPECT_EQ(players[1]->received()[0][0], 12) << "the last free slot was taken";
-  arrive(*players[1], join_request("Old"));
-  EXPECT_EQ(find_slot_by_address(players[1]->address), 1);
+  EXPECT_EQ(players[1].received()[0][0], 12) << "the last free slot was taken";
+  arrive(players[1], join_request("Old"));
+  EXPECT_EQ(find_slot_by_address(players[1].address), 1);
 }
 
 // The player who enters again is timed out at this seam.
 TEST_F(RacesTest, NobodyIsToldOfWhoTimesOutWhileEntering) {
   at(Seam::ENTERING, ping_pass);
-  arrive(*players[1], enter_on_foot());
+  arrive(players[1], enter_on_foot());
   EXPECT_EQ(state_of(1), SeatState::FREE);
   EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
   EXPECT_EQ(player_count, 2);
@@ -119,7 +119,7 @@ TEST_F(RacesTest, NobodyIsToldOfWhoTimesOutWhileEntering) {
 
 TEST_F(RacesTest, WhoTimesOutOnEnteringIsTakenBack) {
   at(Seam::ENTERED, ping_pass);
-  arrive(*players[1], enter_on_foot());
+  arrive(players[1], enter_on_foot());
   EXPECT_EQ(state_of(1), SeatState::FREE);
   EXPECT_EQ(told(), (std::vector<Bytes>{{60, 1}, {42, 1, 1}, {60, 1}}));
   EXPECT_EQ(player_count, 2);

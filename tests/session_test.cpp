@@ -117,8 +117,11 @@ class SessionTest : public GameTest {
   std::set<in_port_t> failing;
 
  protected:
-  SessionTest() { playing = this; }
-  ~SessionTest() override { playing = nullptr; }
+  SessionTest() {
+    playing = this;
+    on_sleep = [] { playing->take_part_in_sleep(); };
+  }
+  ~SessionTest() override { playing = nullptr, on_sleep = nullptr; }
 
   // A line that is not understood has thrown.
   void TearDown() override {
@@ -159,7 +162,7 @@ class SessionTest : public GameTest {
       happened = say(peers[word], bytes_behind(words));
       ++datagrams;
     } else if (word == "server" || word == "set" || word == "check") {
-      if (word == "server") start_over(), peers.clear(), failing.clear();
+      if (word == "server") reset_server(1000), peers.clear(), failing.clear();
       while (words >> name) use_pair(name, word == "check");
     } else if (word == "pass") {
       happened = pass();
@@ -215,25 +218,23 @@ class SessionTest : public GameTest {
         {"remove", master_remove_server},
         {"stop", tell_of_stop},
     };
-    on_sleep = [] { playing->master.take_part(); };
-    const std::string printed = printed_by(calls.at(what));
-    on_sleep = nullptr;
+    return printed_by(calls.at(what));
+  }
+
+  std::string run(void* (*body)(void*), Number seconds) {
+    run_ms = seconds * 1000;
+    slept_us = 0;
+    const std::string printed = printed_by([body] { EXPECT_THROW(body(nullptr), Number); });
+    run_ms = 0;
     return printed;
   }
 
-  static std::string run(void* (*body)(void*), Number seconds) {
-    playing->run_begin_ms = fake_now_ms;
-    playing->run_ms = seconds * 1000;
-    slept_us = 0;
-    on_sleep = [] {
-      const auto ms = static_cast<Number>(slept_us / 1000);
-      fake_now_ms = playing->run_begin_ms + ms;
-      playing->master.take_part();
-      if (ms >= playing->run_ms) throw ms;
-    };
-    const std::string printed = printed_by([body] { EXPECT_THROW(body(nullptr), Number); });
-    on_sleep = nullptr;
-    return printed;
+  void take_part_in_sleep() {
+    master.take_part();
+    if (run_ms == 0) return;
+    const auto ms = static_cast<Number>(slept_us / 1000);
+    fake_now_ms = server_start_ms + ms;
+    if (ms >= run_ms) throw ms;
   }
 
   // NAME=VALUE.
@@ -265,7 +266,7 @@ class SessionTest : public GameTest {
   std::map<std::string, std::string> lets;
   std::string place, step, happened, expected;
   int datagrams = 0;
-  Number run_begin_ms = 0, run_ms = 0;
+  Number run_ms = 0;  // what a thread's sleeps may last altogether; 0: no thread runs
 };
 
 SessionTest* SessionTest::playing = nullptr;

@@ -1,0 +1,91 @@
+"""A real server in a folder of its own, and players of it."""
+
+import os
+import pathlib
+import select
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+
+PATIENCE_S = 60  # until a test gives a stuck server up
+RULE = "-" * 38 + "\n"
+PING, FULL_JOIN = b"\1", b"\nBob" + bytes(62) + b"\x28\0"
+ZOLSERVER = os.path.realpath(sys.argv.pop(1))
+
+
+def bound_socket():
+    taken = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    taken.bind(("127.0.0.1", 0))
+    return taken, taken.getsockname()[1]
+
+
+class Player:
+    def __init__(self, port):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.connect(("127.0.0.1", port))
+        self.socket.settimeout(PATIENCE_S)
+
+    def say(self, code, size=1):
+        self.socket.send(bytes([code]) + bytes(size - 1))
+
+    def heard(self):
+        """The next datagram but for pings."""
+        while (heard := self.socket.recv(300)) == PING:
+            pass
+        return heard
+
+
+class ServerCase(unittest.TestCase):
+    def start(self, settings, **options):
+        folder = self.enterContext(tempfile.TemporaryDirectory())
+        pathlib.Path(folder, "zolserver.cfg").write_text(settings)
+        options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE} | options
+        self.server = subprocess.Popen([ZOLSERVER], cwd=folder, **options)
+        self.console = self.server.stdout
+        if self.console:
+            self.addCleanup(self.console.close)
+        self.addCleanup(self.server.wait)
+        self.addCleanup(self.server.kill)
+
+    def start_on_free_port(self, settings="", **options):
+        taken, self.port = bound_socket()
+        taken.close()
+        self.start(f"Port={self.port}\n{settings}", **options)
+
+    def start_and_wait(self, settings="", console=None, **options):
+        self.start_on_free_port(settings, **options)
+        self.console = console or self.console
+        online = f"ZOL Server 0.4 ONLINE [Port: {self.port}]!!!\n{RULE}"
+        self.assertEqual(self.read_to(RULE), online)
+
+    def read_to(self, last):
+        """What the server prints up to and including this text, or to its end."""
+        text = ""
+        while not text.endswith(last):
+            ready = select.select([self.console], [], [], PATIENCE_S)[0]
+            byte = os.read(self.console.fileno(), 1) if ready else b""
+            if not byte:
+                break
+            text += byte.decode()
+        return text
+
+    def enter_game(self):
+        player = Player(self.port)
+        self.addCleanup(player.socket.close)
+        player.socket.send(FULL_JOIN)
+        self.assertEqual(player.heard()[0], 17)
+        player.say(15, 100)
+        reply = player.heard()
+        self.assertEqual(reply[0], 16)
+        self.assertEqual(reply[2], 0, "hour")
+        self.assertLess(reply[3], 20, "minute of a server that has just started")
+        return player
+
+    def proc(self, name):
+        return pathlib.Path(f"/proc/{self.server.pid}", name)
+
+    def assert_stopped_in_order(self):
+        self.assertEqual(self.read_to("none"), "Exitting...\n")
+        self.assertEqual(self.server.wait(PATIENCE_S), 1)
