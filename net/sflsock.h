@@ -55,9 +55,9 @@ int socket_layer_stop();
 // number is ignored. Returns the handle, or -1 with socket_error_code set.
 int udp_open_port(const char* port_text);
 
-// Whether a send from this socket to this address could leave, and to another machine's or our own
-// address: false for port 0, for an unroutable or a broadcast address, and for 0.0.0.0/8, by which
-// Linux means this machine. Sends nothing.
+// Whether a send from this socket to this address could leave: false for port 0, for an unroutable
+// or a broadcast address, and for 0.0.0.0/8, by which Linux means this machine. True when the
+// system fails to look it up, for want of memory say. Sends nothing.
 bool udp_can_reach(int handle, const sockaddr_in* address);
 
 // recvfrom(2): fills buffer and sender. Returns the bytes stored, 0 for an empty datagram; what is
