@@ -4,7 +4,7 @@
 #include <thread>
 #include <utility>
 
-#include "bench/client_socket.h"
+#include "client/server_connection.h"
 #include "server/protocol.h"
 
 static constexpr std::chrono::seconds LIMIT{10};
@@ -12,6 +12,20 @@ static constexpr std::chrono::seconds LIMIT{10};
 template <WireRecord Record>
 static std::string bytes_of(const Record& record) {
   return {reinterpret_cast<const char*>(&record), sizeof record};
+}
+
+static bool send_bytes(int handle, std::string_view bytes) {
+  return send_datagram(handle, {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+}
+
+// Hands over what waits, up to this many datagrams.
+template <typename Take>
+static void receive_waiting(int handle, std::size_t most, Take take) {
+  const Batch& batch = receive_batch(handle, most);
+  for (std::size_t i = 0; i < batch.count; ++i) {
+    const Datagram& datagram = batch.datagrams[i];
+    take(std::string_view(reinterpret_cast<const char*>(datagram.data()), datagram.size()));
+  }
 }
 
 // All codes come from the records but this one, which has none.
@@ -70,8 +84,8 @@ static bool enter_game(const Crowd& crowd, int handle) {
   return is_in;
 }
 
-bool join_player(Crowd& crowd, bool is_floor, std::uint16_t port) {
-  const int handle = open_client_socket(port);
+bool join_player(Crowd& crowd, bool is_floor, const sockaddr_in& server) {
+  const int handle = open_client_socket(server);
   const JoinRequest request{.name = {'p'}, .version = {PROTOCOL_VERSION, 0}};
   if (handle == -1 || !send_bytes(handle, bytes_of(request))) return false;
   const int slot = await_record(handle, JoinAccepted{});
@@ -117,7 +131,7 @@ static bool is_due(const Crowd& crowd, const Player& player, std::string_view da
 }
 
 static void take_waiting(Crowd& crowd, Player& player) {
-  receive_waiting(player.handle, BATCH, [&](std::string_view datagram) {
+  receive_waiting(player.handle, RECEIVE_BATCH, [&](std::string_view datagram) {
     if (datagram == PING) {
       send_bytes(player.handle, PING_REPLY);
       return;

@@ -2,6 +2,8 @@
 // datagram that comes back is compared byte for byte with what it has to be.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <array>
 #include <chrono>
 #include <cstdint>
@@ -28,7 +30,7 @@ struct Crowd {
 using Clock = std::chrono::steady_clock;
 
 // Joins one more player, who enters the game unless it is the floor. False when it got no place.
-bool join_player(Crowd& crowd, bool is_floor, std::uint16_t port);
+bool join_player(Crowd& crowd, bool is_floor, const sockaddr_in& server);
 
 // Starts the counts anew.
 void begin_updates(Crowd& crowd, Update kind);

@@ -90,7 +90,7 @@ def running(samples, program, players, tracer=()):
         if tracer:
             children = pathlib.Path(f"/proc/{pid}/task/{pid}/children")
             pid = int(children.read_text(encoding="ascii"))
-        with start([BUILD / "zolload", program, port, players], CORES[0],
+        with start([BUILD / "zolload", program, f"127.0.0.1:{port}", players], CORES[0],
                    stdin=subprocess.PIPE, stdout=subprocess.PIPE) as driver:
             yield pid, load
 

@@ -2,8 +2,7 @@
 // standard input and answers each with one line of JSON:
 //
 //   KIND COUNT AHEAD SPACING_NS   that many updates of a kind, spaced at least so; each is sent
-//   when
-//                                 all before it but the last AHEAD have reached everyone
+//                                 when all before it but the last AHEAD have reached everyone
 //   idle MS 0 0                   nobody sends; pings are answered
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include <vector>
 
 #include "bench/crowd.h"
+#include "client/server_connection.h"
 
 struct Order {
   std::string kind;
@@ -71,14 +71,15 @@ static bool carry_out(Crowd& crowd, const Order& order) {
 
 int main(int count, char** arguments) {
   const unsigned players = count == 4 ? static_cast<unsigned>(std::atoi(arguments[3])) : 0;
-  if (players < 2 || players > MAX_PLAYERS) {
-    std::cerr << "usage: zolload server|floor PORT PLAYERS(2..32)\n";
+  sockaddr_in server{};
+  std::string complaint;
+  if (players < 2 || players > MAX_PLAYERS || !resolve_server(arguments[2], server, complaint)) {
+    std::cerr << "usage: zolload server|floor HOST:PORT PLAYERS(2..32)\n" << complaint << "\n";
     return EXIT_FAILURE;
   }
   static Crowd crowd;
   while (crowd.size < players) {
-    const auto port = static_cast<std::uint16_t>(std::atoi(arguments[2]));
-    if (!join_player(crowd, std::string_view(arguments[1]) == "floor", port)) return EXIT_FAILURE;
+    if (!join_player(crowd, std::string_view(arguments[1]) == "floor", server)) return EXIT_FAILURE;
   }
   Order order;
   while (std::cin >> order.kind >> order.count >> order.ahead >> order.spacing_ns) {

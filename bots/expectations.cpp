@@ -1,4 +1,4 @@
-#include "tools/expectations.h"
+#include "bots/expectations.h"
 
 #include <algorithm>
 #include <bit>
@@ -77,13 +77,13 @@ static bool clock_fits(unsigned hour, unsigned minute, std::uint64_t sent_ns,
   return hour_fits && minute_fits;
 }
 
-static bool is_refusal(Bytes datagram) {
+static bool is_refusal(Datagram datagram) {
   static constexpr char TEXT[] = "Maximum allowed players: ";
   return datagram.size() == sizeof(JoinRefused) && command_of(datagram) == CMD_JOIN_REFUSED_FULL &&
          std::memcmp(&datagram[1], TEXT, sizeof TEXT - 1) == 0;
 }
 
-static bool is_match(const Expectation& entry, Bytes datagram, std::uint64_t now_ns) {
+static bool is_match(const Expectation& entry, Datagram datagram, std::uint64_t now_ns) {
   if (command_of(entry.bytes) == CMD_JOIN_ACCEPTED && is_refusal(datagram)) return true;
   if (datagram.size() != entry.size) return false;
   if (std::memcmp(entry.bytes.data(), datagram.data(), entry.compared_size) != 0) return false;
@@ -108,7 +108,7 @@ static Status status_of(const Expectation& entry, BotSet receiver) {
 struct Arrival {
   unsigned ring;
   BotSet receiver;  // one bit
-  Bytes datagram;
+  Datagram datagram;
   std::uint64_t now_ns;
 };
 
@@ -143,7 +143,7 @@ static Expectation* next_required(const Arrival& arrival, std::uint64_t cursor) 
 // A required entry is matched before an earlier, equal optional one, because the optional datagram
 // may never come. If it does come, the cursor may have passed its entry. So optional entries are
 // matched in any order.
-Match match(unsigned ring, unsigned receiver, Bytes datagram, std::uint64_t now_ns) {
+Match match(unsigned ring, unsigned receiver, Datagram datagram, std::uint64_t now_ns) {
   const Arrival arrival{ring, bot_bit(receiver), datagram, now_ns};
   const std::uint64_t end = rings[ring].end;
   const std::uint64_t oldest = oldest_of(ring);

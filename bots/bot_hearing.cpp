@@ -7,19 +7,19 @@
 #include <cstring>
 #include <string_view>
 
-#include "tools/bot.h"
-#include "tools/report.h"
+#include "bots/bot.h"
+#include "bots/report.h"
 
 using enum ServerCommand;
 
 template <WireRecord Record>
-static Record record_of(Bytes datagram) {
+static Record record_of(Datagram datagram) {
   Record record;
   std::memcpy(&record, datagram.data(), std::min(datagram.size(), sizeof record));
   return record;
 }
 
-static bool is_relay(Bytes datagram) {
+static bool is_relay(Datagram datagram) {
   switch (command_of(datagram)) {
     case CMD_CHAT_LINE:
     case CMD_PLAYER_LEFT:
@@ -39,7 +39,7 @@ static bool is_our_name(std::string_view name) {
 }
 
 // The line is "name-tag: slot.sequence phrase".
-static Slot slot_of_chat(Bytes datagram) {
+static Slot slot_of_chat(Datagram datagram) {
   const auto line = record_of<ChatLine>(datagram);
   const std::string_view text(line.text.data(), line.text.size());
   const std::size_t colon = text.find(": ");
@@ -50,19 +50,22 @@ static Slot slot_of_chat(Bytes datagram) {
   return slot;
 }
 
+static bool names_no_slot(Datagram datagram) {
+  return command_of(datagram) == CMD_CHAT_LINE || command_of(datagram) == CMD_PLAYER_STATE_FLOATS ||
+         command_of(datagram) == CMD_PLAYER_CAR_STATUS;
+}
+
 // The slot of the player whom the datagram is about. NO_SLOT if it is unknown, as with the chat of
 // a foreign player.
-static Slot slot_of(Bytes datagram) {
+static Slot slot_of(Datagram datagram) {
+  if (!names_no_slot(datagram)) return datagram.size() > 1 ? datagram[1] : NO_SLOT;
   if (command_of(datagram) == CMD_CHAT_LINE) return slot_of_chat(datagram);
   if (command_of(datagram) == CMD_PLAYER_STATE_FLOATS) {
     const FloatBits bits = record_of<PlayerStateFloats>(datagram).state_f2;
     return bits >> 16U == fleet.process_tag ? static_cast<Slot>(bits) : NO_SLOT;
   }
-  if (command_of(datagram) == CMD_PLAYER_CAR_STATUS) {
-    const auto relay = record_of<PlayerCarStatus>(datagram);
-    return relay.car_float >> 16U == fleet.process_tag ? relay.car_byte : NO_SLOT;
-  }
-  return datagram.size() > 1 ? datagram[1] : NO_SLOT;
+  const auto relay = record_of<PlayerCarStatus>(datagram);
+  return relay.car_float >> 16U == fleet.process_tag ? relay.car_byte : NO_SLOT;
 }
 
 static void note_foreign(Slot slot) {
@@ -70,31 +73,28 @@ static void note_foreign(Slot slot) {
   fleet.slots[slot].known = false;
 }
 
-static bool has_foreign_name(Bytes datagram) {
+static bool has_foreign_name(Datagram datagram) {
   if (datagram.size() != sizeof(PlayerInfo)) return false;
   const auto info = record_of<PlayerInfo>(datagram);
   const std::string_view name(info.name.data(), strnlen(info.name.data(), info.name.size()));
   return !is_our_name(name);
 }
 
-// Such a relay may be a foreign player's who has repeated a bot's report: what a datagram lacks,
-// the server reads from earlier ones.
-static bool names_no_slot(Bytes datagram) {
-  return command_of(datagram) == CMD_CHAT_LINE || command_of(datagram) == CMD_PLAYER_STATE_FLOATS ||
-         command_of(datagram) == CMD_PLAYER_CAR_STATUS;
-}
-
 // A slot where no bot has been is foreign; any other one becomes foreign with the CMD_PLAYER_INFO
-// of a foreign player, or when no bot is there any more and there are foreign players. From the
-// first foreign player on nobody knows which CMD_PLAYER_INFO an entering bot gets (its own too,
-// when someone else has joined since), so each unexpected one counts as foreign. If a wrong
-// datagram is taken for a foreign one, the right datagram still counts as lost.
-static bool is_foreign(Bytes datagram, Slot slot) {
+// of a foreign player, or when no bot is there any more and there are foreign players. There is one
+// who has never entered when CMD_PLAYER_LEFT names a slot that no bot is in. From the first foreign
+// player on nobody knows which CMD_PLAYER_INFO an entering bot gets (its own too, when someone else
+// has joined since), so each unexpected one counts as foreign. So does each unexpected relay that
+// names no slot: a short datagram of a foreign player repeats what a bot has reported. If a wrong
+// datagram is taken for a foreign one, the right one still counts as lost.
+static bool is_foreign(Datagram datagram, Slot slot) {
   if (slot == NO_SLOT || names_no_slot(datagram)) return fleet.foreign_slots != 0;
   if (slot >= SLOTS) return false;
   const bool is_info = command_of(datagram) == CMD_PLAYER_INFO;
   const bool never_ours = (fleet.our_slots >> slot & 1U) == 0;
-  const bool left_to_them = fleet.foreign_slots != 0 && fleet.slots[slot].bot == NO_BOT;
+  const bool has_left = command_of(datagram) == CMD_PLAYER_LEFT;
+  const bool left_to_them =
+      (fleet.foreign_slots != 0 || has_left) && fleet.slots[slot].bot == NO_BOT;
   if (never_ours || left_to_them || (is_info && has_foreign_name(datagram))) note_foreign(slot);
   if (is_info && (fleet.foreign_slots | fleet.unconfirmed_foreign_slots) != 0) return true;
   return (fleet.foreign_slots >> slot & 1U) != 0;
@@ -111,7 +111,7 @@ static const char* reason_of(Verdict verdict) {
   }
 }
 
-static void handle_unexpected(const Bot& bot, Bytes datagram, const Match& found, Tally& tally,
+static void handle_unexpected(const Bot& bot, Datagram datagram, const Match& found, Tally& tally,
                               Slot slot) {
   if (found.verdict != Verdict::OUT_OF_ORDER && is_foreign(datagram, slot)) {
     ++fleet.counters.foreign;
@@ -120,7 +120,7 @@ static void handle_unexpected(const Bot& bot, Bytes datagram, const Match& found
   report_wrong(bot, datagram, tally, reason_of(found.verdict), found.expectation);
 }
 
-static void hear_relay(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
+static void hear_relay(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   const Slot slot = slot_of(datagram);
   Match found{Verdict::UNEXPECTED, nullptr};
   if (slot < SLOTS) found = match(relay_ring(slot), bot.number, datagram, now_ns);
@@ -146,7 +146,7 @@ static bool is_like_first(JoinAccepted accepted) {
   return std::memcmp(&accepted, &fleet.first_accepted, sizeof accepted) == 0;
 }
 
-static void hear_join_answer(Bot& bot, Bytes datagram) {
+static void hear_join_answer(Bot& bot, Datagram datagram) {
   if (bot.stage != Stage::JOINING) return;  // too late: the bot has given up, see end_join
   if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) return handle_refusal(bot);
   const auto accepted = record_of<JoinAccepted>(datagram);
@@ -161,12 +161,12 @@ static void hear_join_answer(Bot& bot, Bytes datagram) {
 }
 
 // The reply names the slot of the latest join: that of a bot, or that of a foreign player of whom
-// no other datagram may have come yet.
-static void hear_enter_reply(Bot& bot, Bytes datagram, const Expectation& expectation) {
+// no other datagram may have come yet. One who never enters is heard of when it leaves.
+static void hear_enter_reply(Bot& bot, Datagram datagram, const Expectation& expectation) {
   const auto slot = record_of<EnterGameReply>(datagram).last_join_slot;
   const bool as_expected = slot == expectation.bytes[offsetof(EnterGameReply, last_join_slot)];
   if (!as_expected && fleet.foreign_slots == 0) {
-    if (slot < SLOTS && (fleet.our_slots >> slot & 1U) == 0) {
+    if (slot < SLOTS && fleet.slots[slot].bot == NO_BOT) {
       fleet.unconfirmed_foreign_slots |= 1U << slot;
     } else {
       report_wrong(bot, datagram, answer_tally, "not the slot of the latest join", &expectation);
@@ -177,7 +177,7 @@ static void hear_enter_reply(Bot& bot, Bytes datagram, const Expectation& expect
   bot.due_ns = monotonic_ns() + fleet.step_ns;
 }
 
-static void hear_answer(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
+static void hear_answer(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   const Match found = match(answer_ring(bot.number), bot.number, datagram, now_ns);
   if (found.verdict != Verdict::EXPECTED) {
     const bool names_slot =
@@ -192,7 +192,7 @@ static void hear_answer(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
 }
 
 // May come at any time to a player who has entered.
-static void hear_pinkpanther(const Bot& bot, Bytes datagram) {
+static void hear_pinkpanther(const Bot& bot, Datagram datagram) {
   const auto notice = record_of<PinkPanther>(datagram);
   const bool plausible = datagram.size() == sizeof notice &&
                          (notice.slot < SLOTS || notice.slot == NOBODY) && bot.has_entered &&
@@ -201,14 +201,14 @@ static void hear_pinkpanther(const Bot& bot, Bytes datagram) {
     report_wrong(bot, datagram, answer_tally, "unexpected news of the PinkPanther", nullptr);
 }
 
-static void hear_ping(const Bot& bot, Bytes datagram) {
+static void hear_ping(const Bot& bot, Datagram datagram) {
   if (datagram.size() != sizeof(Ping) || !bot.has_entered) {
     report_wrong(bot, datagram, answer_tally, "ping before the bot has entered", nullptr);
   }
-  send_bytes(bot, bytes_of(ClientCommand::CMD_PING_REPLY));
+  send_bytes(bot, datagram_of(ClientCommand::CMD_PING_REPLY));
 }
 
-void hear(Bot& bot, Bytes datagram, std::uint64_t now_ns) {
+void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   if (datagram.empty()) {
     report_wrong(bot, datagram, answer_tally, "empty", nullptr);
   } else if (command_of(datagram) == CMD_PING) {

@@ -1,7 +1,7 @@
 -- Wireshark dissector for the ZOL protocol, version 40 (docs/protocol.md).
 --
---   wireshark -X lua_script:tools/zol.lua
---   tshark -X lua_script:tools/zol.lua -o zol.port:16309 -r capture.pcapng
+--   wireshark -X lua_script:wireshark/zol.lua
+--   tshark -X lua_script:wireshark/zol.lua -o zol.port:16309 -r capture.pcapng
 --
 -- Who sent a datagram is told by its ports: what goes to the server's port comes from a client.
 -- Where a client uses the server's port number too, its datagrams cannot be told apart.

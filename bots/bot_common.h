@@ -7,8 +7,15 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <numbers>
 
-#include "tools/bot.h"
+#include "bots/bot.h"
+
+inline constexpr float HALF_WORLD = 100;   // units
+inline constexpr float WALKING_SPEED = 8;  // units a second
+inline constexpr float CAR_SPEED = 30;     // units a second
+inline constexpr float TURN_RATE = 2;      // radians a second
+inline constexpr float GOAL_RADIUS = 20;   // units
 
 // splitmix64
 inline std::uint64_t next_random(Bot& bot) {
@@ -38,12 +45,26 @@ inline void fill_random(Bot& bot, std::array<std::uint8_t, count>& bytes) {
   for (std::uint8_t& byte : bytes) byte = random_byte(bot);
 }
 
-// The next point of a circle whose radius differs from bot to bot; the third value is random.
+inline float random_between(Bot& bot, float low, float high) {
+  return low + (high - low) * static_cast<float>(random_below(bot, 1U << 20U)) / (1U << 20U);
+}
+
+// Bots walk and drive in curves from one place of a square world to the next; cars are faster. Near
+// the goal a new one is chosen: a car could not turn sharply enough to meet it.
 inline Position next_position(Bot& bot) {
-  const float angle = 0.05F * static_cast<float>(++bot.steps);
-  const float radius = 20.0F + static_cast<float>(bot.number);
-  return {std::bit_cast<std::uint32_t>(radius * std::cos(angle)),
-          std::bit_cast<std::uint32_t>(radius * std::sin(angle)), random_float(bot)};
+  const float seconds = static_cast<float>(fleet.step_ns) / 1e9F;
+  const bool in_car = bot.slot != NO_SLOT && fleet.slots[bot.slot].in_car;
+  const float step = (in_car ? CAR_SPEED : WALKING_SPEED) * seconds;
+  if (std::hypot(bot.goal_x - bot.x, bot.goal_y - bot.y) < GOAL_RADIUS) {
+    bot.goal_x = random_between(bot, -HALF_WORLD, HALF_WORLD);
+    bot.goal_y = random_between(bot, -HALF_WORLD, HALF_WORLD);
+  }
+  const float wanted = std::atan2(bot.goal_y - bot.y, bot.goal_x - bot.x);
+  const float turn = std::remainder(wanted - bot.heading, 2 * std::numbers::pi_v<float>);
+  bot.heading += std::clamp(turn, -TURN_RATE * seconds, TURN_RATE * seconds);
+  bot.x += step * std::cos(bot.heading);
+  bot.y += step * std::sin(bot.heading);
+  return {std::bit_cast<FloatBits>(bot.x), std::bit_cast<FloatBits>(bot.y), random_float(bot)};
 }
 
 // The state_f2 of every bot. CMD_PLAYER_STATE_FLOATS names no slot, so state_f2 names it.
@@ -71,7 +92,7 @@ inline CarState with_random_unused(Bot& bot, CarState car) {
   return car;
 }
 
-inline Expectation expectation_of(Bytes datagram) {
+inline Expectation expectation_of(Datagram datagram) {
   Expectation expectation;
   expectation.sent_ns = monotonic_ns();
   expectation.size = static_cast<std::uint8_t>(datagram.size());
@@ -82,13 +103,13 @@ inline Expectation expectation_of(Bytes datagram) {
 
 template <WireRecord Record>
 inline void expect_relay(const Bot& bot, const Record& relay) {
-  Expectation expectation = expectation_of(bytes_of(relay));
+  Expectation expectation = expectation_of(datagram_of(relay));
   expectation.required = fleet.in_game & ~bot_bit(bot.number);
   expectation.optional = fleet.maybe_in_game & ~bot_bit(bot.number);
   expect(relay_ring(bot.slot), expectation);
 }
 
-inline void expect_answer(const Bot& bot, Bytes answer, std::size_t compared_size) {
+inline void expect_answer(const Bot& bot, Datagram answer, std::size_t compared_size) {
   Expectation expectation = expectation_of(answer);
   expectation.compared_size = static_cast<std::uint8_t>(compared_size);
   expectation.required = bot_bit(bot.number);
@@ -97,7 +118,7 @@ inline void expect_answer(const Bot& bot, Bytes answer, std::size_t compared_siz
 
 // Without in-order delivery the server may answer with an older state, or not at all. Then, and
 // while the server's state of the slot is unknown, only the first known_size bytes are compared.
-inline void expect_player_data(const Bot& bot, const SlotModel& model, Bytes answer,
+inline void expect_player_data(const Bot& bot, const SlotModel& model, Datagram answer,
                                std::size_t known_size) {
   const bool exact = fleet.in_order_delivery && model.known;
   Expectation expectation = expectation_of(answer);
@@ -108,7 +129,7 @@ inline void expect_player_data(const Bot& bot, const SlotModel& model, Bytes ans
 }
 
 inline void expect_clock(const Bot& bot) {
-  expect_answer(bot, bytes_of(GameClock{}), offsetof(GameClock, hour));
+  expect_answer(bot, datagram_of(GameClock{}), offsetof(GameClock, hour));
 }
 
 inline SlotModel& model_of(const Bot& bot) {
@@ -123,5 +144,5 @@ inline void expect_info(const Bot& bot, Slot slot) {
   info.state = model.state;
   info.in_car = model.in_car ? 1 : 0;
   if (model.in_car) info.car = model.car;
-  expect_player_data(bot, model, bytes_of(info), offsetof(PlayerInfo, state));
+  expect_player_data(bot, model, datagram_of(info), offsetof(PlayerInfo, state));
 }

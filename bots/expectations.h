@@ -13,8 +13,8 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
+#include "client/server_connection.h"
 #include "server/protocol.h"
 
 inline constexpr unsigned MAX_BOTS = 32;
@@ -24,14 +24,13 @@ inline constexpr unsigned RINGS = SLOTS + MAX_BOTS;
 inline constexpr std::uint64_t RING_SIZE = 1024;
 
 using BotSet = std::uint32_t;  // one bit per bot
-using Bytes = std::span<const std::uint8_t>;
 
 inline BotSet bot_bit(unsigned bot) {
   return BotSet{1} << bot;
 }
 
 // The datagram must be one from the server and not empty.
-inline ServerCommand command_of(Bytes datagram) {
+inline ServerCommand command_of(Datagram datagram) {
   return ServerCommand{datagram[0]};
 }
 
@@ -71,7 +70,7 @@ inline unsigned answer_ring(unsigned bot) {
 // Returns the number of the new entry in its ring.
 std::uint64_t expect(unsigned ring, const Expectation& expectation);
 
-Match match(unsigned ring, unsigned receiver, Bytes datagram, std::uint64_t now_ns);
+Match match(unsigned ring, unsigned receiver, Datagram datagram, std::uint64_t now_ns);
 
 // Makes an entry required for these bots, unless it has left the ring.
 void make_required(unsigned ring, std::uint64_t number, BotSet bots);

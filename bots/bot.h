@@ -18,10 +18,10 @@
 #include <cstdint>
 #include <ctime>
 
+#include "bots/expectations.h"
+#include "bots/histogram.h"
+#include "bots/options.h"
 #include "server/protocol.h"
-#include "tools/expectations.h"
-#include "tools/histogram.h"
-#include "tools/options.h"
 
 inline constexpr std::uint8_t NO_BOT = 255;
 
@@ -44,8 +44,12 @@ struct Bot {
   std::uint64_t due_ns = 0;           // when it acts next
   std::uint64_t leave_notice = 0;     // while it joins again: number in the relay ring of its slot
   BotSet leave_notice_receivers = 0;  // bots in the game when it sent that join request
-  std::uint32_t steps = 0;            // along its circle
-  std::uint16_t sequence = 0;         // of its chat texts and car statuses
+  float x = 0;                        // where it is, where it goes, and in which direction
+  float y = 0;
+  float goal_x = 0;
+  float goal_y = 0;
+  float heading = 0;           // radians
+  std::uint16_t sequence = 0;  // of its chat texts and car statuses
   std::uint8_t death_count = 0;
 };
 
@@ -107,11 +111,6 @@ inline std::uint64_t monotonic_ns() {
          static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-template <WireRecord Record>
-Bytes bytes_of(const Record& record) {
-  return {reinterpret_cast<const std::uint8_t*>(&record), sizeof record};
-}
-
 // bot_life.cpp: how bots join, enter and leave.
 
 // Does what is due and sets when the bot is due again.
@@ -120,7 +119,7 @@ void set_stage(Bot& bot, Stage stage);
 void take_slot(Bot& bot, Slot slot);
 void handle_refusal(Bot& bot);
 void leave(Bot& bot);
-void send_bytes(const Bot& bot, Bytes datagram);
+void send_bytes(const Bot& bot, Datagram datagram);
 
 // bot_actions.cpp: what bots do between joining and leaving.
 
@@ -129,6 +128,6 @@ void act_before_entering(Bot& bot);
 
 // bot_hearing.cpp: how bots check what they receive.
 
-void hear(Bot& bot, Bytes datagram, std::uint64_t now_ns);
+void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns);
 // Counts foreign slots that stayed unconfirmed as wrong. To be called at the end.
 void count_unconfirmed_slots();

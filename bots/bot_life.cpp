@@ -1,10 +1,8 @@
 // How the bots join, enter and leave.
 
-#include <sys/socket.h>
-
 #include <algorithm>
 
-#include "tools/bot_common.h"
+#include "bots/bot_common.h"
 
 Fleet fleet;
 
@@ -27,14 +25,9 @@ void set_stage(Bot& bot, Stage stage) {
   fleet.maybe_in_game = maybe ? fleet.maybe_in_game | bit : fleet.maybe_in_game & ~bit;
 }
 
-// An error may be that of an earlier datagram (ECONNREFUSED, see udp(7)). It is reported only once,
-// so a second attempt is enough.
-void send_bytes(const Bot& bot, Bytes datagram) {
+void send_bytes(const Bot& bot, Datagram datagram) {
   ++fleet.counters.sent;
-  for (int attempt = 0; attempt < 2; ++attempt) {
-    if (send(bot.socket, datagram.data(), datagram.size(), 0) != -1) return;
-  }
-  ++fleet.counters.send_failures;
+  if (!send_datagram(bot.socket, datagram)) ++fleet.counters.send_failures;
 }
 
 // The server leaves out the slot of the latest join. Once there are foreign players, that slot is
@@ -68,7 +61,7 @@ static void enter_game(Bot& bot) {
   }
 
   const EnterGameReply reply{.last_join_slot = fleet.last_join_slot};
-  expect_answer(bot, bytes_of(reply), offsetof(EnterGameReply, last_join_slot));
+  expect_answer(bot, datagram_of(reply), offsetof(EnterGameReply, last_join_slot));
   PlayerInfo relay;
   relay.slot = bot.slot;
   relay.just_entered = 1;
@@ -81,14 +74,14 @@ static void enter_game(Bot& bot) {
   bot.has_entered = true;
   set_stage(bot, Stage::ENTERING);
   bot.due_ns = monotonic_ns() + ANSWER_TIMEOUT_NS;
-  send_bytes(bot, bytes_of(report));
+  send_bytes(bot, datagram_of(report));
 }
 
 // A bot in a slot that joins again leaves this slot only if the server accepts it in another one,
 // so the notice to the other players is optional until the answer comes.
 static void expect_leave_notice(Bot& bot) {
   const PlayerLeft notice{.slot = bot.slot};
-  Expectation expectation = expectation_of(bytes_of(notice));
+  Expectation expectation = expectation_of(datagram_of(notice));
   bot.leave_notice_receivers = fleet.in_game & ~bot_bit(bot.number);
   expectation.optional = (fleet.in_game | fleet.maybe_in_game) & ~bot_bit(bot.number);
   bot.leave_notice = expect(relay_ring(bot.slot), expectation);
@@ -114,14 +107,14 @@ static void join(Bot& bot) {
   make_recent_optional(bot);
   set_stage(bot, Stage::JOINING);
   if (bot.slot != NO_SLOT) expect_leave_notice(bot);
-  expect_answer(bot, bytes_of(JoinAccepted{}), offsetof(JoinAccepted, slot));
+  expect_answer(bot, datagram_of(JoinAccepted{}), offsetof(JoinAccepted, slot));
 
   JoinRequest request;
   request.name = bot.name;
   request.version = {PROTOCOL_VERSION & 0xFFU, PROTOCOL_VERSION >> 8U};
   fleet.joining_bot = bot.number;
   bot.due_ns = monotonic_ns() + ANSWER_TIMEOUT_NS;
-  send_bytes(bot, bytes_of(request));
+  send_bytes(bot, datagram_of(request));
 }
 
 void leave(Bot& bot) {
@@ -131,7 +124,7 @@ void leave(Bot& bot) {
   bot.slot = NO_SLOT;
   set_stage(bot, Stage::OUT);
   bot.due_ns = monotonic_ns() + MS * random_below(bot, MAX_PAUSE_MS);
-  send_bytes(bot, bytes_of(ClientCommand::CMD_PLAYER_LEFT));
+  send_bytes(bot, datagram_of(ClientCommand::CMD_PLAYER_LEFT));
 }
 
 static void skip_missed_steps(Bot& bot, std::uint64_t now_ns) {

@@ -1,22 +1,19 @@
-#include "tools/options.h"
-
-#include <netdb.h>
-#include <sys/socket.h>
+#include "bots/options.h"
 
 #include <charconv>
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <string_view>
 
-#include "tools/expectations.h"
+#include "bots/expectations.h"
+#include "client/server_connection.h"
 
 static constexpr const char* HELP =
-    "usage: zolbots [--server HOST:PORT] [--players N] [--rate HZ] [--seconds S] [--seed N]\n"
+    "usage: zolbots [--server HOST[:PORT]] [--players N] [--rate HZ] [--seconds S] [--seed N]\n"
     "\n"
     "Bots that play on a ZOL Server over UDP and check every datagram they get from it.\n"
     "\n"
-    "  --server HOST:PORT  the server, 127.0.0.1:16309 by default\n"
+    "  --server HOST[:PORT] the server, 127.0.0.1:16309 by default\n"
     "  --players N         bots, 1 to 32, 8 by default\n"
     "  --rate HZ           position updates a second of each bot, 1 to 200, 20 by default\n"
     "  --seconds S         how long to play, 1 to 1000000, 10 by default\n"
@@ -60,31 +57,6 @@ static const NumberOption* find_number_option(std::string_view name) {
   return nullptr;
 }
 
-static bool resolve_server(Options& options) {
-  const std::string_view text = options.server;
-  const std::size_t colon = text.rfind(':');
-  unsigned port = 0;
-  if (colon == std::string_view::npos || colon == 0 ||
-      !read_number(text.substr(colon + 1), 1, 65'535, port)) {
-    std::fprintf(stderr, "zolbots: --server takes HOST:PORT, not \"%s\"\n", options.server);
-    return false;
-  }
-  const std::string host(text.substr(0, colon));
-  addrinfo hints{};
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* found = nullptr;
-  const int error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
-  if (error != 0) {
-    std::fprintf(stderr, "zolbots: cannot resolve \"%s\": %s\n", host.c_str(), gai_strerror(error));
-    return false;
-  }
-  std::memcpy(&options.address, found->ai_addr, sizeof options.address);
-  options.address.sin_port = htons(static_cast<std::uint16_t>(port));
-  freeaddrinfo(found);
-  return true;
-}
-
 ParseResult parse_options(int count, char** arguments, Options& options) {
   for (int i = 1; i < count; i += 2) {
     const std::string_view name = arguments[i];
@@ -107,5 +79,8 @@ ParseResult parse_options(int count, char** arguments, Options& options) {
       return ParseResult::BAD_ARGUMENTS;
     }
   }
-  return resolve_server(options) ? ParseResult::RUN : ParseResult::BAD_ARGUMENTS;
+  std::string complaint;
+  if (resolve_server(options.server, options.address, complaint)) return ParseResult::RUN;
+  std::fprintf(stderr, "zolbots: %s\n", complaint.c_str());
+  return ParseResult::BAD_ARGUMENTS;
 }

@@ -1,4 +1,4 @@
-#include "tools/report.h"
+#include "bots/report.h"
 
 #include <unistd.h>
 
@@ -25,13 +25,13 @@ void print_line(const char* text) {
   std::printf("%s\n", text);
 }
 
-static void print_bytes(const char* title, Bytes bytes) {
+static void print_bytes(const char* title, Datagram bytes) {
   std::printf("    %-10s", title);
   for (const std::uint8_t byte : bytes) std::printf("%02x", byte);
   std::printf("\n");
 }
 
-void report_wrong(const Bot& bot, Bytes datagram, Tally& tally, const char* reason,
+void report_wrong(const Bot& bot, Datagram datagram, Tally& tally, const char* reason,
                   const Expectation* due) {
   ++tally.wrong;
   if (wrong_shown == MAX_WRONG_SHOWN) return;
@@ -43,7 +43,7 @@ void report_wrong(const Bot& bot, Bytes datagram, Tally& tally, const char* reas
   if (due == nullptr) {
     std::printf("    nothing was due\n");
   } else {
-    print_bytes("due", Bytes(due->bytes).first(due->size));
+    print_bytes("due", Datagram(due->bytes).first(due->size));
   }
 }
 

@@ -1,11 +1,11 @@
 // What zolbots prints while it runs and at its end.
 #pragma once
 
-#include "tools/bot.h"
+#include "bots/bot.h"
 
 // Counts the datagram as wrong. The first ten are printed, each with the expectation that was due
 // instead; due is null if there was none.
-void report_wrong(const Bot& bot, Bytes datagram, Tally& tally, const char* reason,
+void report_wrong(const Bot& bot, Datagram datagram, Tally& tally, const char* reason,
                   const Expectation* due);
 
 // On a terminal one line, rewritten twice a second; elsewhere a new line every ten seconds.

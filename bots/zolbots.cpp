@@ -12,14 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "tools/bot.h"
-#include "tools/expectations.h"
-#include "tools/options.h"
-#include "tools/report.h"
+#include "bots/bot.h"
+#include "bots/expectations.h"
+#include "bots/options.h"
+#include "bots/report.h"
 
 static constexpr std::uint64_t SECOND_NS = 1'000'000'000;
-static constexpr int SOCKET_BUFFER = 4 << 20;  // bytes, for bursts and while this process waits
-static constexpr unsigned BATCH = 32;          // datagrams taken off one socket at a time
 static constexpr std::uint64_t JOIN_TIMEOUT_NS = 3 * SECOND_NS;
 static constexpr std::uint64_t SHUTDOWN_WINDOW_NS = SECOND_NS;  // see handle_shutdown
 static constexpr std::uint64_t DRAIN_MIN_NS = SECOND_NS / 5;
@@ -54,16 +52,6 @@ static void catch_signals(sigset_t& ppoll_mask) {
   sigdelset(&ppoll_mask, SIGTERM);
 }
 
-static int open_bot_socket(const sockaddr_in& server) {
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd == -1) return -1;
-  if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &SOCKET_BUFFER, sizeof SOCKET_BUFFER) == -1) {
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &SOCKET_BUFFER, sizeof SOCKET_BUFFER);
-  }
-  if (connect(fd, reinterpret_cast<const sockaddr*>(&server), sizeof server) == -1) return -1;
-  return fd;
-}
-
 static bool start_fleet(const Options& options) {
   fleet.size = options.players;
   fleet.in_order_delivery = ntohl(options.address.sin_addr.s_addr) >> 24U == 127;
@@ -76,7 +64,7 @@ static bool start_fleet(const Options& options) {
     bot.rng = std::uint64_t{options.seed} << 8U | i;
     bot.due_ns = start_ns + fleet.step_ns * i / fleet.size;
     std::snprintf(bot.name.data(), bot.name.size(), "%s-%u", NAMES[i], unsigned{fleet.process_tag});
-    bot.socket = open_bot_socket(options.address);
+    bot.socket = open_client_socket(options.address);
     if (bot.socket == -1) {
       std::perror("zolbots: cannot open a socket to the server");
       return false;
@@ -85,28 +73,16 @@ static bool start_fleet(const Options& options) {
   return true;
 }
 
-// Receives one batch, so that no socket keeps the others waiting. Returns the number of datagrams.
-static unsigned receive_batch(Bot& bot) {
-  static std::array<std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>, BATCH> buffers;
-  static std::array<mmsghdr, BATCH> messages;
-  static std::array<iovec, BATCH> vectors;
-  for (unsigned i = 0; i < BATCH; ++i) {
-    vectors[i] = {buffers[i].data(), buffers[i].size()};
-    messages[i] = {};
-    messages[i].msg_hdr.msg_iov = &vectors[i];
-    messages[i].msg_hdr.msg_iovlen = 1;
-  }
-  const int received = recvmmsg(bot.socket, messages.data(), BATCH, MSG_DONTWAIT, nullptr);
+// Hears one batch, so that no socket keeps the others waiting. Returns the number of datagrams.
+static std::size_t hear_batch(Bot& bot) {
+  const Batch& batch = receive_batch(bot.socket);
   const std::uint64_t now_ns = monotonic_ns();
-  for (int i = 0; i < received; ++i) {
-    const auto index = static_cast<unsigned>(i);
-    hear(bot, Bytes(buffers[index]).first(messages[index].msg_len), now_ns);
-  }
-  return static_cast<unsigned>(std::max(received, 0));
+  for (std::size_t i = 0; i < batch.count; ++i) hear(bot, batch.datagrams[i], now_ns);
+  return batch.count;
 }
 
 // Waits for datagrams until the given time at most. Returns the number of datagrams received.
-static unsigned receive_until(std::uint64_t until_ns, const sigset_t& ppoll_mask) {
+static std::size_t receive_until(std::uint64_t until_ns, const sigset_t& ppoll_mask) {
   std::array<pollfd, MAX_BOTS> waits;
   for (unsigned i = 0; i < fleet.size; ++i) {
     waits[i] = {.fd = fleet.bots[i].socket, .events = POLLIN, .revents = 0};
@@ -116,9 +92,9 @@ static unsigned receive_until(std::uint64_t until_ns, const sigset_t& ppoll_mask
   const timespec rest = {.tv_sec = static_cast<time_t>(rest_ns / SECOND_NS),
                          .tv_nsec = static_cast<long>(rest_ns % SECOND_NS)};
   if (ppoll(waits.data(), fleet.size, &rest, &ppoll_mask) <= 0) return 0;
-  unsigned received = 0;
+  std::size_t received = 0;
   for (unsigned i = 0; i < fleet.size; ++i) {
-    if (waits[i].revents != 0) received += receive_batch(fleet.bots[i]);
+    if (waits[i].revents != 0) received += hear_batch(fleet.bots[i]);
   }
   return received;
 }

@@ -1,0 +1,220 @@
+#include "client/game_picture.h"
+
+#include <algorithm>
+#include <cstring>
+
+using enum ServerCommand;
+
+static constexpr std::uint32_t DAY_MINUTES = 24 * 60;
+
+// Nothing when the datagram is of another size. The server's are always whole.
+template <WireRecord Record>
+static std::optional<Record> record_of(Datagram datagram) {
+  if (datagram.size() != sizeof(Record)) return std::nullopt;
+  Record record;
+  std::memcpy(&record, datagram.data(), sizeof record);
+  return record;
+}
+
+template <std::size_t width>
+static void copy_text(std::array<char, width>& to, const char* from, std::size_t from_width) {
+  to = {};
+  std::memcpy(to.data(), from, strnlen(from, std::min(from_width, width - 1)));
+}
+
+// What the datagrams say about a player. Some of them also show that it sits in a car or does not,
+// and that may be the only news of it: the datagram about getting in or out may have been lost.
+
+static void apply(PlayerPicture& player, const PlayerInfo& info) {
+  if (info.just_entered != 0) player.death_count.reset();
+  player.has_record = true;
+  copy_text(player.name, info.name.data(), info.name.size());
+  player.state = info.state;
+  player.in_car = info.in_car != 0;
+  if (player.in_car) player.car = info.car;
+}
+
+static void apply(PlayerPicture& player, const PlayerStateReply& reply) {
+  player.state.position = reply.position;
+  player.in_car = reply.in_car != 0;
+  if (player.in_car) player.car = reply.car;
+}
+
+static void apply(PlayerPicture& player, const PlayerPosition& relay) {
+  player.state.position = relay.position;
+}
+
+static void apply(PlayerPicture& player, const PlayerFootUpdate& relay) {
+  player.state.state_f1 = relay.state_f1;
+  player.in_car = false;
+}
+
+static void apply(PlayerPicture& player, const PlayerGotCar& relay) {
+  player.state.position = relay.position;
+  player.car = relay.car;
+  player.in_car = true;
+}
+
+static void apply(PlayerPicture& player, const PlayerLeftCar& relay) {
+  player.state.position = relay.position;
+  player.state.state_f1 = relay.state_f1;
+  player.in_car = false;
+}
+
+static void apply(PlayerPicture& player, const PlayerCarBlockA& relay) {
+  player.car.car_block_a = relay.car_block_a;
+  player.in_car = true;
+}
+
+static void apply(PlayerPicture& player, const PlayerCarBlockB& relay) {
+  player.car.car_block_b = relay.car_block_b;
+  player.in_car = true;
+}
+
+static void apply(PlayerPicture& player, const PlayerWeapon& relay) {
+  player.state.state_b = relay.state_b;
+}
+
+static void apply(PlayerPicture& player, const PlayerDied& relay) {
+  player.death_count = relay.death_count;
+  player.in_car = false;
+}
+
+// Returns the player that the datagram is about, null when it is about none.
+template <WireRecord Record>
+static PlayerPicture* hear_about(GamePicture& picture, Datagram datagram) {
+  const auto record = record_of<Record>(datagram);
+  if (!record || record->slot >= PICTURE_SLOTS) return nullptr;
+  PlayerPicture& player = picture.players[record->slot];
+  player.is_here = true;
+  player.unanswered = 0;
+  apply(player, *record);
+  return &player;
+}
+
+template <WireRecord Record>
+static void hear_relay(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  PlayerPicture* player = hear_about<Record>(picture, datagram);
+  if (player != nullptr) player->heard_ms = now_ms;
+}
+
+static void hear_info(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  PlayerPicture* player = hear_about<PlayerInfo>(picture, datagram);
+  if (player == nullptr) return;
+  const bool is_answer = datagram[offsetof(PlayerInfo, just_entered)] == 0;
+  if (!is_answer || player->heard_ms == 0) player->heard_ms = now_ms;
+  player->record_ms = now_ms;
+}
+
+static void hear_left(GamePicture& picture, Datagram datagram) {
+  const auto notice = record_of<PlayerLeft>(datagram);
+  if (!notice || notice->slot >= PICTURE_SLOTS) return;
+  picture.players[notice->slot] = {};
+  if (picture.pinkpanther == notice->slot) picture.pinkpanther = NOBODY;
+}
+
+template <WireRecord Record>
+static void hear_clock(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto clock = record_of<Record>(datagram);
+  if (!clock) return;
+  picture.is_clock_known = true;
+  picture.clock_minutes = (clock->hour * 60U + clock->minute) % DAY_MINUTES;
+  picture.clock_ms = now_ms;
+}
+
+// The slot it names belongs to another player when that one has joined last. Its record is then not
+// among those that follow, so it is noted to be here and asked for.
+static void hear_entered(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  hear_clock<EnterGameReply>(picture, datagram, now_ms);
+  const auto reply = record_of<EnterGameReply>(datagram);
+  if (reply && reply->last_join_slot < PICTURE_SLOTS) {
+    picture.players[reply->last_join_slot].is_here = true;
+  }
+}
+
+static void hear_chat(GamePicture& picture, Datagram datagram) {
+  const auto line = record_of<ChatLine>(datagram);
+  if (!line) return;
+  ChatText& text = picture.chat[picture.chat_count++ % CHAT_LINES];
+  copy_text(text, line->text.data(), line->text.size());
+}
+
+static void hear_pinkpanther(GamePicture& picture, Datagram datagram) {
+  const auto notice = record_of<PinkPanther>(datagram);
+  if (notice) picture.pinkpanther = notice->slot;
+}
+
+// CMD_PLAYER_STATE_FLOATS and CMD_PLAYER_CAR_STATUS name nobody, so nothing can be made of them.
+void hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  if (datagram.empty()) return;
+  switch (ServerCommand{datagram[0]}) {
+    case CMD_ENTER_GAME_REPLY:
+      return hear_entered(picture, datagram, now_ms);
+    case CMD_CHAT_LINE:
+      return hear_chat(picture, datagram);
+    case CMD_PLAYER_INFO:
+      return hear_info(picture, datagram, now_ms);
+    case CMD_PLAYER_STATE:
+      hear_about<PlayerStateReply>(picture, datagram);
+      return;
+    case CMD_PLAYER_LEFT:
+      return hear_left(picture, datagram);
+    case CMD_GAME_CLOCK:
+      return hear_clock<GameClock>(picture, datagram, now_ms);
+    case CMD_PLAYER_POSITION:
+      return hear_relay<PlayerPosition>(picture, datagram, now_ms);
+    case CMD_PLAYER_FOOT_UPDATE:
+      return hear_relay<PlayerFootUpdate>(picture, datagram, now_ms);
+    case CMD_PLAYER_CAR_BLOCK_A:
+      return hear_relay<PlayerCarBlockA>(picture, datagram, now_ms);
+    case CMD_PLAYER_CAR_BLOCK_B:
+      return hear_relay<PlayerCarBlockB>(picture, datagram, now_ms);
+    case CMD_PLAYER_GOT_CAR:
+      return hear_relay<PlayerGotCar>(picture, datagram, now_ms);
+    case CMD_PLAYER_LEFT_CAR:
+      return hear_relay<PlayerLeftCar>(picture, datagram, now_ms);
+    case CMD_PLAYER_WEAPON:
+      return hear_relay<PlayerWeapon>(picture, datagram, now_ms);
+    case CMD_PINKPANTHER:
+      return hear_pinkpanther(picture, datagram);
+    case CMD_PLAYER_DIED:
+      return hear_relay<PlayerDied>(picture, datagram, now_ms);
+    default:
+      return;
+  }
+}
+
+GamePicture picture_of_join(const JoinAccepted& accepted) {
+  GamePicture picture;
+  picture.own_slot = accepted.slot;
+  picture.game_type = accepted.game_type;
+  copy_text(picture.welcome, accepted.welcome_message, sizeof accepted.welcome_message);
+  return picture;
+}
+
+static bool is_in_doubt(const PlayerPicture& player, std::uint64_t now_ms) {
+  const bool is_known = player.has_record && now_ms - player.record_ms < RECORD_AGE_MS;
+  const bool was_asked = player.asked_ms != 0 && now_ms - player.asked_ms < ASK_AGAIN_MS;
+  return player.is_here && !is_known && !was_asked;
+}
+
+// The server does not answer a question about oneself.
+Slot next_question(GamePicture& picture, std::uint64_t now_ms) {
+  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+    PlayerPicture& player = picture.players[slot];
+    if (slot == picture.own_slot || !is_in_doubt(player, now_ms)) continue;
+    if (player.unanswered == MAX_QUESTIONS) {
+      player = {};
+      continue;
+    }
+    ++player.unanswered;
+    player.asked_ms = now_ms;
+    return slot;
+  }
+  return NO_SLOT;
+}
+
+std::uint32_t game_minutes(const GamePicture& picture, std::uint64_t now_ms) {
+  const std::uint64_t passed = (now_ms - picture.clock_ms) / 1000;
+  return static_cast<std::uint32_t>((picture.clock_minutes + passed) % DAY_MINUTES);
+}
