@@ -1,0 +1,47 @@
+// Any datagrams at any time, to a client in any state: what it sends and shows must stay sensible.
+
+#include <cmath>
+
+#include "client/client_session.h"
+#include "fuzz/check.h"
+#include "text/latin1.h"
+#include "view/map.h"
+
+static void check_picture(const GamePicture& picture, std::uint64_t now_ms) {
+  for (const PlayerPicture& player : picture.players) {
+    check(player.name.back() == '\0', "a name ends in its field");
+    check(player.unanswered <= MAX_QUESTIONS, "questions end");
+    check(player.is_here || !player.has_record, "who has a record is here");
+  }
+  for (const ChatText& text : picture.chat) {
+    check(text.back() == '\0', "a line ends in its field");
+    for (const wchar_t each : shown(text.data()))
+      check(each >= L' ', "nothing controls a terminal");
+  }
+  check(game_minutes(picture, now_ms) < 24 * 60, "a time of day");
+}
+
+static void check_map(MapView& view, const GamePicture& picture, std::uint64_t now_ms) {
+  fit_view(view, picture, now_ms);
+  check(std::isfinite(view.side) && std::isfinite(view.middle.x), "the map has a size");
+  for (const PlayerPicture& player : picture.players) {
+    const auto place = place_of(player.state.position);
+    const MapCell cell = cell_of(view, place.value_or(MapPoint{}), 41, 17);
+    check(cell.column >= 0 && cell.column < 41 && cell.row >= 0 && cell.row < 17, "on the map");
+  }
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input input{data, size};
+  ClientSession session;  // without a socket: nothing leaves
+  MapView map;
+  std::uint64_t now_ms = 1'000;
+  while (input.left > 0) {
+    now_ms += input.next() * 100U;
+    session_step(session, now_ms);
+    session_hear(session, input.take(input.next()), now_ms);
+    check_map(map, session.picture, now_ms);
+  }
+  check_picture(session.picture, now_ms);
+  return 0;
+}

@@ -1,0 +1,299 @@
+"""The real zolview in a terminal, on a real server.
+
+Usage: view_test.py ZOLSERVER ZOLVIEW [TEST...]"""
+
+import contextlib
+import fcntl
+import json
+import os
+import pty
+import re
+import select
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import termios
+import threading
+import time
+import unittest
+
+import pyte
+
+from server_case import PATIENCE_S, RULE, Player, ServerCase
+
+ZOLVIEW = os.path.realpath(sys.argv.pop(1))
+MAP_COLUMNS, MAP_ROWS = 41, 17  # of a terminal of 80 columns and 24 rows
+TITLE = "Welcome to this Harn Tor Multiplayer Server - have fun"
+
+
+def state(x=0.0, y=0.0, weapon=0):
+    return struct.pack("<fffxxxxBxxxxxxxxxxx", x, y, float("nan"), weapon)
+
+
+class Guest(Player):
+    """A player of any name, in the game."""
+
+    def __init__(self, port, name, *place, car=None):
+        super().__init__(port)
+        self.socket.send(b"\n" + name.ljust(65, b"\0") + b"\x28\0")
+        self.slot = self.heard()[1]
+        ride = bytes([car is not None, 0, 0, 0, car or 0]) + bytes(63)
+        self.socket.send(b"\x0f\0\0\0" + state(*place) + ride)
+        while self.heard()[0] != 16:
+            pass
+
+    def move(self, x, y):
+        self.socket.send(struct.pack("<Bxxxfff", 100, x, y, 0))
+
+    def heard_of(self, code):
+        while (heard := self.heard())[0] != code:
+            pass
+        return heard
+
+
+class Terminal:
+    """zolview on a pseudo-terminal, and what is to be seen there."""
+
+    def __init__(self, case, *arguments, term="linux", size=(24, 80)):
+        self.case = case
+        self.screen = pyte.Screen(size[1], size[0])
+        self.stream = pyte.ByteStream(self.screen)
+        self.bytes = b""
+        self.master, self.slave = pty.openpty()
+        case.addCleanup(self.hang_up)
+        self.resize(*size)
+        self.before = termios.tcgetattr(self.slave)
+        self.process = subprocess.Popen(
+            [ZOLVIEW, *arguments, f"127.0.0.1:{case.port}"], stdin=self.slave, stdout=self.slave,
+            stderr=self.slave, env={"TERM": term, "LC_ALL": "C.UTF-8"}, start_new_session=True,
+            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
+        )  # fmt: skip
+        case.addCleanup(self.process.wait)
+        case.addCleanup(self.process.kill)
+
+    def hang_up(self):
+        for handle in (self.master, self.slave):
+            with contextlib.suppress(OSError):
+                os.close(handle)
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+        self.screen.resize(rows, columns)
+
+    def press(self, keys):
+        os.write(self.master, keys.encode())
+
+    def read(self, wait_s):
+        if select.select([self.master], [], [], wait_s)[0]:
+            more = os.read(self.master, 65536)
+            self.bytes += more
+            self.stream.feed(more)
+
+    def rows(self):
+        return [row.rstrip() for row in self.screen.display]
+
+    def until(self, is_shown):
+        """Waits until a frame shows it."""
+        end = time.monotonic() + PATIENCE_S
+        while not is_shown(self.rows()):
+            if time.monotonic() > end:
+                self.case.fail("not seen:\n" + "\n".join(self.rows()))
+            self.read(0.05)
+
+    def until_equal(self, seen, expected):
+        self.until(lambda _: seen() == expected)
+
+    def until_text(self, text):
+        self.until(lambda rows: any(text in row for row in rows))
+
+    def map(self):
+        rows = self.screen.display[:MAP_ROWS]
+        return [row[:MAP_COLUMNS].rstrip() for row in rows]
+
+    def marks(self):
+        return [line.strip() for line in self.map() if line]
+
+    def list(self):
+        """The rows of the list, less the time since they were heard of."""
+        rows = self.screen.display[2:MAP_ROWS]
+        return [row[MAP_COLUMNS + 1 :].rsplit(None, 1)[0] for row in rows if row[42:].strip()]
+
+    def colour_of(self, text):
+        for y, row in enumerate(self.screen.display):
+            if text in row:
+                return self.screen.buffer[y][row.index(text)].fg
+        return None
+
+
+class ViewTest(ServerCase):
+    def guest(self, *arguments, **options):
+        guest = Guest(self.port, *arguments, **options)
+        self.addCleanup(guest.socket.close)
+        return guest
+
+    def once(self, *arguments, port=None):
+        return subprocess.run(
+            [ZOLVIEW, "--once", *arguments, f"127.0.0.1:{port or self.port}"], capture_output=True,
+            text=True, timeout=PATIENCE_S, stdin=subprocess.DEVNULL,
+        )  # fmt: skip
+
+    def test_shows_a_played_session(self):
+        self.start_and_wait("GameType=1\n")
+        bob = self.guest(b"Bob", 0, 0, 7)
+        view = Terminal(self, "--name", "Jörg")
+        view.until_equal(view.list, ["0 Bob            foot      7   -"])
+        self.assertEqual(bob.heard_of(42)[3:8], b"J\xf6rg\0")
+        half = MAP_ROWS // 2
+        view.until_equal(view.map, [""] * half + [" " * (MAP_COLUMNS // 2) + "0"] + [""] * half)
+        view.until(lambda rows: re.fullmatch(r"\d\d:\d\d  CatchPinkPanther, 1 player", rows[0][42:]))
+        view.until(lambda rows: rows[MAP_ROWS].startswith(f"── {TITLE} ─"))
+
+        ida = self.guest(b"J\xf6\x1b]0;a\x07\x9b" + bytes([0xFF]) * 56, 5, -3, 1, car=200)
+        view.until_equal(lambda: view.list()[1:], ["2 Jö?]0;a??ÿÿÿÿÿ car 200   1   -"])
+        view.until_equal(view.marks, ["0", "[2]"])
+        ida.socket.send(b"\x66")  # leaves its car
+        ida.socket.send(b"\x7a\x63")  # a weapon
+        ida.socket.send(b"\x67\x05")  # dies
+        ida.move(-5, 3)
+        view.until_equal(view.marks, ["2", "0"])
+        view.until_equal(lambda: view.list()[1:], ["2 Jö?]0;a??ÿÿÿÿÿ foot     99   5"])
+        # Slot 0 became the PinkPanther when the view came; its death passes the role on.
+        view.until(lambda _: view.colour_of("Bob") == "magenta")
+        self.assertNotEqual(view.colour_of("foot     99"), "magenta")
+        bob.socket.send(b"\x67\x01")
+        bob.socket.send(b"\x67\x02")
+        view.until(lambda _: view.colour_of("Bob") != "magenta")
+
+        bob.socket.send(b"\x1fat \x1b[2J\xe4!\0")
+        view.until_text("Bob: at ?[2Jä!")
+        view.press("\nhé\x7fällo 日\n")
+        self.assertEqual(bob.heard_of(30), b"\x1eJ\xf6rg: h\xe4llo ?".ljust(65, b"\0"))
+        view.until_text("Jörg: hällo ?")
+        ida.say(60)
+        view.until(lambda _: len(view.list()) == 1)
+        self.assertNotIn(b"\x1b]0", view.bytes)
+        self.assertEqual(len(view.bytes.split(b"\x1b[2J")), len(view.bytes.split(b"\x1b[H\x1b[2J")))
+
+    def test_knows_no_place_but_all_players_where_there_is_no_room(self):
+        self.start_and_wait("maxClients=32\n")
+        for i in range(30):
+            self.guest(b"" if i == 0 else b"P%d" % i, *[(float("inf"), 0), (1e30, 0), (i, i)][min(i, 2)])
+        view = Terminal(self, term="vt100")
+        view.until_text("and 16 more")
+        view.until_equal(lambda: view.list()[:1], ["0                foot      0   -"])
+        # Neither 0 nor 1 is anywhere.
+        view.until_equal(lambda: "".join(view.marks()[:1])[:1] + "".join(view.marks())[-1:], "t2")
+        for rows, columns in ((1, 1), (5, 20), (2, 200), (45, 132)):
+            view.resize(rows, columns)
+            view.read(0.2)
+        view.until(lambda rows: len(rows) == 45 and rows[31][94:].startswith("t P29"))
+
+    def test_comes_back_when_the_server_does(self):
+        self.start_and_wait()
+        view = Terminal(self)
+        view.until_text(TITLE)
+        self.server.send_signal(signal.SIGTERM)
+        view.until_text("the server has stopped; trying to join again")
+        self.server.wait(PATIENCE_S)
+        self.start(f"Port={self.port}\n")
+        view.until_text(TITLE)
+        self.read_to("Connected!\n")
+        view.until(lambda rows: rows[0][42:].startswith("00:"))
+
+    def test_gives_the_terminal_back(self):
+        self.start_and_wait()
+        for name, end in (
+            ("q", lambda view: view.press("q")),
+            ("Ctrl-C", lambda view: view.press("\x03")),
+            ("SIGTERM", lambda view: view.process.send_signal(signal.SIGTERM)),
+        ):
+            with self.subTest(name):
+                view = Terminal(self, term="xterm")
+                view.until_text(TITLE)
+                self.assertNotEqual(termios.tcgetattr(view.slave), view.before)
+                end(view)
+                self.assertEqual(view.process.wait(PATIENCE_S), 0)
+                view.read(0)
+                self.assertEqual(termios.tcgetattr(view.slave), view.before)
+                self.assertIn(b"\x1b[?1049l", view.bytes)
+                self.read_to("disconnected\n")
+        view = Terminal(self)
+        view.until_text(TITLE)
+        view.hang_up()
+        self.assertEqual(view.process.wait(PATIENCE_S), 0)
+
+    def test_once_says_who_is_on(self):
+        self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')
+        self.read_to(RULE)
+        empty = self.once()
+        self.assertEqual((empty.returncode, empty.stdout), (0, 'Hi "you", CatchPinkPanther, 0 players\n'))
+        self.guest(b"B\xf6b", 1.5, float("nan"), 7, car=9)
+        self.assertEqual(self.once().stdout, 'Hi "you", CatchPinkPanther, 1 player\n'
+                         " 0  car 9    weapon 7    Böb\n")
+        self.assertEqual(json.loads(self.once("--json").stdout), {
+            "welcome": 'Hi "you"', "game_type": 1, "players": [
+                {"slot": 0, "name": "Böb", "position": [1.5, None, None], "car_type": 9, "weapon": 7}],
+        })  # fmt: skip
+        self.guest(b"A")
+        self.guest(b"C")
+        refused = self.once()
+        self.assertEqual((refused.returncode, refused.stderr),
+                         (3, "zolview: Maximum allowed players: 3\n"))
+        nobody = self.once(port=1)
+        self.assertEqual((nobody.returncode, nobody.stderr),
+                         (1, "zolview: nobody answers at 127.0.0.1:1\n"))
+        for arguments in (["--once"], ["--json", "x"], ["--name", "n" * 64, "x"], ["x", "y"], ["x"], []):
+            wrong = subprocess.run([ZOLVIEW, *arguments], capture_output=True, stdin=subprocess.DEVNULL)
+            self.assertEqual((wrong.returncode, wrong.stderr[:9]), (2, b"zolview: "), arguments)
+
+    def relay(self):
+        """A way to the server that loses the first datagram of each kind, of records that about each
+        player, and swaps every fifth with the one behind it."""
+        near, far = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+        near.bind(("127.0.0.1", 0))
+        far.connect(("127.0.0.1", self.port))
+        done = threading.Event()
+
+        def work():
+            seen, held, client, count = set(), [], None, 0
+            while not done.is_set():
+                ready = select.select([near, far], [], [], 0.02)[0]
+                for source in ready:
+                    datagram, sender = source.recvfrom(300)
+                    client = sender if source is near else client
+                    kind = (source, datagram[:2] if datagram[0] in (40, 42) else datagram[:1])
+                    if kind in seen:
+                        held.append((source, datagram))
+                        count += 1
+                    seen.add(kind)
+                if ready and count % 5 == 0 and len(held) == 1:
+                    continue
+                while held:
+                    source, datagram = held.pop()
+                    far.send(datagram) if source is near else near.sendto(datagram, client)
+
+        thread = threading.Thread(target=work)
+        thread.start()
+        self.addCleanup(far.close)
+        self.addCleanup(near.close)
+        self.addCleanup(thread.join)
+        self.addCleanup(done.set)
+        return near.getsockname()[1]
+
+    def test_sees_all_through_a_bad_network(self):
+        self.start_and_wait("maxClients=32\n")
+        guests = [self.guest(b"P%d" % i, i, i) for i in range(5)]
+        self.port = self.relay()
+        self.assertEqual(self.once().stdout.count("\n"), 6)
+        view = Terminal(self)
+        view.until_text("5 players")
+        for guest in guests[1:]:
+            guest.move(50, 50)
+            guest.say(60)
+        view.until_text("1 player")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,145 @@
+#include "view/once.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "client/client_session.h"
+#include "text/latin1.h"
+#include "view/monotonic.h"
+
+// Datagrams may be lost: a join is tried so often, and questions are asked until so many rounds in
+// a row have brought nobody new.
+static constexpr int JOIN_TRIES = 4;
+static constexpr int QUIET_ROUNDS = 3;
+static constexpr std::uint64_t JOIN_WAIT_MS = 1'000;
+// Answers still count as under way for some times the way there and back.
+static constexpr std::uint64_t MIN_SILENCE_MS = 200;
+static constexpr std::uint64_t SILENCE_FACTOR = 4;
+static constexpr std::uint64_t ASKING_MS = 10'000;  // then what is known is shown
+
+static bool is_waiting(const ClientSession& session) {
+  return session.state == SessionState::JOINING && session.refusal[0] == '\0';
+}
+
+// Hears what comes until nothing has come for so long, but not past the end, and while joining
+// until the answer. False on an error: nobody listens there.
+static bool hear_answers(ClientSession& session, std::uint64_t silence_ms, std::uint64_t end_ms) {
+  const bool is_joining = is_waiting(session);
+  pollfd wait{.fd = session.socket, .events = POLLIN, .revents = 0};
+  while (monotonic_ms() < end_ms && poll(&wait, 1, static_cast<int>(silence_ms)) == 1) {
+    const Batch& batch = receive_batch(session.socket);
+    if (batch.count == 0) return false;
+    for (std::size_t i = 0; i < batch.count; ++i)
+      session_hear(session, batch.datagrams[i], monotonic_ms());
+    if (is_joining && !is_waiting(session)) return true;
+  }
+  return true;
+}
+
+// Returns the way there and back in milliseconds.
+static std::uint64_t join(ClientSession& session) {
+  std::uint64_t sent_ms = 0;
+  for (int i = 0; i < JOIN_TRIES && is_waiting(session); ++i) {
+    session.due_ms = sent_ms = monotonic_ms();
+    session_step(session, sent_ms);
+    if (!hear_answers(session, JOIN_WAIT_MS, sent_ms + JOIN_WAIT_MS)) break;
+  }
+  return monotonic_ms() - sent_ms;
+}
+
+static std::ptrdiff_t known_players(const GamePicture& picture) {
+  return std::ranges::count_if(picture.players, &PlayerPicture::has_record);
+}
+
+static void ask_for_all(ClientSession& session, std::uint64_t silence_ms) {
+  const GamePicture& picture = session.picture;
+  const std::uint64_t end_ms = monotonic_ms() + ASKING_MS;
+  for (int quiet_rounds = 0; quiet_rounds < QUIET_ROUNDS && monotonic_ms() < end_ms;) {
+    const std::ptrdiff_t known_before = known_players(picture);
+    for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+      if (picture.players[slot].has_record || slot == picture.own_slot) continue;
+      const SlotQuery question{.command = ClientCommand::CMD_GET_PLAYER_INFO, .slot = slot};
+      send_datagram(session.socket, datagram_of(question));
+    }
+    hear_answers(session, silence_ms, end_ms);
+    quiet_rounds = known_players(picture) > known_before ? 0 : quiet_rounds + 1;
+  }
+}
+
+static std::string number_text(FloatBits bits) {
+  const auto number = std::bit_cast<float>(bits);
+  if (!std::isfinite(number)) return "null";  // JSON has no other word for it
+  char text[32];
+  std::snprintf(text, sizeof text, "%.9g", static_cast<double>(number));
+  return text;
+}
+
+static std::string json_of_player(Slot slot, const PlayerPicture& player) {
+  std::string text = "{\"slot\":" + std::to_string(slot);
+  text += ",\"name\":" + json_string(player.name.data()) + ",\"position\":[";
+  for (std::size_t i = 0; i < player.state.position.size(); ++i) {
+    if (i > 0) text += ',';
+    text += number_text(player.state.position[i]);
+  }
+  text += "],\"car_type\":";
+  text += player.in_car ? std::to_string(player.car.car_type) : "null";
+  return text + ",\"weapon\":" + std::to_string(player.state.state_b) + "}";
+}
+
+static void print_json(const GamePicture& picture) {
+  std::string players;
+  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+    const PlayerPicture& player = picture.players[slot];
+    if (!player.has_record) continue;
+    if (!players.empty()) players += ',';
+    players += json_of_player(slot, player);
+  }
+  std::printf("{\"welcome\":%s,\"game_type\":%d,\"players\":[%s]}\n",
+              json_string(picture.welcome.data()).c_str(), picture.game_type, players.c_str());
+}
+
+static void print_table(const GamePicture& picture) {
+  std::string lines;
+  int count = 0;
+  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+    const PlayerPicture& player = picture.players[slot];
+    if (!player.has_record) continue;
+    ++count;
+    const std::string ride =
+        player.in_car ? "car " + std::to_string(player.car.car_type) : "on foot";
+    char line[64];
+    std::snprintf(line, sizeof line, "%2u  %-8s weapon %-3u  ", unsigned{slot}, ride.c_str(),
+                  unsigned{player.state.state_b});
+    lines += line + printable(player.name.data()) + "\n";
+  }
+  std::printf("%s, %s, %d %s\n%s", printable(picture.welcome.data()).c_str(),
+              game_type_name(picture.game_type), count, count == 1 ? "player" : "players",
+              lines.c_str());
+}
+
+static int complain(const char* problem, const std::string& detail, int status) {
+  std::fprintf(stderr, "zolview: %s%s\n", problem, detail.c_str());
+  return status;
+}
+
+int show_once(const ViewOptions& options) {
+  ClientSession session{.socket = open_client_socket(options.server)};
+  if (session.socket == -1) return complain("no way to the server: ", std::strerror(errno), 1);
+  std::copy(options.name.begin(), options.name.end(), session.name.begin());
+  const std::uint64_t round_trip_ms = join(session);
+  if (session.refusal[0] != '\0') return complain("", printable(session.refusal.data()), 3);
+  if (is_waiting(session)) return complain("nobody answers at ", options.server_text, 1);
+  ask_for_all(session, std::clamp(SILENCE_FACTOR * round_trip_ms, MIN_SILENCE_MS, JOIN_WAIT_MS));
+  session_leave(session);
+  close(session.socket);
+  options.json ? print_json(session.picture) : print_table(session.picture);
+  return 0;
+}

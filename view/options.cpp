@@ -1,0 +1,65 @@
+#include "view/options.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <string_view>
+
+#include "client/server_connection.h"
+#include "text/latin1.h"
+
+static constexpr const char* HELP =
+    "usage: zolview [--name NAME] HOST[:PORT]\n"
+    "       zolview --once [--json] HOST[:PORT]\n"
+    "\n"
+    "Shows a running game of a ZOL Server: a map of who is where, a list, the chat.\n"
+    "\n"
+    "  --name NAME  what the others see, \"Spectator\" by default\n"
+    "  --once       prints one table of who is on, and ends\n"
+    "  --json       prints it as one JSON object\n"
+    "\n"
+    "In the view: Enter begins and sends a line of chat, Esc drops it, q ends.\n"
+    "Exit status: 0 all was well, 1 nobody answers, 2 bad arguments, 3 the server refused.\n";
+
+static ParseResult complain(const std::string& text) {
+  std::fprintf(stderr, "zolview: %s\n", text.c_str());
+  return ParseResult::BAD_ARGUMENTS;
+}
+
+static ParseResult check_options(ViewOptions& options) {
+  if (options.server_text == nullptr) return complain("which server? see --help");
+  if (options.json && !options.once) return complain("--json goes with --once");
+  if (options.name.empty() || options.name.size() >= NAME_WIDTH) {
+    return complain("a name has 1 to 63 characters");
+  }
+  std::string complaint;
+  if (!options.once && (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)) {
+    return complain("the view needs a terminal; --once prints a table anywhere");
+  }
+  if (!resolve_server(options.server_text, options.server, complaint)) return complain(complaint);
+  return ParseResult::RUN;
+}
+
+ParseResult parse_view_options(int count, char** arguments, ViewOptions& options) {
+  for (int i = 1; i < count; ++i) {
+    const std::string_view argument = arguments[i];
+    if (argument == "--help") {
+      std::fputs(HELP, stdout);
+      return ParseResult::HELP_SHOWN;
+    }
+    if (argument == "--once") {
+      options.once = true;
+    } else if (argument == "--json") {
+      options.json = true;
+    } else if (argument == "--name") {
+      if (++i == count) return complain("--name needs a value");
+      options.name = latin1_of(arguments[i]);
+    } else if (argument.starts_with('-') || options.server_text != nullptr) {
+      return complain("takes no argument like \"" + std::string(argument) + "\"; see --help");
+    } else {
+      options.server_text = arguments[i];
+    }
+  }
+  return check_options(options);
+}

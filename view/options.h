@@ -1,0 +1,19 @@
+// The command line of zolview.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <string>
+
+struct ViewOptions {
+  std::string name = "Spectator";  // in Latin-1
+  const char* server_text = nullptr;
+  sockaddr_in server{};
+  bool once = false;
+  bool json = false;
+};
+
+enum class ParseResult { RUN, HELP_SHOWN, BAD_ARGUMENTS };
+
+// Prints to standard error what is wrong with bad arguments.
+ParseResult parse_view_options(int count, char** arguments, ViewOptions& options);

@@ -1,0 +1,108 @@
+// Shows a running game.
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "view/monotonic.h"
+#include "view/once.h"
+#include "view/options.h"
+#include "view/screen.h"
+
+static constexpr int FRAME_MS = 100;
+
+static volatile std::sig_atomic_t stop_requested = 0;
+
+static void on_signal(int /*signal*/) {
+  stop_requested = 1;
+}
+
+static void show_event(ViewState& view, SessionEvent event) {
+  switch (event) {
+    case SessionEvent::NONE:
+      return;
+    case SessionEvent::JOINED:
+    case SessionEvent::ENTERED:
+      view.status = view.session.picture.welcome.data();
+      return;
+    case SessionEvent::REFUSED:
+      view.status = std::string("refused, will try again: ") + view.session.refusal.data();
+      return;
+    case SessionEvent::STOPPED:
+      view.status = "the server has stopped; trying to join again";
+      return;
+    case SessionEvent::FORGOTTEN:
+      view.status = "nothing heard from the server; trying to join again";
+      return;
+  }
+}
+
+static void take_datagrams(ViewState& view) {
+  for (std::size_t count = RECEIVE_BATCH; count == RECEIVE_BATCH;) {
+    const Batch& batch = receive_batch(view.session.socket);
+    count = batch.count;
+    for (std::size_t i = 0; i < count; ++i) {
+      show_event(view, session_hear(view.session, batch.datagrams[i], monotonic_ms()));
+    }
+  }
+}
+
+// False when the person wants to quit.
+static bool take_keys(ViewState& view) {
+  KeyResult result = KeyResult::TAKEN;
+  while (result == KeyResult::TAKEN) result = screen_take_key(view);
+  return result != KeyResult::QUIT;
+}
+
+static void run(ViewState& view) {
+  std::uint64_t drawn_ms = 0;
+  while (stop_requested == 0) {
+    pollfd waits[] = {{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
+                      {.fd = view.session.socket, .events = POLLIN, .revents = 0}};
+    poll(waits, std::size(waits), FRAME_MS);
+    const bool has_terminal = (waits[0].revents & (POLLHUP | POLLERR)) == 0;
+    if (!has_terminal || !take_keys(view)) return;
+    take_datagrams(view);
+    const std::uint64_t now_ms = monotonic_ms();
+    show_event(view, session_step(view.session, now_ms));
+    if (now_ms - drawn_ms < FRAME_MS) continue;
+    drawn_ms = now_ms;
+    screen_draw(view, now_ms);
+  }
+}
+
+static int show_game(const ViewOptions& options) {
+  static ViewState view;
+  view.session.socket = open_client_socket(options.server);
+  if (view.session.socket == -1) {
+    std::perror("zolview: no way to the server");
+    return EXIT_FAILURE;
+  }
+  std::copy(options.name.begin(), options.name.end(), view.session.name.begin());
+  view.status = std::string("joining ") + options.server_text;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, on_signal);
+  screen_open();
+  run(view);
+  screen_close();
+  session_leave(view.session);
+  return EXIT_SUCCESS;
+}
+
+int main(int count, char** arguments) {
+  ViewOptions options;
+  switch (parse_view_options(count, arguments, options)) {
+    case ParseResult::HELP_SHOWN:
+      return EXIT_SUCCESS;
+    case ParseResult::BAD_ARGUMENTS:
+      return 2;
+    case ParseResult::RUN:
+      break;
+  }
+  return options.once ? show_once(options) : show_game(options);
+}
