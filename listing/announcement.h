@@ -1,0 +1,25 @@
+// What a server says of itself to the list, taken from the query of its request.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+inline constexpr std::size_t MAX_NAME = 31;  // characters, as servers cut their own
+inline constexpr std::size_t MAX_OS = 8;
+
+struct Announcement {
+  std::string name;  // UTF-8, without control characters
+  std::string os;    // likewise
+  int players = 0;
+  int max_players = 0;
+  int game_type = 0;  // 0: Deathmatch, 1: CatchPinkPanther
+  int port = 0;
+  int version = 0;
+  bool is_removal = false;
+};
+
+// Nothing when a value is missing or not allowed. Where a key is given twice, the last one counts:
+// servers do not escape their name, which comes first, so a '&' in it may bring in keys of its own.
+std::optional<Announcement> read_announcement(std::string_view query);
