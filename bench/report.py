@@ -38,11 +38,12 @@ def compare(samples, players, what, metric, decimals, bound):
 def row_of_calls(calls):
     """Twentieths are left for a load driver that falls behind: the server then waits."""
     receives, sends = calls.pop("recvfrom", 0), calls.pop("sendmmsg", 0)
-    others = sum(calls.values())
+    # Each count is a difference of two, so none may come out a little below 0.
+    others = max(sum(calls.values()), 0)
     return Row("System calls an update at full load",
                f"{receives:.2f} recvfrom, {sends:.2f} sendmmsg, {others:.2f} others",
                bound="1 recvfrom, 1 sendmmsg",
-               met=max(abs(receives - 1), abs(sends - 1), abs(others)) < 0.05)
+               met=max(abs(receives - 1), abs(sends - 1), others) < 0.05)
 
 
 def make_rows(samples):
