@@ -2,13 +2,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 
+#include "config/config_reader.h"
 #include "config/server_config.h"
 #include "util/console.h"
 #include "util/number.h"
@@ -17,18 +16,6 @@
 constinit ServerConfig server_config;
 
 namespace {
-
-// Widths in bytes, the terminating NUL included. Longer keys and values are cut.
-constexpr std::size_t KEY_WIDTH = 64;
-constexpr std::size_t VALUE_WIDTH = 64;
-
-struct ConfigReader {
-  std::FILE* file;
-  // Counts the characters of a text value and receives numbers. It is never reset between lines:
-  // where no number can be read, the last count or number stands in for it.
-  std::int32_t work_integer = 0;
-  char value[VALUE_WIDTH] = "";
-};
 
 bool is_line_end(int c) {
   return c == '\n' || c == '\r';
@@ -74,109 +61,96 @@ void read_number(ConfigReader& reader) {
 }
 
 template <std::size_t width>
-void set_text(ConfigReader& reader, const char* key, char (&field)[width]) {
+bool set_text(ConfigReader& reader, const char* key, char (&field)[width]) {
   read_text(reader);
-  if (reader.value[0] == '\0') {
-    console_print("Wrong value %s in config file. Using default Value: %s \n", key, field);
-  } else {
+  const bool is_good = reader.value[0] != '\0';
+  if (is_good) {
     copy_text(field, reader.value);
+  } else {
+    reader.print("Wrong value %s in config file. Using default Value: %s \n", key, field);
   }
+  return is_good;
 }
 
-void set_server_name(ConfigReader& reader) {
-  set_text(reader, "ServerName", server_config.ServerName);
+bool set_server_name(ConfigReader& reader) {
+  return set_text(reader, "ServerName", server_config.ServerName);
 }
 
-void set_welcome_message(ConfigReader& reader) {
-  set_text(reader, "WelcomeMessage", server_config.WelcomeMessage);
-  console_print("%s \n", reader.value);
+bool set_welcome_message(ConfigReader& reader) {
+  const bool is_good = set_text(reader, "WelcomeMessage", server_config.WelcomeMessage);
+  reader.print("%s \n", reader.value);
+  return is_good;
 }
 
 // Scanning goes on right behind the number, unlike after every other key.
-void set_max_clients(ConfigReader& reader) {
+bool set_max_clients(ConfigReader& reader) {
   read_number(reader);
-  if (reader.work_integer >= MIN_CLIENTS && reader.work_integer <= MAX_CLIENTS) {
+  const bool is_good = reader.work_integer >= MIN_CLIENTS && reader.work_integer <= MAX_CLIENTS;
+  if (is_good) {
     server_config.maxClients = reader.work_integer;
   } else {
-    console_print("Wrong value maxClients in config file. Using default Value: %d \n",
-                  server_config.maxClients);
+    reader.print("Wrong value maxClients in config file. Using default Value: %d \n",
+                 server_config.maxClients);
   }
+  return is_good;
 }
 
-void set_announce_server(ConfigReader& reader) {
+bool set_announce_server(ConfigReader& reader) {
   read_word(reader);
-  if (compare_ignoring_case(reader.value, "true") == 0) {
-    server_config.AnnounceServer = 1;
-  } else if (compare_ignoring_case(reader.value, "false") == 0) {
-    server_config.AnnounceServer = 0;
+  const bool is_true = compare_ignoring_case(reader.value, "true") == 0;
+  const bool is_good = is_true || compare_ignoring_case(reader.value, "false") == 0;
+  if (is_good) {
+    server_config.AnnounceServer = is_true ? 1 : 0;
   } else {
-    console_print("Wrong value AnnounceServer in config file. Using default Value: %s\n",
-                  server_config.AnnounceServer != 0 ? "TRUE" : "FALSE");
+    reader.print("Wrong value AnnounceServer in config file. Using default Value: %s\n",
+                 server_config.AnnounceServer != 0 ? "TRUE" : "FALSE");
   }
   skip_rest_of_line(reader.file);
+  return is_good;
 }
 
-void set_game_type(ConfigReader& reader) {
+bool set_game_type(ConfigReader& reader) {
   read_number(reader);
-  if (reader.work_integer == DEATHMATCH || reader.work_integer == CATCH_PINKPANTHER) {
+  const bool is_good =
+      reader.work_integer == DEATHMATCH || reader.work_integer == CATCH_PINKPANTHER;
+  if (is_good) {
     server_config.GameType = static_cast<std::uint8_t>(reader.work_integer);
   } else {
-    console_print("Wrong value GameType in config file. Using default Value: %d (%s)\n",
-                  server_config.GameType,
-                  server_config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther");
+    reader.print("Wrong value GameType in config file. Using default Value: %d (%s)\n",
+                 server_config.GameType,
+                 server_config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther");
   }
   skip_rest_of_line(reader.file);
+  return is_good;
 }
 
-void set_port(ConfigReader& reader) {
+bool set_port(ConfigReader& reader) {
   read_word(reader);
-  if (text_to_int32(reader.value) > 0) {
+  const bool is_good = text_to_int32(reader.value) > 0;
+  if (is_good) {
     copy_text(server_config.Port, reader.value);
   } else {
-    console_print("Wrong value Port in config file. Using default Value: %s\n", server_config.Port);
+    reader.print("Wrong value Port in config file. Using default Value: %s\n", server_config.Port);
   }
   skip_rest_of_line(reader.file);
+  return is_good;
 }
-
-struct ConfigKey {
-  const char* name;
-  void (*set)(ConfigReader& reader);
-};
-
-constexpr std::array<ConfigKey, 6> CONFIG_KEYS = {{
-    {"ServerName", set_server_name},
-    {"maxClients", set_max_clients},
-    {"AnnounceServer", set_announce_server},
-    {"GameType", set_game_type},
-    {"Port", set_port},
-    {"WelcomeMessage", set_welcome_message},
-}};
 
 // An unknown key drops nothing but itself: its value becomes the beginning of the next key.
-void set_key(ConfigReader& reader, const char* name) {
+KeyResult set_key(ConfigReader& reader) {
   for (const ConfigKey& key : CONFIG_KEYS) {
-    if (compare_ignoring_case(name, key.name) == 0) return key.set(reader);
+    if (compare_ignoring_case(reader.key, key.name) != 0) continue;
+    return key.set(reader) ? KeyResult::TAKEN : KeyResult::REFUSED;
   }
+  return KeyResult::UNKNOWN;
 }
 
-void read_settings(ConfigReader& reader) {
-  for (int c = std::getc(reader.file); c != EOF; c = std::getc(reader.file)) {
-    if (c == '#') {
-      skip_rest_of_line(reader.file);
-    } else if (!is_line_end(c) && c != ' ' && c != '\t') {
-      char key[KEY_WIDTH];
-      read_key(reader.file, c, key);
-      set_key(reader, key);
-    }
-  }
-}
-
-void complain(const char* name, const char* reason) {
+void complain_on_stderr(const char* name, const char* reason) {
   std::fprintf(stderr, "%s: %s\n", name, reason);
 }
 
 // What is no file counts as an empty one: a pipe may never be written to, a device may never end.
-std::FILE* open_settings(const char* name) {
+std::FILE* open_one(const char* name, void (*complain)(const char* name, const char* reason)) {
   int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (handle == -1) {
     if (errno != ENOENT) complain(name, std::strerror(errno));
@@ -193,14 +167,42 @@ std::FILE* open_settings(const char* name) {
 
 }  // namespace
 
+const std::array<ConfigKey, 6> CONFIG_KEYS = {{
+    {"ServerName", set_server_name},
+    {"maxClients", set_max_clients},
+    {"AnnounceServer", set_announce_server},
+    {"GameType", set_game_type},
+    {"Port", set_port},
+    {"WelcomeMessage", set_welcome_message},
+}};
+
+bool read_setting(ConfigReader& reader) {
+  for (int c = std::getc(reader.file); c != EOF; c = std::getc(reader.file)) {
+    if (c == '#') {
+      skip_rest_of_line(reader.file);
+    } else if (!is_line_end(c) && c != ' ' && c != '\t') {
+      reader.key_offset = std::ftell(reader.file) - 1;
+      read_key(reader.file, c, reader.key);
+      reader.result = set_key(reader);
+      return true;
+    }
+  }
+  return false;
+}
+
+std::FILE* open_settings(void (*complain)(const char* name, const char* reason)) {
+  std::FILE* file = open_one("zolserver.cfg", complain);
+  return file != nullptr ? file : open_one("zolserver.conf", complain);
+}
+
 void config_load() {
-  std::FILE* file = open_settings("zolserver.cfg");
-  if (file == nullptr) file = open_settings("zolserver.conf");
+  std::FILE* file = open_settings(complain_on_stderr);
   if (file == nullptr) {
     console_print("Could not open zolserver.cfg / zolserver.conf - Using defaults\n");
     return;
   }
-  ConfigReader reader{.file = file};
-  read_settings(reader);
+  ConfigReader reader{.file = file, .print = console_print};
+  while (read_setting(reader)) {
+  }
   std::fclose(file);
 }

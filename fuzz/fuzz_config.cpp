@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string>
 
+#include "check/doubts.h"
 #include "config/server_config.h"
 #include "fuzz/check.h"
 
@@ -40,6 +41,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check_field(loaded.WelcomeMessage);
   load(text);
   check(std::memcmp(&loaded, &server_config, sizeof loaded) == 0, "twice gives the same");
+  server_config = {};
+  std::FILE* file = fmemopen(config_text.data(), config_text.size(), "r");
+  read_with_doubts(file);
+  std::fclose(file);
+  check(std::memcmp(&loaded, &server_config, sizeof loaded) == 0, "zolcheck reads the same");
   server_config = {};
   load("\r\n#Port=1\n " + text);
   check(std::memcmp(&loaded, &server_config, sizeof loaded) == 0, "a comment changes nothing");

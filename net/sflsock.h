@@ -15,6 +15,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 
 enum SocketError : std::int32_t {
@@ -50,9 +51,13 @@ inline constexpr std::size_t MAX_DESTINATIONS = 32;
 int socket_layer_start();
 int socket_layer_stop();
 
-// Opens a non-blocking UDP socket on all local addresses. The port text is a name from the
-// services database or else a decimal number, of which the low 16 bits count; text behind the
-// number is ignored. Returns the handle, or -1 with socket_error_code set.
+// The port to bind for a service, "udp" or "tcp", in network byte order; none when the text gives
+// none. The text is a name from the services database or else a decimal number, clamped to
+// 2,147,483,647, of which the low 16 bits count; text behind the number is ignored.
+std::optional<in_port_t> port_to_bind(const char* service, const char* protocol);
+
+// Opens a non-blocking UDP socket on all local addresses, on the port of this text. Returns the
+// handle, or -1 with socket_error_code set.
 int udp_open_port(const char* port_text);
 
 // Whether a send from this socket to this address could leave: false for port 0, for an unroutable

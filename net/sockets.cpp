@@ -75,9 +75,8 @@ int new_inet_socket(const char* protocol) {
   return handle;
 }
 
-// The port to bind in network byte order; none when the text gives none. Only the low 16 bits of a
-// number count. A known service is taken as it is, only a number is tested.
-static std::optional<in_port_t> port_to_bind(const char* service, const char* protocol) {
+// A known service is taken as it is, only a number is tested.
+std::optional<in_port_t> port_to_bind(const char* service, const char* protocol) {
   const std::int64_t offset = socket_layer_state.port_offset;
   const std::optional<std::uint16_t> known = find_service_port(service, protocol);
   const std::int64_t port = known.value_or(static_cast<std::uint16_t>(text_to_int32(service)));

@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "check/doubts.h"
 #include "config/server_config.h"
 #include "tests/bytes.h"
 
@@ -45,6 +46,18 @@ std::string load(const std::optional<std::string>& cfg, const std::optional<std:
   return testing::internal::GetCapturedStdout();
 }
 
+// What zolcheck finds in the same file, a line each, and what it takes the settings to be.
+std::string doubts_of(std::string file) {
+  std::string found;
+  server_config = ServerConfig{.WelcomeMessage = "w"};
+  std::FILE* stream = fmemopen(file.data(), file.size(), "r");
+  for (const Doubt& doubt : read_with_doubts(stream)) {
+    found += std::to_string(doubt.line) + ": " + doubt.text + "\n";
+  }
+  std::fclose(stream);
+  return found;
+}
+
 // What the words behind the first mean.
 std::string text_of(const std::string& line) {
   const Bytes bytes = bytes_of(line.substr(line.find(' ')));
@@ -53,14 +66,20 @@ std::string text_of(const std::string& line) {
 
 TEST(ConfigTest, ReadsFilesToTheLetter) {
   std::ifstream cases(CASES);
-  std::string file, printed;
+  std::string file, printed, doubts;
   int count = 0;
   for (std::string line; std::getline(cases, line);) {
-    if (line.starts_with("file ")) file = text_of(line), printed = "";
+    if (line.starts_with("file ")) file = text_of(line), printed = doubts = "";
     if (line.starts_with("prints ")) printed += text_of(line) + "\n";
+    if (line.starts_with("doubts ")) doubts += text_of(line) + "\n";
     if (!line.starts_with("gives ")) continue;
     EXPECT_EQ(load(file, std::nullopt), printed) << file;
     EXPECT_EQ(settings(), text_of(line)) << file;
+    const std::string found = doubts_of(file);
+    EXPECT_EQ(settings(), text_of(line)) << file;
+    if (!doubts.empty()) {
+      EXPECT_EQ(found, doubts) << file;
+    }
     ++count;
   }
   EXPECT_GT(count, 25);

@@ -1,0 +1,272 @@
+#include "check/doubts.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cctype>
+#include <map>
+#include <numeric>
+#include <string_view>
+
+#include "config/config_reader.h"
+#include "config/server_config.h"
+#include "net/sflsock.h"
+#include "util/number.h"
+#include "util/sflstr.h"
+
+namespace {
+
+constexpr std::int32_t FIRST_FREE_PORT = 1024;
+constexpr std::size_t MAX_QUOTED = 63;
+constexpr std::string_view BLANKS = " \t\n\v\f\r";
+constexpr std::string_view LINE_ENDS = "\r\n";
+constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t begin = text.find_first_not_of(BLANKS);
+  if (begin == text.npos) return {};
+  return text.substr(begin, text.find_last_not_of(BLANKS) - begin + 1);
+}
+
+bool is_alike(std::string_view left, const char* right) {
+  return compare_ignoring_case(std::string(left).c_str(), right) == 0;
+}
+
+const char* known_key(std::string_view text) {
+  for (const ConfigKey& key : CONFIG_KEYS) {
+    if (is_alike(text, key.name)) return key.name;
+  }
+  return nullptr;
+}
+
+// How many letters must be put in, left out or changed to make one word of the other.
+std::size_t distance(std::string_view left, std::string_view right) {
+  std::vector<std::size_t> row(right.size() + 1);
+  std::iota(row.begin(), row.end(), 0);
+  for (std::size_t i = 0; i < left.size(); ++i) {
+    std::size_t diagonal = row[0]++;
+    for (std::size_t j = 0; j < right.size(); ++j) {
+      const bool is_equal = std::tolower(left[i]) == std::tolower(right[j]);
+      const std::size_t changed = diagonal + (is_equal ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({changed, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+std::string nearest_key(std::string_view word) {
+  const auto nearest = std::ranges::min_element(
+      CONFIG_KEYS, {}, [word](const ConfigKey& key) { return distance(word, key.name); });
+  const std::string_view name = nearest->name;
+  return distance(word, name) <= name.size() / 2 ? "; is it " + std::string(name) + "?" : "";
+}
+
+struct Reading {
+  std::string text;  // the whole file
+  std::vector<Doubt> doubts{};
+  std::map<std::string_view, std::size_t> lines{};  // of the known keys, where they stood last
+  const char* key_before = nullptr;                 // null when it was unknown
+};
+
+// A key and its value, each as long as the server read on.
+struct Step {
+  std::size_t begin;  // of the key, in the file
+  std::string_view key;
+  std::string_view value;
+  const char* known;  // the key's name as the documents write it; null when it is unknown
+  bool is_taken;
+};
+
+std::size_t line_at(std::string_view text, std::size_t offset) {
+  std::size_t line = 1;
+  for (std::size_t i = 0; i < offset; ++i) {
+    if (text[i] == '\n' || (text[i] == '\r' && text.substr(i + 1, 1) != "\n")) ++line;
+  }
+  return line;
+}
+
+void doubt(Reading& reading, std::size_t offset, std::string text) {
+  reading.doubts.push_back({line_at(reading.text, offset), std::move(text)});
+}
+
+std::string_view first_line(std::string_view text) {
+  return trimmed(text.substr(0, text.find_first_of(LINE_ENDS)));
+}
+
+bool begins_its_line(std::string_view text, std::size_t offset) {
+  const std::string_view before = text.substr(0, offset);
+  return trimmed(before.substr(before.find_last_of(LINE_ENDS) + 1)).empty();
+}
+
+std::string what_is_wrong_with(std::string_view key) {
+  const std::string_view word = first_line(key);
+  if (key.starts_with(BYTE_ORDER_MARK))
+    return "the file begins with a byte-order mark; save it without";
+  if (word.starts_with(';') || word.starts_with("//")) return "a comment begins with #";
+  if (word.starts_with('[')) return "there are no sections: " + quoted(word) + " is read as a key";
+  if (key.find_first_of(LINE_ENDS) != key.npos) return "no = behind " + quoted(word);
+  const char* known = known_key(word);
+  if (known != nullptr) return "no blank may stand before the = of " + std::string(known);
+  return "unknown key " + quoted(word) + nearest_key(word);
+}
+
+// An unknown key runs on to the next =, and its value becomes the beginning of another key. So it
+// takes the keys that follow it with it.
+void explain_unknown(Reading& reading, const Step& step) {
+  if (begins_its_line(reading.text, step.begin)) {
+    doubt(reading, step.begin, what_is_wrong_with(step.key));
+  } else if (reading.key_before != nullptr) {
+    doubt(
+        reading, step.begin,
+        "behind the number of " + std::string(reading.key_before) +
+            " stands more than a comment, which is read as a key: " + quoted(first_line(step.key)));
+  }
+  const std::size_t line_end = step.key.find_last_of(LINE_ENDS);
+  if (line_end == step.key.npos) return;
+  const char* lost = known_key(trimmed(step.key.substr(line_end + 1)));
+  if (lost == nullptr) return;
+  const std::size_t line = line_at(reading.text, step.begin);
+  doubt(reading, step.begin + line_end + 1,
+        std::string(lost) + " is not read: it counts as a part of line " + std::to_string(line));
+}
+
+std::string value_of(const char* key) {
+  const ServerConfig& config = server_config;
+  const std::string_view name = key;
+  if (name == "ServerName") return quoted(config.ServerName);
+  if (name == "WelcomeMessage") return quoted(config.WelcomeMessage);
+  if (name == "maxClients") return std::to_string(config.maxClients);
+  if (name == "AnnounceServer") return config.AnnounceServer != 0 ? "true" : "false";
+  if (name == "GameType") return std::to_string(config.GameType);
+  return config.Port;
+}
+
+bool is_text(std::string_view key) {
+  return key == "ServerName" || key == "WelcomeMessage";
+}
+
+// A text ends with its line or at a '#'.
+void explain_text(Reading& reading, const Step& step) {
+  const std::string_view line = first_line(step.value);
+  const std::size_t hash = line.find('#');
+  const std::string_view text = trimmed(line.substr(0, hash));
+  if (step.is_taken && quoted(text) != value_of(step.known)) {
+    doubt(reading, step.begin, std::string(step.known) + " is cut to " + value_of(step.known));
+  }
+  if (hash != line.npos && BLANKS.find(line.substr(hash + 1, 1)) == BLANKS.npos) {
+    doubt(
+        reading, step.begin,
+        "a # begins a comment, so " + quoted(line.substr(hash)) + " is left out of " + step.known);
+  }
+}
+
+bool is_comment(std::string_view text) {
+  return text.empty() || text.starts_with('#');
+}
+
+void explain_port(Reading& reading, const Step& step, std::string_view word) {
+  const std::string port = server_config.Port;
+  const std::int32_t number = text_to_int32(port.c_str());
+  const std::optional<in_port_t> bound = port_to_bind(port.c_str(), "udp");
+  if (port != word) doubt(reading, step.begin, "Port is cut to " + quoted(port));
+  if (!bound) {
+    doubt(reading, step.begin, "Port " + quoted(port) + " gives no port");
+  } else if (ntohs(*bound) != number) {
+    doubt(reading, step.begin, "Port " + port + " opens port " + std::to_string(ntohs(*bound)));
+  } else if (number < FIRST_FREE_PORT) {
+    doubt(reading, step.begin, "ports below 1024 take a right that a service lacks");
+  }
+  if (std::to_string(number) != port) {
+    doubt(reading, step.begin, "Port " + quoted(port) + " is announced as it stands");
+  }
+}
+
+// The first word behind the = is the value, on whatever line it stands.
+void explain_word(Reading& reading, const Step& step) {
+  const std::string name = step.known;
+  const std::size_t begin = std::min(step.value.find_first_not_of(BLANKS), step.value.size());
+  const std::string_view rest = first_line(step.value.substr(begin));
+  const std::string_view word = rest.substr(0, rest.find_first_of(BLANKS));
+  const std::string_view more = trimmed(rest.substr(word.size()));
+  if (!rest.empty() && step.value.substr(0, begin).find_first_of(LINE_ENDS) != word.npos) {
+    doubt(reading, step.begin,
+          name + " has no value on its line; " + quoted(word) + " is read as it");
+  }
+  if (!step.is_taken) return;
+  if (name == "Port") explain_port(reading, step, word);
+  if (name == "maxClients" || name == "GameType") {
+    const std::size_t sign = word.find_first_of("+-") == 0 ? 1 : 0;
+    const std::size_t end = word.find_first_not_of("0123456789", sign);
+    if (end == sign || word.size() == sign) {
+      doubt(reading, step.begin,
+            name + " has no number; " + value_of(step.known) +
+                " is taken, which the reader still had from a line before");
+    } else if (end != word.npos && !is_comment(word.substr(end))) {
+      doubt(reading, step.begin, quoted(word.substr(end)) + " behind " + name + " is left out");
+    }
+  }
+  if (!is_comment(more)) {
+    doubt(reading, step.begin, quoted(more) + " behind " + name + " is left out");
+  }
+}
+
+void explain(Reading& reading, const Step& step) {
+  if (step.known == nullptr) return explain_unknown(reading, step);
+  if (!step.is_taken) {
+    const std::size_t value = std::min(step.begin + step.key.size() + 1, reading.text.size());
+    doubt(reading, step.begin,
+          std::string(step.known) + " cannot be " +
+              quoted(first_line(std::string_view(reading.text).substr(value))) + "; it stays " +
+              value_of(step.known));
+  }
+  is_text(step.known) ? explain_text(reading, step) : explain_word(reading, step);
+  if (!step.is_taken) return;
+  std::size_t& line = reading.lines[step.known];
+  if (line != 0) {
+    doubt(reading, step.begin,
+          std::string(step.known) + " again; line " + std::to_string(line) + " counts no longer");
+  }
+  line = line_at(reading.text, step.begin);
+}
+
+std::string whole_text(std::FILE* file) {
+  std::string text;
+  char part[4096];
+  while (const std::size_t length = std::fread(part, 1, sizeof part, file))
+    text.append(part, length);
+  std::rewind(file);
+  return text;
+}
+
+void print_nothing(const char* /*format*/, ...) {}
+
+}  // namespace
+
+std::string quoted(std::string_view text) {
+  std::string shown = "\"" + std::string(text.substr(0, MAX_QUOTED)) + "\"";
+  if (text.size() > MAX_QUOTED) shown += "...";
+  std::ranges::replace_if(
+      shown, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+  return shown;
+}
+
+std::vector<Doubt> read_with_doubts(std::FILE* file) {
+  Reading reading{.text = whole_text(file)};
+  ConfigReader reader{.file = file, .print = print_nothing};
+  while (read_setting(reader)) {
+    const auto begin = static_cast<std::size_t>(reader.key_offset);
+    const auto end = static_cast<std::size_t>(std::ftell(file));
+    const std::string_view all = std::string_view(reading.text).substr(begin, end - begin);
+    const std::size_t sign = std::min(all.find('='), all.size());
+    const bool is_unknown = reader.result == KeyResult::UNKNOWN;
+    const Step step{.begin = begin,
+                    .key = all.substr(0, sign),
+                    .value = all.substr(std::min(sign + 1, all.size())),
+                    .known = is_unknown ? nullptr : known_key(all.substr(0, sign)),
+                    .is_taken = reader.result == KeyResult::TAKEN};
+    explain(reading, step);
+    reading.key_before = step.known;
+  }
+  return reading.doubts;
+}

@@ -1,0 +1,129 @@
+// Says what servers will make of their settings, before they are started.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+
+#include "announce/master_server.h"
+#include "check/doubts.h"
+#include "config/config_reader.h"
+#include "config/server_config.h"
+#include "net/sflsock.h"
+
+// Exit statuses; the worst of all directories counts.
+enum Status { GOOD = 0, DOUBTFUL = 1, BAD = 2 };
+
+static constexpr const char* HELP =
+    "usage: zolcheck [--start] [DIRECTORY...]\n"
+    "\n"
+    "Says what a ZOL Server in each directory, by default this one, will make of its settings: on\n"
+    "standard output what it will use, on standard error every doubtful line.\n"
+    "\n"
+    "  --start  for right before a start: a port that is in use is a failure, a doubtful line is\n"
+    "           none, and standard output stays empty\n"
+    "\n"
+    "Exit status: 0 all is well, 1 there are doubts, 2 a server would not start or not as meant.\n";
+
+static bool is_start;
+static std::string directory;  // under check now
+static Status status;          // the worst so far
+
+static void say(Status found, const std::string& where, const std::string& what) {
+  std::fprintf(stderr, "%s: %s\n", where.c_str(), what.c_str());
+  status = std::max(status, found);
+}
+
+static void complain_of_file(const char* name, const char* reason) {
+  say(BAD, directory + "/" + name, reason);
+}
+
+// 0, or why the port cannot be opened now. The server shares its port with whoever allows it; this
+// does not, so it fails when there is anyone.
+static int try_port(in_port_t port) {
+  const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = port;
+  const int result = bind(handle, reinterpret_cast<const sockaddr*>(&local), sizeof local);
+  const int reason = result == 0 ? 0 : errno;
+  close(handle);
+  return reason;
+}
+
+// The directories' ports must differ as well.
+static void check_port(in_port_t port, std::map<in_port_t, std::string>& ports) {
+  const std::string text = "port " + std::to_string(ntohs(port));
+  const auto [other, is_new] = ports.emplace(port, directory);
+  if (!is_new) say(BAD, directory, text + " is the port of " + other->second + ", too");
+  const int reason = is_start ? try_port(port) : 0;
+  if (reason == EADDRINUSE)
+    say(BAD, directory, text + " is in use; is the server running already?");
+  // EPERM from the unit's SocketBindDeny.
+  if (reason == EACCES || reason == EPERM) {
+    say(BAD, directory, text + " takes a right that is missing here");
+  }
+}
+
+static void print_settings(const std::string& port) {
+  const ServerConfig& config = server_config;
+  const std::string listed = std::string("listed on ") + MASTER_HOST;
+  std::printf("%s: %s, %s, %d players, %s, %s\n", directory.c_str(),
+              quoted(config.ServerName).c_str(), port.c_str(), config.maxClients,
+              config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther",
+              config.AnnounceServer != 0 ? listed.c_str() : "not listed");
+}
+
+static void check_directory(std::map<in_port_t, std::string>& ports) {
+  server_config = {};
+  std::FILE* file = open_settings(complain_of_file);
+  if (file == nullptr) {
+    say(DOUBTFUL, directory, "no settings; the server would run on the defaults");
+  } else {
+    const char* name = access("zolserver.cfg", F_OK) == 0 ? "zolserver.cfg" : "zolserver.conf";
+    for (const Doubt& doubt : read_with_doubts(file)) {
+      say(DOUBTFUL, directory + "/" + name + ":" + std::to_string(doubt.line), doubt.text);
+    }
+    std::fclose(file);
+  }
+  const std::optional<in_port_t> port = port_to_bind(server_config.Port, "udp");
+  if (port) check_port(*port, ports);
+  if (!port) say(BAD, directory, std::string("the server does not start: no port"));
+  if (!is_start) print_settings(port ? "port " + std::to_string(ntohs(*port)) : "no port");
+}
+
+static int complain_of_argument(const char* argument) {
+  std::fprintf(stderr, "zolcheck: takes no option like \"%s\"; see --help\n", argument);
+  return BAD;
+}
+
+int main(int count, char** arguments) {
+  std::vector<std::string> directories;
+  for (int i = 1; i < count; ++i) {
+    const std::string_view argument = arguments[i];
+    if (argument == "--help") return std::fputs(HELP, stdout) < 0 ? BAD : GOOD;
+    if (argument == "--start") {
+      is_start = true;
+    } else if (argument.starts_with('-')) {
+      return complain_of_argument(arguments[i]);
+    } else {
+      directories.emplace_back(argument);
+    }
+  }
+  if (directories.empty()) directories.emplace_back(".");
+  const int here = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  std::map<in_port_t, std::string> ports;
+  for (const std::string& each : directories) {
+    directory = each;
+    if (fchdir(here) == 0 && chdir(each.c_str()) == 0) {
+      check_directory(ports);
+    } else {
+      say(BAD, each, std::strerror(errno));
+    }
+  }
+  return is_start && status == DOUBTFUL ? GOOD : status;
+}

@@ -1,0 +1,85 @@
+"""The real zolcheck, beside the real server.
+
+Usage: check_test.py ZOLSERVER ZOLCHECK [TEST...]"""
+
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from server_case import PATIENCE_S, RULE, ServerCase, bound_socket
+
+ZOLCHECK = os.path.realpath(sys.argv.pop(1))
+SAMPLE = pathlib.Path(__file__).resolve().parent.parent / "packaging/zolserver.cfg"
+
+
+class CheckTest(ServerCase):
+    def setUp(self):
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+
+    def directory(self, name, settings):
+        path = self.folder / name
+        path.mkdir()
+        if settings is not None:
+            (path / "zolserver.cfg").write_text(settings)
+
+    def check(self, *arguments):
+        result = subprocess.run([ZOLCHECK, *arguments], cwd=self.folder, capture_output=True,
+                                text=True, timeout=PATIENCE_S)  # fmt: skip
+        return result.returncode, result.stdout, result.stderr
+
+    def test_says_what_servers_will_use(self):
+        self.directory("good", SAMPLE.read_text())
+        self.directory("doubtful", "ServerName=D\nPort=70001\nGameType=1\nmaxClient=3\n")
+        good = 'good: "Unnamed Server", port 16309, 16 players, Deathmatch, not listed\n'
+        self.assertEqual(self.check("good"), (0, good, ""))
+        status, said, doubts = self.check("good", "doubtful")
+        self.assertEqual((status, said), (1, good + 'doubtful: "D", port 4465, 16 players, '
+                                          "CatchPinkPanther, not listed\n"))
+        self.assertEqual(doubts, "doubtful/zolserver.cfg:2: Port 70001 opens port 4465\n"
+                         'doubtful/zolserver.cfg:4: unknown key "maxClient"; is it maxClients?\n')
+        (self.folder / "zolserver.conf").write_text("AnnounceServer=yes\n")
+        self.assertEqual(self.check()[::2], (1, './zolserver.conf:1: AnnounceServer cannot be "yes"; '
+                                            "it stays false\n"))
+
+    def test_says_what_would_go_wrong(self):
+        self.directory("one", "Port=5000\n")
+        self.directory("two", "Port=5000\n")
+        self.directory("wrong", "Port=65536\n")
+        self.directory("bare", None)
+        (self.folder / "bare/zolserver.cfg").mkdir()
+        for arguments, complaint in (
+            (["one", "two"], "two: port 5000 is the port of one, too\n"),
+            (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" gives no port\n'
+             "wrong: the server does not start: no port\n"),
+            (["bare"], "bare/zolserver.cfg: Is a directory\n"),
+            (["missing"], "missing: No such file or directory\n"),
+            (["--stop"], 'zolcheck: takes no option like "--stop"; see --help\n'),
+        ):  # fmt: skip
+            with self.subTest(arguments):
+                status, _, complaints = self.check(*arguments)
+                self.assertEqual((status, complaints), (2, complaint))
+
+    def test_keeps_two_servers_from_one_port(self):
+        self.start_on_free_port("Foo=1\n")
+        self.read_to(RULE)
+        self.directory("second", f"Port={self.port}\nmaxClients=99\n")
+        self.directory("other", "maxClients=99\nPort=%s\n" % bound_and_free())
+        status, said, complaints = self.check("--start", "second")
+        self.assertEqual((status, said, complaints.splitlines()[-1]),
+                         (2, "", f"second: port {self.port} is in use; is the server running already?"))
+        self.assertEqual(self.check("second")[0], 1, "the server itself may be what runs there")
+        status, said, complaints = self.check("--start", "other")
+        self.assertEqual((status, said, complaints.count("\n")), (0, "", 1))
+
+
+def bound_and_free():
+    taken, port = bound_socket()
+    taken.close()
+    return port
+
+
+if __name__ == "__main__":
+    unittest.main()
