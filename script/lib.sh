@@ -1,0 +1,39 @@
+# What the scripts share; to be sourced.
+# shellcheck shell=bash
+
+fail() {
+  echo "${0##*/}: $1" >&2
+  exit 1
+}
+
+# The lines of comment that head a script are its help. No script takes more arguments than it names.
+#   arguments MOST "$@"
+arguments() {
+  local most=$1
+  shift
+  case "${1:-}" in
+    -h | --help)
+      sed -n '2,/^[^#]/ { /^#/ s/^# \?//p }' "$0"
+      exit 0
+      ;;
+  esac
+  if [[ ${1:-} == -* ]]; then most=0; fi
+  if [ $# -gt "$most" ]; then fail "takes no argument like \"${*:most+1:1}\"; see --help"; fi
+}
+
+# A UDP port of this machine that nobody has.
+free_port() {
+  local port
+  while port=$((20000 + RANDOM % 10000)); grep -qi ":$(printf '%04X' "$port") " /proc/net/udp; do :; done
+  echo "$port"
+}
+
+# Waits until the server with this process id has said in this file that it is up.
+wait_for_server() {
+  for _ in $(seq 200); do
+    if grep -q -- '^---' "$2"; then return; fi
+    kill -0 "$1" 2>/dev/null || break
+    sleep 0.05
+  done
+  fail "the server does not start: $(head "$2")"
+}
