@@ -24,12 +24,13 @@ static constexpr const char* HELP =
     "Says what a ZOL Server in each directory, by default this one, will make of its settings: on\n"
     "standard output what it will use, on standard error every doubtful line.\n"
     "\n"
-    "  --start  for right before a start: a port that is in use is a failure, a doubtful line is\n"
-    "           none, and standard output stays empty\n"
+    "  --start  for right before a start: a port that is in use is a failure, and so is a named\n"
+    "           directory without settings; a doubtful line is none; standard output stays empty\n"
     "\n"
     "Exit status: 0 all is well, 1 there are doubts, 2 a server would not start or not as meant.\n";
 
 static bool is_start;
+static bool must_have_settings;
 static std::string directory;  // under check now
 static Status status;          // the worst so far
 
@@ -82,7 +83,8 @@ static void check_directory(std::map<in_port_t, std::string>& ports) {
   server_config = {};
   std::FILE* file = open_settings(complain_of_file);
   if (file == nullptr) {
-    say(DOUBTFUL, directory, "no settings; the server would run on the defaults");
+    say(must_have_settings ? BAD : DOUBTFUL, directory,
+        "no zolserver.cfg and no zolserver.conf; a server would run on the defaults");
   } else {
     const char* name = access("zolserver.cfg", F_OK) == 0 ? "zolserver.cfg" : "zolserver.conf";
     for (const Doubt& doubt : read_with_doubts(file)) {
@@ -114,6 +116,7 @@ int main(int count, char** arguments) {
       directories.emplace_back(argument);
     }
   }
+  must_have_settings = is_start && !directories.empty();
   if (directories.empty()) directories.emplace_back(".");
   const int here = open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   std::map<in_port_t, std::string> ports;
