@@ -1,0 +1,208 @@
+#!/usr/bin/python3
+"""Runs real servers against the real list, behind nginx: they are listed, counted, removed, refused,
+and come back when the list does. Then many announces at once, and a master server that is silent.
+
+All of it in a network of its own, in which the master server's name means this machine, on a clock
+that can be put forward."""
+
+import concurrent.futures
+import contextlib
+import json
+import os
+import pathlib
+import re
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.request
+
+from lib import BUILD, ROOT, build
+
+PATIENCE_S = 30
+LIST = "http://127.0.0.1:80"
+
+
+def fail(message):
+    for log in [*pathlib.Path().glob("server-*/console"), *pathlib.Path().glob("list/*.log")]:
+        print(f"{log}:\n{log.read_text()[-2000:]}", file=sys.stderr)
+    raise SystemExit(f"check-announce: {message}")
+
+
+def enter_namespace():
+    build("zolserver", "zolbots", "zollist")
+    os.execvp("unshare", ["unshare", "--map-root-user", "--net", "--mount", sys.executable, "-B",
+                           __file__, "inside"])
+
+
+class Clock:
+    """Stands in for /proc/uptime, which servers read, and can be put forward."""
+
+    def __init__(self):
+        self.file = pathlib.Path("uptime")
+        self.ahead_s = 0.0
+        self.file.write_text(pathlib.Path("/proc/uptime").read_text())
+        subprocess.run(["mount", "--bind", self.file, "/proc/uptime"], check=True)
+
+    def tick(self):
+        now = time.clock_gettime(time.CLOCK_BOOTTIME) + self.ahead_s
+        # In place and of equal length: a reader must never see half of it.
+        with open(self.file, "r+b", buffering=0) as file:
+            file.write(b"%017.2f 0.00\n" % now)
+
+
+def await_that(holds, what, clock=None, limit_s=PATIENCE_S):
+    end = time.monotonic() + limit_s
+    while not holds():
+        if time.monotonic() > end:
+            fail(f"not within {limit_s} s: {what}")
+        if clock:
+            clock.tick()
+        time.sleep(0.05)
+
+
+def listed():
+    with urllib.request.urlopen(f"{LIST}/servers.json", timeout=PATIENCE_S) as answer:
+        return json.load(answer)
+
+
+def count_of(port):
+    """The players of the server on this port; None when it is not listed."""
+    return next((entry["players"] for entry in listed() if entry["port"] == port), None)
+
+
+class Server:
+    def __init__(self, port, name="Check of announcing"):
+        self.folder = pathlib.Path(f"server-{port}")
+        self.folder.mkdir(exist_ok=True)
+        (self.folder / "zolserver.cfg").write_text(
+            f"AnnounceServer=true\nServerName={name}\nmaxClients=8\nPort={port}\n"
+        )
+        self.console = self.folder / "console"
+        with open(self.console, "wb") as console:
+            self.process = subprocess.Popen([BUILD / "zolserver"], cwd=self.folder, stdout=console)
+
+    def says(self, line):
+        return line in self.console.read_text()
+
+    def stop(self):
+        self.process.send_signal(signal.SIGTERM)
+        if self.process.wait(PATIENCE_S) != 1:
+            fail("an orderly stop ends with status 1")
+
+
+def start_list(stack):
+    """nginx and fcgiwrap by script/list; returns how to end it."""
+    log = open("list.log", "ab")
+    process = subprocess.Popen([ROOT / "script/list", "80", "list"], stdout=log, stderr=log)
+    stack.callback(process.wait)
+    stack.callback(process.terminate)
+
+    def is_up():
+        with contextlib.suppress(OSError):
+            return listed() is not None
+        return False
+
+    await_that(is_up, "the list answers")
+    return process
+
+
+def announce(source, port):
+    """The verdict, as a server reads it: from the first 512 bytes that come."""
+    with socket.create_connection(("127.0.0.1", 80), PATIENCE_S, source_address=(source, 0)) as to:
+        query = f"name=Burst&p=0&mp=16&gt=0&port={port}&v=40&os=lin"
+        to.send(f"GET /cgi-bin/zol.pl?{query} HTTP/1.1\nHost: list\nConnection: keep-alive\n\n".encode())
+        found = re.search(rb"  \r\n(.)", to.recv(512))
+        return found and found[1].decode()
+
+
+def check_burst():
+    """1,000 announces over 50 connections at a time: each that was answered 1 or 2 is on the list."""
+    wanted = [(f"127.0.1.{1 + i % 50}", 2000 + i // 50) for i in range(1000)]
+    start = time.monotonic()
+    with concurrent.futures.ThreadPoolExecutor(50) as pool:
+        verdicts = list(pool.map(lambda each: announce(*each), wanted))
+    seconds = time.monotonic() - start
+    entries = {(entry["address"], entry["port"]) for entry in listed()}
+    answered = {each for each, verdict in zip(wanted, verdicts) if verdict in ("1", "2")}
+    if not answered <= entries:
+        fail(f"{len(answered - entries)} of {len(answered)} were answered and are not on the list")
+    if len(answered) < 900:
+        fail(f"only {len(answered)} of 1,000 were answered 1 or 2")
+    print(f"{len(answered)} of 1,000 announces taken in {seconds:.1f} s, and on the list")
+
+
+def check_servers(stack, clock):
+    process = start_list(stack)
+    server = Server(16309)
+    stack.callback(server.process.kill)
+    await_that(lambda: count_of(16309) == 0, "a server is listed", clock)
+    await_that(lambda: server.says("This server is now listed on the zol server list"),
+               "the server knows that it is listed")  # fmt: skip
+    bots = subprocess.Popen([BUILD / "zolbots", "--players", "1", "--seconds", "1000"],
+                            stdout=subprocess.DEVNULL)  # fmt: skip
+    stack.callback(bots.kill)
+    await_that(lambda: count_of(16309) == 1, "a player is counted", clock, 15)
+    bots.terminate()
+    await_that(lambda: count_of(16309) == 0, "a player who left is not counted", clock, 15)
+
+    other = Server(99999, "Of a port that is none")
+    stack.callback(other.process.kill)
+    await_that(lambda: other.says("Check your config"), "a server is refused", clock)
+    other.stop()
+
+    process.terminate()
+    process.wait(PATIENCE_S)
+    clock.ahead_s += 301
+    # It tries to write a thousand times, ten milliseconds and more apart.
+    await_that(lambda: server.says("Could not connect"), "the list is missed", clock, 90)
+    pathlib.Path("list/list.sqlite").unlink()
+    start_list(stack)
+    if count_of(16309) is not None:
+        fail("a new list knows a server")
+    clock.ahead_s += 301
+    await_that(lambda: count_of(16309) == 0, "a server comes back to a list after 5 minutes", clock)
+    check_burst()
+    server.stop()
+    if count_of(16309) is not None:
+        fail("a server that stopped is listed")
+    if not server.says("Removing server from master list: success"):
+        fail("the removal does not end in success")
+
+
+def check_silent_master():
+    listener = socket.create_server(("127.0.0.1", 80))
+    server = Server(16309)
+    accepted = listener.accept()
+    bots = subprocess.run([BUILD / "zolbots", "--seconds", "3"], stdout=subprocess.PIPE, text=True)
+    if bots.returncode != 0:
+        fail(f"the bots complain:\n{bots.stdout}")
+    if server.says("Could not connect"):
+        fail("the master server did not stay silent")
+    server.process.kill()
+    server.process.wait()
+    accepted[0].close()
+    listener.close()
+
+
+def main():
+    if sys.argv[1:] != ["inside"]:
+        enter_namespace()
+    cache = (BUILD / "CMakeCache.txt").read_text()
+    host = re.search(r"^ZOL_MASTER_HOST:STRING=(.*)$", cache, re.M)[1]
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    with tempfile.TemporaryDirectory() as folder:
+        os.chdir(folder)
+        pathlib.Path("hosts").write_text(f"127.0.0.1 {host}\n")
+        subprocess.run(["mount", "--bind", "hosts", "/etc/hosts"], check=True)
+        clock = Clock()
+        with contextlib.ExitStack() as stack:
+            check_servers(stack, clock)
+        subprocess.run(["umount", "/proc/uptime"], check=True)
+        check_silent_master()
+    print("check-announce: listed, counted, removed, refused and listed again; undisturbed by silence")
+
+
+main()

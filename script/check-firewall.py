@@ -1,0 +1,306 @@
+#!/usr/bin/env python3
+"""Checks packaging/zolserver.nft: what strangers do to a server is cut, players pass untouched.
+
+Usage: script/check-firewall [RULES]         (default: packaging/zolserver.nft; about a minute)
+
+A server, players and strangers have a network namespace each. Every attack runs twice, on a server
+that has just started: without the rules, which shows that there is something to cut, and with them.
+Strangers send from any address they like. Needs root, or user namespaces for all."""
+
+import json
+import os
+import pathlib
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+
+from lib import BUILD, ROOT, build, fail, wait_until_ready
+
+PORT = 16309
+SERVER, PLAYERS = "10.77.0.1", "10.78.0.1"  # the server's address to strangers and to players
+STRANGER, BANNED, VICTIM = "10.77.0.2", "10.77.66.6", "10.77.99.9"
+JOIN = b"\x0aStranger" + bytes(57) + b"\x28\0"
+JOIN_ACCEPTED, LEAVE = 17, 60
+ENTER, POSITION, UNKNOWN = b"\x0f" + bytes(99), b"\x64" + bytes(15), b"\xc8"
+CHAT = b"\x1f" + b"\nExitting...\n" * 4 + b"\0"
+ACCEPTED_BYTES, REPLY_BYTES = 67 + 42, 4 + 42  # with the headers of UDP, IP and Ethernet
+LINK_BYTES = 1000  # what a link says of itself meanwhile, at most
+SMALL_SET = 100  # elements of each set in the attack that fills them
+
+
+def datagram(source, port, payload):
+    """An IP packet without options or checksums: the kernel adds the one and does without the
+    other."""
+    udp = struct.pack("!4H", port, PORT, 8 + len(payload), 0) + payload
+    return packet(source, udp)
+
+
+def packet(source, data, fragment=0, number=0):
+    addresses = socket.inet_aton(source) + socket.inet_aton(SERVER)
+    return struct.pack("!BBHHHBBH", 69, 0, 0, number, fragment, 64, 17, 0) + addresses + data
+
+
+def address(number):
+    return f"10.77.{100 + number // 250}.{1 + number % 250}"
+
+
+def fragmented_joins():
+    more_follows, behind_header = 0x2000, 1
+    for number in range(1, 41):
+        whole = datagram(STRANGER, 2000 + number, JOIN)[20:] + bytes(5)
+        yield packet(STRANGER, whole[:8], more_follows, number)
+        yield packet(STRANGER, whole[8:], behind_header, number)
+
+
+# Each attack: the packets, what is measured, the least of it without the rules, and the most with
+# them, to which what a second lets through is added for each second that it took.
+ATTACKS = {
+    "unknown commands": (lambda: [datagram(STRANGER, 2000, UNKNOWN)] * 500, "arrived", 500, 0, 0),
+    "a join and empty datagrams": (
+        lambda: [datagram(STRANGER, 2000 + i, b"" if i else JOIN) for i in range(40)],
+        "slots", 32, 1, 0),
+    "joins in fragments": (fragmented_joins, "slots", 32, 0, 0),
+    "joins of one address": (
+        lambda: [datagram(STRANGER, 2000 + i, JOIN) for i in range(40)], "slots", 32, 8, 2 / 60),
+    "one player": (lambda: [datagram(STRANGER, 2000, POSITION)] * 3000, "arrived", 3000, 300, 300),
+    "one address": (
+        lambda: [datagram(STRANGER, 2000 + i % 100, POSITION) for i in range(20000)],
+        "arrived", 20000, 2000, 2000),
+    "forged enters": (
+        lambda: [datagram(VICTIM, 2000, payload) for payload in [JOIN] + [ENTER] * 500],
+        "bytes sent", 500 * REPLY_BYTES, ACCEPTED_BYTES + 16 * REPLY_BYTES + LINK_BYTES,
+        REPLY_BYTES / 10),
+    "chat that forges lines": (
+        lambda: [datagram(STRANGER, 2000, payload) for payload in [JOIN] + [CHAT] * 500],
+        "bytes logged", 500 * 52, 11 * 100, 200),
+    "a banned address": (
+        lambda: [datagram(BANNED, 2000, POSITION)] * 100, "arrived", 100, 0, 0),
+    "sets filled with addresses": (
+        lambda: [datagram(address(i), 2000, POSITION) for i in range(500)], "arrived", 500,
+        SMALL_SET, 0),
+    "joins once the sets are full": (
+        lambda: [datagram(address(i), 2000, POSITION) for i in range(500)] +
+        [datagram(STRANGER, 3000 + i, JOIN) for i in range(40)], "slots", 32, 0, 0),
+    "to all machines of the network": (
+        lambda: [b"broadcast"] * 20, "arrived", 20, 0, 0),
+}  # fmt: skip
+
+
+def attack(name):
+    """In the strangers' namespace. Prints the seconds that it took."""
+    raw = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
+    plain = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    plain.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+    packets, what, *_ = ATTACKS[name]
+    packets = list(packets())
+    start = time.monotonic()
+    for number, each in enumerate(packets):
+        if each == b"broadcast":
+            plain.sendto(POSITION, ("10.77.255.255", PORT))
+        else:
+            raw.sendto(each, (SERVER, 0))
+        if what != "arrived" and number % 20 == 19:
+            time.sleep(0.001)  # the server's socket holds little
+    print(time.monotonic() - start)
+
+
+def play():
+    """In the players' namespace: 8 players at 150 Hz behind one address."""
+    players = []
+    for _ in range(8):
+        player = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        player.connect((PLAYERS, PORT))
+        player.send(JOIN)
+        if player.recv(256)[0] != JOIN_ACCEPTED:
+            fail("a player could not join")
+        player.send(ENTER)
+        players.append(player)
+    start = time.monotonic()
+    for step in range(3 * 150):
+        for player in players:
+            player.send(POSITION)
+        time.sleep(max(0, start + step / 150 - time.monotonic()))
+    for player in players:
+        player.send(bytes([LEAVE]))
+
+
+def run(*command, **options):
+    done = subprocess.run([*map(str, command)], text=True, capture_output=True, check=False,
+                          **options)
+    if done.returncode != 0:
+        fail(f"{command}: {done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def inside(space, *command):
+    return ["nsenter", f"--net=/run/netns/{space}", *command]
+
+
+def state_of_link(space, name):
+    return json.loads(run(*inside(space, "ip", "-json", "-stats", "link", "show", name)))[0]
+
+
+def make_networks():
+    run("mount", "-t", "tmpfs", "none", "/run")
+    for number, space in enumerate(("server", "strangers", "players")):
+        run("ip", "netns", "add", space)
+        run(*inside(space, "ip", "link", "set", "lo", "up"))
+        if space == "server":
+            continue
+        run("ip", "link", "add", space, "netns", "server", "type", "veth",
+            "peer", "name", "eth", "netns", space)
+        net = f"10.{76 + number}.0"
+        for place, link, host in (("server", space, 1), (space, "eth", 2)):
+            run(*inside(place, "ip", "address", "add", f"{net}.{host}/16", "brd", "+", "dev", link))
+            run(*inside(place, "ip", "link", "set", link, "up"))
+    # Whoever a stranger pretends to be, the answer goes there.
+    mac = state_of_link("strangers", "eth")["address"]
+    run(*inside("server", "ip", "route", "replace", "10.77.0.0/16", "via", STRANGER, "dev",
+                "strangers", "onlink"))
+    run(*inside("server", "ip", "neigh", "replace", STRANGER, "lladdr", mac, "dev", "strangers"))
+
+
+class Server:
+    """Fresh, with these rules or none."""
+
+    def __init__(self, work, rules):
+        self.log = work / "log"
+        self.rules = rules
+        (work / "zolserver.cfg").write_text(f"maxClients=32\nPort={PORT}\n")
+        run(*inside("server", "nft", "flush", "ruleset"))
+        if rules:
+            # Bans stay when the rules are loaded anew.
+            for _ in range(2):
+                run(*inside("server", "nft", "-f", "-"), input=rules)
+                run(*inside("server", "nft", "add", "element", "ip", "zolserver_bans", "banned",
+                            f"{{ {BANNED}/31 }}"))
+        with open(self.log, "w", encoding="utf-8") as log:
+            self.process = subprocess.Popen(inside("server", BUILD / "zolserver"), cwd=work,
+                                            stdout=log)
+        wait_until_ready(self.process, self.log)
+
+    def text(self):
+        return self.log.read_text(errors="replace")
+
+    def measure(self, what):
+        if what == "slots":
+            return self.text().count("Connected!")
+        if what == "bytes logged":
+            return self.log.stat().st_size
+        snmp = run(*inside("server", "cat", "/proc/net/snmp"))
+        names, values = (line.split()[1:] for line in snmp.splitlines() if line.startswith("Udp:"))
+        if what == "arrived":
+            counts = dict(zip(names, map(int, values)))
+            return counts["InDatagrams"] + counts["RcvbufErrors"]
+        return state_of_link("server", "strangers")["stats64"]["tx"]["bytes"]
+
+    def settled(self, what):
+        """The measure when it stands still."""
+        before = None
+        while before != (now := self.measure(what)):
+            before = now
+            time.sleep(0.2)
+        return now
+
+    def dropped(self):
+        text = run(*inside("server", "nft", "list", "counters"))
+        return {name: int(count)
+                for name, count in re.findall(r"counter (\w+) \{\s*packets (\d+)", text)}
+
+    def stop(self):
+        self.process.send_signal(signal.SIGTERM)
+        if self.process.wait(timeout=10) != 1 or not self.text().endswith("Exitting...\n"):
+            fail("the server did not stop in order")
+
+
+def strangers(name):
+    return inside("strangers", sys.executable, __file__, "attack", name)
+
+
+def try_attack(work, name, rules):
+    """Returns how much of it passed and how long it took."""
+    what = ATTACKS[name][1]
+    server = Server(work, rules)
+    before = server.settled(what)
+    seconds = float(run(*strangers(name)))
+    passed = server.settled(what) - before
+    server.stop()
+    return passed, seconds
+
+
+def check_attacks(work, rules):
+    small = re.sub(r"size \d+", f"size {SMALL_SET}", rules)
+    for name, (_, what, least, most, each_second) in ATTACKS.items():
+        without, _ = try_attack(work, name, None)
+        if without < least:
+            fail(f"{name}: without rules only {without} {what}, {least} expected")
+        passed, seconds = try_attack(work, name, small if "sets" in name else rules)
+        if passed > most + (seconds + 1) * each_second:
+            fail(f"{name}: {passed} {what} in {seconds:.1f} s, {most} and {each_second:.3f} a "
+                 "second allowed")
+        print(f"{name}: {what} {without} without rules, {passed} with", flush=True)
+
+
+def check_players(work, rules):
+    """Players alone are not cut; bots lose nothing while every attack runs."""
+    server = Server(work, rules)
+    run(*inside("players", sys.executable, __file__, "play"))
+    if any(server.dropped().values()):
+        fail(f"players are cut: {server.dropped()}")
+    server.stop()
+    server = Server(work, rules)
+    run(*strangers("forged enters"))  # the bots know from then on that not all players are bots
+    bots = subprocess.Popen(
+        inside("players", BUILD / "zolbots", "--server", f"{PLAYERS}:{PORT}", "--players",
+               "2", "--rate", "20", "--seconds", "10"), text=True, stdout=subprocess.PIPE)
+    time.sleep(1)
+    for name in ATTACKS:
+        if "sets" not in name:
+            run(*strangers(name))
+    table = bots.communicate()[0]
+    if bots.returncode != 0:
+        fail("the bots complain:\n" + table)
+    unused = [name for name, count in server.dropped().items() if count == 0 and name != "no_room"]
+    if unused:
+        fail(f"never counted: {unused}")
+    server.stop()
+
+
+def check(rules_file):
+    make_networks()
+    rules = pathlib.Path(rules_file).read_text()
+    with tempfile.TemporaryDirectory() as work:
+        check_attacks(pathlib.Path(work), rules)
+        check_players(pathlib.Path(work), rules)
+    print("check-firewall: players pass, attacks do not")
+
+
+def enter(rules_file):
+    """Whatever still runs at the end ends with its namespace."""
+    build("zolserver", "zolbots")
+    spaces = ["--map-root-user", "--net", "--mount", "--pid", "--fork", "--kill-child"]
+    os.execvp("unshare", ["unshare", *spaces, sys.executable, "-B", __file__, "check", rules_file])
+
+
+def main():
+    match sys.argv[1:]:
+        case ["check", rules]:
+            check(rules)
+        case ["attack", name]:
+            attack(name)
+        case ["play"]:
+            play()
+        case [] | [_]:
+            rules = (sys.argv[1:] or [ROOT / "packaging/zolserver.nft"])[0]
+            enter(str(pathlib.Path(rules).resolve()))
+        case _:
+            fail("usage: script/check-firewall [RULES]")
+
+
+if __name__ == "__main__":
+    main()

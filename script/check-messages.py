@@ -1,0 +1,52 @@
+#!/usr/bin/env python3
+"""Compares the console lines that the server can print with the table of docs/operating.md: every
+line has its row, and every row its line. In a row, words of capitals stand for what is filled in."""
+
+import re
+
+from lib import ROOT, fail
+
+DOCUMENT = "docs/operating.md"
+PRINT = (r"(?:console_print\((?!const)|reader\.print\(|std::printf\(|std::fprintf\(\s*stderr,|"
+         r"std::snprintf\(line\.data\(\), line\.size\(\),)")
+CALL = re.compile(PRINT + r"\s*((?:\"(?:[^\"\\]|\\.)*\"\s*)+)")
+ANY_PRINT = re.compile(r"console_print\((?!const)|reader\.print\(|std::f?printf\(|std::snprintf\(line")
+STRING = re.compile(r'"((?:[^"\\]|\\.)*)"')
+
+
+def printed_formats():
+    """Every line that is printed, as its format."""
+    formats = set()
+    for folder in ("announce", "config", "net", "server", "util"):
+        for source in (ROOT / folder).glob("*.cpp"):
+            text = source.read_text()
+            calls = CALL.findall(text)
+            if len(calls) != len(ANY_PRINT.findall(text)):
+                fail(f"a line of {folder}/{source.name} was not understood")
+            for call in calls:
+                joined = "".join(STRING.findall(call)).replace('\\"', '"')
+                formats |= {line.strip() for line in joined.split("\\n") if line.strip()}
+    return formats
+
+
+def pattern_of(text):
+    """What a row must look like to stand for this format."""
+    parts = re.split(r"%[sdu]", text)
+    return re.compile("[A-Z]*".join(map(re.escape, parts)))
+
+
+def main():
+    section = (ROOT / DOCUMENT).read_text().split("## What the lines mean\n")
+    if len(section) != 2:
+        fail(f"{DOCUMENT} has no table of lines")
+    rows = re.findall(r"^\| `(.+?)` \|", section[1].split("\n## ")[0], re.M)
+    patterns = {text: pattern_of(text) for text in printed_formats()}
+    missing = [text for text, pattern in patterns.items() if not any(map(pattern.fullmatch, rows))]
+    stale = [row for row in rows if not any(p.fullmatch(row) for p in patterns.values())]
+    if missing or stale:
+        fail(f"{DOCUMENT} lacks {missing} and has {stale}, which is never printed")
+    print(f"{len(patterns)} console lines are explained in {DOCUMENT}")
+
+
+if __name__ == "__main__":
+    main()

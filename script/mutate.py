@@ -1,0 +1,354 @@
+#!/usr/bin/env python3
+"""Measures the tests: breaks the server's code in random places, one at a time, and counts the
+breaks that no test sees. Such a survivor is a promise without a test, a line that can go, or a
+change that makes no difference. Ctrl-C ends a run early; build-mutate/report.txt is always up to
+date. Equal seed and code give equal breaks. A broken server reaches nothing outside the namespaces
+of the run, and nothing outlives it."""
+
+import argparse
+import collections
+import contextlib
+import difflib
+import itertools
+import json
+import math
+import os
+import pathlib
+import queue
+import random
+import re
+import resource
+import select
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+from lib import ROOT
+
+WORK = ROOT / "build-mutate"
+SOURCES = re.compile(r"(util|net|config|server|announce)/.*\.(cpp|h)")
+BUILD_LIMIT = 900  # seconds
+TEST_LIMIT = 20  # seconds that every test gets, however fast it is on whole code
+LINK_SECONDS = 2  # about
+# Bytes. What runs wild must not fill the disk or the memory.
+LIMITS = {resource.RLIMIT_CORE: 0, resource.RLIMIT_FSIZE: 1 << 28, resource.RLIMIT_AS: 1 << 32}
+
+TOKEN = re.compile(
+    r"""(?P<skip> //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])* | \bstatic_assert\b[^;]*;)
+      | (?P<text> "(?:\\.|[^"\\\n])*" | '(?:\\.|[^'\\\n])+')
+      | (?P<number> \b(?:0[xX][\da-fA-F']+ | \d[\d']*(?:\.\d+)?)[uUlLfF]*\b)
+      | (?P<word> [A-Za-z_]\w*)
+      | (?P<sign> <<= | >>= | -> | :: | \+\+ | -- | && | \|\| | << | >> | [-+*/%&|^<>=!]= | \S)""",
+    re.VERBOSE | re.MULTILINE | re.DOTALL,
+)
+# The formatter puts blanks around binary operators alone: not around the brackets of a template,
+# nor at the sign of a pointer or a reference.
+BINARY = {
+    "<": ("<=", ">"), "<=": ("<", ">="), ">": (">=", "<"), ">=": (">", "<="), "==": ("!=", "<="),
+    "!=": ("==", "<"), "&&": ("||",), "||": ("&&",), "+": ("-",), "-": ("+",), "*": ("/",),
+    "/": ("*",), "%": ("*",), "&": ("|",), "|": ("&",), "^": ("|",), "<<": (">>",), ">>": ("<<",),
+    "+=": ("-=", "="), "-=": ("+=", "="), "|=": ("&=", "="), "&=": ("|=", "="),
+}  # fmt: skip
+ELSEWHERE = {"!": ("",), "++": ("--",), "--": ("++",), "true": ("false",), "false": ("true",)}
+# A jump, a call, an assignment, or a step. A declaration has a blank before the name it declares.
+STATEMENT = re.compile(
+    r"return;|break;|continue;|\w[^\s=(]*\(.*;|[\w*]\S* (?:[-+*/%&|^]|<<|>>)?= .*;"
+    r"|(?:\+\+|--)\w\S*;|\w\S*(?:\+\+|--);",
+    re.DOTALL,
+)
+
+Mutant = collections.namedtuple("Mutant", "file start end new")
+Result = collections.namedtuple("Result", "mutant verdict test seconds")
+Test = collections.namedtuple("Test", "seconds name command folder")
+REFUSED, KILLED, TIMED_OUT, SURVIVED = "refused", "killed", "timed out", "SURVIVED"
+
+
+def number_variants(literal):
+    if "." in literal:
+        return ["-" + literal]
+    digits, suffix = re.fullmatch(r"(0[xX][\da-fA-F]+|\d+)(\w*)", literal.replace("'", "")).groups()
+    base = 16 if digits[:2] in ("0x", "0X") else 8 if digits[0] == "0" else 10
+    value = int(digits, base)
+    return [f"{new}{suffix}" for new in sorted({value + 1, value - 1, 0} - {value})]
+
+
+def token_variants(text, token):
+    literal = token[0]
+    if token.lastgroup == "number":
+        return number_variants(literal)
+    if token.lastgroup == "text":
+        return [
+            literal[: found.start()] + ("Y" if found[0] == "X" else "X") + literal[found.end() :]
+            for found in re.compile(r"\\.|[^\\]").finditer(literal, 1, len(literal) - 1)
+        ]
+    around = text[token.start() - 1] + text[token.end() : token.end() + 1]
+    return (BINARY if around.isspace() else ELSEWHERE).get(literal, ())
+
+
+def statement_end(text, tokens, i):
+    """Where the statement that starts at token i ends, None when it is none to delete."""
+    before, start = tokens[i - 1], tokens[i].start()
+    label = before[0] == ":" and "\n" in text[before.end() : start]
+    if not label and before[0] not in (";", "{", "}", ")", "else"):
+        return None
+    end = next((token.end() for token in tokens[i:] if token[0] in ("{", "}", ";")), start)
+    return end if STATEMENT.fullmatch(text, start, end) else None
+
+
+def points_of(text):
+    """Every place that can be broken: start, end, and what can stand there instead."""
+    tokens = [token for token in TOKEN.finditer(text) if token.lastgroup != "skip"]
+    for i, token in enumerate(tokens):
+        variants = token_variants(text, token)
+        if variants:
+            yield token.start(), token.end(), variants
+        if token[0] in ("if", "while") and tokens[i + 1][0] == "(":
+            depths = itertools.accumulate((t[0] == "(") - (t[0] == ")") for t in tokens[i + 1 :])
+            inside = next(length for length, depth in enumerate(depths) if depth == 0)
+            start, end = tokens[i + 1].end(), tokens[i + 1 + inside].start()
+            yield start, end, [f"!({text[start:end]})"]
+        end = statement_end(text, tokens, i)
+        if end:  # The lines behind it keep their numbers.
+            yield token.start(), end, ["{}" + "\n" * text.count("\n", token.start(), end)]
+
+
+def read_tree():
+    """The files that git knows as they are in the clone, committed or not."""
+    listed = subprocess.run(["git", "ls-files", "-z"], check=True, stdout=subprocess.PIPE)
+    names = [name for name in listed.stdout.decode().split("\0") if os.path.isfile(name)]
+    return {name: pathlib.Path(name).read_bytes() for name in names}
+
+
+def choose_mutants(tree, seed, only):
+    sources = [name for name in sorted(only or tree) if SOURCES.fullmatch(name)]
+    if only and set(only) != set(sources) & set(tree):
+        raise SystemExit("mutate: --only takes sources of the server, as git ls-files names them")
+    chance = random.Random(seed)
+    mutants = [
+        Mutant(name, start, end, chance.choice(variants))
+        for name in sources
+        for start, end, variants in points_of(tree[name].decode())
+    ]
+    chance.shuffle(mutants)
+    return mutants
+
+
+def broken(tree, mutant):
+    text = tree[mutant.file].decode()
+    return text[: mutant.start] + mutant.new + text[mutant.end :]
+
+
+def run(command, folder, limit):
+    """The exit status, None after the limit in seconds, and the output. Leaves no process."""
+    with tempfile.TemporaryFile() as output:
+        child = subprocess.Popen(
+            command, cwd=folder, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+            start_new_session=True,
+        )  # fmt: skip
+        ended = os.pidfd_open(child.pid)
+        in_time = select.select([ended], [], [], limit)[0]
+        os.close(ended)
+        os.killpg(child.pid, signal.SIGKILL)
+        status = child.wait()
+        output.seek(0)
+        return status if in_time else None, output.read().decode(errors="replace")
+
+
+def must_run(command, folder):
+    status, output = run(command, folder, BUILD_LIMIT)
+    if status != 0:
+        raise RuntimeError(f"{output}\nthis failed on whole code: {' '.join(command)}")
+    return output
+
+
+class Job:
+    """A copy of the tree with a build folder, in which one mutant at a time is tried."""
+
+    def __init__(self, number, tree):
+        self.tree = tree
+        self.tests = collections.defaultdict(list)  # of each executable
+        self.kills = collections.Counter()
+        self.folder = WORK / f"job-{number}"
+        self.build = self.folder / "build-debug"
+        self.whole = WORK / f"whole-{number}"  # a copy of the build of whole code
+
+    def prepare(self):
+        for name, content in self.tree.items():
+            path = self.folder / name
+            if not path.exists() or path.read_bytes() != content:
+                path.parent.mkdir(parents=True, exist_ok=True)
+                path.write_bytes(content)
+        must_run(["cmake", "--preset", "debug", "-DCMAKE_UNITY_BUILD=OFF"], self.folder)
+        must_run(["ninja", "-j1", "tests/all", "zolserver"], self.build)
+        listed = json.loads(must_run(["ctest", "--show-only=json-v1"], self.build))
+        for test in listed["tests"]:
+            command, properties = test["command"], test["properties"]
+            folder = next(p["value"] for p in properties if p["name"] == "WORKING_DIRECTORY")
+            # What is tested, also where a script does it.
+            program = next(word for word in command if word.startswith(str(self.build)))
+            name = test["name"]
+            if any(word.startswith("--gtest_filter") for word in command):
+                if self.tests[program]:
+                    continue
+                # All of its tests in one process, which saves most of the time.
+                name, command = os.path.basename(program), [program, "--gtest_fail_fast"]
+            begin = time.monotonic()
+            must_run(command, folder)
+            self.tests[program].append(Test(time.monotonic() - begin, name, command, folder))
+        shutil.rmtree(self.whole, ignore_errors=True)
+        shutil.copytree(self.build, self.whole)
+
+    def cost(self, program):
+        """Seconds until the executable kills a mutant, going by what it did so far."""
+        seconds = LINK_SECONDS + sum(test.seconds for test in self.tests[program])
+        return seconds / (self.kills[program] + 1)
+
+    def judge(self, mutant):
+        """The verdict, and the test that gave it."""
+        (self.folder / mutant.file).write_bytes(broken(self.tree, mutant).encode())
+        for program in sorted(self.tests, key=self.cost):
+            target = os.path.relpath(program, self.build)
+            if run(["ninja", "-j1", target], self.build, BUILD_LIMIT)[0] != 0:
+                return REFUSED, ""
+            for test in sorted(self.tests[program]):
+                status, _ = run(test.command, test.folder, max(TEST_LIMIT, 10 * test.seconds))
+                if status != 0:
+                    self.kills[program] += 1
+                    return TIMED_OUT if status is None else KILLED, test.name
+        return SURVIVED, ""
+
+    def restore(self, mutant):
+        """Puts files back instead of compiling again. The source comes last: a run that ends
+        before finds it changed and compiles it."""
+        for path in self.whole.rglob("*"):
+            built = self.build / path.relative_to(self.whole)
+            same = built.exists() and built.stat().st_mtime_ns == path.stat().st_mtime_ns
+            if path.is_file() and not same:
+                built.unlink(missing_ok=True)
+                shutil.copy2(path, built)
+        source = self.folder / mutant.file
+        source.write_bytes(self.tree[mutant.file])
+        os.utime(source, (1, 1))  # older than all that was made of it
+
+    def work(self, mutants, results):
+        try:
+            self.prepare()
+            results.put(None)
+            while True:
+                mutant = mutants.get()
+                begin = time.monotonic()
+                verdict = self.judge(mutant)
+                self.restore(mutant)
+                results.put(Result(mutant, *verdict, time.monotonic() - begin))
+        except Exception as error:
+            print(f"mutate: {error}", flush=True)
+            os._exit(1)
+
+
+def start_jobs(tree, count):
+    mutants, results = queue.Queue(), queue.Queue()
+    print(f"building {count} copies and running the tests on whole code", flush=True)
+    for number in range(count):
+        job = Job(number, tree)
+        threading.Thread(target=job.work, args=(mutants, results), daemon=True).start()
+    for _ in range(count):
+        results.get()
+    os.environ["CCACHE_DISABLE"] = "1"  # no mutant is compiled twice
+    return mutants, results
+
+
+def try_mutants(tree, options, done):
+    """Hands the mutants out in order, and none that may not be wanted: which ones are tried does
+    not depend on which job is faster."""
+    chosen, given = choose_mutants(tree, options.seed, options.only), 0
+    mutants, results = start_jobs(tree, options.jobs)
+    while True:
+        refused = sum(result.verdict == REFUSED for result in done)
+        wanted = min(options.count + refused, len(done) + options.jobs, len(chosen))
+        for mutant in chosen[given:wanted]:
+            mutants.put(mutant)
+        given = max(given, wanted)
+        if given == len(done):
+            return
+        done.append(results.get())
+        report(tree, done)
+
+
+def summary(done):
+    counts = collections.Counter(result.verdict for result in done)
+    compiled = len(done) - counts[REFUSED]
+    said = f"{counts[REFUSED]} did not compile, {compiled} did. Of those that did,\n"
+    said += f"{counts[KILLED]} failed a test, {counts[TIMED_OUT]} timed out, "
+    said += f"{counts[SURVIVED]} survived.\n"
+    if compiled == 0:
+        return said
+    share, z = counts[SURVIVED] / compiled, 1.96  # Wilson's interval
+    middle = share + z * z / 2 / compiled
+    reach = z * math.sqrt(share * (1 - share) / compiled + (z / 2 / compiled) ** 2)
+    low, high = (100 * x / (1 + z * z / compiled) for x in (middle - reach, middle + reach))
+    return f"{said}survived: {100 * share:.1f} %, 95 % interval {low:.1f} to {high:.1f} %\n"
+
+
+def shown(tree, mutant):
+    old, new = tree[mutant.file].decode(), broken(tree, mutant)
+    line = old.count("\n", 0, mutant.start) + 1
+    changes = list(difflib.unified_diff(old.split("\n"), new.split("\n"), n=0, lineterm=""))[2:]
+    return "\n".join([f"{mutant.file}:{line}", *(c for c in changes if c[0] != "@"), ""])
+
+
+def report(tree, done):
+    last = done[-1]
+    print(f"\n{len(done)}. {last.verdict} {last.test} {last.seconds:.0f} s")
+    print(shown(tree, last.mutant), end="", flush=True)
+    survivors = [shown(tree, result.mutant) for result in done if result.verdict == SURVIVED]
+    (WORK / "report.txt").write_text("\n".join([summary(done), *survivors]))
+
+
+def isolate():
+    """Runs this script again with a network, processes and a /tmp of its own, into which the clone
+    moves in case it was in /tmp. The user stays the same: a test asks."""
+    setup = """ip link set lo up
+        mount -n --rbind "$PWD" /mnt; mount -n -t tmpfs tmpfs /tmp
+        mkdir -p "$PWD"; mount -n --move /mnt "$PWD"; cd "$PWD"; exec "$@" """
+    spaces = ["--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc"]
+    same_user = []
+    if os.getuid() != 0:
+        spaces.append("--map-root-user")
+        same_user = ["unshare", f"--map-user={os.getuid()}", f"--map-group={os.getgid()}"]
+    again = [*same_user, "script/mutate", "--isolated", *sys.argv[1:]]
+    os.execvp("unshare", ["unshare", *spaces, "bash", "-euc", setup, "bash", *again])
+
+
+def read_options():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--count", type=int, default=500, help="mutants that compile (500)")
+    parser.add_argument("--seed", type=int, default=1, help="chooses them (1)")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="at once (cores)")
+    parser.add_argument("--only", nargs="+", default=[], metavar="FILE", help="break these alone")
+    parser.add_argument("--isolated", action="store_true", help=argparse.SUPPRESS)
+    return parser.parse_args()
+
+
+def main():
+    options = read_options()
+    os.chdir(ROOT)
+    if not options.isolated:
+        isolate()
+    for what, limit in LIMITS.items():
+        resource.setrlimit(what, (limit, limit))
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.default_int_handler)
+    WORK.mkdir(exist_ok=True)
+    done = []
+    with contextlib.suppress(KeyboardInterrupt):
+        try_mutants(read_tree(), options, done)
+    print(f"\n{summary(done)}Survivors: build-mutate/report.txt", flush=True)
+    os._exit(0)  # what still runs ends with this process, the first of its namespace
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,93 @@
+#!/usr/bin/env python3
+"""Replays a worked session of docs/protocol.md against a server that was just started.
+
+Usage: script/replay-session [SERVER:PORT [SESSION]]     (127.0.0.1:16309, session)
+
+SESSION is the name behind the ``` of the block: session or session-pinkpanther. Every datagram
+that a player is shown to get must come, byte for byte and in that player's order, and no other.
+Only the time of day (CMD_ENTER_GAME_REPLY, CMD_GAME_CLOCK) may differ, and a CMD_PING may come.
+"""
+
+import pathlib
+import re
+import socket
+import sys
+
+DOCUMENT = pathlib.Path(__file__).resolve().parent.parent / "docs/protocol.md"
+TIME_OF_DAY = {16: slice(2, 4), 72: slice(1, 3)}  # by code
+PING = b"\x01"
+REPLY_SECONDS = 2.0
+SILENCE_SECONDS = 0.2
+
+
+def expand(text):
+    """The bytes of "0a 42 00*3"."""
+    datagram = bytearray()
+    for token in text.split():
+        byte, _, count = token.partition("*")
+        datagram += bytes([int(byte, 16)]) * int(count or 1)
+    return bytes(datagram)
+
+
+def read_session(name):
+    """The lines (player, "<" or ">", datagram) of a block."""
+    block = re.search(rf"^```{name}\n(.*?)^```$", DOCUMENT.read_text(), re.M | re.S)
+    if block is None:
+        sys.exit(f"{DOCUMENT.name} has no block {name}")
+    lines = [line for line in block[1].splitlines() if not line.startswith("#")]
+    if not lines:
+        sys.exit(f"{DOCUMENT.name}: the block {name} is empty")
+    return [(line[0], line[1], expand(line[2:])) for line in lines]
+
+
+def without_time(datagram):
+    masked = bytearray(datagram)
+    time_of_day = TIME_OF_DAY.get(datagram[0])
+    if time_of_day:
+        masked[time_of_day] = b"\0\0"
+    return bytes(masked)
+
+
+def receive(player, seconds):
+    """The next datagram that is no ping, or None."""
+    player.settimeout(seconds)
+    try:
+        while (datagram := player.recv(65536)) == PING:
+            pass
+        return datagram
+    except TimeoutError:
+        return None
+
+
+def replay(server, lines):
+    players = {}
+    for number, (name, direction, datagram) in enumerate(lines, 1):
+        if name not in players:
+            players[name] = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            players[name].connect(server)
+        if direction == ">":
+            players[name].send(datagram)
+            continue
+        received = receive(players[name], REPLY_SECONDS)
+        if received is None or without_time(received) != without_time(datagram):
+            shown = received.hex(" ") if received else "nothing"
+            sys.exit(f"datagram {number}: {name} got {shown}\ninstead of {datagram.hex(' ')}")
+    for name, player in players.items():
+        if (extra := receive(player, SILENCE_SECONDS)) is not None:
+            sys.exit(f"{name} got {extra.hex(' ')}, which the session does not show")
+
+
+def main():
+    address = sys.argv[1] if len(sys.argv) > 1 else "127.0.0.1:16309"
+    session = sys.argv[2] if len(sys.argv) > 2 else "session"
+    host, port = address.rsplit(":", 1)
+    lines = read_session(session)
+    try:
+        replay((host, int(port)), lines)
+    except ConnectionRefusedError:
+        sys.exit(f"no server at {address}")
+    print(f"{session}: {len(lines)} datagrams as documented")
+
+
+if __name__ == "__main__":
+    main()
