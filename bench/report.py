@@ -110,7 +110,7 @@ def plot_data(samples, metric):
 DOCUMENT = """# Performance
 
 The table sets the server beside a floor: a relay of one `sendmmsg` loop that keeps no state and
-does the least that a relay can do ([bench/](../bench/relay_floor.cpp)). Figures are medians of
+does the least that a relay can do (`bench/relay_floor.cpp`). Figures are medians of
 {rounds} rounds with their quartiles in brackets; a ratio is the server's figure by the floor's of
 the same round, so that 1 is as good as the floor. Processor time is the scheduler's account, the
 kernel's work included, while players on loopback send 2000 updates a second, one at a time; a relay

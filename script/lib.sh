@@ -13,7 +13,7 @@ arguments() {
   shift
   case "${1:-}" in
     -h | --help)
-      sed -n '2,/^[^#]/ { /^#/ s/^# \?//p }' "$0"
+      sed -n '2,/^[^#]/ { /^#/ s/^# \?//p }' "${BASH_SOURCE[0]%/*}/${0##*/}"
       exit 0
       ;;
   esac
@@ -21,7 +21,8 @@ arguments() {
   if [ $# -gt "$most" ]; then fail "takes no argument like \"${*:most+1:1}\"; see --help"; fi
 }
 
-# A UDP port of this machine that nobody has.
+# A UDP port of this machine that nobody has, below those that the kernel gives out by itself. Two
+# servers may share a port unnoticed.
 free_port() {
   local port
   while port=$((20000 + RANDOM % 10000)); grep -qi ":$(printf '%04X' "$port") " /proc/net/udp; do :; done
