@@ -2,9 +2,11 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
 #include <memory>
 
 static constexpr int BUSY_MS = 5'000;  // a server waits ten seconds for its answer
+static constexpr int PAUSE_MS = 5;
 static constexpr std::int64_t SCHEMA_VERSION = 1;
 
 static constexpr const char* CREATE = R"(
@@ -84,17 +86,31 @@ static bool create_if_empty(sqlite3* list) {
   return end_transaction(list, is_well) && number(list, "PRAGMA user_version") == SCHEMA_VERSION;
 }
 
+// A verdict must survive a power failure, too, so each commit is synced.
+static bool prepare_list(sqlite3* list) {
+  return run(list, "PRAGMA journal_mode = WAL") && run(list, "PRAGMA synchronous = FULL") &&
+         create_if_empty(list);
+}
+
+// The time-out does not count while another process turns an empty file into a list.
+static bool prepare_when_free(sqlite3* list) {
+  const auto begin = std::chrono::steady_clock::now();
+  bool is_ready = prepare_list(list);
+  while (!is_ready && sqlite3_errcode(list) == SQLITE_BUSY &&
+         std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(BUSY_MS)) {
+    sqlite3_sleep(PAUSE_MS);
+    is_ready = prepare_list(list);
+  }
+  return is_ready;
+}
+
 sqlite3* open_list(const char* path, std::string& complaint) {
   sqlite3* list = nullptr;
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
   const bool is_open = sqlite3_open_v2(path, &list, flags, nullptr) == SQLITE_OK;
   if (is_open) {
     sqlite3_busy_timeout(list, BUSY_MS);
-    // A verdict must survive a power failure, too, so each commit is synced.
-    if (run(list, "PRAGMA journal_mode = WAL") && run(list, "PRAGMA synchronous = FULL") &&
-        create_if_empty(list)) {
-      return list;
-    }
+    if (prepare_when_free(list)) return list;
   }
   complaint = std::string(path) + ": " + (list == nullptr ? "no memory" : sqlite3_errmsg(list));
   if (is_open && sqlite3_errcode(list) == SQLITE_OK) {

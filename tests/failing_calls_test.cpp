@@ -120,6 +120,26 @@ int __wrap_sendmmsg(int handle, mmsghdr* messages, unsigned count, int flags) {
   for (int i = 0; i < served; ++i) log += static_cast<const char*>(messages[i].msg_hdr.msg_name)[3];
   return served;
 }
+
+// The same calls of code with _FORTIFY_SOURCE, which tells the C library the size of the buffer as
+// well. Which calls those are differs between compilers and C libraries.
+int __wrap___open64_2(const char* path, int flags) {
+  return __wrap_open64(path, flags);
+}
+ssize_t __wrap___read_chk(int handle, void* buffer, std::size_t size, std::size_t /*room*/) {
+  return __wrap_read(handle, buffer, size);
+}
+int __wrap___poll_chk(pollfd* waits, nfds_t count, int limit, std::size_t /*room*/) {
+  return __wrap_poll(waits, count, limit);
+}
+int __wrap___ppoll_chk(pollfd* waits, nfds_t count, const timespec* limit, const sigset_t* mask,
+                       std::size_t /*room*/) {
+  return __wrap_ppoll(waits, count, limit, mask);
+}
+ssize_t __wrap___recvfrom_chk(int handle, void* buffer, std::size_t size, std::size_t /*room*/,
+                              int flags, sockaddr* from, socklen_t* length) {
+  return __wrap_recvfrom(handle, buffer, size, flags, from, length);
+}
 }
 
 namespace {
