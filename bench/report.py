@@ -139,6 +139,9 @@ def write_docs(root, samples, rows, command):
         processor=processor.group(1) if processor else "unknown", cores=os.cpu_count(),
         kernel=output_of(["uname", "-srm"]).strip(),
         compiler=output_of(["g++", "--version"]).splitlines()[0])
-    (root / "docs/performance.md").write_text(text, encoding="utf-8")
+    page = root / "docs/performance.md"
+    # script/fleet's section, which it does not write itself.
+    _, heading, section = page.read_text(encoding="utf-8").partition("\n## Many servers\n")
+    page.write_text(text + heading + section, encoding="utf-8")
     plot = plot_data(samples, "cpu") + plot_data(samples, "delay") + PLOT
     (root / "docs/performance.svg").write_text(output_of(["gnuplot"], plot), encoding="utf-8")
