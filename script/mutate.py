@@ -183,7 +183,7 @@ class Job:
                 path.parent.mkdir(parents=True, exist_ok=True)
                 path.write_bytes(content)
         must_run(["cmake", "--preset", "debug", "-DCMAKE_UNITY_BUILD=OFF"], self.folder)
-        must_run(["ninja", "-j1", "tests/all", "zolserver"], self.build)
+        must_run(["ninja", "-j1"], self.build)
         listed = json.loads(must_run(["ctest", "--show-only=json-v1"], self.build))
         for test in listed["tests"]:
             command, properties = test["command"], test["properties"]
