@@ -200,7 +200,7 @@ class Job:
             must_run(command, folder)
             self.tests[program].append(Test(time.monotonic() - begin, name, command, folder))
         shutil.rmtree(self.whole, ignore_errors=True)
-        shutil.copytree(self.build, self.whole)
+        shutil.copytree(self.build, self.whole, symlinks=True)
 
     def cost(self, program):
         """Seconds until the executable kills a mutant, going by what it did so far."""
