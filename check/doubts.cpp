@@ -18,6 +18,8 @@ namespace {
 
 constexpr std::int32_t FIRST_FREE_PORT = 1024;
 constexpr std::size_t MAX_QUOTED = 63;
+constexpr std::size_t MAX_DOUBTS = 100;
+constexpr std::size_t MAX_TEXT = 1 << 20;  // bytes of a file that is explained
 constexpr std::string_view BLANKS = " \t\n\v\f\r";
 constexpr std::string_view LINE_ENDS = "\r\n";
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
@@ -67,6 +69,8 @@ struct Reading {
   std::vector<Doubt> doubts{};
   std::map<std::string_view, std::size_t> lines{};  // of the known keys, where they stood last
   const char* key_before = nullptr;                 // null when it was unknown
+  std::size_t counted = 0;                          // bytes whose lines are counted
+  std::size_t line = 1;                             // at the end of those
 };
 
 // A key and its value, each as long as the server read on.
@@ -78,16 +82,20 @@ struct Step {
   bool is_taken;
 };
 
-std::size_t line_at(std::string_view text, std::size_t offset) {
-  std::size_t line = 1;
-  for (std::size_t i = 0; i < offset; ++i) {
-    if (text[i] == '\n' || (text[i] == '\r' && text.substr(i + 1, 1) != "\n")) ++line;
+// No offset may be less than the one before.
+std::size_t line_at(Reading& reading, std::size_t offset) {
+  const std::string& text = reading.text;
+  for (std::size_t& i = reading.counted; i < offset; ++i) {
+    if (text[i] == '\n' || (text[i] == '\r' && text[i + 1] != '\n')) ++reading.line;
   }
-  return line;
+  return reading.line;
 }
 
 void doubt(Reading& reading, std::size_t offset, std::string text) {
-  reading.doubts.push_back({line_at(reading.text, offset), std::move(text)});
+  const std::size_t count = reading.doubts.size() + 1;
+  if (count > MAX_DOUBTS) return;
+  if (count == MAX_DOUBTS) text = "and so on";
+  reading.doubts.push_back({line_at(reading, offset), std::move(text)});
 }
 
 std::string_view first_line(std::string_view text) {
@@ -126,7 +134,7 @@ void explain_unknown(Reading& reading, const Step& step) {
   if (line_end == step.key.npos) return;
   const char* lost = known_key(trimmed(step.key.substr(line_end + 1)));
   if (lost == nullptr) return;
-  const std::size_t line = line_at(reading.text, step.begin);
+  const std::size_t line = line_at(reading, step.begin);
   doubt(reading, step.begin + line_end + 1,
         std::string(lost) + " is not read: it counts as a part of line " + std::to_string(line));
 }
@@ -227,14 +235,13 @@ void explain(Reading& reading, const Step& step) {
     doubt(reading, step.begin,
           std::string(step.known) + " again; line " + std::to_string(line) + " counts no longer");
   }
-  line = line_at(reading.text, step.begin);
+  line = line_at(reading, step.begin);
 }
 
-std::string whole_text(std::FILE* file) {
-  std::string text;
-  char part[4096];
-  while (const std::size_t length = std::fread(part, 1, sizeof part, file))
-    text.append(part, length);
+// At most one byte more than MAX_TEXT.
+std::string text_of(std::FILE* file) {
+  std::string text(MAX_TEXT + 1, '\0');
+  text.resize(std::fread(text.data(), 1, text.size(), file));
   std::rewind(file);
   return text;
 }
@@ -252,8 +259,13 @@ std::string quoted(std::string_view text) {
 }
 
 std::vector<Doubt> read_with_doubts(std::FILE* file) {
-  Reading reading{.text = whole_text(file)};
+  Reading reading{.text = text_of(file)};
   ConfigReader reader{.file = file, .print = print_nothing};
+  if (reading.text.size() > MAX_TEXT) {
+    while (read_setting(reader)) {
+    }
+    return {{1, "the file is too large to be explained"}};
+  }
   while (read_setting(reader)) {
     const auto begin = static_cast<std::size_t>(reader.key_offset);
     const auto end = static_cast<std::size_t>(std::ftell(file));
