@@ -33,6 +33,17 @@ SETTLE_SECONDS = 1.0  # until what was sent is in the capture
 # Wrong on purpose, and what the dissector has to say: cut short, and no command.
 WRONG = {b"\x64\0\0\0": "malformed", b"\x03": "unknown command"}
 
+# What a stranger sends to the second server, whose port is not set but told by "Decode As".
+LATIN = b"\x0aB\xf6b\xff" + bytes(61) + b"\x28\0"
+DECODED_AS = [
+    'zol.datagram == "CMD_JOIN" && zol.name == "B\u00f6b\u00ff" && zol.sender == "client"',
+    'zol.datagram == "CMD_JOIN_ACCEPTED" && zol.sender == "server"',
+    "zol.malformed",
+]
+
+# What the Info column must say somewhere.
+INFO = ["CMD_PLAYER_POSITION slot=0 position=(4, 2, 3)", "CMD_POSITION_UPDATE [malformed]"]
+
 # What the sessions hold, as display filters; each must find something.
 VALUES = [
     'zol.datagram == "CMD_JOIN" && zol.name == "Alice" && zol.version == 40',
@@ -41,6 +52,7 @@ VALUES = [
     'zol.datagram == "CMD_PLAYER_POSITION" && zol.position.1 == 0x40800000',
     'zol.datagram == "CMD_CHAT_LINE" && zol.text == "Alice: hi"',
     'zol.sender == "server" && zol.command == 41 && zol.slot == 0',
+    'zol.datagram == "CMD_ENTER_GAME" && zol.in_car == 0 && !zol.car_type',
 ]
 
 
@@ -101,7 +113,7 @@ def play_pinkpanther(port):
     started = time.monotonic()
     run(ROOT / "script/replay-session", f"127.0.0.1:{port}", "session-pinkpanther")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
-        for datagram in WRONG:
+        for datagram in [LATIN, *WRONG]:
             stranger.sendto(datagram, ("127.0.0.1", port))
     time.sleep(max(0.0, started + PING_PERIOD + SETTLE_SECONDS - time.monotonic()))
 
@@ -136,7 +148,7 @@ def tshark(port, capture, *options):
     environment = os.environ | {"HOME": str(directory), "WIRESHARK_CONFIG_DIR": str(directory)}
     result = subprocess.run(
         [*prefix, "tshark", "-n", "-r", capture, "-X", f"lua_script:{script}", "-o",
-         f"zol.port:{port}", "-d", "udp.port==1-65535,zol", *options],
+         f"zol.port:{port}", *options],
         capture_output=True, text=True, errors="replace", env=environment, check=False)
     if result.returncode != 0 or "lua" in result.stderr.lower():
         fail(f"tshark failed:\n{result.stderr}")
@@ -147,7 +159,7 @@ def decode(port, capture):
     """Per datagram: protocols, sender, code, complaints, Info column."""
     columns = ["frame.protocols", "zol.sender", "zol.command", "_ws.expert.message", "_ws.col.Info"]
     options = [word for column in columns for word in ("-e", column)]
-    lines = tshark(port, capture, "-T", "fields", "-E", "separator=/t", *options)
+    lines = tshark(port, capture, "-d", "udp.port==1-65535,zol", "-T", "fields", "-E", "separator=/t", *options)
     return [line.split("\t") for line in lines]
 
 
@@ -184,9 +196,17 @@ def main():
                              directory / "pinkpanther")
         rows = decode(*default) + decode(*pinkpanther)
         check_coverage(check_datagrams(rows))
+        for text in INFO:
+            if not any(info.endswith(text) for *_, info in rows):
+                fail(f"no Info column says {text}")
         for value in VALUES:
-            if not tshark(*default, "-Y", value):
+            if not tshark(*default, "-d", "udp.port==1-65535,zol", "-Y", value):
                 fail(f"no datagram shows {value}")
+        merged = directory / "merged.pcapng"
+        run("mergecap", "-w", merged, default[1], pinkpanther[1])
+        for value in DECODED_AS:
+            if not tshark(default[0], merged, "-d", f"udp.port=={pinkpanther[0]},zol", "-Y", value):
+                fail(f"no datagram of the second server shows {value}")
     print(f"{len(rows)} datagrams decoded, every command seen")
 
 

@@ -3,6 +3,8 @@
 --   wireshark -X lua_script:wireshark/zol.lua
 --   tshark -X lua_script:wireshark/zol.lua -o zol.port:16309 -r capture.pcapng
 --
+-- In ~/.local/lib/wireshark/plugins it is loaded by itself. Other servers in the same capture are
+-- shown by "Decode As", or with -d udp.port==PORT,zol.
 -- Who sent a datagram is told by its ports: what goes to the server's port comes from a client.
 -- Where a client uses the server's port number too, its datagrams cannot be told apart.
 
@@ -275,12 +277,14 @@ local unknown_command = ProtoExpert.new("zol.unknown_command", "unknown command"
                                         expert.group.UNDECODED, expert.severity.WARN)
 zol.experts = {malformed, unknown_command}
 
--- Up to the NUL or the end of the field. No encoding is laid down; Latin-1 shows every byte.
+-- Up to the NUL or the end of the field. No encoding is laid down; Latin-1 shows every byte. Lua's
+-- own texts are UTF-8 to Wireshark, and its string(ENC_ISO_8859_1) loses the end of what grows.
 local function read_text(range)
-  local length = range:raw():find("\0", 1, true)
-  length = length and length - 1 or range:len()
-  if length == 0 then return "" end
-  return range:range(0, length):string(ENC_ISO_8859_1)
+  local text = range:raw():match("^%Z*")
+  return (text:gsub("[\128-\255]", function(character)
+    local code = character:byte()
+    return string.char(0xC0 + math.floor(code / 64), 0x80 + code % 64)
+  end))
 end
 
 -- For the Info column, which is one line.
@@ -291,27 +295,33 @@ local function quote(text)
   return '"' .. escaped .. '"'
 end
 
-local function add_position(tree, name, range)
+local function add_position(tree, name, range, notes)
   local subtree = tree:add(fields[name], range)
+  local places = {}
   for i = 1, 3 do
     local part = range:range(4 * (i - 1), 4)
+    places[i] = string.format("%g", part:le_float())
     subtree:add_le(fields[name .. i], part):append_text(
         string.format(" (as a float: %g)", part:le_float()))
   end
+  notes[#notes + 1] = name .. "=(" .. table.concat(places, ", ") .. ")"
 end
 
 -- What is worth a place in the Info column goes to notes.
 local function add_rows(tree, tvb, start, rows, notes)
+  local has_car = true
   for _, row in ipairs(rows) do
     local offset, width, name, kind = start + row[1], row[2], row[3], row[4]
     if offset >= tvb:len() then return end
     if offset + width > tvb:len() and kind ~= "text" then return end
     local range = tvb:range(offset, math.min(width, tvb:len() - offset))
-    if blocks[kind] then
+    if kind == "CarState" and not has_car then
+      tree:add(fields[name], range):set_text(name .. ": none")
+    elseif blocks[kind] then
       add_rows(tree:add(fields[name], range):set_text(name .. ": " .. kind), tvb, offset,
                blocks[kind], {})
     elseif kind == "position" then
-      add_position(tree, name, range)
+      add_position(tree, name, range, notes)
     elseif kind == "text" then
       local text = read_text(range)
       tree:add(fields[name], range, text)
@@ -320,30 +330,40 @@ local function add_rows(tree, tvb, start, rows, notes)
       tree:add_le(fields[name], range)
       if kind == "u8" or kind == "u16" then
         notes[#notes + 1] = string.format("%s=%d", name, range:le_uint())
+      elseif kind == "float" then
+        notes[#notes + 1] = string.format("%s=%g", name, range:le_float())
       end
+      -- Without a car its bytes are not read.
+      if name == "in_car" or name == "got_in" then has_car = range:uint() ~= 0 end
     end
   end
 end
 
+-- False when it is malformed: too short, or from the server too long.
 local function check_length(tree, tvb, sender, layout)
   local length, size = tvb:len(), layout.size
-  if length < size then
-    tree:add_proto_expert_info(malformed, string.format(
-        "malformed: %d bytes, %s has %d", length, layout.name, size))
-  elseif length > size and layout.name ~= "CMD_CHAT" then
+  local is_chat = layout.name == "CMD_CHAT"
+  if length > size and not is_chat then
     tree:add(fields.ignored, tvb:range(size))
-    if sender == "server" then
-      tree:add_proto_expert_info(malformed, string.format(
-          "malformed: %d bytes, %s has %d", length, layout.name, size))
-    end
   elseif length > RECEIVE_BUFFER_SIZE then
     tree:add(fields.ignored, tvb:range(RECEIVE_BUFFER_SIZE))
   end
+  if length >= size and (length == size or is_chat or sender == "client") then return true end
+  tree:add_proto_expert_info(malformed, string.format(
+      "malformed: %d bytes, %s has %d", length, layout.name, size))
+  return false
 end
 
+local function set_info(pinfo, text)
+  pinfo.cols.info = string.format("%d → %d %s", pinfo.src_port, pinfo.dst_port, text)
+end
+
+-- By the port that is set, or else by the one for which "Decode As" has chosen ZOL.
 local function find_sender(pinfo)
-  if pinfo.dst_port == zol.prefs.port then return "client" end
-  if pinfo.src_port == zol.prefs.port then return "server" end
+  for _, port in ipairs({zol.prefs.port, pinfo.match_uint}) do
+    if pinfo.dst_port == port then return "client" end
+    if pinfo.src_port == port then return "server" end
+  end
   return nil
 end
 
@@ -360,7 +380,7 @@ function zol.dissector(tvb, pinfo, root)
   if not layout then
     tree:append_text(string.format(", unknown command %d", code))
     tree:add_proto_expert_info(unknown_command)
-    pinfo.cols.info = string.format("unknown command %d from %s", code, sender)
+    set_info(pinfo, string.format("unknown command %d from %s", code, sender))
     return tvb:len()
   end
 
@@ -372,8 +392,8 @@ function zol.dissector(tvb, pinfo, root)
   if layout.name == "CMD_PINKPANTHER" and notes[2] == "slot=" .. NOBODY then
     notes[2] = notes[2] .. " (nobody)"
   end
-  check_length(tree, tvb, sender, layout)
-  pinfo.cols.info = table.concat(notes, " ")
+  if not check_length(tree, tvb, sender, layout) then notes[#notes + 1] = "[malformed]" end
+  set_info(pinfo, table.concat(notes, " "))
   return tvb:len()
 end
 
