@@ -85,23 +85,29 @@ TEST(ConfigTest, ReadsFilesToTheLetter) {
   EXPECT_GT(count, 25);
 }
 
+constexpr const char* NO_SETTINGS =
+    "Could not open zolserver.cfg / zolserver.conf - Using defaults\n";
+
 TEST(ConfigTest, PrefersTheFirstFileAndLivesWithoutBoth) {
   EXPECT_EQ(load("Port=1\n", "Port=2\nGameType=1\n"), "");
   EXPECT_EQ(settings(), "16|0|0|1|Unnamed Server|w");
   EXPECT_EQ(load(std::nullopt, "Port=2\n"), "");
   EXPECT_EQ(settings(), "16|0|0|2|Unnamed Server|w");
-  EXPECT_EQ(load(std::nullopt, std::nullopt),
-            "Could not open zolserver.cfg / zolserver.conf - Using defaults\n");
+  EXPECT_EQ(load(std::nullopt, std::nullopt), NO_SETTINGS);
 }
 
 TEST(ConfigTest, SaysWhatIsNoFileAndDoesNotWaitForIt) {
   struct Case {
     int (*make)(const char*, mode_t);
     const char* reason;
+    const char* prints = "";
   };
-  for (const auto& [make, reason] : {Case{mkdir, "Is a directory"}, Case{mkfifo, "Not a file"}}) {
+  const auto loop = [](const char* name, mode_t) { return symlink(name, name); };
+  for (const auto& [make, reason, prints] :
+       {Case{mkdir, "Is a directory"}, Case{mkfifo, "Not a file"},
+        Case{loop, "Too many levels of symbolic links", NO_SETTINGS}}) {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(load(std::nullopt, std::nullopt, make), "");
+    EXPECT_EQ(load(std::nullopt, std::nullopt, make), prints);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "zolserver.cfg: "s + reason + "\n");
     EXPECT_EQ(settings(), "16|0|0|16309|Unnamed Server|w");
   }

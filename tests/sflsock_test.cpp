@@ -8,6 +8,7 @@
 #include "announce/master_server.h"
 #include "net/socket_layer_state.h"
 #include "tests/loopback.h"
+#include "util/sflstr.h"
 
 namespace {
 
@@ -121,6 +122,7 @@ TEST(SflsockTest, ChecksItsArguments) {
   EXPECT_DEATH(udp_open_port(""), "^\nAssertion failed: sflsock, line [0-9]+\n$");
   EXPECT_DEATH(udp_receive(0, nullptr, 1, &address), "sflsock");
   EXPECT_DEATH(udp_send(0, "", 1, nullptr), "sflsock");
+  EXPECT_DEATH(compare_ignoring_case("", nullptr), "sflstr");
 }
 
 // Started as another user than its real one, the process is its real user after the first bind.
@@ -131,6 +133,7 @@ TEST(SflsockTest, DropsRaisedRightsWithTheFirstBind) {
         {
           if (setresuid(65534, 0, 0) != 0) _exit(1);
           socket_layer_state.saved_real_user = socket_layer_state.saved_effective_user = -1U;
+          drop_privileges();
           const int handle = udp_open_port(port);
           if ((handle != -1) != (*port == '1')) _exit(2);
           _exit(geteuid() == 65534 ? 0 : 3);
