@@ -5,11 +5,13 @@ Usage: process_test.py ZOLSERVER [TEST...]"""
 import contextlib
 import fcntl
 import os
+import pathlib
 import re
 import resource
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -196,6 +198,37 @@ class ProcessTest(ServerCase):
             self.assertEqual(done.returncode, status)
             self.assertTrue((done.stderr if status else done.stdout).startswith(said))
             self.assertEqual(done.stdout if status else done.stderr, "")
+
+    def test_serves_the_client_of_the_document(self):
+        document = pathlib.Path(__file__).resolve().parent.parent / "docs/protocol.md"
+        program = document.read_text().split("```python\n")[1].split("```")[0]
+        self.start_and_wait()
+        with self.client(program) as client:
+            self.assertEqual(client.stdout.readline()[:5], "17 0 ")
+            self.assertEqual(client.stdout.readline(), "16 0 0 0\n")
+            self.assertEqual(self.read_to("\n"), "Example, Player [0] Connected!\n")
+            self.server.send_signal(signal.SIGTERM)
+            self.server.wait(PATIENCE_S)
+            self.start(f"Port={self.port}\nmaxClients=2\n")
+            self.read_to("Connected!\n")
+            others = [Player(self.port) for _ in range(2)]
+            for other in others:
+                other.socket.send(FULL_JOIN)
+            self.assertEqual((others[0].heard()[0], others[1].heard()[0]), (17, 12))
+            with self.client(program) as refused:
+                self.assertEqual(refused.communicate()[1], "Maximum allowed players: 2\n")
+            for other in others:
+                other.socket.close()
+
+    @contextlib.contextmanager
+    def client(self, program):
+        command = [sys.executable, "-c", program, "127.0.0.1", str(self.port)]
+        with subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                              text=True) as client:  # fmt: skip
+            try:
+                yield client
+            finally:
+                client.kill()
 
 
 if __name__ == "__main__":
