@@ -34,6 +34,7 @@
 #include "announce/announce_thread.h"
 #include "announce/master_requests.h"
 #include "net/socket_layer_state.h"
+#include "server/command_table.h"
 #include "server/liveness.h"
 #include "server/shutdown.h"
 #include "tests/game.h"
@@ -270,6 +271,22 @@ class SessionTest : public GameTest {
 };
 
 SessionTest* SessionTest::playing = nullptr;
+
+// Port 0 can be forged, and nothing can be sent there.
+TEST_F(GameTest, DropsAJoinThatCannotBeAnswered) {
+  const Bytes request = join_request("A");
+  std::copy(request.begin(), request.end(), receive_buffer.begin());
+  sockaddr_in sender{};
+  sender.sin_family = AF_INET;
+  sender.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  for (const bool has_port : {false, true}) {
+    sender.sin_port = has_port ? 9 : 0;
+    const Datagram join{.bytes = receive_buffer, .received = request.size(), .sender = sender};
+    const std::string printed = printed_by([&] { dispatch_datagram(join); });
+    EXPECT_EQ(printed, has_port ? "A, Player [0] Connected!\n" : "");
+    EXPECT_EQ(player_count, has_port ? 1 : 0);
+  }
+}
 
 TEST_F(SessionTest, TheWorkedSessionsAreTrue) {
   std::ifstream document(PROTOCOL_DOCUMENT);
