@@ -86,7 +86,7 @@ static void check_directory(std::map<in_port_t, std::string>& ports) {
     say(must_have_settings ? BAD : DOUBTFUL, directory,
         "no zolserver.cfg and no zolserver.conf; a server would run on the defaults");
   } else {
-    const char* name = access("zolserver.cfg", F_OK) == 0 ? "zolserver.cfg" : "zolserver.conf";
+    const char* name = access("zolserver.cfg", R_OK) == 0 ? "zolserver.cfg" : "zolserver.conf";
     for (const Doubt& doubt : read_with_doubts(file)) {
       say(DOUBTFUL, directory + "/" + name + ":" + std::to_string(doubt.line), doubt.text);
     }
@@ -94,7 +94,7 @@ static void check_directory(std::map<in_port_t, std::string>& ports) {
   }
   const std::optional<in_port_t> port = port_to_bind(server_config.Port, "udp");
   if (port) check_port(*port, ports);
-  if (!port) say(BAD, directory, std::string("the server does not start: no port"));
+  if (!port) say(BAD, directory, "the server does not start: no port");
   if (!is_start) print_settings(port ? "port " + std::to_string(ntohs(*port)) : "no port");
 }
 

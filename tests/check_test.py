@@ -9,7 +9,7 @@ import sys
 import tempfile
 import unittest
 
-from server_case import PATIENCE_S, RULE, ServerCase, bound_socket
+from server_case import PATIENCE_S, RULE, ServerCase, free_port
 
 ZOLCHECK = os.path.realpath(sys.argv.pop(1))
 SAMPLE = pathlib.Path(__file__).resolve().parent.parent / "packaging/zolserver.cfg"
@@ -70,19 +70,13 @@ class CheckTest(ServerCase):
         self.start_on_free_port("Foo=1\n")
         self.read_to(RULE)
         self.directory("second", f"Port={self.port}\nmaxClients=99\n")
-        self.directory("other", "maxClients=99\nPort=%s\n" % bound_and_free())
+        self.directory("other", "maxClients=99\nPort=%s\n" % free_port())
         status, said, complaints = self.check("--start", "second")
         self.assertEqual((status, said, complaints.splitlines()[-1]),
                          (2, "", f"second: port {self.port} is in use; is the server running already?"))
         self.assertEqual(self.check("second")[0], 1, "the server itself may be what runs there")
         status, said, complaints = self.check("--start", "other")
         self.assertEqual((status, said, complaints.count("\n")), (0, "", 1))
-
-
-def bound_and_free():
-    taken, port = bound_socket()
-    taken.close()
-    return port
 
 
 if __name__ == "__main__":

@@ -21,6 +21,12 @@ def bound_socket():
     return taken, taken.getsockname()[1]
 
 
+def free_port():
+    taken, port = bound_socket()
+    taken.close()
+    return port
+
+
 class Player:
     def __init__(self, port):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -50,8 +56,7 @@ class ServerCase(unittest.TestCase):
         self.addCleanup(self.server.kill)
 
     def start_on_free_port(self, settings="", **options):
-        taken, self.port = bound_socket()
-        taken.close()
+        self.port = free_port()
         self.start(f"Port={self.port}\n{settings}", **options)
 
     def start_and_wait(self, settings="", console=None, **options):
