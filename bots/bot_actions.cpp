@@ -176,19 +176,18 @@ static void die(Bot& bot) {
 // CMD_CHAT_LINE names the player but no slot, so the text begins with it. Half of the texts end
 // with the datagram instead of a NUL.
 static void chat(Bot& bot) {
-  std::array<char, RECEIVE_BUFFER_SIZE> report{};
-  report[0] = static_cast<char>(ClientCommand::CMD_CHAT);
+  Chat report;
   const char* phrase = PHRASES[random_below(bot, std::size(PHRASES))];
-  const int length = std::snprintf(&report[1], report.size() - 1, "%u.%u %s", unsigned{bot.slot},
-                                   unsigned{bot.sequence++}, phrase);
+  const int length = std::snprintf(report.text.data(), report.text.size(), "%u.%u %s",
+                                   unsigned{bot.slot}, unsigned{bot.sequence++}, phrase);
 
   std::array<char, 2 * RECEIVE_BUFFER_SIZE> line{};
-  std::snprintf(line.data(), line.size(), "%s: %s", bot.name.data(), &report[1]);
+  std::snprintf(line.data(), line.size(), "%s: %s", bot.name.data(), report.text.data());
   ChatLine relay;
   std::copy_n(line.begin(), relay.text.size(), relay.text.begin());
   expect_relay(bot, relay);
   const std::size_t size = 1 + static_cast<std::size_t>(length) + random_below(bot, 2);
-  send_bytes(bot, {reinterpret_cast<const std::uint8_t*>(report.data()), size});
+  send_bytes(bot, datagram_of(report).first(size));
 }
 
 static void expect_state(const Bot& bot, Slot slot) {
@@ -204,21 +203,19 @@ static void expect_state(const Bot& bot, Slot slot) {
 // The server answers only about players in the game, and not about the one who asks. Bots ask about
 // slots that do not exist too, but not about a bot that may or may not be in the game.
 static void query(Bot& bot) {
-  SlotQuery question;
   const bool asks_info = random_below(bot, 2) == 0;
-  question.command =
-      asks_info ? ClientCommand::CMD_GET_PLAYER_INFO : ClientCommand::CMD_GET_PLAYER_STATE;
-  question.slot = static_cast<Slot>(random_below(bot, fleet.size + 2));
-  if (question.slot > fleet.size) question.slot = random_byte(bot) | 32U;
-  const std::uint8_t target = question.slot < SLOTS ? fleet.slots[question.slot].bot : NO_BOT;
+  auto slot = static_cast<Slot>(random_below(bot, fleet.size + 2));
+  if (slot > fleet.size) slot = random_byte(bot) | 32U;
+  const std::uint8_t target = slot < SLOTS ? fleet.slots[slot].bot : NO_BOT;
   if (target != NO_BOT && target != bot.number) {
     const BotSet target_bit = bot_bit(target);
     if ((fleet.maybe_in_game & target_bit) != 0) return;
     if ((fleet.in_game & target_bit) != 0) {
-      asks_info ? expect_info(bot, question.slot) : expect_state(bot, question.slot);
+      asks_info ? expect_info(bot, slot) : expect_state(bot, slot);
     }
   }
-  send_bytes(bot, datagram_of(question));
+  send_bytes(bot, asks_info ? datagram_of(GetPlayerInfo{.slot = slot})
+                            : datagram_of(GetPlayerState{.slot = slot}));
 }
 
 // An action and its probability, per draw. The probabilities of a table add up to less than a

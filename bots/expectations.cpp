@@ -79,7 +79,8 @@ static bool clock_fits(unsigned hour, unsigned minute, std::uint64_t sent_ns,
 
 static bool is_refusal(Datagram datagram) {
   static constexpr char TEXT[] = "Maximum allowed players: ";
-  return datagram.size() == sizeof(JoinRefused) && command_of(datagram) == CMD_JOIN_REFUSED_FULL &&
+  return datagram.size() == sizeof(JoinRefusedFull) &&
+         command_of(datagram) == CMD_JOIN_REFUSED_FULL &&
          std::memcmp(&datagram[1], TEXT, sizeof TEXT - 1) == 0;
 }
 

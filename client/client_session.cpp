@@ -25,7 +25,7 @@ static void send_entry(ClientSession& session, std::uint64_t now_ms) {
 
 static void ask_for_records(ClientSession& session, std::uint64_t now_ms) {
   for (Slot slot = 0; (slot = next_question(session.picture, now_ms)) != NO_SLOT;) {
-    const SlotQuery question{.command = ClientCommand::CMD_GET_PLAYER_INFO, .slot = slot};
+    const GetPlayerInfo question{.slot = slot};
     send_datagram(session.socket, datagram_of(question));
   }
 }
@@ -65,7 +65,7 @@ static SessionEvent hear_accepted(ClientSession& session, Datagram datagram, std
 // A full server also refuses who has a slot already: the answer that said so was lost. Leaving
 // makes room for the next try.
 static SessionEvent hear_refusal(ClientSession& session, Datagram datagram) {
-  if (session.state != SessionState::JOINING || datagram.size() != sizeof(JoinRefused)) {
+  if (session.state != SessionState::JOINING || datagram.size() != sizeof(JoinRefusedFull)) {
     return SessionEvent::NONE;
   }
   session.refusal = {};
@@ -112,10 +112,9 @@ std::size_t chat_room(const ClientSession& session) {
 
 void session_say(ClientSession& session, std::string_view text) {
   text = text.substr(0, chat_room(session));
-  std::array<std::uint8_t, 2 + TEXT_WIDTH> datagram{
-      static_cast<std::uint8_t>(ClientCommand::CMD_CHAT)};
-  std::copy(text.begin(), text.end(), datagram.begin() + 1);
-  send_datagram(session.socket, Datagram(datagram).first(text.size() + 2));
+  Chat chat;
+  std::copy(text.begin(), text.end(), chat.text.begin());
+  send_datagram(session.socket, datagram_of(chat).first(text.size() + 2));
 
   char line[2 * NAME_WIDTH + TEXT_WIDTH];
   std::snprintf(line, sizeof line, "%s: %.*s", session.name.data(), static_cast<int>(text.size()),

@@ -25,19 +25,20 @@ static bool speaks_our_version(const JoinRequest& request) {
 
 // False when the sender was refused. The version comes before the capacity.
 static bool admit(const JoinRequest& request, const Datagram& datagram) {
-  JoinRefused refusal;
   if (!speaks_our_version(request)) {
-    refusal.command = ServerCommand::CMD_JOIN_REFUSED_VERSION;
+    JoinRefusedVersion refusal;
     std::snprintf(refusal.text, sizeof refusal.text, "You need Version %s", SERVER_VERSION);
-  } else if (last_join_slot == NO_SLOT) {
-    refusal.command = ServerCommand::CMD_JOIN_REFUSED_FULL;
+    send_record(datagram.sender, refusal, SendErrorText::WITH_BLANK);
+    return false;
+  }
+  if (last_join_slot == NO_SLOT) {
+    JoinRefusedFull refusal;
     std::snprintf(refusal.text, sizeof refusal.text, "Maximum allowed players: %d",
                   server_config.maxClients);
-  } else {
-    return true;
+    send_record(datagram.sender, refusal, SendErrorText::WITH_BLANK);
+    return false;
   }
-  send_record(datagram.sender, refusal, SendErrorText::WITH_BLANK);
-  return false;
+  return true;
 }
 
 void finish_leaving(Slot slot) {

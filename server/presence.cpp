@@ -66,13 +66,13 @@ static bool may_be_told(Slot asker, Slot target) {
 }
 
 void handle_get_player_info(Slot slot, const Datagram& datagram) {
-  const auto query = read_record<SlotQuery>(datagram);
+  const auto query = read_record<GetPlayerInfo>(datagram);
   if (!may_be_told(slot, query.slot)) return;
   send_record(datagram.sender, player_info_of(query.slot, false), SendErrorText::WITHOUT_BLANK);
 }
 
 void handle_get_player_state(Slot slot, const Datagram& datagram) {
-  const auto query = read_record<SlotQuery>(datagram);
+  const auto query = read_record<GetPlayerState>(datagram);
   if (!may_be_told(slot, query.slot)) return;
   send_record(datagram.sender, player_state_reply_of(query.slot), SendErrorText::WITHOUT_BLANK);
 }

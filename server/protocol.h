@@ -81,6 +81,7 @@ enum class ServerCommand : std::uint8_t {
 // A float of the clients, carried as its bits.
 using FloatBits = std::uint32_t;
 using Position = std::array<std::uint32_t, 3>;
+using LittleEndian16 = std::array<std::uint8_t, 2>;
 using CarBlockA = std::array<std::uint8_t, 28>;
 using CarBlockB = std::array<std::uint8_t, 24>;
 template <std::size_t count>
@@ -109,13 +110,13 @@ struct CarState {
   FloatBits car_float = 0;
 };
 
-// Client to server.
+// Client to server. A command without a record is its code alone.
 
 struct JoinRequest {
   ClientCommand command = ClientCommand::CMD_JOIN;
   std::array<char, NAME_WIDTH> name{};
   Unused<1> unused_1{};
-  std::array<std::uint8_t, 2> version{};  // little-endian, PROTOCOL_VERSION
+  LittleEndian16 version{};  // PROTOCOL_VERSION
 };
 
 struct EnterGame {
@@ -127,8 +128,19 @@ struct EnterGame {
   CarState car{};
 };
 
-struct SlotQuery {
-  ClientCommand command{};  // CMD_GET_PLAYER_INFO or CMD_GET_PLAYER_STATE
+// The text ends with a NUL or with the datagram, which may be shorter than this record.
+struct Chat {
+  ClientCommand command = ClientCommand::CMD_CHAT;
+  std::array<char, RECEIVE_BUFFER_SIZE - 1> text{};
+};
+
+struct GetPlayerInfo {
+  ClientCommand command = ClientCommand::CMD_GET_PLAYER_INFO;
+  Slot slot = 0;
+};
+
+struct GetPlayerState {
+  ClientCommand command = ClientCommand::CMD_GET_PLAYER_STATE;
   Slot slot = 0;
 };
 
@@ -188,8 +200,6 @@ struct CarStatus {
   FloatBits car_float = 0;
 };
 
-// CMD_CHAT has no record: its text runs from the second byte to a NUL or the datagram's end.
-
 struct StateFloats {
   ClientCommand command = ClientCommand::CMD_STATE_FLOATS;
   Unused<3> unused_1{};
@@ -206,8 +216,13 @@ struct JoinAccepted {
   char welcome_message[TEXT_WIDTH] = {};
 };
 
-struct JoinRefused {
-  ServerCommand command{};  // CMD_JOIN_REFUSED_FULL or CMD_JOIN_REFUSED_VERSION
+struct JoinRefusedFull {
+  ServerCommand command = ServerCommand::CMD_JOIN_REFUSED_FULL;
+  char text[TEXT_WIDTH] = {};
+};
+
+struct JoinRefusedVersion {
+  ServerCommand command = ServerCommand::CMD_JOIN_REFUSED_VERSION;
   char text[TEXT_WIDTH] = {};
 };
 
@@ -386,10 +401,11 @@ static_assert(wire_size<PlayerLeftCar> == 20 && offsetof(PlayerLeftCar, state_f1
 static_assert(wire_size<PlayerCarStatus> == 8 && offsetof(PlayerCarStatus, car_byte) == 2 &&
               offsetof(PlayerCarStatus, car_float) == 4);
 static_assert(wire_size<PlayerStateFloats> == 12 && offsetof(PlayerStateFloats, state_f2) == 4);
-static_assert(wire_size<SlotQuery> == 2 && wire_size<Died> == 2 && wire_size<Weapon> == 2);
+static_assert(wire_size<GetPlayerInfo> == 2 && wire_size<GetPlayerState> == 2);
+static_assert(wire_size<Chat> == 256 && wire_size<Died> == 2 && wire_size<Weapon> == 2);
 static_assert(wire_size<Ping> == 1 && wire_size<ServerShutdown> == 1);
 static_assert(wire_size<PlayerLeft> == 2 && wire_size<NotInCar> == 2);
 static_assert(wire_size<PinkPanther> == 2 && wire_size<EnterGameReply> == 4);
 static_assert(wire_size<GameClock> == 3 && wire_size<PlayerWeapon> == 3);
-static_assert(wire_size<PlayerDied> == 3 && wire_size<JoinRefused> == 65);
-static_assert(wire_size<ChatLine> == 65);
+static_assert(wire_size<JoinRefusedFull> == 65 && wire_size<JoinRefusedVersion> == 65);
+static_assert(wire_size<PlayerDied> == 3 && wire_size<ChatLine> == 65);

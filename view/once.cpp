@@ -66,8 +66,7 @@ static void ask_for_all(ClientSession& session, std::uint64_t silence_ms) {
     const std::ptrdiff_t known_before = known_players(picture);
     for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
       if (picture.players[slot].has_record || slot == picture.own_slot) continue;
-      const SlotQuery question{.command = ClientCommand::CMD_GET_PLAYER_INFO, .slot = slot};
-      send_datagram(session.socket, datagram_of(question));
+      send_datagram(session.socket, datagram_of(GetPlayerInfo{.slot = slot}));
     }
     hear_answers(session, silence_ms, end_ms);
     quiet_rounds = known_players(picture) > known_before ? 0 : quiet_rounds + 1;
