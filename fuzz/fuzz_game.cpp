@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <numeric>
 #include <span>
 #include <vector>
 
@@ -17,12 +18,19 @@
 #include "tests/fake_clock.h"
 
 using Players = std::uint64_t;  // one bit a sender, however they come to the table
-static std::vector<std::pair<Players, std::uint8_t>> sent;  // to whom, and its code
+static std::vector<std::pair<Players, ServerCommand>> sent;  // to whom, and its code
 
-constexpr std::uint8_t COMMANDS[] = {2,   10,  15,  31,  40,  41,  43,  60,  100,
-                                     101, 102, 103, 110, 120, 121, 122, 123, 124};
-constexpr int PLAYER_INFO = 42, PINKPANTHER = 209;
-constexpr std::uint8_t ANSWERS[] = {12, 14, 16, 17, 41, 43, 72};  // 42 and 209 go to both
+static const std::vector<std::uint8_t> commands = [] {
+  std::vector<std::uint8_t> codes(256);
+  std::iota(codes.begin(), codes.end(), std::uint8_t{0});
+  std::erase_if(codes, [](std::uint8_t code) { return !is_command(code); });
+  return codes;
+}();
+using enum ServerCommand;
+constexpr ServerCommand ANSWERS[] = {
+    CMD_JOIN_REFUSED_FULL, CMD_JOIN_REFUSED_VERSION, CMD_ENTER_GAME_REPLY, CMD_JOIN_ACCEPTED,
+    CMD_NOT_IN_CAR,        CMD_PLAYER_STATE,         CMD_GAME_CLOCK};
+constexpr ServerCommand TO_BOTH[] = {CMD_PLAYER_INFO, CMD_PINKPANTHER};
 
 // Four senders share an address, ten a port. The address of zeros is nobody's.
 static Players bit_of(const sockaddr_in& address) {
@@ -58,7 +66,7 @@ static void check_table() {
 static void check_sent(Players sender, Players others) {
   for (const auto& [to, code] : sent) {
     const bool is_answer = std::ranges::count(ANSWERS, code) == 1;
-    const bool goes_to_both = code == PLAYER_INFO || code == PINKPANTHER;
+    const bool goes_to_both = std::ranges::count(TO_BOTH, code) == 1;
     check(goes_to_both || is_answer == (to == sender), "answers to the sender, relays to others");
     check(((sender | others) & to) != 0, "to nobody else");
   }
@@ -80,7 +88,9 @@ static void receive(Input& input, std::uint8_t code) {
   const std::uint8_t number = input.next();
   const std::size_t received = (input.next() + 1U) % receive_buffer.size();
   for (std::size_t i = 0; i < received; ++i) receive_buffer[i] = i == 0 ? code : input.next();
-  if (number < 128) receive_buffer[66] = PROTOCOL_VERSION, receive_buffer[67] = 0;
+  constexpr std::size_t VERSION_AT = offsetof(JoinRequest, version);
+  if (number < 128)
+    receive_buffer[VERSION_AT] = PROTOCOL_VERSION, receive_buffer[VERSION_AT + 1] = 0;
   sockaddr_in sender{};
   sender.sin_addr.s_addr = number % 10U;
   sender.sin_port = static_cast<in_port_t>(1 + number % 40U / 10);
@@ -90,12 +100,13 @@ static void receive(Input& input, std::uint8_t code) {
 }
 
 static void take_event(Input& input) {
-  const std::uint8_t kind = input.next() % 24;
-  if (kind < std::size(COMMANDS)) return receive(input, COMMANDS[kind]);
-  if (kind == 18) return receive(input, input.next());
-  if (kind == 19) return run_event({}, ping_pass);
-  if (kind == 20) pinkpanther_reselect = server_config.GameType;  // as the announcer does
-  if (kind > 20) fake_now_ms += input.next() * 1000U;
+  std::size_t kind = input.next() % (commands.size() + 6);
+  if (kind < commands.size()) return receive(input, commands[kind]);
+  kind -= commands.size();
+  if (kind == 0) return receive(input, input.next());
+  if (kind == 1) return run_event({}, ping_pass);
+  if (kind == 2) pinkpanther_reselect = server_config.GameType;  // as the announcer does
+  if (kind > 2) fake_now_ms += input.next() * 1000U;
 }
 
 static void start_over(Input& input) {
@@ -108,7 +119,7 @@ extern "C" ssize_t __wrap_sendto(int /*handle*/, const void* bytes, std::size_t 
                                  const void* to, socklen_t /*length*/) {
   if (flags != 0) return 0;  // the look-up of a route
   sent.push_back(
-      {bit_of(*static_cast<const sockaddr_in*>(to)), *static_cast<const std::uint8_t*>(bytes)});
+      {bit_of(*static_cast<const sockaddr_in*>(to)), *static_cast<const ServerCommand*>(bytes)});
   return static_cast<ssize_t>(size);
 }
 

@@ -48,16 +48,20 @@ constexpr auto HANDLERS = [] {
 }();
 
 void run_handler(std::uint8_t code, const Datagram& datagram) {
-  const Handler handler = HANDLERS[code];
-  if (handler == nullptr) {
+  if (!is_command(code)) {
     console_print("Unknown Command: %d \n", code);
     return;
   }
+  const Handler handler = HANDLERS[code];
   const Slot slot = find_slot_by_address(datagram.sender);
   if (slot != NO_SLOT || handler == handle_join) handler(slot, datagram);
 }
 
 }  // namespace
+
+bool is_command(std::uint8_t code) {
+  return HANDLERS[code] != nullptr;
+}
 
 void dispatch_datagram(const Datagram& datagram) {
   const std::uint8_t code = datagram.bytes[0];
