@@ -1,343 +1,314 @@
 #!/usr/bin/env python3
-"""Compares the three descriptions of the protocol: server/protocol.h, wireshark/zol.lua and
-docs/protocol.md. Codes, names, sizes and every field's offset, width and name must agree.
-
-Usage: script/check-protocol          (needs a C++20 compiler, $CXX or g++)
-
-Sizes and offsets of the header come from the compiler; the other two are read line by line. A line
-that is not understood is an error, so nothing can be left out unnoticed.
+"""Keeps current what other files repeat of server/protocol.h: the tables of the dissector, the tables,
+headings and links of docs/protocol.md, and the command codes of the sample firewall. Says what
+differs, or writes it with --write. In the document the last column of a table and all other text
+are written by hand.
 """
 
-import os
+import argparse
+import collections
+import difflib
+import itertools
 import re
-import subprocess
-import tempfile
+
+import clang.cindex as clang
 
 from lib import ROOT, fail
 
-HEADER = "server/protocol.h"
 DISSECTOR = "wireshark/zol.lua"
 DOCUMENT = "docs/protocol.md"
+FIREWALL = "packaging/zolserver.nft"
+HEADERS = ("server/protocol.h", "config/server_config.h")
 
-# Client commands without a record in the header: size, fields behind the code.
-BARE = (1, [])
-WITHOUT_RECORD = {
-    "CMD_PING_REPLY": BARE,
-    "CMD_PLAYER_LEFT": BARE,
-    "CMD_LEAVE_CAR": BARE,
-    "CMD_CHAT": (2, [(1, 255, "text", "text")]),  # size and width: the least and the most
-}
+SENDERS = {"ClientCommand": "client", "ServerCommand": "server"}
 KINDS = {
     "std::uint8_t": "u8",
-    "ClientCommand": "u8",
-    "ServerCommand": "u8",
     "Slot": "u8",
-    "std::array<std::uint8_t, 2>": "u16",
+    "LittleEndian16": "u16",
     "FloatBits": "float",
     "Position": "position",
     "CarBlockA": "bytes",
     "CarBlockB": "bytes",
-    "PlayerState": "PlayerState",
-    "CarState": "CarState",
 }
-SENDERS = {"Client to server": "client", "Server to client": "server"}
+LEAST_CHAT = 2  # bytes of CMD_CHAT, the one datagram that may be shorter than its record
+
+# kind: of KINDS, "text", or the name of a block.
+Field = collections.namedtuple("Field", "offset width name kind")
+Block = collections.namedtuple("Block", "name size fields")
+Datagram = collections.namedtuple("Datagram", "sender code name least size fields")
+Protocol = collections.namedtuple("Protocol", "blocks datagrams numbers")
 
 
-def read(name):
-    return (ROOT / name).read_text()
+# The headers, as the compiler reads them.
 
 
-def kind_of(type_name, array):
-    if type_name.startswith("Unused<"):
+def parse():
+    source = "".join(f'#include "{ROOT / name}"\n' for name in HEADERS)
+    unit = clang.Index.create().parse(
+        "headers.cpp", ["-std=c++20", f"-I{ROOT}"], unsaved_files=[("headers.cpp", source)])
+    errors = [str(note) for note in unit.diagnostics if note.severity >= clang.Diagnostic.Error]
+    if errors:
+        fail("\n".join(errors))
+    ours = {str(ROOT / name) for name in HEADERS}
+    return [node for node in unit.cursor.get_children()
+            if node.location.file and node.location.file.name in ours]
+
+
+def kind_of(field):
+    name = field.type.spelling
+    if name.startswith("Unused<"):
         return "bytes"
-    if type_name.startswith("std::array<char,") or (type_name == "char" and array):
+    if re.match(r"std::array<char,|char ?\[", name):
         return "text"
-    return KINDS.get(type_name) or fail(f"{HEADER}: no kind known for the type {type_name}")
+    declared = field.type.get_declaration()
+    is_block = declared.kind == clang.CursorKind.STRUCT_DECL and name == declared.spelling
+    return KINDS.get(name) or (name if is_block else fail(f"{field.spelling}: what kind is {name}?"))
 
 
-class Description:
-    """What one of the files says. layouts: (sender, code) -> (name, size, fields); blocks: name ->
-    (size, fields); a field is (offset, width, name, kind); numbers: what else is compared."""
-
-    def __init__(self, source):
-        self.source = source
-        self.layouts = {}
-        self.blocks = {}
-        self.numbers = {}
-
-    def add(self, sender, code, name, size, fields):
-        if (sender, code) in self.layouts:
-            fail(f"{self.source}: two layouts for code {code} from the {sender}")
-        self.layouts[sender, code] = (name, size, fields)
+def fields_of(struct):
+    return [Field(struct.type.get_offset(field.spelling) // 8, field.type.get_size(),
+                  "unused" if field.spelling.startswith("unused_") else field.spelling,
+                  kind_of(field))
+            for field in struct.get_children() if field.type.spelling not in SENDERS]
 
 
-# The header.
-
-STRUCT = re.compile(r"^struct (\w+) \{\n(.*?)^\};", re.M | re.S)
-MEMBER = re.compile(r"(\S.*?) (\w+)(\[\w+\])?(?: = ([^;]+)|\{\});\s*(?://\s*(.*))?")
-ENUM = re.compile(r"^enum class (\w+) : std::uint8_t \{\n(.*?)^\};", re.M | re.S)
-ENUMERATOR = re.compile(r"  (CMD_\w+) = (\d+),")
-
-
-def header_records(text):
-    """Per struct: its name and its members (type, name, array, default, remark)."""
-    records = {}
-    for struct in STRUCT.finditer(text):
-        members = []
-        for line in struct[2].splitlines():
-            member = MEMBER.fullmatch(line.strip())
-            members.append(member.groups() if member else fail(f"{HEADER}: not understood: {line}"))
-        records[struct[1]] = members
-    return records
+def literal(node):
+    """The number that a variable or a field starts with."""
+    tokens = [part.spelling.strip('"') for inside in node.walk_preorder()
+              if inside.kind in (clang.CursorKind.INTEGER_LITERAL, clang.CursorKind.STRING_LITERAL)
+              for part in inside.get_tokens()]
+    return int(tokens[-1])
 
 
-def measure(records):
-    """Sizes and fields of the records, as the compiler lays them out."""
-    lines = []
-    for record, members in records.items():
-        lines.append(f'std::printf("{record} - %zu 0\\n", sizeof({record}));')
-        for _, name, *_ in members:
-            lines.append(f'std::printf("{record} {name} %zu %zu\\n", offsetof({record}, {name}), '
-                         f"sizeof({record}::{name}));")
-    source = f'#include <cstdio>\n#include "{HEADER}"\nint main() {{ {" ".join(lines)} }}\n'
-    with tempfile.TemporaryDirectory() as directory:
-        program = os.path.join(directory, "measure")
-        compiler = os.environ.get("CXX", "g++").split()
-        command = [*compiler, "-std=c++20", "-I.", "-xc++", "-", "-o", program]
-        if subprocess.run(command, input=source, text=True, cwd=ROOT, check=False).returncode != 0:
-            fail(f"{HEADER} does not compile")
-        output = subprocess.run([program], capture_output=True, text=True, check=True).stdout
-    rows = (line.split() for line in output.splitlines())
-    return {(record, name): (int(a), int(b)) for record, name, a, b in rows}
+def code_of(enumerator):
+    return enumerator.enum_value % 256  # above 127 the library takes it for negative
 
 
-def header_fields(record, members, measured):
-    fields = []
-    for type_name, name, array, *_ in members:
-        shown = "unused" if type_name.startswith("Unused<") else name
-        fields.append((*measured[record, name], shown, kind_of(type_name, array)))
-    return fields
-
-
-def header_codes(sender, text):
-    """The codes of one direction, which must be one enum's: name -> code."""
-    enums = ENUM.findall(text)
-    if [name for name, _ in enums] != [command_type(sender)]:
-        fail(f"{HEADER}: expected the codes of the {sender} in one enum {command_type(sender)}")
-    codes = {}
-    for line in enums[0][1].splitlines():
-        code = ENUMERATOR.fullmatch(line) or fail(f"{HEADER}: not understood: {line}")
-        codes[code[1]] = int(code[2])
-    return codes
-
-
-def command_type(sender):
-    return f"{sender.capitalize()}Command"
-
-
-def commands_of(members, sender):
-    """The codes that a record is sent with: its default, or those that the remark names."""
-    type_name, name, _, default, remark = members[0]
-    if (type_name, name) != (command_type(sender), "command"):
-        return []
-    if default is None:
-        return re.findall(r"CMD_\w+", remark or "")
-    return re.findall(rf"^{type_name}::(CMD_\w+)$", default)
-
-
-def read_header():
-    text = read(HEADER)
-    description = Description(HEADER)
-    # Codes by direction; then blocks and records, by direction as well.
-    parts = re.split(r"^// (Client to server|Server to client)\.$", text, flags=re.M)
-    if parts[1::2] != ["Client to server", "Server to client"] * 2:
-        fail(f"{HEADER}: expected codes and then records, each by direction")
-    codes = {}
-    for heading, part in zip(parts[1:5:2], parts[2:5:2]):
-        codes[SENDERS[heading]] = header_codes(SENDERS[heading], part)
-    if sum(map(len, codes.values())) != len(re.findall(r"\bCMD_\w+ *=", text)):
-        fail(f"{HEADER}: a CMD_ code stands outside of the enums")
-
-    records = header_records(text)
-    measured = measure(records)
-    directions = {}
-    for heading, part in zip(parts[5::2], parts[6::2]):
-        directions |= {name: SENDERS[heading] for name in header_records(part)}
-    for record, members in records.items():
-        size = measured[record, "-"][0]
-        fields = header_fields(record, members, measured)
-        if record not in directions:
-            description.blocks[record] = (size, fields)
+def read_headers():
+    nodes = parse()
+    structs = {node.spelling: node for node in nodes if node.kind == clang.CursorKind.STRUCT_DECL}
+    port = next(field for field in structs.pop("ServerConfig").get_children()
+                if field.spelling == "Port")
+    numbers = {node.spelling: literal(node) for node in nodes
+               if node.spelling in ("NOBODY", "RECEIVE_BUFFER_SIZE")}
+    records, blocks = {}, []
+    for struct in structs.values():
+        first = next(struct.get_children())
+        sender = SENDERS.get(first.type.spelling)
+        if not sender:
+            blocks.append(Block(struct.spelling, struct.type.get_size(), fields_of(struct)))
             continue
-        sender = directions[record]
-        for command in commands_of(members, sender) or fail(f"{HEADER}: {record} has no command"):
-            code = codes[sender].get(command)
-            if code is None:
-                fail(f"{HEADER}: {command} of {record} is no command of the {sender}")
-            description.add(sender, code, command, size, fields[1:])
-    for command, (size, fields) in WITHOUT_RECORD.items():
-        description.add("client", codes["client"][command], command, size, fields)
-    for sender, commands in codes.items():
-        for command, code in commands.items():
-            if description.layouts.get((sender, code), ("",))[0] != command:
-                fail(f"{HEADER}: {command} ({code}) has no record of its own")
-
-    description.numbers = {
-        "protocol version": number(HEADER, r"PROTOCOL_VERSION = (\d+);"),
-        "nobody": number(HEADER, r" NOBODY = (\d+);"),
-        "receive buffer": number(HEADER, r"RECEIVE_BUFFER_SIZE = (\d+);"),
-        "port": number("config/server_config.h", r'char Port\[\d+\] = "(\d+)";'),
-    }
-    return description
+        codes = [code_of(part.referenced) for part in first.walk_preorder()
+                 if part.kind == clang.CursorKind.DECL_REF_EXPR]
+        if len(codes) != 1 or (sender, *codes) in records:
+            fail(f"{struct.spelling} does not start with a code of its own")
+        records[sender, codes[0]] = (struct.type.get_size(), fields_of(struct))
+    datagrams = []
+    for enum in (node for node in nodes if node.spelling in SENDERS):
+        for code in enum.get_children():
+            sender, name = SENDERS[enum.spelling], code.spelling
+            size, fields = records.get((sender, code_of(code)), (1, []))
+            least = LEAST_CHAT if name == "CMD_CHAT" else size
+            datagrams.append(Datagram(sender, code_of(code), name, least, size, fields))
+    return Protocol(blocks, datagrams, numbers | {"PORT": literal(port)})
 
 
-def number(source, pattern):
-    found = re.search(pattern, read(source))
-    return int(found[1]) if found else fail(f"{source}: nothing matches {pattern}")
+# What is written.
 
 
-# The dissector.
-
-LUA_BLOCK = re.compile(r'\{"(\w+)", (\d+), \{')
-LUA_LAYOUT = re.compile(r'\{"(client|server)", (\d+), "(CMD_\w+)", (\d+), \{')
-LUA_FIELD = re.compile(r'\{(\d+), (\d+), "(\w+)", "(\w+)"\},')
-
-
-def lua_table(text, name):
-    table = re.search(rf"^local {name} = \{{\n(.*?)^\}}$", text, re.M | re.S)
-    if table is None:
-        fail(f"{DISSECTOR}: no table {name}")
-    lines = (line.strip() for line in table[1].splitlines())
-    return [line for line in lines if line and not line.startswith("--") and line != "}},"]
+def replace(source, text, pattern, new):
+    found = re.findall(pattern, text, re.M | re.S)
+    if len(found) != 1:
+        fail(f"{source}: not once, but {len(found)} times: {pattern}")
+    return re.sub(pattern, lambda _: new, text, flags=re.M | re.S)
 
 
-def read_dissector():
-    text = read(DISSECTOR)
-    description = Description(DISSECTOR)
-    fields = None
-    for line in lua_table(text, "BLOCKS") + lua_table(text, "LAYOUTS"):
-        if block := LUA_BLOCK.fullmatch(line):
-            fields = []
-            description.blocks[block[1]] = (int(block[2]), fields)
-        elif layout := LUA_LAYOUT.fullmatch(line):
-            fields = []
-            description.add(layout[1], int(layout[2]), layout[3], int(layout[4]), fields)
-        elif (field := LUA_FIELD.fullmatch(line)) and fields is not None:
-            fields.append((int(field[1]), int(field[2]), field[3], field[4]))
-        else:
-            fail(f"{DISSECTOR}: not understood: {line}")
-    description.numbers = {
-        "protocol version": number(DISSECTOR, r"ZOL protocol, version (\d+)"),
-        "nobody": number(DISSECTOR, r"local NOBODY = (\d+)"),
-        "receive buffer": number(DISSECTOR, r"local RECEIVE_BUFFER_SIZE = (\d+)"),
-        "port": number(DISSECTOR, r'Pref\.uint\("Server port", (\d+),'),
-    }
-    return description
+def lua_rows(fields):
+    return "".join(f'    {{{f.offset}, {f.width}, "{f.name}", "{f.kind}"}},\n' for f in fields)
 
 
-# The document.
-
-OVERVIEW_ROW = re.compile(r"\| (\d+) \| `(CMD_\w+)` \| (\d+)(?: to (\d+))? \|.*")
-LAYOUT_HEADING = re.compile(r"### `(CMD_\w+)` \((\d+)\), (\d+)(?: to (\d+))? bytes?")
-BLOCK_HEADING = re.compile(r"### `(\w+)`, (\d+) bytes")
-FIELD_ROW = re.compile(r"\| (\d+) \| (?:1 to )?(\d+) \| (`\w+`|unused) \| (.*)\|")
-
-
-def document_kind(name, meaning):
-    """The document tells only some kinds; None fits all."""
-    if name == "unused":
-        return "bytes"
-    first = re.match(r"`(\w+State)`|(float|text)\b", meaning)
-    return first and (first[1] or first[2])
+def write_dissector(protocol, text):
+    tables = "".join(f"local {name} = {number}\n" for name, number in protocol.numbers.items())
+    tables += "\n-- {name, size, fields}\nlocal BLOCKS = {\n"
+    for block in protocol.blocks:
+        tables += f'  {{"{block.name}", {block.size}, {{\n{lua_rows(block.fields)}  }}}},\n'
+    tables += "}\n\n-- {sender, code, name, least size, fields}\nlocal LAYOUTS = {\n"
+    for each in protocol.datagrams:
+        tables += f'  {{"{each.sender}", {each.code}, "{each.name}", {each.least}, {{\n'
+        tables += lua_rows(each.fields) + "  }},\n"
+    return replace(DISSECTOR, text, r"(?<=^-- BEGIN\n).*(?=^-- END\n)", tables + "}\n")
 
 
-def read_document():
-    description = Description(DOCUMENT)
-    overview = {}
-    most = None
-    sender = fields = code = None
-    for line in read(DOCUMENT).splitlines():
-        if line.startswith("## "):
-            sender = SENDERS.get(line[3:])
-            fields = code = None
-        elif block := BLOCK_HEADING.fullmatch(line):
-            fields, code = [], None
-            description.blocks[block[1]] = (int(block[2]), fields)
-        elif layout := LAYOUT_HEADING.fullmatch(line):
-            fields, code = [], int(layout[2])
-            description.add(sender, code, layout[1], int(layout[3]), fields)
-            most = int(layout[4] or 0) or most
-        elif line.startswith("### "):
-            fail(f"{DOCUMENT}: not understood: {line}")
-        elif (row := OVERVIEW_ROW.fullmatch(line)) and fields is None:
-            overview[sender, int(row[1])] = (row[2], int(row[3]))
-        elif (row := FIELD_ROW.fullmatch(line)) and fields is not None:
-            name, meaning = row[3].strip("`"), row[4].strip()
-            if name == "command":
-                if (row[1], row[2], meaning) != ("0", "1", str(code)) or fields:
-                    fail(f"{DOCUMENT}: wrong command in the table of code {code}")
-                continue
-            fields.append((int(row[1]), int(row[2]), name, document_kind(name, meaning)))
-        elif re.match(r"\| *\d", line):
-            fail(f"{DOCUMENT}: not understood: {line}")
-    stated = {key: layout[:2] for key, layout in description.layouts.items()}
-    for key in sorted(stated.keys() | overview.keys()):
-        if stated.get(key) != overview.get(key):
-            fail(f"{DOCUMENT}: {key}: {overview.get(key)} in the overview, {stated.get(key)} below")
-    description.numbers = {
-        "protocol version": number(DOCUMENT, r"# The ZOL protocol, version (\d+)"),
-        "version in CMD_JOIN": number(DOCUMENT, r"\| `version` \| (\d+) \|"),
-        "nobody": number(DOCUMENT, r"\| the PinkPanther, or (\d+) for nobody \|"),
-        "receive buffer": most,
-        "port": number(DOCUMENT, r"\((\d+) unless configured otherwise\)"),
-    }
-    return description
+def write_firewall(protocol, text):
+    codes = {each.name: each.code for each in protocol.datagrams if each.sender == "client"}
+    ranges = []
+    for _, run in itertools.groupby(enumerate(codes.values()), lambda pair: pair[1] - pair[0]):
+        run = [str(code) for _, code in run]
+        ranges += run if len(run) < 3 else [f"{run[0]}-{run[-1]}"]
+    text = replace(FIREWALL, text, r"^define ZOL_COMMANDS = [^\n]*$",
+                   f"define ZOL_COMMANDS = {{ {', '.join(ranges)} }}")
+    return re.sub(r"^define (CMD_\w+) = .*$", lambda line: f"define {line[1]} = {codes[line[1]]}",
+                  text, flags=re.M)
 
 
-# The comparison.
+def sizes(least, most):
+    return str(most) if least == most else f"{least} to {most}"
 
 
-def same_field(left, right):
-    return left[:3] == right[:3] and (left[3] == right[3] or right[3] is None)
+def heading(name, least, size, code=None):
+    numbered = f" ({code})" if code is not None else ""
+    return f"`{name}`{numbered}, {sizes(least, size)} byte{'s' if size > 1 else ''}"
 
 
-def compare_fields(what, expected, found, source):
-    problems = []
-    for i in range(max(len(expected), len(found))):
-        left = expected[i] if i < len(expected) else None
-        right = found[i] if i < len(found) else None
-        if left is None or right is None or not same_field(left, right):
-            problems.append(f"{source}: {what}: field {right}, in {HEADER} {left}")
-    return problems
+def heading_of(datagram):
+    return heading(datagram.name, datagram.least, datagram.size, datagram.code)
 
 
-def compare(header, other):
-    problems = []
-    for kind in ("blocks", "layouts"):
-        ours, theirs = getattr(header, kind), getattr(other, kind)
-        for key in sorted(ours.keys() | theirs.keys()):
-            if key not in ours or key not in theirs:
-                problems.append(f"{key}: missing in {other.source if key in ours else HEADER}")
-            elif ours[key][:-1] != theirs[key][:-1]:
-                problems.append(f"{other.source}: {key}: {theirs[key][:-1]}, in {HEADER} "
-                                f"{ours[key][:-1]}")
-            else:
-                problems += compare_fields(key, ours[key][-1], theirs[key][-1], other.source)
-    for name, value in other.numbers.items():
-        expected = header.numbers["protocol version" if name.startswith("version") else name]
-        if value != expected:
-            problems.append(f"{other.source}: {name} is {value}, not {expected}")
-    return problems
+def anchor(title):
+    """As the sites that show Markdown name a heading."""
+    return "#" + re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
+
+
+def link(protocol, datagram):
+    """Where both sides send a datagram of this name, the short form leads to the server's."""
+    of_name = [each for each in protocol.datagrams if each.name == datagram.name]
+    target = "" if datagram is of_name[-1] else f"({anchor(heading_of(datagram))})"
+    return f"[`{datagram.name}`]{target}"
+
+
+def shown_kind(field):
+    if field.name == "unused":
+        return ""
+    return {"position": "3 x 4 bytes"}.get(field.kind, f"`{field.kind}`" if field.kind[0].isupper()
+                                           else field.kind)
+
+
+def table_of(rows):
+    lines = ["|".join(f" {cell} " if cell else " " for cell in row) for row in rows]
+    lines.insert(1, "|".join("---" for _ in rows[0]))
+    return "".join(f"|{line}|\n" for line in lines)
+
+
+def table(fields, old_rows, code=None, shortest=0):
+    """The last column stays as it is."""
+    meanings = {row[2].strip("`"): row[-1] for row in old_rows}
+    rows = [["offset", "width", "field", "type", "meaning"]]
+    if code is not None:
+        rows.append(["0", "1", "`command`", "u8", str(code)])
+    for field in fields:
+        name = field.name if field.name == "unused" else f"`{field.name}`"
+        rows.append([str(field.offset), sizes(field.width - shortest, field.width), name,
+                     shown_kind(field), meanings.get(field.name, "")])
+    return table_of(rows)
+
+
+def split_section(text):
+    """What stands before the table and behind it, and the cells of its rows."""
+    before, rows, after = re.fullmatch(r"(.*?)((?:^\|[^\n]*\n)*)((?:^[^|\n][^\n]*\n|^\n)*)", text,
+                                       re.M | re.S).groups()
+    cells = [[cell.strip() for cell in row.strip("|").split("|")] for row in rows.splitlines()]
+    return before, cells, after
+
+
+def requests_of(protocol, sections):
+    """For each datagram of the server the requests whose sections link to it."""
+    server = {each.name for each in protocol.datagrams if each.sender == "server"}
+    found = collections.defaultdict(list)
+    for each in (each for each in protocol.datagrams if each.sender == "client"):
+        prose = split_section(sections.get(("client", each.name), "\n"))[0]
+        for name in re.findall(r"(?<!\[)`(CMD_\w+)`", prose):
+            if name in server:
+                fail(f"{DOCUMENT}: write [`{name}`] in the section of {each.name}")
+        for name in dict.fromkeys(re.findall(r"\[`(CMD_\w+)`\]", prose)):
+            found[name].append(each)
+    return found
+
+
+def write_sections(protocol, sections):
+    """The sections of the blocks, of the client's datagrams and of the server's."""
+    requests = requests_of(protocol, sections)
+    written = collections.defaultdict(str)
+    for block in protocol.blocks:
+        before, rows, after = split_section(sections.get((None, block.name), "\n"))
+        written[None] += (f"### {heading(block.name, block.size, block.size)}\n{before}"
+                          f"{table(block.fields, rows)}{after or chr(10)}")
+    for each in protocol.datagrams:
+        before, rows, after = split_section(sections.get((each.sender, each.name), "\n"))
+        if each.sender == "server":
+            before = re.sub(r"^Goes with [^\n]*\n\n", "", before, flags=re.M)
+            if requests[each.name]:
+                before += f"Goes with {', '.join(link(protocol, request) for request in requests[each.name])}.\n\n"
+        fields = table(each.fields, rows, each.code, each.size - each.least)
+        written[each.sender] += f"### {heading_of(each)}\n{before}{fields}{after or chr(10)}"
+    return written
+
+
+def write_overview(protocol, sender, text):
+    """The table of all datagrams; what stands behind the size stays as it is."""
+    before, rows, after = split_section(text)
+    behind = {row[1].strip("[").split("`")[1]: row[3:] for row in rows[2:]}
+    cells = rows[:1]
+    for each in (each for each in protocol.datagrams if each.sender == sender):
+        cells.append([str(each.code), link(protocol, each), sizes(each.least, each.size),
+                      *behind.get(each.name, [""] * (len(rows[0]) - 3))])
+    return before + table_of(cells) + after
+
+
+def write_document(protocol, text):
+    parts = re.split(r"^(?=## )", text, flags=re.M)
+    titles = {"## Shared blocks": None, "## Client to server": "client",
+              "## Server to client": "server"}
+    sections, places = {}, {}
+    for number, part in enumerate(parts):
+        title = part.split("\n")[0]
+        if title not in titles:
+            continue
+        places[titles[title]] = number
+        overview, *subsections = re.split(r"^### ", part, flags=re.M)
+        parts[number] = overview
+        for section in subsections:
+            first, rest = section.split("\n", 1)
+            sections[titles[title], first.split("`")[1]] = rest
+    for sender, written in write_sections(protocol, sections).items():
+        number = places[sender]
+        if sender:
+            parts[number] = write_overview(protocol, sender, parts[number])
+        parts[number] += written
+    references = {each.name: f"[`{each.name}`]: {anchor(heading_of(each))}\n"
+                  for each in protocol.datagrams}
+    text = re.sub(r"\n*(?:^\[`\w+`\]: [^\n]*\n)*\Z", "\n", "".join(parts), 1, re.M)
+    text += "\n" + "".join(references.values())
+    check_links(text)
+    return text
+
+
+def check_links(text):
+    anchors = {anchor(title) for title in re.findall(r"^#+ (.*)$", text, re.M)}
+    for target in re.findall(r"(?:\]\(|\]: )(#[^)\s]*)", text):
+        if target not in anchors:
+            fail(f"{DOCUMENT}: no heading for the link {target}")
 
 
 def main():
-    header = read_header()
-    problems = compare(header, read_dissector()) + compare(header, read_document())
-    if problems:
-        fail("\n  ".join(["the descriptions differ", *problems]))
-    count = sum(len(layout[2]) for layout in header.layouts.values())
-    print(f"{len(header.layouts)} datagrams with {count} fields agree in {HEADER}, {DISSECTOR} "
-          f"and {DOCUMENT}")
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--write", action="store_true", help="write what differs")
+    options = parser.parse_args()
+    protocol = read_headers()
+    writers = {DISSECTOR: write_dissector, DOCUMENT: write_document, FIREWALL: write_firewall}
+    changes = []
+    for name, write in writers.items():
+        old = (ROOT / name).read_text()
+        new = write(protocol, old)
+        if options.write:
+            (ROOT / name).write_text(new)
+        changes += difflib.unified_diff(old.splitlines(), new.splitlines(), name,
+                                        f"{name} of {HEADERS[0]}", lineterm="")
+    print("\n".join(changes), end="\n" if changes else "")
+    if changes and not options.write:
+        fail("run script/check-protocol --write, or mend the header")
+    fields = sum(len(each.fields) for each in protocol.datagrams)
+    print(f"{len(protocol.datagrams)} datagrams with {fields} fields are the same in {HEADERS[0]}, "
+          f"{', '.join(writers)}")
 
 
 if __name__ == "__main__":

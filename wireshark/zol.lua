@@ -8,13 +8,12 @@
 -- Who sent a datagram is told by its ports: what goes to the server's port comes from a client.
 -- Where a client uses the server's port number too, its datagrams cannot be told apart.
 
-local zol = Proto("zol", "ZOL game protocol")
-zol.prefs.port = Pref.uint("Server port", 16309, "UDP port of the server")
-
--- Every layout as it lies on the wire. script/check-protocol compares these tables with
--- server/protocol.h and reads them line by line, so a field has one line.
---
--- A field is {offset, width, name, kind}. Byte 0, the command, stands in no row.
+-- Every layout as it lies on the wire, written by script/check-protocol from server/protocol.h. A
+-- field is {offset, width, name, kind}; byte 0, the command, stands in no row.
+-- BEGIN
+local RECEIVE_BUFFER_SIZE = 256
+local NOBODY = 100
+local PORT = 16309
 
 -- {name, size, fields}
 local BLOCKS = {
@@ -39,7 +38,7 @@ local BLOCKS = {
   }},
 }
 
--- {sender, code, name, size, fields}
+-- {sender, code, name, least size, fields}
 local LAYOUTS = {
   {"client", 2, "CMD_PING_REPLY", 1, {
   }},
@@ -55,7 +54,6 @@ local LAYOUTS = {
     {33, 3, "unused", "bytes"},
     {36, 64, "car", "CarState"},
   }},
-  -- The size is the least one; the text runs to the datagram's end.
   {"client", 31, "CMD_CHAT", 2, {
     {1, 255, "text", "text"},
   }},
@@ -112,7 +110,6 @@ local LAYOUTS = {
     {2, 2, "unused", "bytes"},
     {4, 4, "car_float", "float"},
   }},
-
   {"server", 1, "CMD_PING", 1, {
   }},
   {"server", 12, "CMD_JOIN_REFUSED_FULL", 65, {
@@ -217,9 +214,10 @@ local LAYOUTS = {
     {2, 1, "death_count", "u8"},
   }},
 }
+-- END
 
-local NOBODY = 100               -- as the slot of a CMD_PINKPANTHER
-local RECEIVE_BUFFER_SIZE = 256  -- what is longer is cut by the server
+local zol = Proto("zol", "ZOL game protocol")
+zol.prefs.port = Pref.uint("Server port", PORT, "UDP port of the server")
 
 local VALUE_NAMES = {game_type = {[0] = "Deathmatch", [1] = "CatchPinkPanther"}}
 
