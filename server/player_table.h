@@ -4,8 +4,7 @@
 //   seat            any thread reads and changes it; a change is made by compare-exchange
 //   address         the main thread writes it while the seat is FREE; any thread reads it
 //   name            the main thread writes it while the seat is FREE; the ping thread reads it
-//   while
-//                   it holds the seat in LEAVING
+//                   while it holds the seat in LEAVING
 //   is_pinkpanther  the main thread writes it, and the announce thread clears it once
 //   last_heard      the main thread writes it, the ping thread reads it
 //   ping_sent       the ping thread's alone
