@@ -395,6 +395,22 @@ function zol.dissector(tvb, pinfo, root)
   return tvb:len()
 end
 
+-- Wireshark hands nothing empty to a dissector of a port, so this one looks at all that there is.
+local empty = Proto("zol_empty", "ZOL game protocol, empty datagram")
+local udp_length = Field.new("udp.length")
+
+function empty.dissector(_, pinfo, root)
+  local length = udp_length()
+  if not length or length.value ~= 8 or pinfo.dst_port ~= zol.prefs.port then return end
+  pinfo.cols.protocol = "ZOL"
+  set_info(pinfo, "[malformed] empty: repeats the command that the server got last")
+  local tree = root:add(zol):append_text(", empty")
+  tree:add(fields.sender, "client"):set_generated()
+  tree:add_proto_expert_info(malformed, "malformed: empty")
+end
+
+register_postdissector(empty)
+
 local registered_port
 local function register_port()
   local udp = DissectorTable.get("udp.port")
