@@ -1,5 +1,6 @@
 // System calls that fail, by wraps that the linker puts in their place.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
@@ -18,20 +19,30 @@
 #include "server/sending.h"
 #include "server/server_state.h"
 #include "server/shutdown.h"
+#include "util/console.h"
 
 int server_main(int count, char** arguments);
 
 // One entry for each call: what it returns, or an errno as a negative number.
 using Script = std::deque<int>;
 static Script opens, reads, clocks, receives, polls, sends, batches, connects, sockets, threads;
-static std::string log;  // what was called with what, in order
-static bool scripted;    // the calls below are those of a FailingCallsTest
+static std::string log;       // what was called with what, in order
+static bool scripted;         // the calls below are those of a FailingCallsTest
+static int waits_until_room;  // polls for nothing, until the console's reader empties the pipe
+static int console_pipe[2];
 
 static int play(Script& script, int behind_its_end) {
   if (script.empty()) return behind_its_end;
   const int result = script.front();
   script.pop_front();
   return result < 0 ? (errno = -result, -1) : result;
+}
+
+static std::string empty_console() {
+  std::string text(4096, '\0');
+  const ssize_t length = read(console_pipe[0], text.data(), text.size());
+  text.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  return text;
 }
 
 extern "C" {
@@ -72,6 +83,7 @@ int __wrap_nanosleep(const timespec* time, timespec* left) {
 }
 int __wrap_poll(pollfd* waits, nfds_t count, int limit) {
   if (!scripted) return __real_poll(waits, count, limit);
+  if (waits == nullptr && --waits_until_room == 0) empty_console();
   const std::string events = waits == nullptr ? "nothing" : std::to_string(waits->events);
   return log += "poll " + events + " " + std::to_string(limit) + " ", 0;
 }
@@ -210,7 +222,7 @@ TEST_F(FailingCallsTest, FailedSendsSayWhyAndABroadcastEndsTheProcess) {
 }
 
 TEST_F(FailingCallsTest, ErrorsOfReceivingPauseAndOnlyAnEmptySocketEndsADrain) {
-  receives = {-EINTR, -ENOMEM, -ECONNREFUSED, -EINTR, -EAGAIN, -EBADF};
+  receives = {-EINTR, -ENOMEM, -ECONNREFUSED, -EAGAIN, -EBADF};
   drain_socket();
   EXPECT_EQ(std::exchange(log, ""), "pause 0.50000 pause 0.50000 ");
   EXPECT_EQ(receives.size(), 1U) << "what stands behind EAGAIN comes up in the next drain";
@@ -263,6 +275,31 @@ TEST_F(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
   EXPECT_EXIT(end_after(start), testing::ExitedWithCode(0),
               "-\nError while creating ping thread!\n.* zol-announce detached $");
   threads.clear();
+}
+
+// 100 waits of 10 ms are a second. Half of them is used up, and ten lines that leave at once give
+// ten waits back.
+TEST_F(FailingCallsTest, AFullConsoleIsWaitedForASecondInAll) {
+  const int kept = dup(STDOUT_FILENO);
+  pipe2(console_pipe, O_NONBLOCK);
+  fcntl(console_pipe[1], F_SETPIPE_SZ, 4096);
+  dup2(console_pipe[1], STDOUT_FILENO);
+  const auto waits_for = [](int lines, bool is_full) {
+    empty_console();
+    const std::string page(4096, '.');
+    if (is_full && write(console_pipe[1], page.data(), page.size()) != 4096) return -1;
+    for (int i = 0; i < lines; ++i) console_print("line %d\n", i);
+    const auto polls = std::exchange(log, "").size() / std::strlen("poll nothing 10 ");
+    return static_cast<int>(polls);
+  };
+  waits_until_room = 50;
+  const std::array waits = {waits_for(1, true), waits_for(10, false), waits_for(2, true),
+                            waits_for(1, false)};
+  const std::string text = empty_console();
+  dup2(kept, STDOUT_FILENO);
+  for (const int handle : {kept, console_pipe[0], console_pipe[1]}) close(handle);
+  EXPECT_EQ(waits, (std::array{50, 0, 60, 0}));
+  EXPECT_EQ(text, "2 lines are missing here\nline 0\n");
 }
 
 TEST_F(FailingCallsTest, ARefusedConnectionIsTriedThreeTimes) {

@@ -119,9 +119,19 @@ TEST(SflsockTest, ResolvesHostsAndServices) {
 
 TEST(SflsockTest, ChecksItsArguments) {
   sockaddr_in address{};
+  char buffer[1];
   EXPECT_DEATH(udp_open_port(""), "^\nAssertion failed: sflsock, line [0-9]+\n$");
   EXPECT_DEATH(udp_receive(0, nullptr, 1, &address), "sflsock");
-  EXPECT_DEATH(udp_send(0, "", 1, nullptr), "sflsock");
+  EXPECT_DEATH(udp_receive(0, buffer, 1, nullptr), "sflsock");
+  EXPECT_DEATH(udp_can_reach(0, nullptr), "sflsock");
+  EXPECT_DEATH(udp_send(0, nullptr, 1, &address), "sflsock");
+  EXPECT_DEATH(udp_send(0, buffer, 1, nullptr), "sflsock");
+  EXPECT_DEATH(udp_send_to_each(0, std::array<sockaddr_in, 33>{}, {}), "sflsock");
+  EXPECT_DEATH(tcp_connect(buffer, nullptr), "sflsock");
+  EXPECT_DEATH(resolve_endpoint(buffer, "80", "", &address), "sflsock");
+  EXPECT_DEATH(resolve_endpoint(buffer, "80", "tcp", nullptr), "sflsock");
+  EXPECT_DEATH(connect_with_retries(nullptr, "", "tcp", nullptr, 1, 0), "sflsock");
+  EXPECT_DEATH(compare_ignoring_case(nullptr, ""), "sflstr");
   EXPECT_DEATH(compare_ignoring_case("", nullptr), "sflstr");
 }
 
