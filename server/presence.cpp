@@ -30,17 +30,15 @@ static void send_all_records(const sockaddr_in& newcomer) {
   }
 }
 
-// Makes the player IN_GAME and tells the others. False when it times out meanwhile: the others may
-// then have been told that it left before they were told that it entered, so they are told again.
-static bool tell_others_of_entry(Slot slot) {
+// Makes the player IN_GAME and tells the others. When it times out meanwhile, the others may have
+// been told that it left before they were told that it entered, so they are told again.
+static void tell_others_of_entry(Slot slot) {
   PlayerSlot& player = player_table[slot];
   pass_seam(Seam::ENTERING);
-  if (!change_used_seat(player, SeatState::IN_GAME)) return false;
+  if (!change_used_seat(player, SeatState::IN_GAME)) return;
   pass_seam(Seam::ENTERED);
   relay_to_others(player_info_of(slot, true), slot);
-  if (is_used(player.seat)) return true;
-  relay_to_others(PlayerLeft{.slot = slot}, slot);
-  return false;
+  if (!is_used(player.seat)) relay_to_others(PlayerLeft{.slot = slot}, slot);
 }
 
 // The time-stamp, the slot in the reply and the record left out go by last_join_slot, not by the
@@ -52,7 +50,7 @@ void handle_enter_game(Slot slot, const Datagram& datagram) {
       .last_join_slot = last_join_slot, .hour = game_hour(), .minute = game_minute()};
   send_record(datagram.sender, reply, SendErrorText::WITH_BLANK);
 
-  if (!tell_others_of_entry(slot)) return;
+  tell_others_of_entry(slot);
   send_all_records(datagram.sender);
   if (server_config.GameType == CATCH_PINKPANTHER && player_count > 1) {
     send_record(datagram.sender, pinkpanther_notice, SendErrorText::WITHOUT_BLANK);

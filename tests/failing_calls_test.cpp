@@ -129,7 +129,10 @@ ssize_t __wrap_sendto(int handle, const void* bytes, std::size_t size, int flags
 int __wrap_sendmmsg(int handle, mmsghdr* messages, unsigned count, int flags) {
   if (!scripted) return __real_sendmmsg(handle, messages, count, flags);
   const int served = play(batches, static_cast<int>(count));
-  for (int i = 0; i < served; ++i) log += static_cast<const char*>(messages[i].msg_hdr.msg_name)[3];
+  for (unsigned i = 0; i < count; ++i) {
+    const auto* port = static_cast<const char*>(messages[i].msg_hdr.msg_name);
+    if (port == nullptr || static_cast<int>(i) < served) log += port == nullptr ? '?' : port[3];
+  }
   return served;
 }
 
