@@ -30,7 +30,7 @@ KINDS = {
     "CarBlockA": "bytes",
     "CarBlockB": "bytes",
 }
-LEAST_CHAT = 2  # bytes of CMD_CHAT, the one datagram that may be shorter than its record
+LEAST_CHAT = 1  # bytes of CMD_CHAT, the one datagram that may be shorter than its record
 
 # kind: of KINDS, "text", or the name of a block.
 Field = collections.namedtuple("Field", "offset width name kind")
@@ -235,9 +235,9 @@ def write_sections(protocol, sections):
     for each in protocol.datagrams:
         before, rows, after = split_section(sections.get((each.sender, each.name), "\n"))
         if each.sender == "server":
-            before = re.sub(r"^Goes with [^\n]*\n\n", "", before, flags=re.M)
+            before = re.sub(r"^See [^\n]*\n\n", "", before, flags=re.M)
             if requests[each.name]:
-                before += f"Goes with {', '.join(link(protocol, request) for request in requests[each.name])}.\n\n"
+                before += f"See {', '.join(link(protocol, request) for request in requests[each.name])}.\n\n"
         fields = table(each.fields, rows, each.code, each.size - each.least)
         written[each.sender] += f"### {heading_of(each)}\n{before}{fields}{after or chr(10)}"
     return written

@@ -215,8 +215,12 @@ class ProcessTest(ServerCase):
             for other in others:
                 other.socket.send(FULL_JOIN)
             self.assertEqual((others[0].heard()[0], others[1].heard()[0]), (17, 12))
-            with self.client(program) as refused:
-                self.assertEqual(refused.communicate()[1], "Maximum allowed players: 2\n")
+            with self.client(program) as waiting:
+                self.assertEqual(waiting.stdout.readline()[:3], "12 ")
+                others[0].socket.send(b"\x3c")
+                while (line := waiting.stdout.readline())[:3] == "12 ":
+                    pass
+                self.assertEqual(line[:5], "17 1 ")
             for other in others:
                 other.socket.close()
 

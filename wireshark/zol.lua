@@ -54,7 +54,7 @@ local LAYOUTS = {
     {33, 3, "unused", "bytes"},
     {36, 64, "car", "CarState"},
   }},
-  {"client", 31, "CMD_CHAT", 2, {
+  {"client", 31, "CMD_CHAT", 1, {
     {1, 255, "text", "text"},
   }},
   {"client", 40, "CMD_GET_PLAYER_INFO", 2, {
