@@ -211,6 +211,8 @@ TEST_F(FailingCallsTest, SendsGoOnWhereTheyStopped) {
   for (const bool reaches : {false, false, false, true, true}) {
     EXPECT_EQ(udp_can_reach(0, &to), reaches);
   }
+  const sockaddr_in this_machine{AF_INET, 1, {.s_addr = htonl(0x00FFFFFF)}, {}};
+  EXPECT_FALSE(udp_can_reach(0, &this_machine)) << "whatever the system says";
 }
 
 TEST_F(FailingCallsTest, FailedSendsSayWhyAndABroadcastEndsTheProcess) {
