@@ -50,8 +50,18 @@ class ProcessTest(ServerCase):
             self.assertEqual(player.heard(), b"\x13")
             self.assert_stopped_in_order()
 
+    # The tests of the game set every global first. In the two that follow all are as the program has
+    # them.
+
+    def test_begins_with_a_table_of_zeros(self):
+        self.start_and_wait()
+        with Player(self.port).socket as silent:
+            silent.send(FULL_JOIN)
+            self.assertEqual(silent.recv(300)[:2], b"\x11\0")
+            record = self.enter_game().heard()
+        self.assertEqual((record[:2], record[68:]), (b"\x2a\0", bytes(96)))
+
     def test_begins_without_a_pinkpanther(self):
-        """The tests of the game set every global first; here all are as the program has them."""
         self.start_and_wait("GameType=1\n")
         self.enter_game()
         self.assertEqual(self.read_to("\n"), "Bob, Player [0] Connected!\n")
