@@ -179,8 +179,9 @@ def link(protocol, datagram):
 def shown_kind(field):
     if field.name == "unused":
         return ""
-    return {"position": "3 x 4 bytes"}.get(field.kind, f"`{field.kind}`" if field.kind[0].isupper()
-                                           else field.kind)
+    if field.kind == "position":
+        return "3 x 4 bytes"
+    return f"`{field.kind}`" if field.kind[0].isupper() else field.kind
 
 
 def table_of(rows):
@@ -236,8 +237,8 @@ def write_sections(protocol, sections):
         before, rows, after = split_section(sections.get((each.sender, each.name), "\n"))
         if each.sender == "server":
             before = re.sub(r"^See [^\n]*\n\n", "", before, flags=re.M)
-            if requests[each.name]:
-                before += f"See {', '.join(link(protocol, request) for request in requests[each.name])}.\n\n"
+            links = ", ".join(link(protocol, request) for request in requests[each.name])
+            before += f"See {links}.\n\n" if links else ""
         fields = table(each.fields, rows, each.code, each.size - each.least)
         written[each.sender] += f"### {heading_of(each)}\n{before}{fields}{after or chr(10)}"
     return written

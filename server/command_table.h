@@ -3,7 +3,7 @@
 
 #include "server/datagram.h"
 
-// Whether the server understands this code.
+// Whether the server understands this code. Any thread.
 bool is_command(std::uint8_t code);
 
 // Handles one received datagram whole: its handler, or the line about an unknown code, and then
