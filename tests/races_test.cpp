@@ -3,6 +3,7 @@
 
 #include <thread>
 
+#include "server/handlers.h"
 #include "server/liveness.h"
 #include "server/main_loop.h"
 #include "tests/game.h"
@@ -106,6 +107,19 @@ TEST_F(RacesTest, ASlotIsTakenOnlyAfterTheNoticeOfItsLastPlayer) {
   EXPECT_EQ(players[1].received()[0][0], 12) << "the last free slot was taken";
   arrive(players[1], join_request("Old"));
   EXPECT_EQ(find_slot_by_address(players[1].address), 1);
+}
+
+// As if they were timed out between the look-up of the sender and what is done for it.
+TEST_F(RacesTest, WhoIsGoneNeitherLeavesNorReconnectsOnceMore) {
+  ping_pass();
+  const Datagram datagram{.bytes = receive_buffer, .received = 1, .sender = newcomer.address};
+  EXPECT_EQ(printed_by([&] { handle_leave(1, datagram); }), "");
+  EXPECT_EQ(player_count, 2);
+  const Bytes request = join_request("New");
+  std::copy(request.begin(), request.end(), receive_buffer.begin());
+  EXPECT_EQ(printed_by([&] { handle_join(1, datagram); }), "New, Player [1] Connected!\n");
+  EXPECT_EQ(player_count, 3);
+  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
 }
 
 // The player who enters again is timed out at this seam.

@@ -11,14 +11,15 @@
 //   twin B A             B sends from the port of A at another address
 //   fail A               no answer can be sent to A, from here to the next server
 //   let NAME WORDS       $NAME stands for the words from here on
-//   master BYTES / BYTES the master server answers the next request with these pieces; with "late
-//   N"
-//                        in front after N of the server's pauses, with "reset" it resets
+//   master BYTES / BYTES the master server answers the next request with these pieces;
+//                        with "late N" in front after N of the server's pauses,
+//                        with "reset" it resets
 //   announce WHAT        announce_first, announce_check, master_announce, master_remove_server or
 //                        tell_of_stop: first, check, ask, remove or stop
-//   run THREAD SECONDS   the ping or the announce thread from its start on, until it has slept so
-//   long M| LINE              the first line of the request that the master server gets check
-//   NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
+//   run THREAD SECONDS   the ping or the announce thread from its start on,
+//                        until it has slept so long
+//   M| LINE              the first line of the request that the master server gets
+//   check NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
 // and # begins a comment. Lines and datagrams must come in the order in which they stand, and none
 // may come that does not.
 

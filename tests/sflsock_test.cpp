@@ -132,6 +132,7 @@ TEST(SflsockTest, ChecksItsArguments) {
   EXPECT_DEATH(resolve_endpoint(buffer, "80", "tcp", nullptr), "sflsock");
   EXPECT_DEATH(connect_with_retries(nullptr, "", "tcp", nullptr, 1, 0), "sflsock");
   EXPECT_DEATH(compare_ignoring_case(nullptr, ""), "sflstr");
+  EXPECT_DEATH(trim(nullptr), "sflstr");
   EXPECT_DEATH(compare_ignoring_case("", nullptr), "sflstr");
 }
 
