@@ -23,7 +23,7 @@ std::uint16_t free_port() {
 TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
   const int port = free_port();
   const std::string number = std::to_string(port);
-  for (const std::string& text : {number, " \t+" + number + "abc", std::to_string(port + 65536),
+  for (const std::string& text : {number, " \t+00" + number + "abc", std::to_string(port + 65536),
                                   std::to_string(port - 65536), std::string("domain")}) {
     socket_layer_state.port_offset = text == "domain" ? port - 53 : 0;
     socket_layer_state.last_error = SOCKERR_BAD_HOST;
