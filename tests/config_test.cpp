@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <string>
@@ -96,6 +97,10 @@ TEST(ConfigTest, PrefersTheFirstFileAndLivesWithoutBoth) {
   EXPECT_EQ(load(std::nullopt, std::nullopt), NO_SETTINGS);
 }
 
+std::ptrdiff_t opened_descriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 TEST(ConfigTest, SaysWhatIsNoFileAndDoesNotWaitForIt) {
   struct Case {
     int (*make)(const char*, mode_t);
@@ -106,10 +111,12 @@ TEST(ConfigTest, SaysWhatIsNoFileAndDoesNotWaitForIt) {
   for (const auto& [make, reason, prints] :
        {Case{mkdir, "Is a directory"}, Case{mkfifo, "Not a file"},
         Case{loop, "Too many levels of symbolic links", NO_SETTINGS}}) {
+    const auto opened = opened_descriptors();
     testing::internal::CaptureStderr();
     EXPECT_EQ(load(std::nullopt, std::nullopt, make), prints);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "zolserver.cfg: "s + reason + "\n");
     EXPECT_EQ(settings(), "16|0|0|16309|Unnamed Server|w");
+    EXPECT_EQ(opened_descriptors(), opened);
   }
 }
 
