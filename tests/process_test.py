@@ -3,6 +3,7 @@
 Usage: process_test.py ZOLSERVER [TEST...]"""
 
 import contextlib
+import ctypes
 import fcntl
 import os
 import pathlib
@@ -18,6 +19,8 @@ import time
 import unittest
 
 from server_case import FULL_JOIN, PATIENCE_S, ZOLSERVER, Player, ServerCase, bound_socket
+
+LIBC, PR_CAPBSET_DROP, CAP_DAC_OVERRIDE = ctypes.CDLL(None), 24, 1
 
 HELP = """\
 usage: zolserver
@@ -141,10 +144,13 @@ class ProcessTest(ServerCase):
         self.assertEqual(player.heard()[0], 16)
 
     def consoles(self):
-        """Two kinds of console, full after a few lines: where to read it, where the server writes."""
-        reader, writer = os.pipe()
-        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
-        yield open(reader, "rb", buffering=0), open(writer, "wb", buffering=0)
+        """Three kinds of console, full after a few lines: where to read it, and where the server
+        writes. The second cannot be opened anew."""
+        for pages, mode in ((1, 0o600), (2, 0)):
+            reader, writer = os.pipe()
+            fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096 * pages)
+            os.fchmod(writer, mode)
+            yield open(reader, "rb", buffering=0), open(writer, "wb", buffering=0)
         reader, writer = socket.socketpair()
         writer.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1)
         yield reader, writer
@@ -152,7 +158,8 @@ class ProcessTest(ServerCase):
     def play_on(self, reader, writer):
         self.addCleanup(reader.close)
         with writer:
-            self.start_and_wait(console=reader, stdout=writer)
+            forget_root_opens_all = lambda: LIBC.prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE)
+            self.start_and_wait(console=reader, stdout=writer, preexec_fn=forget_root_opens_all)
         player = self.enter_game()
         self.read_to("Connected!\n")
         return player

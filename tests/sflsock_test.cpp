@@ -117,6 +117,12 @@ TEST(SflsockTest, ResolvesHostsAndServices) {
   EXPECT_STREQ(MASTER_SERVICE, "80");
 }
 
+TEST(SflsockTest, ComparesAsBytesLetterCaseAside) {
+  EXPECT_EQ(compare_ignoring_case("Port", "pORT"), 0);
+  EXPECT_LT(compare_ignoring_case("port", "pOst"), 0);
+  EXPECT_GT(compare_ignoring_case("\xFF", "z"), 0);
+}
+
 TEST(SflsockTest, ChecksItsArguments) {
   sockaddr_in address{};
   char buffer[1];
