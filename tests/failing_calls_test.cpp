@@ -73,7 +73,7 @@ int __wrap_setsockopt(int handle, int level, int option, const void* value, sock
 }
 int __wrap_clock_gettime(clockid_t id, timespec* now) {
   if (!scripted) return __real_clock_gettime(id, now);
-  *now = {.tv_sec = boot_clock_s, .tv_nsec = 120'000'000};
+  *now = {.tv_sec = boot_clock_s, .tv_nsec = 120'000'000 + boot_clock_s};
   return play(clocks, 0);
 }
 int __wrap_nanosleep(const timespec* time, timespec* left) {
@@ -326,8 +326,10 @@ TEST_F(FailingCallsTest, ARefusedConnectionIsTriedThreeTimes) {
   EXPECT_EQ(socket_error_code(), SOCKERR_CONNECT_FAILED);
   connects = {-ECONNREFUSED, -EINPROGRESS};
   EXPECT_EQ(socket_close(tcp_connect("127.0.0.1", "80")), 0);
-  sockets = {-EMFILE};
+  sockets = {-EMFILE, -EMFILE};
   EXPECT_EQ(tcp_connect("127.0.0.1", "80"), -1) << "no socket, no further attempt";
+  EXPECT_EQ(socket_error_code(), 5);
+  EXPECT_EQ(udp_open_port("80"), -1);
   EXPECT_EQ(socket_error_code(), 5);
   EXPECT_EQ(std::exchange(log, ""),
             "connect sleep 0 connect sleep 0 connect connect sleep 0 connect ");
