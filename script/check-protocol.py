@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Keeps current what other files repeat of server/protocol.h: the tables of the dissector, the tables,
-headings and links of docs/protocol.md, and the command codes of the sample firewall. Says what
-differs, or writes it with --write. In the document the last column of a table and all other text
-are written by hand.
+"""Keeps current what other files repeat of server/protocol.h: the tables of the dissector, the
+tables, headings and links of docs/protocol.md, and the command codes of the sample firewall. Says
+what differs, or writes it with --write. In the document the last column of a table and all other
+text are written by hand.
 """
 
 import argparse
@@ -62,7 +62,8 @@ def kind_of(field):
         return "text"
     declared = field.type.get_declaration()
     is_block = declared.kind == clang.CursorKind.STRUCT_DECL and name == declared.spelling
-    return KINDS.get(name) or (name if is_block else fail(f"{field.spelling}: what kind is {name}?"))
+    kind = KINDS.get(name, name if is_block else None)
+    return kind or fail(f"{field.spelling}: what kind is {name}?")
 
 
 def fields_of(struct):
@@ -277,7 +278,7 @@ def write_document(protocol, text):
         parts[number] += written
     references = {each.name: f"[`{each.name}`]: {anchor(heading_of(each))}\n"
                   for each in protocol.datagrams}
-    text = re.sub(r"\n*(?:^\[`\w+`\]: [^\n]*\n)*\Z", "\n", "".join(parts), 1, re.M)
+    text = re.sub(r"\n*(?:^\[`\w+`\]: [^\n]*\n)*\Z", "\n", "".join(parts), count=1, flags=re.M)
     text += "\n" + "".join(references.values())
     check_links(text)
     return text
