@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "server/sending.h"
 #include "server/server_state.h"
 #include "server/shutdown.h"
+#include "tests/loopback.h"
 #include "util/console.h"
 
 int server_main(int count, char** arguments);
@@ -51,6 +53,7 @@ int __real_open64(const char* path, int flags, ...);
 decltype(read) __real_read;
 decltype(socket) __real_socket;
 decltype(connect) __real_connect;
+decltype(gethostbyname_r) __real_gethostbyname_r;
 decltype(setsockopt) __real_setsockopt;
 decltype(clock_gettime) __real_clock_gettime;
 decltype(nanosleep) __real_nanosleep;
@@ -99,6 +102,11 @@ int __wrap_ppoll(pollfd* waits, nfds_t /*count*/, const timespec* limit, const s
     pthread_sigmask(SIG_SETMASK, &kept, nullptr);
   }
   return play(polls, 0);
+}
+int __wrap_gethostbyname_r(const char* name, hostent* entry, char* work, std::size_t size,
+                           hostent** found, int* error) {
+  if (!scripted) return __real_gethostbyname_r(name, entry, work, size, found, error);
+  return *found = nullptr, 0;
 }
 int __wrap_socket(int family, int type, int protocol) {
   return sockets.empty() ? __real_socket(family, type, protocol) : play(sockets, 0);
@@ -176,6 +184,10 @@ void end_after(int (*call)()) {
   dup2(STDERR_FILENO, STDOUT_FILENO);
   main_thread_id = pthread_self();
   std::exit(call());
+}
+
+void choose_port() {
+  std::snprintf(server_config.Port, sizeof server_config.Port, "%d", free_port());
 }
 
 int run_server() {
@@ -275,7 +287,7 @@ TEST_F(FailingCallsTest, TheBootClockStandsInForTheFile) {
 
 TEST_F(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
   server_config.AnnounceServer = 1;
-  std::snprintf(server_config.Port, sizeof server_config.Port, "%d", 20000 + getpid() % 10000);
+  choose_port();
   const auto start = [] {
     std::atexit([] { std::fputs(log.c_str(), stderr); });
     return run_server();
@@ -287,6 +299,18 @@ TEST_F(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
   EXPECT_EXIT(end_after(start), testing::ExitedWithCode(0),
               "-\nError while creating ping thread!\n.* zol-announce detached $");
   threads.clear();
+}
+
+TEST_F(FailingCallsTest, AStopTakesTheServerOffTheListLast) {
+  choose_port();
+  polls = {-EINTR};
+  server_config.AnnounceServer = 1;
+  EXPECT_EXIT(end_after(run_server), testing::ExitedWithCode(1),
+              "-\nExitting...\nRemoving server from master list: Could not connect to zol master "
+              "server!\n$");
+  server_config.AnnounceServer = 0;
+  EXPECT_EXIT(end_after(run_server), testing::ExitedWithCode(1), "-\nExitting...\n$");
+  polls.clear();
 }
 
 // 100 waits of 10 ms are a second. Half of them is used up, and ten lines that leave at once give

@@ -21,3 +21,11 @@ inline int bind_loopback(int type, const char* host = "127.0.0.1", in_port_t por
   EXPECT_EQ(bind(handle, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   return handle;
 }
+
+// A port of UDP that was free a moment ago.
+inline std::uint16_t free_port() {
+  const int handle = bind_loopback(SOCK_DGRAM);
+  const std::uint16_t port = ntohs(local_address(handle).sin_port);
+  close(handle);
+  return port;
+}

@@ -12,14 +12,6 @@
 
 namespace {
 
-// A port that was free a moment ago.
-std::uint16_t free_port() {
-  const int handle = bind_loopback(SOCK_DGRAM);
-  const std::uint16_t port = ntohs(local_address(handle).sin_port);
-  close(handle);
-  return port;
-}
-
 TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
   const int port = free_port();
   const std::string number = std::to_string(port);
