@@ -5,7 +5,7 @@ Usage: script/check-dissector         (Debian packages: tshark, python3; takes a
 
 Two servers play the worked sessions of docs/protocol.md, one of them also serves build/zolbots.
 Every datagram must decode without complaint, every code must be seen in each of its directions, and
-two datagrams that are wrong on purpose must be the only ones complained of. Capturing on loopback
+three datagrams that are wrong on purpose must be the only ones complained of. Capturing on loopback
 needs root or membership in the group wireshark (dpkg-reconfigure wireshark-common).
 """
 

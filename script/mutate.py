@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Measures the tests: breaks the server's code in random places, one at a time, and counts the
-breaks that no test sees. Such a survivor is a promise without a test, a line that can go, or a
-change that makes no difference. Ctrl-C ends a run early; build-mutate/report.txt is always up to
-date. Equal seed and code give equal breaks. A broken server reaches nothing outside the namespaces
-of the run, and nothing outlives it."""
+breaks that no test of the server sees. Such a survivor is a promise without a test, a line that can
+go, or a change that makes no difference. Ctrl-C ends a run early; build-mutate/report.txt is always
+up to date. Equal seed and code give equal breaks. A broken server reaches nothing outside the
+namespaces of the run, and nothing outlives it."""
 
 import argparse
 import collections
