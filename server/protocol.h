@@ -4,10 +4,10 @@
 // multi-byte values are little-endian. Three codes (41, 43, 60) mean one thing from client to
 // server and another from server to client.
 //
-// A record below is a datagram byte for byte: sizes and offsets are asserted, bytes that carry
-// nothing are named unused, and a record that is built here starts complete, code included, with
-// every other byte zero. Floats are 32-bit patterns: the server never computes with a client's
-// float, so every bit of it, signalling NaNs included, comes out as it went in.
+// A record below is a datagram byte for byte: its size and that it has no padding are asserted,
+// bytes that carry nothing are named unused, and a record that is built here starts complete, code
+// included, with every other byte zero. Floats are 32-bit patterns: the server never computes with
+// a client's float, so every bit of it, signalling NaNs included, comes out as it went in.
 #pragma once
 
 #include <array>
@@ -367,45 +367,26 @@ concept WireRecord = std::is_trivially_copyable_v<Record> &&
                      std::has_unique_object_representations_v<Record> &&
                      sizeof(Record) <= RECEIVE_BUFFER_SIZE;
 
-template <WireRecord Record>
-inline constexpr std::size_t wire_size = sizeof(Record);
+// Without padding, the sizes and the order of the fields fix the offsets.
+template <std::size_t size, WireRecord... Records>
+inline constexpr bool all_have_size = ((sizeof(Records) == size) && ...);
 
-static_assert(wire_size<PlayerState> == 28 && offsetof(PlayerState, state_f2) == 20);
-static_assert(wire_size<CarState> == 64 && offsetof(CarState, car_block_b) == 32 &&
-              offsetof(CarState, car_byte) == 56 && offsetof(CarState, car_float) == 60);
-static_assert(wire_size<JoinRequest> == 68 && offsetof(JoinRequest, version) == 66);
-static_assert(wire_size<EnterGame> == 100 && offsetof(EnterGame, in_car) == 32 &&
-              offsetof(EnterGame, car) == 36);
-static_assert(wire_size<PositionUpdate> == 16 && offsetof(PositionUpdate, position) == 4);
-static_assert(wire_size<Vehicle> == 80 && offsetof(Vehicle, position) == 4 &&
-              offsetof(Vehicle, car) == 16);
-static_assert(wire_size<CarStateReport> == 80 && offsetof(CarStateReport, position) == 4 &&
-              offsetof(CarStateReport, car) == 16);
-static_assert(wire_size<FootUpdate> == 8 && offsetof(FootUpdate, state_f1) == 4);
-static_assert(wire_size<CarBlockAUpdate> == 32 && offsetof(CarBlockAUpdate, car_block_a) == 4);
-static_assert(wire_size<CarBlockBUpdate> == 28 && offsetof(CarBlockBUpdate, car_block_b) == 4);
-static_assert(wire_size<CarStatus> == 8 && offsetof(CarStatus, car_byte) == 1 &&
-              offsetof(CarStatus, car_float) == 4);
-static_assert(wire_size<StateFloats> == 12 && offsetof(StateFloats, state_f2) == 4);
-static_assert(wire_size<JoinAccepted> == 67 && offsetof(JoinAccepted, welcome_message) == 3);
-static_assert(wire_size<PlayerInfo> == 164 && offsetof(PlayerInfo, state) == 68 &&
-              offsetof(PlayerInfo, in_car) == 96 && offsetof(PlayerInfo, car) == 100);
-static_assert(wire_size<PlayerStateReply> == 80 && offsetof(PlayerStateReply, position) == 4 &&
-              offsetof(PlayerStateReply, car) == 16);
-static_assert(wire_size<PlayerPosition> == 16 && offsetof(PlayerPosition, position) == 4);
-static_assert(wire_size<PlayerFootUpdate> == 8 && offsetof(PlayerFootUpdate, state_f1) == 4);
-static_assert(wire_size<PlayerCarBlockA> == 32 && offsetof(PlayerCarBlockA, car_block_a) == 4);
-static_assert(wire_size<PlayerCarBlockB> == 28 && offsetof(PlayerCarBlockB, car_block_b) == 4);
-static_assert(wire_size<PlayerGotCar> == 80 && offsetof(PlayerGotCar, car) == 16);
-static_assert(wire_size<PlayerLeftCar> == 20 && offsetof(PlayerLeftCar, state_f1) == 16);
-static_assert(wire_size<PlayerCarStatus> == 8 && offsetof(PlayerCarStatus, car_byte) == 2 &&
-              offsetof(PlayerCarStatus, car_float) == 4);
-static_assert(wire_size<PlayerStateFloats> == 12 && offsetof(PlayerStateFloats, state_f2) == 4);
-static_assert(wire_size<GetPlayerInfo> == 2 && wire_size<GetPlayerState> == 2);
-static_assert(wire_size<Chat> == 256 && wire_size<Died> == 2 && wire_size<Weapon> == 2);
-static_assert(wire_size<Ping> == 1 && wire_size<ServerShutdown> == 1);
-static_assert(wire_size<PlayerLeft> == 2 && wire_size<NotInCar> == 2);
-static_assert(wire_size<PinkPanther> == 2 && wire_size<EnterGameReply> == 4);
-static_assert(wire_size<GameClock> == 3 && wire_size<PlayerWeapon> == 3);
-static_assert(wire_size<JoinRefusedFull> == 65 && wire_size<JoinRefusedVersion> == 65);
-static_assert(wire_size<PlayerDied> == 3 && wire_size<ChatLine> == 65);
+static_assert(all_have_size<1, ServerShutdown, Ping>);
+static_assert(all_have_size<2, GetPlayerInfo, GetPlayerState, Died, Weapon, PlayerLeft, NotInCar,
+                            PinkPanther>);
+static_assert(all_have_size<3, GameClock, PlayerWeapon, PlayerDied>);
+static_assert(all_have_size<4, EnterGameReply>);
+static_assert(all_have_size<8, FootUpdate, CarStatus, PlayerFootUpdate, PlayerCarStatus>);
+static_assert(all_have_size<12, StateFloats, PlayerStateFloats>);
+static_assert(all_have_size<16, PositionUpdate, PlayerPosition>);
+static_assert(all_have_size<20, PlayerLeftCar>);
+static_assert(all_have_size<28, PlayerState, CarBlockBUpdate, PlayerCarBlockB>);
+static_assert(all_have_size<32, CarBlockAUpdate, PlayerCarBlockA>);
+static_assert(all_have_size<64, CarState>);
+static_assert(all_have_size<65, JoinRefusedFull, JoinRefusedVersion, ChatLine>);
+static_assert(all_have_size<67, JoinAccepted>);
+static_assert(all_have_size<68, JoinRequest>);
+static_assert(all_have_size<80, Vehicle, CarStateReport, PlayerStateReply, PlayerGotCar>);
+static_assert(all_have_size<100, EnterGame>);
+static_assert(all_have_size<164, PlayerInfo>);
+static_assert(all_have_size<256, Chat>);
