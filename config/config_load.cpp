@@ -63,13 +63,12 @@ void read_number(ConfigReader& reader) {
 template <std::size_t width>
 bool set_text(ConfigReader& reader, const char* key, char (&field)[width]) {
   read_text(reader);
-  const bool is_good = reader.value[0] != '\0';
-  if (is_good) {
-    copy_text(field, reader.value);
-  } else {
+  if (reader.value[0] == '\0') {
     reader.print("Wrong value %s in config file. Using default Value: %s \n", key, field);
+    return false;
   }
-  return is_good;
+  copy_text(field, reader.value);
+  return true;
 }
 
 bool set_server_name(ConfigReader& reader) {
@@ -85,55 +84,50 @@ bool set_welcome_message(ConfigReader& reader) {
 // Scanning goes on right behind the number, unlike after every other key.
 bool set_max_clients(ConfigReader& reader) {
   read_number(reader);
-  const bool is_good = reader.work_integer >= MIN_CLIENTS && reader.work_integer <= MAX_CLIENTS;
-  if (is_good) {
-    server_config.maxClients = reader.work_integer;
-  } else {
+  if (reader.work_integer < MIN_CLIENTS || reader.work_integer > MAX_CLIENTS) {
     reader.print("Wrong value maxClients in config file. Using default Value: %d \n",
                  server_config.maxClients);
+    return false;
   }
-  return is_good;
+  server_config.maxClients = reader.work_integer;
+  return true;
 }
 
 bool set_announce_server(ConfigReader& reader) {
   read_word(reader);
+  skip_rest_of_line(reader.file);
   const bool is_true = compare_ignoring_case(reader.value, "true") == 0;
-  const bool is_good = is_true || compare_ignoring_case(reader.value, "false") == 0;
-  if (is_good) {
-    server_config.AnnounceServer = is_true ? 1 : 0;
-  } else {
+  if (!is_true && compare_ignoring_case(reader.value, "false") != 0) {
     reader.print("Wrong value AnnounceServer in config file. Using default Value: %s\n",
                  server_config.AnnounceServer != 0 ? "TRUE" : "FALSE");
+    return false;
   }
-  skip_rest_of_line(reader.file);
-  return is_good;
+  server_config.AnnounceServer = is_true ? 1 : 0;
+  return true;
 }
 
 bool set_game_type(ConfigReader& reader) {
   read_number(reader);
-  const bool is_good =
-      reader.work_integer == DEATHMATCH || reader.work_integer == CATCH_PINKPANTHER;
-  if (is_good) {
-    server_config.GameType = static_cast<std::uint8_t>(reader.work_integer);
-  } else {
+  skip_rest_of_line(reader.file);
+  if (reader.work_integer != DEATHMATCH && reader.work_integer != CATCH_PINKPANTHER) {
     reader.print("Wrong value GameType in config file. Using default Value: %d (%s)\n",
                  server_config.GameType,
                  server_config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther");
+    return false;
   }
-  skip_rest_of_line(reader.file);
-  return is_good;
+  server_config.GameType = static_cast<std::uint8_t>(reader.work_integer);
+  return true;
 }
 
 bool set_port(ConfigReader& reader) {
   read_word(reader);
-  const bool is_good = text_to_int32(reader.value) > 0;
-  if (is_good) {
-    copy_text(server_config.Port, reader.value);
-  } else {
-    reader.print("Wrong value Port in config file. Using default Value: %s\n", server_config.Port);
-  }
   skip_rest_of_line(reader.file);
-  return is_good;
+  if (text_to_int32(reader.value) <= 0) {
+    reader.print("Wrong value Port in config file. Using default Value: %s\n", server_config.Port);
+    return false;
+  }
+  copy_text(server_config.Port, reader.value);
+  return true;
 }
 
 // An unknown key drops nothing but itself: its value becomes the beginning of the next key.
