@@ -57,6 +57,12 @@ Slot next_used_slot(Slot slot) {
   return NO_SLOT;
 }
 
+void store_car(PlayerSlot& player, const CarState& car) {
+  player.car = car;
+  player.car.unused_1 = {};
+  player.car.unused_2 = {};
+}
+
 void take_seat(PlayerSlot& player, const sockaddr_in& address) {
   player.address = endpoint_of(address);
   player.seat = Seat{SeatState::JOINED, player.seat.load().tenancy + 1};

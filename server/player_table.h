@@ -90,6 +90,9 @@ Slot find_free_slot();
 // itself; from slot 0 on for NO_SLOT. NO_SLOT when there is none. Looks at all 32. Main thread.
 Slot next_used_slot(Slot slot);
 
+// As reported, but for the unused bytes, which become zero. Main thread.
+void store_car(PlayerSlot& player, const CarState& car);
+
 // From FREE to JOINED, with this address; all else must have been written before. Main thread.
 void take_seat(PlayerSlot& player, const sockaddr_in& address);
 

@@ -1,10 +1,11 @@
 // Entering the game, answering pings, and asking what the server knows of a player.
 
+#include <algorithm>
+
 #include "config/server_config.h"
 #include "server/clock.h"
 #include "server/game_clock.h"
 #include "server/handlers.h"
-#include "server/player_records.h"
 #include "server/player_table.h"
 #include "server/seams.h"
 #include "server/sending.h"
@@ -17,9 +18,22 @@ void handle_ping_reply(Slot slot, const Datagram& /*datagram*/) {
 
 static void store_report(PlayerSlot& player, const Datagram& datagram) {
   const auto report = read_record<EnterGame>(datagram);
-  store_state(player, report.state);
+  player.state = report.state;
+  player.state.unused_1 = {};
   player.in_car = report.in_car;
   if (report.in_car != 0) store_car(player, report.car);
+}
+
+static PlayerInfo player_info_of(Slot slot, bool just_entered) {
+  const PlayerSlot& player = player_table[slot];
+  PlayerInfo info{.slot = slot, .state = player.state};
+  info.just_entered = just_entered ? 1 : 0;
+  std::copy(player.name.begin(), player.name.end(), info.name.begin());
+  if (player.in_car != 0) {
+    info.in_car = 1;
+    info.car = player.car;
+  }
+  return info;
 }
 
 // The newcomer gets the record of every joined player, in the game or not.
@@ -72,5 +86,11 @@ void handle_get_player_info(Slot slot, const Datagram& datagram) {
 void handle_get_player_state(Slot slot, const Datagram& datagram) {
   const auto query = read_record<GetPlayerState>(datagram);
   if (!may_be_told(slot, query.slot)) return;
-  send_record(datagram.sender, player_state_reply_of(query.slot), SendErrorText::WITHOUT_BLANK);
+  const PlayerSlot& player = player_table[query.slot];
+  PlayerStateReply reply{.slot = query.slot, .position = player.state.position};
+  if (player.in_car != 0) {
+    reply.in_car = 1;
+    reply.car = player.car;
+  }
+  send_record(datagram.sender, reply, SendErrorText::WITHOUT_BLANK);
 }

@@ -2,7 +2,6 @@
 
 #include "server/game_clock.h"
 #include "server/handlers.h"
-#include "server/player_records.h"
 #include "server/player_table.h"
 #include "server/sending.h"
 #include "util/console.h"
