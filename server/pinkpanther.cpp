@@ -6,20 +6,22 @@
 #include "server/server_state.h"
 #include "util/console.h"
 
+PinkPanther pinkpanther_notice() {
+  return {.slot = pinkpanther_slot == NO_SLOT ? NOBODY : pinkpanther_slot};
+}
+
 static void name_pinkpanther(Slot slot) {
   pinkpanther_slot = slot;
   player_table[slot].is_pinkpanther = 1;
   console_print("Player [%d] is the PinkPanther now \n", slot);
-  pinkpanther_notice.slot = slot;
-  broadcast_all(pinkpanther_notice);
+  broadcast_all(pinkpanther_notice());
   pinkpanther_since = uptime_ms();
 }
 
 static void name_nobody() {
   pinkpanther_slot = NO_SLOT;
   console_print("Too less players. Nobody is the PinkPanther \n");
-  pinkpanther_notice.slot = NOBODY;
-  broadcast_all(pinkpanther_notice);
+  broadcast_all(pinkpanther_notice());
 }
 
 // A player who has not entered the game may be chosen, and the holder again when it is alone.

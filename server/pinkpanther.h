@@ -4,6 +4,9 @@
 
 #include "server/player_table.h"
 
+// Who has the role, as clients are told: at a choice all, later each newcomer.
+PinkPanther pinkpanther_notice();
+
 // Makes the choice that some event has asked for. Runs after every datagram but a join.
 void run_pinkpanther_step(std::uint8_t handled_code);
 

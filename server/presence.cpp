@@ -6,6 +6,7 @@
 #include "server/clock.h"
 #include "server/game_clock.h"
 #include "server/handlers.h"
+#include "server/pinkpanther.h"
 #include "server/player_table.h"
 #include "server/seams.h"
 #include "server/sending.h"
@@ -67,7 +68,7 @@ void handle_enter_game(Slot slot, const Datagram& datagram) {
   tell_others_of_entry(slot);
   send_all_records(datagram.sender);
   if (server_config.GameType == CATCH_PINKPANTHER && player_count > 1) {
-    send_record(datagram.sender, pinkpanther_notice, SendErrorText::WITHOUT_BLANK);
+    send_record(datagram.sender, pinkpanther_notice(), SendErrorText::WITHOUT_BLANK);
   }
 }
 

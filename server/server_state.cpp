@@ -9,4 +9,3 @@ constinit Slot last_join_slot = 0;
 constinit Slot pinkpanther_slot = NO_SLOT;
 constinit std::atomic<std::uint8_t> pinkpanther_reselect = 0;
 constinit std::atomic<std::uint32_t> pinkpanther_since = 0;
-constinit PinkPanther pinkpanther_notice{};

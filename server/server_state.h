@@ -33,7 +33,5 @@ extern Slot pinkpanther_slot;
 extern std::atomic<std::uint8_t> pinkpanther_reselect;
 // uptime_ms of the last choice. Written by the main thread, read by the ping thread.
 extern std::atomic<std::uint32_t> pinkpanther_since;
-// The notice as it was last sent, NOBODY before the first; newcomers get it. Main thread.
-extern PinkPanther pinkpanther_notice;
 
 static_assert(decltype(player_count)::is_always_lock_free);

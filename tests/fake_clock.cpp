@@ -30,7 +30,6 @@ void reset_server(std::uint32_t now_ms) {
   player_count = last_join_slot = 0;
   pinkpanther_slot = NO_SLOT;
   pinkpanther_since = pinkpanther_reselect = 0;
-  pinkpanther_notice = {};
   fake_now_ms = server_start_ms = now_ms;
   slept_us = 0;
 }
