@@ -11,27 +11,27 @@
 
 // The datagram that is being handled. Never cleared: a short datagram is read with the bytes that
 // earlier ones left. Main thread.
-extern std::array<std::uint8_t, RECEIVE_BUFFER_SIZE> receive_buffer;
+inline constinit std::array<std::uint8_t, RECEIVE_BUFFER_SIZE> receive_buffer{};
 
 // The one UDP socket. Set at start-up; the main thread receives, every thread sends.
-extern int server_socket;
+inline constinit int server_socket = -1;
 
 // Set at start-up, read by every thread.
-extern pthread_t main_thread_id;
-extern std::uint32_t server_start_ms;  // uptime_ms, the origin of the game clock
+inline constinit pthread_t main_thread_id{};
+inline constinit std::uint32_t server_start_ms = 0;  // uptime_ms, the origin of the game clock
 
 // Joined players: a join counts one in, every way out of a slot counts one out. Never recounted.
 // Written by the main and the ping thread.
-extern std::atomic<std::int32_t> player_count;
+inline constinit std::atomic<std::int32_t> player_count = 0;
 
 // The slot that the latest join request found free, NO_SLOT when it found none. Main thread.
-extern Slot last_join_slot;
+inline constinit Slot last_join_slot = 0;
 
 // The PinkPanther, NO_SLOT for nobody. Main thread.
-extern Slot pinkpanther_slot;
+inline constinit Slot pinkpanther_slot = NO_SLOT;
 // Set by any thread that wants a new choice; the main thread makes it.
-extern std::atomic<std::uint8_t> pinkpanther_reselect;
+inline constinit std::atomic<std::uint8_t> pinkpanther_reselect = 0;
 // uptime_ms of the last choice. Written by the main thread, read by the ping thread.
-extern std::atomic<std::uint32_t> pinkpanther_since;
+inline constinit std::atomic<std::uint32_t> pinkpanther_since = 0;
 
 static_assert(decltype(player_count)::is_always_lock_free);
