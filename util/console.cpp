@@ -41,15 +41,6 @@ ssize_t write_some(std::span<const char> text) {
   return write(STDOUT_FILENO, text.data(), text.size());
 }
 
-// False when the patience is used up.
-bool wait_for_console() {
-  if (patience_ms <= 0) return false;
-  patience_ms -= WAIT_MS;
-  // No event is asked for: a pipe that has room for the line, but not for a page, is not "ready".
-  poll(nullptr, 0, WAIT_MS);
-  return true;
-}
-
 // False when the console did not take all of it.
 bool write_all(std::span<const char> text) {
   bool waited = false;
@@ -58,8 +49,11 @@ bool write_all(std::span<const char> text) {
     if (written > 0) {
       text = text.subspan(static_cast<std::size_t>(written));
     } else if (written == -1 && errno == EAGAIN) {
+      if (patience_ms <= 0) return false;
+      patience_ms -= WAIT_MS;
       waited = true;
-      if (!wait_for_console()) return false;
+      // For no event: a pipe that has room for the line, but not for a page, is not "ready".
+      poll(nullptr, 0, WAIT_MS);
     } else if (written == 0 || errno != EINTR) {
       return false;
     }
