@@ -21,11 +21,14 @@ static void shutdown_handler(int /*signal*/) {
   if (pthread_equal(pthread_self(), main_thread_id) != 0) stop_flag = true;
 }
 
-static sigset_t stop_signals() {
+// Returns the calling thread's mask from before.
+static sigset_t block_stop_signals() {
   sigset_t signals;
+  sigset_t kept_signals;
   sigemptyset(&signals);
   for (const int signal : STOP_SIGNALS) sigaddset(&signals, signal);
-  return signals;
+  pthread_sigmask(SIG_BLOCK, &signals, &kept_signals);
+  return kept_signals;
 }
 
 void install_shutdown_handler() {
@@ -43,9 +46,7 @@ bool stop_requested() {
 // The signals are blocked before the flag is read, and ppoll(2) lets them in: one that comes in
 // between ends the wait.
 bool wait_for_input_or_stop(int handle) {
-  const sigset_t signals = stop_signals();
-  sigset_t kept_signals;
-  pthread_sigmask(SIG_BLOCK, &signals, &kept_signals);
+  const sigset_t kept_signals = block_stop_signals();
   pollfd wait{.fd = handle, .events = POLLIN, .revents = 0};
   const int ready = stop_requested() ? 0 : ppoll(&wait, 1, nullptr, &kept_signals);
   pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
@@ -53,9 +54,7 @@ bool wait_for_input_or_stop(int handle) {
 }
 
 bool start_worker_thread(const char* name, void* (*body)(void*)) {
-  const sigset_t signals = stop_signals();
-  sigset_t kept_signals;
-  pthread_sigmask(SIG_BLOCK, &signals, &kept_signals);
+  const sigset_t kept_signals = block_stop_signals();
   pthread_t thread{};
   const bool started = pthread_create(&thread, nullptr, body, nullptr) == 0;
   pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
