@@ -12,8 +12,8 @@ bool clock_works();
 // makes it coarser the longer the machine runs: 2 ms after five hours, 256 ms after 25 days.
 std::uint32_t uptime_ms();
 
-// The milliseconds that uptime_ms makes of the clock's text: decimal seconds.
-std::uint32_t uptime_text_to_ms(const char* text);
+// The milliseconds that uptime_ms makes of an uptime.
+std::uint32_t seconds_to_ms(double seconds);
 
 void sleep_us(std::uint32_t microseconds);
 void sleep_ms(std::uint32_t milliseconds);
