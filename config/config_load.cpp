@@ -1,11 +1,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 
 #include "config/config_reader.h"
 #include "config/server_config.h"
@@ -36,14 +34,13 @@ void read_key(std::FILE* file, int first, char (&key)[KEY_WIDTH]) {
 
 // Reads up to the line end or a '#' and trims. A comment behind the value is dropped with its line.
 void read_text(ConfigReader& reader) {
-  std::size_t stored = 0;
-  reader.work_integer = 0;
+  std::size_t length = 0;
   int c = std::getc(reader.file);
   for (; c != EOF && !is_line_end(c) && c != '#'; c = std::getc(reader.file)) {
-    if (reader.work_integer < std::numeric_limits<std::int32_t>::max()) ++reader.work_integer;
-    if (stored < VALUE_WIDTH - 1) reader.value[stored++] = static_cast<char>(c);
+    if (length < VALUE_WIDTH - 1) reader.value[length++] = static_cast<char>(c);
   }
-  reader.value[stored] = '\0';
+  reader.value[length] = '\0';
+  reader.work_integer = static_cast<std::int32_t>(length);
   trim(reader.value);
   if (c == '#') skip_rest_of_line(reader.file);
 }
@@ -145,18 +142,16 @@ void complain_on_stderr(const char* name, const char* reason) {
 
 // What is no file counts as an empty one: a pipe may never be written to, a device may never end.
 std::FILE* open_one(const char* name, void (*complain)(const char* name, const char* reason)) {
-  int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  const int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (handle == -1) {
     if (errno != ENOENT) complain(name, std::strerror(errno));
     return nullptr;
   }
+  std::FILE* file = fdopen(handle, "r");
   struct stat status {};
-  if (fstat(handle, &status) == 0 && !S_ISREG(status.st_mode)) {
-    complain(name, S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "Not a file");
-    close(handle);
-    handle = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  }
-  return fdopen(handle, "r");
+  if (fstat(handle, &status) == -1 || S_ISREG(status.st_mode)) return file;
+  complain(name, S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "Not a file");
+  return std::freopen("/dev/null", "re", file);
 }
 
 }  // namespace

@@ -17,8 +17,8 @@ struct ConfigReader {
   std::FILE* file;
   // As printf(3): where the server's own words about the settings go.
   [[gnu::format(printf, 1, 2)]] void (*print)(const char* format, ...);
-  // Counts the characters of a text value and receives numbers. It is never reset between lines:
-  // where no number can be read, the last count or number stands in for it.
+  // Counts the characters that are kept of a text value, and receives numbers. It is never reset
+  // between lines: where no number can be read, the last count or number stands in for it.
   std::int32_t work_integer = 0;
   char value[VALUE_WIDTH] = "";
   long key_offset = 0;  // of the first byte of the key read last, in the file
