@@ -9,17 +9,15 @@
 #include "net/socket_layer_state.h"
 #include "util/assertion.h"
 
-// For bursts, and for what waits for neighbours that have gone: Linux holds datagrams to a machine
-// of the own network for seconds while it does not answer. The system gives what it allows.
-static void ask_for_room(int handle) {
+int udp_open_port(const char* port_text) {
+  const int handle = open_bound_socket(port_text, "udp", 0);
+  if (handle == -1) return -1;
+  // For bursts, and for what waits for neighbours that have gone: Linux holds datagrams to a
+  // machine of the own network for seconds while it does not answer. The system gives what it
+  // allows.
   const int bytes = 4 << 20;
   setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
   setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
-}
-
-int udp_open_port(const char* port_text) {
-  const int handle = open_bound_socket(port_text, "udp", 0);
-  if (handle != -1) ask_for_room(handle);
   return handle;
 }
 
@@ -52,26 +50,27 @@ static bool is_full() {
   return errno == EAGAIN || errno == ENOBUFS;
 }
 
-// ENOBUFS says nothing about the socket's own buffer, so there is no event to wait for.
-static void wait_for_room(int handle) {
+// After a failed send: whether to try again. A full send buffer is waited for once in a call.
+static bool may_try_again(int handle, bool& may_wait) {
+  if (errno == EINTR) return true;
+  if (!is_full() || !may_wait) return false;
+  may_wait = false;
+  // ENOBUFS says nothing about the socket's own buffer, so there is no event to wait for.
   pollfd wait{.fd = handle, .events = 0, .revents = 0};
   if (errno == EAGAIN) wait.events = POLLOUT;
   poll(&wait, 1, ROOM_WAIT_MS);
+  return true;
 }
 
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination) {
   check_argument(buffer != nullptr, SFLSOCK_MODULE);
   check_argument(destination != nullptr, SFLSOCK_MODULE);
   bool may_wait = true;
-  for (;;) {
-    const ssize_t sent =
-        sendto(handle, buffer, length, 0, generic(destination), sizeof *destination);
-    if (sent != -1) return static_cast<int>(sent);
-    if (errno == EINTR) continue;
-    if (!is_full() || !may_wait) return -1;
-    wait_for_room(handle);
-    may_wait = false;
-  }
+  ssize_t sent;
+  do {
+    sent = sendto(handle, buffer, length, 0, generic(destination), sizeof *destination);
+  } while (sent == -1 && may_try_again(handle, may_wait));
+  return static_cast<int>(sent);
 }
 
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
@@ -92,12 +91,9 @@ bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
     const int sent = sendmmsg(handle, &messages[served], rest, 0);
     if (sent > 0) {
       served += static_cast<unsigned>(sent);
-    } else if (is_full()) {
-      if (!may_wait) ++served;  // lost, as any datagram may be on its way
-      if (may_wait) wait_for_room(handle);
-      may_wait = false;
-    } else if (errno != EINTR) {
-      return false;
+    } else if (!may_try_again(handle, may_wait)) {
+      if (!is_full()) return false;
+      ++served;  // lost, as any datagram may be on its way
     }
   }
   return true;
