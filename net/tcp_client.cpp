@@ -9,37 +9,25 @@
 static constexpr int CONNECT_ATTEMPTS = 3;
 static constexpr unsigned CONNECT_PAUSE_S = 0;
 
-// The socket does not block, so a connection under way counts as made.
-static int connect_to(const sockaddr_in& endpoint, const char* protocol, int attempts,
-                      unsigned pause_s) {
-  for (int left = attempts; left > 0; --left) {
-    const int handle = new_inet_socket(protocol);
-    if (handle == -1) return -1;
-    if (connect(handle, generic(&endpoint), sizeof endpoint) == 0 || errno == EINPROGRESS) {
-      apply_nonblocking(handle);
-      return handle;
-    }
-    socket_close(handle);
-    if (left > 1) sleep(pause_s);
-  }
-  return fail(SOCKERR_CONNECT_FAILED);
-}
-
 int connect_with_retries(const char* host, const char* service, const char* protocol,
                          const sockaddr_in* ready, int attempts, unsigned pause_s) {
-  socket_layer_state.last_error = SOCKERR_NONE;
   sockaddr_in endpoint{};
   if (is_text(service)) {
-    check_argument(is_text(protocol), SFLSOCK_MODULE);
     if (resolve_endpoint(host, service, protocol, &endpoint) == -1) return -1;
   } else {
     check_argument(ready != nullptr, SFLSOCK_MODULE);
     endpoint = *ready;
   }
-  const std::int16_t kept_nonblocking = socket_layer_state.nonblocking;
-  const int handle = connect_to(endpoint, protocol, attempts, pause_s);
-  socket_layer_state.nonblocking = kept_nonblocking;
-  return handle;
+  for (int left = attempts; left > 0; --left) {
+    const int handle = new_inet_socket(protocol);
+    if (handle == -1) return -1;
+    // The socket does not block, so a connection under way counts as made.
+    const int result = connect(handle, generic(&endpoint), sizeof endpoint);
+    if (result == 0 || errno == EINPROGRESS) return handle;
+    socket_close(handle);
+    if (left > 1) sleep(pause_s);
+  }
+  return fail(SOCKERR_CONNECT_FAILED);
 }
 
 int tcp_connect(const char* host, const char* service) {
