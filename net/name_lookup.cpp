@@ -1,23 +1,20 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "net/socket_layer_state.h"
 #include "util/assertion.h"
 #include "util/number.h"
 
-// Room for one entry of the services or protocols database with its aliases, in bytes.
-static constexpr std::size_t DATABASE_ENTRY_SIZE = 4096;
+// Room for one entry of a database with all its names, in bytes. More counts as not found.
+static constexpr std::size_t ENTRY_SIZE = 8192;
 
-// Room for a host's names and addresses, in bytes. More than that counts as not found.
-static constexpr std::size_t HOST_ENTRY_SIZE = 8192;
-
-std::optional<std::uint16_t> find_service_port(const char* service, const char* protocol) {
+// The port of a service in host byte order; none when the services database has none.
+static std::optional<std::uint16_t> find_service_port(const char* service, const char* protocol) {
   servent entry{};
   servent* found = nullptr;
-  std::array<char, DATABASE_ENTRY_SIZE> work;
+  std::array<char, ENTRY_SIZE> work;
   getservbyname_r(service, protocol, &entry, work.data(), work.size(), &found);
   if (found == nullptr) return std::nullopt;
   return ntohs(static_cast<std::uint16_t>(found->s_port));
@@ -26,21 +23,33 @@ std::optional<std::uint16_t> find_service_port(const char* service, const char* 
 std::optional<int> find_protocol_number(const char* protocol) {
   protoent entry{};
   protoent* found = nullptr;
-  std::array<char, DATABASE_ENTRY_SIZE> work;
+  std::array<char, ENTRY_SIZE> work;
   getprotobyname_r(protocol, &entry, work.data(), work.size(), &found);
   if (found == nullptr) return std::nullopt;
   return found->p_proto;
+}
+
+static std::uint16_t number_as_port(const char* text) {
+  return static_cast<std::uint16_t>(text_to_int32(text));
+}
+
+// A known service is taken as it is, only a number is tested.
+std::optional<in_port_t> port_to_bind(const char* service, const char* protocol) {
+  const std::int64_t offset = socket_layer_state.port_offset;
+  const std::optional<std::uint16_t> known = find_service_port(service, protocol);
+  const std::int64_t port = known.value_or(number_as_port(service)) + offset;
+  if (!known && port <= 0) return std::nullopt;
+  return htons(static_cast<std::uint16_t>(port));
 }
 
 static bool look_up_host(const char* name, in_addr& address) {
   hostent entry{};
   hostent* found = nullptr;
   int error = 0;
-  std::array<char, HOST_ENTRY_SIZE> work;
+  std::array<char, ENTRY_SIZE> work;
   gethostbyname_r(name, &entry, work.data(), work.size(), &found, &error);
   if (found == nullptr || found->h_addr_list[0] == nullptr) return false;
-  const auto length = static_cast<std::size_t>(std::max(found->h_length, 0));
-  std::memcpy(&address, found->h_addr_list[0], std::min(length, sizeof address));
+  std::memcpy(&address, found->h_addr_list[0], sizeof address);
   return true;
 }
 
@@ -52,7 +61,7 @@ int resolve_endpoint(const char* host, const char* service, const char* protocol
   socket_layer_state.last_error = SOCKERR_NONE;
   *endpoint = {};
   endpoint->sin_family = AF_INET;
-  const auto number = static_cast<std::uint16_t>(text_to_int32(service));
+  const std::uint16_t number = number_as_port(service);
   endpoint->sin_port = htons(find_service_port(service, protocol).value_or(number));
 
   if (!is_text(host)) host = "127.0.0.1";

@@ -12,12 +12,12 @@
 
 inline constexpr const char* SFLSOCK_MODULE = "sflsock";
 
-// Any thread may open a connection, so what a connection touches is atomic. The two user ids are
-// only touched while the main thread is alone.
+// Any thread may open a connection, so what that writes is atomic. All else is written while the
+// main thread is alone.
 struct SocketLayerState {
-  std::int32_t port_offset = 0;  // added to every port that is bound by service text
-  std::atomic<std::int16_t> nonblocking = 1;
-  std::atomic<std::uint32_t> bind_address = 0;  // network byte order; each bind resets it to 0
+  std::int32_t port_offset = 0;    // added to every port that is bound by service text
+  std::int16_t nonblocking = 1;    // non-zero: no socket of the layer blocks
+  std::uint32_t bind_address = 0;  // network byte order; each bind resets it to 0
   std::atomic<std::int32_t> open_sockets = 0;
   std::atomic<SocketError> last_error = SOCKERR_NONE;
   uid_t saved_real_user = static_cast<uid_t>(-1);  // -1: not yet read
@@ -36,18 +36,12 @@ int open_bound_socket(const char* service, const char* protocol, int backlog);
 // error set.
 int new_inet_socket(const char* protocol);
 
-void apply_nonblocking(int handle);
-bool is_socket(int handle);
-
 // Keeps the error as the last one; -1, for the caller to return.
 int fail(SocketError error);
 
 inline const sockaddr* generic(const sockaddr_in* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
-
-// The port of a service in host byte order; none when the services database has none.
-std::optional<std::uint16_t> find_service_port(const char* service, const char* protocol);
 
 // None when the protocols database does not know it.
 std::optional<int> find_protocol_number(const char* protocol);

@@ -4,10 +4,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "net/socket_layer_state.h"
 #include "util/assertion.h"
-#include "util/number.h"
 
 constinit SocketLayerState socket_layer_state;
 
@@ -48,13 +48,13 @@ int drop_privileges() {
   return seteuid(socket_layer_state.saved_real_user);
 }
 
-void apply_nonblocking(int handle) {
+static void apply_nonblocking(int handle) {
   if (socket_layer_state.nonblocking == 0) return;
   const int flags = fcntl(handle, F_GETFL);
   fcntl(handle, F_SETFL, flags | O_NONBLOCK);
 }
 
-bool is_socket(int handle) {
+static bool is_socket(int handle) {
   int type = 0;
   socklen_t length = sizeof type;
   return getsockopt(handle, SOL_SOCKET, SO_TYPE, &type, &length) == 0;
@@ -75,16 +75,13 @@ int new_inet_socket(const char* protocol) {
   return handle;
 }
 
-// A known service is taken as it is, only a number is tested.
-std::optional<in_port_t> port_to_bind(const char* service, const char* protocol) {
-  const std::int64_t offset = socket_layer_state.port_offset;
-  const std::optional<std::uint16_t> known = find_service_port(service, protocol);
-  const std::int64_t port = known.value_or(static_cast<std::uint16_t>(text_to_int32(service)));
-  if (!known && port + offset <= 0) return std::nullopt;
-  return htons(static_cast<std::uint16_t>(port + offset));
-}
-
-static int bind_new_socket(const sockaddr_in& local, const char* protocol) {
+static int bind_new_socket(const char* service, const char* protocol) {
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_addr.s_addr = std::exchange(socket_layer_state.bind_address, 0);
+  const std::optional<in_port_t> port = port_to_bind(service, protocol);
+  if (!port) return fail(SOCKERR_BAD_SERVICE);
+  local.sin_port = *port;
   const int handle = new_inet_socket(protocol);
   if (handle == -1) return -1;
   if (bind(handle, generic(&local), sizeof local) == -1) return fail(SOCKERR_BIND_FAILED);
@@ -94,17 +91,9 @@ static int bind_new_socket(const sockaddr_in& local, const char* protocol) {
 int open_bound_socket(const char* service, const char* protocol, int backlog) {
   check_argument(is_text(service), SFLSOCK_MODULE);
   check_argument(is_text(protocol), SFLSOCK_MODULE);
-  socket_layer_state.last_error = SOCKERR_NONE;
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_addr.s_addr = socket_layer_state.bind_address.exchange(0);
-
   raise_privileges();
-  const std::optional<in_port_t> port = port_to_bind(service, protocol);
-  local.sin_port = port.value_or(0);
-  const int handle = port ? bind_new_socket(local, protocol) : fail(SOCKERR_BAD_SERVICE);
+  const int handle = bind_new_socket(service, protocol);
   drop_privileges();
-
   if (handle != -1 && std::strcmp(protocol, "tcp") == 0 && listen(handle, backlog) == -1) {
     return fail(SOCKERR_LISTEN_FAILED);
   }
