@@ -47,16 +47,6 @@ constexpr auto HANDLERS = [] {
   return table;
 }();
 
-void run_handler(std::uint8_t code, const Datagram& datagram) {
-  if (!is_command(code)) {
-    console_print("Unknown Command: %d \n", code);
-    return;
-  }
-  const Handler handler = HANDLERS[code];
-  const Slot slot = find_slot_by_address(datagram.sender);
-  if (slot != NO_SLOT || handler == handle_join) handler(slot, datagram);
-}
-
 }  // namespace
 
 bool is_command(std::uint8_t code) {
@@ -65,6 +55,12 @@ bool is_command(std::uint8_t code) {
 
 void dispatch_datagram(const Datagram& datagram) {
   const std::uint8_t code = datagram.bytes[0];
-  run_handler(code, datagram);
-  run_pinkpanther_step(code);
+  const Handler handler = HANDLERS[code];
+  const Slot slot = find_slot_by_address(datagram.sender);
+  if (handler == nullptr) {
+    console_print("Unknown Command: %d \n", code);
+  } else if (slot != NO_SLOT || handler == handle_join) {
+    handler(slot, datagram);
+  }
+  if (handler != handle_join) run_pinkpanther_step();
 }

@@ -4,11 +4,11 @@
 
 #include "server/player_table.h"
 
-// Who has the role, as clients are told: at a choice all, later each newcomer.
+// The choice as clients are told of it: at once all in the game, later each newcomer.
 PinkPanther pinkpanther_notice();
 
 // Makes the choice that some event has asked for. Runs after every datagram but a join.
-void run_pinkpanther_step(std::uint8_t handled_code);
+void run_pinkpanther_step();
 
 // A player who leaves or dies gives the role up; while more than one player is joined, a new choice
 // is asked for. pinkpanther_slot keeps naming the slot until that choice.
