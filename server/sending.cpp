@@ -11,33 +11,29 @@
 
 static_assert(MAX_CLIENTS <= MAX_DESTINATIONS);
 
-// By whichever thread meets the failure, so nothing of the other threads may be torn down.
-[[noreturn]] static void end_for_broken_socket() {
-  console_print("error writing to socket:%s\n", system_error_text());
-  _exit(EXIT_FAILURE);
-}
-
-void send_bytes(const sockaddr_in& destination, std::span<const std::byte> datagram,
-                SendErrorText error_text) {
-  const auto length = static_cast<unsigned>(datagram.size());
-  if (udp_send(server_socket, datagram.data(), length, &destination) != -1) return;
+void send_record(const sockaddr_in& destination, RecordBytes record, SendErrorText error_text) {
+  const auto length = static_cast<unsigned>(record.size());
+  if (udp_send(server_socket, record.data(), length, &destination) != -1) return;
   const char* blank = error_text == SendErrorText::WITH_BLANK ? " " : "";
   console_print("error writing to socket:%s%s\n", blank, system_error_text());
 }
 
-void broadcast(std::span<const std::byte> datagram, Slot excluded) {
+void relay_to_others(RecordBytes record, Slot slot) {
   std::array<sockaddr_in, MAX_CLIENTS> destinations;
   std::size_t count = 0;
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
-    const PlayerSlot& player = player_table[slot];
+  for (Slot other = 0; other < slots_in_play(); ++other) {
+    const PlayerSlot& player = player_table[other];
     const Seat seat = player.seat;
-    if (seat.state != SeatState::IN_GAME || slot == excluded) continue;
+    if (seat.state != SeatState::IN_GAME || other == slot) continue;
     if (read_address(player, seat, destinations[count])) ++count;
   }
-  if (count == 0) return;
-  if (!udp_send_to_each(server_socket, {destinations.data(), count}, datagram)) {
-    end_for_broken_socket();
-  }
+  if (udp_send_to_each(server_socket, {destinations.data(), count}, record)) return;
+  console_print("error writing to socket:%s\n", system_error_text());
+  _exit(EXIT_FAILURE);  // by whichever thread it is, so nothing of the others is torn down
+}
+
+void broadcast_all(RecordBytes record) {
+  relay_to_others(record, NO_SLOT);
 }
 
 void broadcast_text(const std::array<char, TEXT_WIDTH>& text) {

@@ -17,33 +17,23 @@
 // without it. Each datagram to one address has its fixed text.
 enum class SendErrorText { WITH_BLANK, WITHOUT_BLANK };
 
-template <WireRecord Record>
-std::span<const std::byte> bytes_of(const Record& record) {
-  return std::as_bytes(std::span(&record, 1));
-}
+// The bytes of a record, for the length of a call.
+struct RecordBytes : std::span<const std::byte> {
+  template <WireRecord Record>
+  RecordBytes(const Record& record) : span(std::as_bytes(std::span(&record, 1))) {
+    static_assert(std::is_aggregate_v<Record>, "a view would send its own pointer");
+  }
+};
 
 // A failed send prints its line, and the caller carries on.
-void send_bytes(const sockaddr_in& destination, std::span<const std::byte> datagram,
-                SendErrorText error_text);
+void send_record(const sockaddr_in& destination, RecordBytes record, SendErrorText error_text);
 
-template <WireRecord Record>
-void send_record(const sockaddr_in& destination, const Record& record, SendErrorText error_text) {
-  send_bytes(destination, bytes_of(record), error_text);
-}
-
-// To every player in the game, in slot order, but the excluded one; NO_SLOT excludes nobody.
-void broadcast(std::span<const std::byte> datagram, Slot excluded);
-
-template <WireRecord Record>
-void broadcast_all(const Record& record) {
-  broadcast(bytes_of(record), NO_SLOT);
-}
+// To every player in the game, in slot order.
+void broadcast_all(RecordBytes record);
 
 // The common last step of the handlers: everyone in the game but this player gets the record.
-template <WireRecord Record>
-void relay_to_others(const Record& record, Slot slot) {
-  broadcast(bytes_of(record), slot);
-}
+// NO_SLOT leaves out nobody.
+void relay_to_others(RecordBytes record, Slot slot);
 
 // A line of the server's own to every player in the game.
 void broadcast_text(const std::array<char, TEXT_WIDTH>& text);

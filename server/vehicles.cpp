@@ -62,8 +62,7 @@ void handle_foot_update(Slot slot, const Datagram& datagram) {
 
 // The last step of the partial updates. They are stored in any case; they are relayed only while
 // the player sits in a car, and otherwise answered.
-template <WireRecord Record>
-static void relay_if_in_car(Slot slot, const Record& relay, const Datagram& datagram) {
+static void relay_if_in_car(Slot slot, RecordBytes relay, const Datagram& datagram) {
   if (player_table[slot].in_car != 0) {
     relay_to_others(relay, slot);
   } else {
