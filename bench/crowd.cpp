@@ -86,7 +86,7 @@ static bool enter_game(const Crowd& crowd, int handle) {
 
 bool join_player(Crowd& crowd, bool is_floor, const sockaddr_in& server) {
   const int handle = open_client_socket(server);
-  const JoinRequest request{.name = {'p'}, .version = {PROTOCOL_VERSION, 0}};
+  const JoinRequest request{.name = {'p'}, .version = PROTOCOL_VERSION};
   if (handle == -1 || !send_bytes(handle, bytes_of(request))) return false;
   const int slot = await_record(handle, JoinAccepted{});
   if (slot == -1 || (!is_floor && !enter_game(crowd, handle))) return false;

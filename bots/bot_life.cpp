@@ -111,7 +111,7 @@ static void join(Bot& bot) {
 
   JoinRequest request;
   request.name = bot.name;
-  request.version = {PROTOCOL_VERSION & 0xFFU, PROTOCOL_VERSION >> 8U};
+  request.version = PROTOCOL_VERSION;
   fleet.joining_bot = bot.number;
   bot.due_ns = monotonic_ns() + ANSWER_TIMEOUT_NS;
   send_bytes(bot, datagram_of(request));

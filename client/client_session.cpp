@@ -12,7 +12,7 @@ static void send_code(const ClientSession& session, ClientCommand command) {
 
 static void send_join(ClientSession& session, std::uint64_t now_ms) {
   JoinRequest request{.name = session.name};
-  request.version = {PROTOCOL_VERSION & 0xFFU, PROTOCOL_VERSION >> 8U};
+  request.version = PROTOCOL_VERSION;
   send_datagram(session.socket, datagram_of(request));
   session.back_off_ms = std::clamp(2 * session.back_off_ms, FIRST_BACK_OFF_MS, MAX_BACK_OFF_MS);
   session.due_ms = now_ms + session.back_off_ms;

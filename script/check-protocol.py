@@ -24,7 +24,7 @@ SENDERS = {"ClientCommand": "client", "ServerCommand": "server"}
 KINDS = {
     "std::uint8_t": "u8",
     "Slot": "u8",
-    "LittleEndian16": "u16",
+    "std::uint16_t": "u16",
     "FloatBits": "float",
     "Position": "position",
     "CarBlockA": "bytes",

@@ -18,14 +18,9 @@
 // On top of the silence that liveness allows, until a new player must have answered a ping.
 static constexpr std::uint32_t JOIN_GRACE_MS = 60'000;
 
-static bool speaks_our_version(const JoinRequest& request) {
-  const unsigned version = request.version[0] | static_cast<unsigned>(request.version[1]) << 8U;
-  return version == PROTOCOL_VERSION;
-}
-
 // False when the sender was refused. The version comes before the capacity.
 static bool admit(const JoinRequest& request, const Datagram& datagram) {
-  if (!speaks_our_version(request)) {
+  if (request.version != PROTOCOL_VERSION) {
     JoinRefusedVersion refusal;
     std::snprintf(refusal.text, sizeof refusal.text, "You need Version %s", SERVER_VERSION);
     send_record(datagram.sender, refusal, SendErrorText::WITH_BLANK);

@@ -81,7 +81,6 @@ enum class ServerCommand : std::uint8_t {
 // A float of the clients, carried as its bits.
 using FloatBits = std::uint32_t;
 using Position = std::array<std::uint32_t, 3>;
-using LittleEndian16 = std::array<std::uint8_t, 2>;
 using CarBlockA = std::array<std::uint8_t, 28>;
 using CarBlockB = std::array<std::uint8_t, 24>;
 template <std::size_t count>
@@ -116,7 +115,7 @@ struct JoinRequest {
   ClientCommand command = ClientCommand::CMD_JOIN;
   std::array<char, NAME_WIDTH> name{};
   Unused<1> unused_1{};
-  LittleEndian16 version{};  // PROTOCOL_VERSION
+  std::uint16_t version = 0;  // PROTOCOL_VERSION
 };
 
 struct EnterGame {
