@@ -31,7 +31,7 @@ def printed_formats():
 
 def pattern_of(text):
     """What a row must look like to stand for this format."""
-    parts = re.split(r"%[sdu]", text)
+    parts = re.split(r"%(?:\.\*)?[sdu]", text)
     return re.compile("[A-Z]*".join(map(re.escape, parts)))
 
 
