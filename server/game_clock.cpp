@@ -8,15 +8,11 @@ static std::uint32_t elapsed_ms() {
   return uptime_ms() - server_start_ms;
 }
 
-std::uint8_t game_hour() {
-  return static_cast<std::uint8_t>(elapsed_ms() / 60'000 % 24);
-}
-
-std::uint8_t game_minute() {
-  return static_cast<std::uint8_t>(elapsed_ms() / 1'000 % 60);
+GameClock game_clock() {
+  return {.hour = static_cast<std::uint8_t>(elapsed_ms() / 60'000 % 24),
+          .minute = static_cast<std::uint8_t>(elapsed_ms() / 1'000 % 60)};
 }
 
 void send_game_clock(const sockaddr_in& destination) {
-  const GameClock answer{.hour = game_hour(), .minute = game_minute()};
-  send_record(destination, answer, SendErrorText::WITHOUT_BLANK);
+  send_record(destination, game_clock(), SendErrorText::WITHOUT_BLANK);
 }

@@ -5,9 +5,8 @@
 
 #include "server/protocol.h"
 
-// Since server_start_ms; each reads the clock anew. Any thread.
-std::uint8_t game_hour();    // 0..23
-std::uint8_t game_minute();  // 0..59
+// The time since server_start_ms; hour and minute each read the clock anew. Any thread.
+GameClock game_clock();
 
-// CMD_GAME_CLOCK, the answer that some commands give their sender.
+// The answer that some commands give their sender.
 void send_game_clock(const sockaddr_in& destination);

@@ -61,8 +61,9 @@ static void tell_others_of_entry(Slot slot) {
 void handle_enter_game(Slot slot, const Datagram& datagram) {
   store_report(player_table[slot], datagram);
   if (last_join_slot != NO_SLOT) player_table[last_join_slot].last_heard = uptime_ms();
+  const GameClock now = game_clock();
   const EnterGameReply reply{
-      .last_join_slot = last_join_slot, .hour = game_hour(), .minute = game_minute()};
+      .last_join_slot = last_join_slot, .hour = now.hour, .minute = now.minute};
   send_record(datagram.sender, reply, SendErrorText::WITH_BLANK);
 
   tell_others_of_entry(slot);
