@@ -7,8 +7,14 @@
 #include "server/server_state.h"
 #include "util/console.h"
 
-static void say_refused() {
-  console_print("Could not announce server at the zol master server - Check your config...\n");
+// The master server's verdict. A refusal prints its line.
+static std::int8_t announce(AnnounceState& state, std::uint32_t now) {
+  state.last_announce_ms = now;
+  const std::int8_t verdict = master_announce();
+  if (verdict == MASTER_RESULT_REFUSED) {
+    console_print("Could not announce server at the zol master server - Check your config...\n");
+  }
+  return verdict;
 }
 
 // Once listed, a server of CatchPinkPanther begins with a new choice.
@@ -18,35 +24,25 @@ static void ask_for_first_pinkpanther() {
 }
 
 bool announce_first(AnnounceState& state) {
-  state.last_announce_ms = uptime_ms();
+  const std::uint32_t now = uptime_ms();
   console_print("Announcing server at the zol master server...\n");
-  switch (master_announce()) {
-    case MASTER_RESULT_NO_ANSWER:
-      return false;
-    case MASTER_RESULT_REFUSED:
-      say_refused();
-      return false;
-    case MASTER_RESULT_LISTED:
-      console_print("This server is now listed on the zol server list\n");
-      break;
-    case MASTER_RESULT_UPDATED:
-      console_print("This server was updated on the zol server list\n");
-      break;
-    default:
-      break;
+  const std::int8_t verdict = announce(state, now);
+  if (verdict == MASTER_RESULT_NO_ANSWER || verdict == MASTER_RESULT_REFUSED) return false;
+  if (verdict == MASTER_RESULT_LISTED) {
+    console_print("This server is now listed on the zol server list\n");
+  } else if (verdict == MASTER_RESULT_UPDATED) {
+    console_print("This server was updated on the zol server list\n");
   }
-  state.previous_count = static_cast<std::uint32_t>(count_used_slots());
+  state.previous_count = count_used_slots();
   ask_for_first_pinkpanther();
   return true;
 }
 
 void announce_check(AnnounceState& state) {
-  const auto count = static_cast<std::uint32_t>(count_used_slots());
+  const std::int32_t count = count_used_slots();
   const std::uint32_t now = uptime_ms();
-  if (count != state.previous_count || now - state.last_announce_ms >= ANNOUNCE_PERIOD_MS) {
-    state.last_announce_ms = now;
-    if (master_announce() == MASTER_RESULT_REFUSED) say_refused();
-  }
+  const bool is_due = now - state.last_announce_ms >= ANNOUNCE_PERIOD_MS;
+  if (is_due || count != state.previous_count) announce(state, now);
   state.previous_count = count;
 }
 

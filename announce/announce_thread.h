@@ -8,7 +8,7 @@ inline constexpr std::uint32_t ANNOUNCE_PERIOD_MS = 300'000;  // while the count
 
 struct AnnounceState {
   std::uint32_t last_announce_ms = 0;  // uptime_ms when the last announce was started
-  std::uint32_t previous_count = 0;    // slots in use at the previous check
+  std::int32_t previous_count = 0;     // slots in use at the previous check
 };
 
 // Announces the server for the first time and asks for the first PinkPanther. False when the master

@@ -34,18 +34,11 @@ struct Reply {
   std::size_t length;
 };
 
-// The name as the query carries it: only blanks are replaced.
-using QueryName = std::array<char, sizeof server_config.ServerName>;
-
-QueryName query_name() {
-  QueryName name;
-  std::replace_copy(std::begin(server_config.ServerName), std::end(server_config.ServerName),
-                    name.begin(), ' ', '+');
-  return name;
-}
-
 // last: the parameter at the end, which tells the two requests apart. Lines end in bare line feeds.
+// Of the name only the blanks are replaced.
 Request make_request(std::int32_t players, const char* last) {
+  char name[sizeof server_config.ServerName];
+  std::ranges::replace_copy(server_config.ServerName, name, ' ', '+');
   Request request;
   std::snprintf(request.data(), request.size(),
                 "GET /cgi-bin/zol.pl?name=%s&p=%d&mp=%d&gt=%d&port=%s&v=%d&%s HTTP/1.1\n"
@@ -56,8 +49,8 @@ Request make_request(std::int32_t players, const char* last) {
                 "Keep-Alive: 300\n"
                 "Connection: keep-alive\n"
                 "\n",
-                query_name().data(), players, server_config.maxClients, server_config.GameType,
-                server_config.Port, PROTOCOL_VERSION, last, MASTER_HOST, MASTER_HOST);
+                name, players, server_config.maxClients, server_config.GameType, server_config.Port,
+                PROTOCOL_VERSION, last, MASTER_HOST, MASTER_HOST);
   return request;
 }
 
