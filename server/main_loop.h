@@ -1,8 +1,9 @@
 // Receives and handles datagrams, one at a time, in the order of their arrival. Main thread.
 #pragma once
 
-// Handles all that waits on the server's socket, until nothing does or a stop is requested.
-void drain_socket();
+// Handles all that waits on the server's socket, until nothing does or a stop is requested. False
+// when receiving failed.
+bool drain_socket();
 
 // Drains the socket and waits on it, by turns, until a stop is requested. Nothing is polled: a
 // server without datagrams uses no processor time.
