@@ -1,6 +1,7 @@
 #include "server/command_table.h"
 
 #include <array>
+#include <utility>
 
 #include "server/handlers.h"
 #include "server/pinkpanther.h"
@@ -13,13 +14,8 @@ using enum ClientCommand;
 
 using Handler = void (*)(Slot slot, const Datagram& datagram);
 
-struct Command {
-  ClientCommand code;
-  Handler handler;
-};
-
 // Every command that the server understands.
-constexpr Command COMMANDS[] = {
+constexpr std::pair<ClientCommand, Handler> COMMANDS[] = {
     {CMD_PING_REPLY, handle_ping_reply},
     {CMD_JOIN, handle_join},
     {CMD_ENTER_GAME, handle_enter_game},

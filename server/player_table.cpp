@@ -7,11 +7,7 @@ Endpoint endpoint_of(const sockaddr_in& address) {
 }
 
 sockaddr_in socket_address_of(const Endpoint& endpoint) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = endpoint.port;
-  address.sin_addr.s_addr = endpoint.host;
-  return address;
+  return {AF_INET, endpoint.port, {endpoint.host}, {}};
 }
 
 Slot slots_in_play() {
