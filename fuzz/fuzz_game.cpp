@@ -52,7 +52,7 @@ static bool is_in_game(const Seat& seat) {
 static void check_table() {
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     const PlayerSlot& player = player_table[slot];
-    check(player.name.back() == '\0', "a name ends in its field");
+    check(player.name[NAME_WIDTH - 1] == '\0', "a name ends in its field");
     check(player.seat.load().state != SeatState::LEAVING, "nobody is left in the door");
     check(player.is_pinkpanther == 0 || slot == pinkpanther_slot, "one PinkPanther, the named one");
     if (!is_used(player.seat)) continue;

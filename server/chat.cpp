@@ -10,7 +10,7 @@
 
 // The text ends at its first NUL, or else with the datagram.
 void handle_chat(Slot slot, const Datagram& datagram) {
-  const char* name = player_table[slot].name.data();
+  const char* name = player_table[slot].name;
   const auto* text = reinterpret_cast<const char*>(&datagram.bytes[1]);
   const int length = std::max(static_cast<int>(datagram.received) - 1, 0);
   console_print("Message from \"%s\": \"%.*s\"\n", name, length, text);

@@ -21,7 +21,7 @@ void handle_died(Slot slot, const Datagram& datagram) {
   player.in_car = 0;
   player.death_count = report.death_count;
   player.has_died = 1;
-  console_print("%s, Player [%d] died %d times\n", player.name.data(), slot, player.death_count);
+  console_print("%s, Player [%d] died %d times\n", player.name, slot, player.death_count);
   relay_to_others(PlayerDied{.slot = slot, .death_count = player.death_count}, slot);
   give_up_pinkpanther(player);
 }

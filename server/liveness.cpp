@@ -18,13 +18,12 @@ static std::int32_t ms_between(std::uint32_t since, std::uint32_t now) {
   return static_cast<std::int32_t>(now - since);
 }
 
-// The PinkPanther's flag stays with the slot, for whoever joins it next.
 static void time_out(Slot slot, Seat seen) {
   PlayerSlot& player = player_table[slot];
   pass_seam(Seam::TIME_OUT_DECIDED);
   if (!change_seat(player, seen, SeatState::LEAVING)) return;
   pass_seam(Seam::TIMED_OUT);
-  console_print("%s, Player [%d] timed out\n", player.name.data(), slot);
+  console_print("%s, Player [%d] timed out\n", player.name, slot);
   finish_leaving(slot);
 }
 

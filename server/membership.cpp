@@ -43,26 +43,22 @@ void finish_leaving(Slot slot) {
   change_seat(player, player.seat, SeatState::FREE);
 }
 
-// The slot's PinkPanther flag stays for whoever joins it next.
 static void leave_for_reconnect(Slot slot) {
   if (!change_used_seat(player_table[slot], SeatState::LEAVING)) return;
   console_print("Player %d reconnected\n", slot);
   finish_leaving(slot);
 }
 
-// State, car and PinkPanther flag of the slot stay as its last player left them. Taking the seat
-// comes last: from then on the ping thread judges the player by last_heard.
+// Taking the seat comes last: from then on the ping thread judges the player by last_heard.
 static void seat_player(Slot slot, const JoinRequest& request, const Datagram& datagram) {
   PlayerSlot& player = player_table[slot];
-  player.name = {};  // all of it goes out on the wire, what lies behind the end as well
-  std::memcpy(player.name.data(), request.name.data(),
-              strnlen(request.name.data(), NAME_WIDTH - 1));
+  copy_text(player.name, request.name.data());
   player.in_car = 0;
   player.last_heard = uptime_ms() + JOIN_GRACE_MS;
   player.death_count = 0;
   player.has_died = 0;
   take_seat(player, datagram.sender);
-  console_print("%s, Player [%d] Connected!\n", player.name.data(), slot);
+  console_print("%s, Player [%d] Connected!\n", player.name, slot);
 }
 
 // Who cannot be sent to is dropped without a word: once in the game it would make the next
@@ -88,7 +84,7 @@ void handle_join(Slot slot, const Datagram& datagram) {
 void handle_leave(Slot slot, const Datagram& /*datagram*/) {
   PlayerSlot& player = player_table[slot];
   if (!change_used_seat(player, SeatState::LEAVING)) return;
-  console_print("%s, Player [%d] disconnected\n", player.name.data(), slot);
+  console_print("%s, Player [%d] disconnected\n", player.name, slot);
   finish_leaving(slot);
   give_up_pinkpanther(player);
 }

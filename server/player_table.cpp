@@ -2,7 +2,7 @@
 
 constinit PlayerTable player_table{};
 
-Endpoint endpoint_of(const sockaddr_in& address) {
+static Endpoint endpoint_of(const sockaddr_in& address) {
   return {.host = address.sin_addr.s_addr, .port = address.sin_port};
 }
 

@@ -55,16 +55,17 @@ static_assert(std::atomic<Seat>::is_always_lock_free);
 static_assert(std::atomic<Endpoint>::is_always_lock_free);
 
 // A slot that becomes FREE keeps all its other values. A join writes address, name, in_car,
-// death_count, has_died and last_heard, and leaves the rest as the last player left it.
+// death_count, has_died and last_heard, and leaves the rest as the last player left it, the
+// PinkPanther's flag included.
 struct PlayerSlot {
   std::atomic<Seat> seat;
   std::atomic<Endpoint> address;
-  std::array<char, NAME_WIDTH> name;  // ends with NUL
-  PlayerState state;                  // as reported, unused bytes zero
-  CarState car;                       // likewise; it outlives the ride
-  std::uint8_t in_car;                // non-zero: the player sits in car
-  std::uint8_t death_count;           // as the client counts
-  std::uint8_t has_died;              // 1: since the join
+  char name[NAME_WIDTH];     // ends with NUL
+  PlayerState state;         // as reported, unused bytes zero
+  CarState car;              // likewise; it outlives the ride
+  std::uint8_t in_car;       // non-zero: the player sits in car
+  std::uint8_t death_count;  // as the client counts
+  std::uint8_t has_died;     // 1: since the join
   std::atomic<std::uint8_t> is_pinkpanther;
   std::uint32_t ping_sent;                // uptime_ms of the first ping after the last sign of life
   std::atomic<std::uint32_t> last_heard;  // uptime_ms; a join sets it 60000 ahead
@@ -73,7 +74,6 @@ struct PlayerSlot {
 using PlayerTable = std::array<PlayerSlot, MAX_CLIENTS>;
 extern PlayerTable player_table;
 
-Endpoint endpoint_of(const sockaddr_in& address);
 sockaddr_in socket_address_of(const Endpoint& endpoint);
 
 Slot slots_in_play();             // those that are given to players, from 0 on; any thread

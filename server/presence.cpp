@@ -27,9 +27,8 @@ static void store_report(PlayerSlot& player, const Datagram& datagram) {
 
 static PlayerInfo player_info_of(Slot slot, bool just_entered) {
   const PlayerSlot& player = player_table[slot];
-  PlayerInfo info{.slot = slot, .state = player.state};
-  info.just_entered = just_entered ? 1 : 0;
-  std::copy(player.name.begin(), player.name.end(), info.name.begin());
+  PlayerInfo info{.slot = slot, .just_entered = just_entered, .state = player.state};
+  std::ranges::copy(player.name, info.name.begin());
   if (player.in_car != 0) {
     info.in_car = 1;
     info.car = player.car;
