@@ -18,22 +18,17 @@
 // On top of the silence that liveness allows, until a new player must have answered a ping.
 static constexpr std::uint32_t JOIN_GRACE_MS = 60'000;
 
-// False when the sender was refused. The version comes before the capacity.
-static bool admit(const JoinRequest& request, const Datagram& datagram) {
-  if (request.version != PROTOCOL_VERSION) {
-    JoinRefusedVersion refusal;
-    std::snprintf(refusal.text, sizeof refusal.text, "You need Version %s", SERVER_VERSION);
-    send_record(datagram.sender, refusal, SendErrorText::WITH_BLANK);
-    return false;
-  }
-  if (last_join_slot == NO_SLOT) {
-    JoinRefusedFull refusal;
-    std::snprintf(refusal.text, sizeof refusal.text, "Maximum allowed players: %d",
-                  server_config.maxClients);
-    send_record(datagram.sender, refusal, SendErrorText::WITH_BLANK);
-    return false;
-  }
-  return true;
+static void refuse_version(const sockaddr_in& sender) {
+  JoinRefusedVersion refusal;
+  std::snprintf(refusal.text, sizeof refusal.text, "You need Version %s", SERVER_VERSION);
+  send_record(sender, refusal, SendErrorText::WITH_BLANK);
+}
+
+static void refuse_full(const sockaddr_in& sender) {
+  JoinRefusedFull refusal;
+  std::snprintf(refusal.text, sizeof refusal.text, "Maximum allowed players: %d",
+                server_config.maxClients);
+  send_record(sender, refusal, SendErrorText::WITH_BLANK);
 }
 
 void finish_leaving(Slot slot) {
@@ -64,13 +59,14 @@ static void seat_player(Slot slot, const JoinRequest& request, const Datagram& d
 // Who cannot be sent to is dropped without a word: once in the game it would make the next
 // broadcast fail, and a failed broadcast ends the process.
 //
-// The free slot is looked for before anything else, so a reconnecting player moves to another one,
-// and a player who reconnects to a full table is refused.
+// The free slot is looked for before the player's own is left, so a reconnecting player moves to
+// another one, and a player who reconnects to a full table is refused.
 void handle_join(Slot slot, const Datagram& datagram) {
   if (!udp_can_reach(server_socket, &datagram.sender)) return;
   const auto request = read_record<JoinRequest>(datagram);
   last_join_slot = find_free_slot();
-  if (!admit(request, datagram)) return;
+  if (request.version != PROTOCOL_VERSION) return refuse_version(datagram.sender);
+  if (last_join_slot == NO_SLOT) return refuse_full(datagram.sender);
   if (slot != NO_SLOT) leave_for_reconnect(slot);
   seat_player(last_join_slot, request, datagram);
 
