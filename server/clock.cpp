@@ -24,31 +24,6 @@ static double read_uptime_file() {
   return std::strtod(text, nullptr);
 }
 
-// In hundredths of a second, as the file counts; -1 when it cannot be read.
-static std::int64_t read_boot_clock() {
-  timespec now{};
-  if (clock_gettime(CLOCK_BOOTTIME, &now) == -1) return -1;
-  return std::int64_t{now.tv_sec} * 100 + now.tv_nsec / 10'000'000;
-}
-
-// What the file is ahead of the kernel's boot clock, in hundredths of a second. In a container that
-// hides how long the machine has run the two differ.
-static constinit std::atomic<std::int64_t> file_ahead = 0;
-
-// Where the file cannot be read, for want of a descriptor say, time goes on from its last reading.
-static double uptime_s() {
-  const double shown = read_uptime_file();
-  const std::int64_t boot = read_boot_clock();
-  if (boot == -1) return shown;
-  if (shown == -1) return static_cast<double>(boot + file_ahead) / 100;
-  file_ahead = std::llround(shown * 100) - boot;
-  return shown;
-}
-
-bool clock_works() {
-  return uptime_s() != -1;
-}
-
 static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");
 
 // By way of 64 bits, since beyond 2^32 ms a direct conversion to 32 bits would be undefined.
@@ -57,8 +32,19 @@ std::uint32_t seconds_to_ms(double seconds) {
   return static_cast<std::uint32_t>(static_cast<std::int64_t>(milliseconds));
 }
 
+// What the file is ahead of the kernel's boot clock, in hundredths of a second. In a container that
+// hides how long the machine has run the two differ.
+static constinit std::atomic<std::int64_t> file_ahead = 0;
+
+// Where the file cannot be read, for want of a descriptor say, time goes on from its last reading.
 std::uint32_t uptime_ms() {
-  return seconds_to_ms(uptime_s());
+  const double shown = read_uptime_file();
+  timespec now{};
+  clock_gettime(CLOCK_BOOTTIME, &now);
+  const std::int64_t boot = std::int64_t{now.tv_sec} * 100 + now.tv_nsec / 10'000'000;
+  if (shown == -1) return seconds_to_ms(static_cast<double>(boot + file_ahead) / 100);
+  file_ahead = std::llround(shown * 100) - boot;
+  return seconds_to_ms(shown);
 }
 
 void sleep_us(std::uint32_t microseconds) {

@@ -4,9 +4,6 @@
 
 #include <cstdint>
 
-// Whether there is any source of time; false with errno set. One that has worked goes on working.
-bool clock_works();
-
 // Milliseconds since the machine started, kept to 32 bits: it wraps every 49.7 days, so only
 // differences in 32-bit arithmetic mean anything. The reading goes through single precision, which
 // makes it coarser the longer the machine runs: 2 ms after five hours, 256 ms after 25 days.

@@ -58,10 +58,6 @@ int main(int count, char** arguments) {
   if (count > 1) return answer_argument(arguments[1]);
   console_start();
   main_thread_id = pthread_self();
-  if (!clock_works()) {
-    console_print("error reading the system clock: %s\n", system_error_text());
-    return EXIT_FAILURE;
-  }
   server_start_ms = uptime_ms();
   config_load();
   if (!open_server_socket()) return EXIT_FAILURE;
