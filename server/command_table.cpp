@@ -3,7 +3,6 @@
 #include <array>
 #include <utility>
 
-#include "server/handlers.h"
 #include "server/pinkpanther.h"
 #include "server/player_table.h"
 #include "util/console.h"

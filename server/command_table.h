@@ -1,7 +1,7 @@
 // From the command code of a datagram to its handler.
 #pragma once
 
-#include "server/datagram.h"
+#include "server/handlers.h"
 
 // Whether the server understands this code. Any thread.
 bool is_command(std::uint8_t code);

@@ -1,11 +1,31 @@
-// One function for each command, all on the main thread. A handler gets the slot of the sender;
-// only the join is also called for a stranger, with NO_SLOT. A handler reads its fixed offsets
-// whatever the length of the datagram, and stores before it relays.
+// A received datagram, and one function for each command, all on the main thread. A handler gets
+// the slot of the sender; only the join is also called for a stranger, with NO_SLOT. A handler
+// reads its fixed offsets whatever the length of the datagram, and stores before it relays.
 #pragma once
 
-#include <cstdint>
+#include <netinet/in.h>
 
-#include "server/datagram.h"
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "server/protocol.h"
+
+struct Datagram {
+  // The receive buffer: behind the received bytes lie those of earlier datagrams.
+  const std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>& bytes;
+  std::size_t received;  // bytes; only the chat looks at it
+  sockaddr_in sender;
+};
+
+// The datagram as one of the protocol's records, whatever its length.
+template <WireRecord Record>
+Record read_record(const Datagram& datagram) {
+  Record record;
+  std::memcpy(&record, datagram.bytes.data(), sizeof record);
+  return record;
+}
 
 // membership.cpp
 void handle_join(Slot slot, const Datagram& datagram);
