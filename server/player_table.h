@@ -12,8 +12,9 @@
 //
 // What remains: a player who times out while the main thread handles its datagram may still have
 // that datagram stored, answered and relayed; the notice that it left may arrive before the relay.
-// A PinkPanther who is chosen at the moment of its time-out keeps the role until the next choice,
-// and one who is chosen while the announce thread clears the flags loses its flag until then.
+// An answer to a ping comes too late once the ping thread has found its player silent. A
+// PinkPanther who is chosen at the moment of its time-out keeps the role until the next choice, and
+// one who is chosen while the announce thread clears the flags loses its flag until then.
 #pragma once
 
 #include <netinet/in.h>

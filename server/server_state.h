@@ -16,7 +16,7 @@ inline constinit std::array<std::uint8_t, RECEIVE_BUFFER_SIZE> receive_buffer{};
 // The one UDP socket. Set at start-up; the main thread receives, every thread sends.
 inline constinit int server_socket = -1;
 
-// Set at start-up, read by every thread.
+// Set at start-up, and never changed.
 inline constinit pthread_t main_thread_id{};
 inline constinit std::uint32_t server_start_ms = 0;  // uptime_ms, the origin of the game clock
 
