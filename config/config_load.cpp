@@ -11,8 +11,6 @@
 #include "util/number.h"
 #include "util/sflstr.h"
 
-constinit ServerConfig server_config;
-
 namespace {
 
 bool is_line_end(int c) {

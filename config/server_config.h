@@ -20,7 +20,7 @@ struct ServerConfig {
   char WelcomeMessage[64] = "Welcome to this Harn Tor Multiplayer Server - have fun";
 };
 
-extern ServerConfig server_config;
+inline constinit ServerConfig server_config;
 
 // Reads "zolserver.cfg", or else "zolserver.conf", in the working directory into server_config and
 // prints what it has to say about it. A missing file or a bad value keeps what is there.

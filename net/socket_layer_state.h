@@ -26,7 +26,7 @@ struct SocketLayerState {
 
 static_assert(std::atomic<SocketError>::is_always_lock_free);
 
-extern SocketLayerState socket_layer_state;
+inline constinit SocketLayerState socket_layer_state;
 
 // A bound socket for the service and protocol ("udp" or "tcp", which also listens), or -1 with the
 // last error set. A socket that could not be bound stays open: the server ends on that failure.

@@ -9,8 +9,6 @@
 #include "net/socket_layer_state.h"
 #include "util/assertion.h"
 
-constinit SocketLayerState socket_layer_state;
-
 int fail(SocketError error) {
   socket_layer_state.last_error = error;
   return -1;

@@ -1,7 +1,5 @@
 #include "server/player_table.h"
 
-constinit PlayerTable player_table{};
-
 static Endpoint endpoint_of(const sockaddr_in& address) {
   return {.host = address.sin_addr.s_addr, .port = address.sin_port};
 }

@@ -73,7 +73,7 @@ struct PlayerSlot {
 };
 
 using PlayerTable = std::array<PlayerSlot, MAX_CLIENTS>;
-extern PlayerTable player_table;
+inline constinit PlayerTable player_table{};
 
 sockaddr_in socket_address_of(const Endpoint& endpoint);
 
