@@ -134,10 +134,6 @@ KeyResult set_key(ConfigReader& reader) {
   return KeyResult::UNKNOWN;
 }
 
-void complain_on_stderr(const char* name, const char* reason) {
-  std::fprintf(stderr, "%s: %s\n", name, reason);
-}
-
 // What is no file counts as an empty one: a pipe may never be written to, a device may never end.
 std::FILE* open_one(const char* name, void (*complain)(const char* name, const char* reason)) {
   const int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -183,7 +179,8 @@ std::FILE* open_settings(void (*complain)(const char* name, const char* reason))
 }
 
 void config_load() {
-  std::FILE* file = open_settings(complain_on_stderr);
+  std::FILE* file = open_settings(
+      [](const char* name, const char* reason) { std::fprintf(stderr, "%s: %s\n", name, reason); });
   if (file == nullptr) {
     console_print("Could not open zolserver.cfg / zolserver.conf - Using defaults\n");
     return;
