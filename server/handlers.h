@@ -37,9 +37,6 @@ void handle_enter_game(Slot slot, const Datagram& datagram);
 void handle_get_player_info(Slot slot, const Datagram& datagram);
 void handle_get_player_state(Slot slot, const Datagram& datagram);
 
-// chat.cpp
-void handle_chat(Slot slot, const Datagram& datagram);
-
 // vehicles.cpp
 void handle_vehicle(Slot slot, const Datagram& datagram);
 void handle_car_state(Slot slot, const Datagram& datagram);
@@ -49,10 +46,9 @@ void handle_car_block_a(Slot slot, const Datagram& datagram);
 void handle_car_block_b(Slot slot, const Datagram& datagram);
 void handle_car_status(Slot slot, const Datagram& datagram);
 
-// combat.cpp
-void handle_weapon(Slot slot, const Datagram& datagram);
-void handle_died(Slot slot, const Datagram& datagram);
-
-// movement.cpp
+// relays.cpp
 void handle_position_update(Slot slot, const Datagram& datagram);
 void handle_state_floats(Slot slot, const Datagram& datagram);
+void handle_weapon(Slot slot, const Datagram& datagram);
+void handle_died(Slot slot, const Datagram& datagram);
+void handle_chat(Slot slot, const Datagram& datagram);

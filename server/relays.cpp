@@ -1,0 +1,65 @@
+// The commands that are little more than a relay: what a player reports or says is told to the
+// others, and printed unless it comes many times a second.
+
+#include <algorithm>
+#include <cstdio>
+
+#include "server/game_clock.h"
+#include "server/handlers.h"
+#include "server/pinkpanther.h"
+#include "server/player_table.h"
+#include "server/sending.h"
+#include "util/console.h"
+
+void handle_position_update(Slot slot, const Datagram& datagram) {
+  const auto update = read_record<PositionUpdate>(datagram);
+  player_table[slot].state.position = update.position;
+  relay_to_others(PlayerPosition{.slot = slot, .position = update.position}, slot);
+}
+
+// From its death to its next join a player is told the time with each of its updates.
+void handle_state_floats(Slot slot, const Datagram& datagram) {
+  const auto update = read_record<StateFloats>(datagram);
+  PlayerSlot& player = player_table[slot];
+  if (player.has_died != 0) send_game_clock(datagram.sender);
+  player.state.state_f2 = update.state_f2;
+  player.state.state_f3 = update.state_f3;
+  relay_to_others(PlayerStateFloats{.state_f2 = update.state_f2, .state_f3 = update.state_f3},
+                  slot);
+}
+
+void handle_weapon(Slot slot, const Datagram& datagram) {
+  const auto report = read_record<Weapon>(datagram);
+  player_table[slot].state.state_b = report.state_b;
+  console_print("Got Weapon from Player [%d] - Type: %d\n", slot, report.state_b);
+  relay_to_others(PlayerWeapon{.slot = slot, .state_b = report.state_b}, slot);
+}
+
+// The client counts its deaths; the server takes the number as it stands. A death ends a car ride,
+// and no line or datagram says so.
+void handle_died(Slot slot, const Datagram& datagram) {
+  const auto report = read_record<Died>(datagram);
+  PlayerSlot& player = player_table[slot];
+  player.in_car = 0;
+  player.death_count = report.death_count;
+  player.has_died = 1;
+  console_print("%s, Player [%d] died %d times\n", player.name, slot, player.death_count);
+  relay_to_others(PlayerDied{.slot = slot, .death_count = player.death_count}, slot);
+  give_up_pinkpanther(player);
+}
+
+// The only command whose length is the sender's to choose: the text ends at its first NUL, or else
+// with the datagram.
+void handle_chat(Slot slot, const Datagram& datagram) {
+  const char* name = player_table[slot].name;
+  const auto* text = reinterpret_cast<const char*>(&datagram.bytes[1]);
+  const int length = std::max(static_cast<int>(datagram.received) - 1, 0);
+  console_print("Message from \"%s\": \"%.*s\"\n", name, length, text);
+
+  // Only the wire's field cuts the line: the terminating NUL has its place behind it.
+  std::array<char, TEXT_WIDTH + 1> formatted{};
+  std::snprintf(formatted.data(), formatted.size(), "%s: %.*s", name, length, text);
+  ChatLine line;
+  std::copy_n(formatted.begin(), line.text.size(), line.text.begin());
+  relay_to_others(line, slot);
+}
