@@ -6,14 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <span>
+#include <string_view>
 
 namespace {
 
@@ -31,7 +30,7 @@ constinit ConsoleKind console_kind = ConsoleKind::NEVER_BLOCKS;
 constinit std::atomic<int> patience_ms = PATIENCE_MS;
 constinit std::atomic<unsigned> missing_lines = 0;
 
-ssize_t write_some(std::span<const char> text) {
+ssize_t write_some(std::string_view text) {
   if (console_kind == ConsoleKind::SOCKET) {
     return send(STDOUT_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   }
@@ -42,12 +41,12 @@ ssize_t write_some(std::span<const char> text) {
 }
 
 // False when the console did not take all of it.
-bool write_all(std::span<const char> text) {
+bool write_all(std::string_view text) {
   bool waited = false;
   while (!text.empty()) {
     const ssize_t written = write_some(text);
     if (written > 0) {
-      text = text.subspan(static_cast<std::size_t>(written));
+      text.remove_prefix(static_cast<std::size_t>(written));
     } else if (written == -1 && errno == EAGAIN) {
       if (patience_ms <= 0) return false;
       patience_ms -= WAIT_MS;
@@ -66,9 +65,8 @@ void print_missing() {
   const unsigned missing = missing_lines.exchange(0);
   if (missing == 0) return;
   Line line;
-  const int length =
-      std::snprintf(line.data(), line.size(), "%u lines are missing here\n", missing);
-  if (!write_all(std::span(line).first(static_cast<std::size_t>(length)))) missing_lines += missing;
+  std::snprintf(line.data(), line.size(), "%u lines are missing here\n", missing);
+  if (!write_all(line.data())) missing_lines += missing;
 }
 
 // A pipe or a terminal is opened anew: not to block is a setting of the opened file, which other
@@ -97,13 +95,11 @@ void console_start() {
 }
 
 void console_print(const char* format, ...) {
-  Line line;
+  Line line{};
   va_list arguments;
   va_start(arguments, format);
-  const int length = std::vsnprintf(line.data(), line.size(), format, arguments);
+  std::vsnprintf(line.data(), line.size(), format, arguments);
   va_end(arguments);
-  if (length <= 0) return;
   print_missing();
-  const std::size_t size = std::min(static_cast<std::size_t>(length), line.size() - 1);
-  if (!write_all(std::span(line).first(size))) ++missing_lines;
+  if (!write_all(line.data())) ++missing_lines;
 }
