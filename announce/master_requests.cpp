@@ -29,10 +29,7 @@ void say_no_connection() {
   console_print("Could not connect to zol master server!\n");
 }
 
-struct Reply {
-  std::array<char, REPLY_SIZE + 1> bytes;  // a NUL behind the last one read
-  std::size_t length;
-};
+using Reply = std::array<char, REPLY_SIZE + 1>;
 
 // last: the parameter at the end, which tells the two requests apart. Lines end in bare line feeds.
 // Of the name only the blanks are replaced.
@@ -66,46 +63,46 @@ bool succeeds_in_time(Attempt attempt) {
   return budget > 0;
 }
 
-// Makes a request and takes the first piece of the reply. False when that failed, and its line was
-// printed; a connection that was made then stays open.
-bool exchange(std::int32_t players, const char* last, Reply& reply) {
+// Makes a request and takes the first piece of the reply, with a NUL behind it. Its bytes, or -1
+// when that failed, and its line was printed; a connection that was made then stays open.
+int exchange(std::int32_t players, const char* last, Reply& reply) {
   if (socket_layer_start() == -1) {
     console_print("Error setting up network connection - Error message: %s\n", system_error_text());
-    return false;
+    return -1;
   }
   const Request request = make_request(players, last);
   const auto length = static_cast<unsigned>(std::strlen(request.data()));
   const int handle = tcp_connect(MASTER_HOST, MASTER_SERVICE);
   int received = -1;
   const auto write = [&] { return tcp_write(handle, request.data(), length); };
-  const auto read = [&] { return received = tcp_read(handle, reply.bytes.data(), REPLY_SIZE); };
+  const auto read = [&] { return received = tcp_read(handle, reply.data(), REPLY_SIZE); };
   if (handle == -1 || !succeeds_in_time(write) || !succeeds_in_time(read)) {
     say_no_connection();
-    return false;
+    return -1;
   }
   socket_close(handle);
   socket_layer_stop();
-  reply.length = static_cast<std::size_t>(received);
-  reply.bytes[reply.length] = '\0';
-  return true;
+  reply[static_cast<std::size_t>(received)] = '\0';
+  return received;
 }
 
 }  // namespace
 
 std::int8_t master_announce() {
   Reply reply;
-  if (!exchange(count_used_slots(), "os=lin", reply)) return MASTER_RESULT_NO_ANSWER;
-  const std::string_view text(reply.bytes.data(), reply.length);
+  const int received = exchange(count_used_slots(), "os=lin", reply);
+  if (received == -1) return MASTER_RESULT_NO_ANSWER;
+  const std::string_view text(reply.data(), static_cast<std::size_t>(received));
   const std::size_t marker = text.find(VERDICT_MARKER);
   if (marker == std::string_view::npos) {
     say_no_connection();
     return MASTER_RESULT_NO_ANSWER;
   }
-  return static_cast<std::int8_t>(reply.bytes[marker + VERDICT_MARKER.size()] - '0');
+  return static_cast<std::int8_t>(reply[marker + VERDICT_MARKER.size()] - '0');
 }
 
 void master_remove_server() {
   Reply reply;
   console_print("Removing server from master list: ");
-  if (exchange(0, "disconnect=1", reply)) console_print("success\n");
+  if (exchange(0, "disconnect=1", reply) != -1) console_print("success\n");
 }
