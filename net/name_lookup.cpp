@@ -59,10 +59,8 @@ int resolve_endpoint(const char* host, const char* service, const char* protocol
   check_argument(is_text(protocol), SFLSOCK_MODULE);
   check_argument(endpoint != nullptr, SFLSOCK_MODULE);
   socket_layer_state.last_error = SOCKERR_NONE;
-  *endpoint = {};
-  endpoint->sin_family = AF_INET;
-  const std::uint16_t number = number_as_port(service);
-  endpoint->sin_port = htons(find_service_port(service, protocol).value_or(number));
+  const std::optional<std::uint16_t> known = find_service_port(service, protocol);
+  *endpoint = {AF_INET, htons(known.value_or(number_as_port(service))), {}, {}};
 
   if (!is_text(host)) host = "127.0.0.1";
   // inet_addr(3) returns the address of all ones for "no address", so that is looked up as a name.

@@ -48,8 +48,7 @@ int drop_privileges() {
 
 static void apply_nonblocking(int handle) {
   if (socket_layer_state.nonblocking == 0) return;
-  const int flags = fcntl(handle, F_GETFL);
-  fcntl(handle, F_SETFL, flags | O_NONBLOCK);
+  fcntl(handle, F_SETFL, fcntl(handle, F_GETFL) | O_NONBLOCK);
 }
 
 static bool is_socket(int handle) {
@@ -74,12 +73,10 @@ int new_inet_socket(const char* protocol) {
 }
 
 static int bind_new_socket(const char* service, const char* protocol) {
-  sockaddr_in local{};
-  local.sin_family = AF_INET;
-  local.sin_addr.s_addr = std::exchange(socket_layer_state.bind_address, 0);
+  const in_addr address{std::exchange(socket_layer_state.bind_address, 0)};
   const std::optional<in_port_t> port = port_to_bind(service, protocol);
   if (!port) return fail(SOCKERR_BAD_SERVICE);
-  local.sin_port = *port;
+  const sockaddr_in local{AF_INET, *port, address, {}};
   const int handle = new_inet_socket(protocol);
   if (handle == -1) return -1;
   if (bind(handle, generic(&local), sizeof local) == -1) return fail(SOCKERR_BIND_FAILED);
