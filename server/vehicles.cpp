@@ -21,10 +21,9 @@ static void get_out(Slot slot, const char* how) {
   PlayerSlot& player = player_table[slot];
   player.in_car = 0;
   console_print("Player [%d] %s\n", slot, how);
-  relay_to_others(
-      PlayerLeftCar{
-          .slot = slot, .position = player.state.position, .state_f1 = player.state.state_f1},
-      slot);
+  PlayerLeftCar relay{.slot = slot, .position = player.state.position};
+  relay.state_f1 = player.state.state_f1;
+  relay_to_others(relay, slot);
 }
 
 // Getting in while in a car, or out while on foot, stores the position and does nothing else.
