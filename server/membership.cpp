@@ -38,12 +38,6 @@ void finish_leaving(Slot slot) {
   change_seat(player, player.seat, SeatState::FREE);
 }
 
-static void leave_for_reconnect(Slot slot) {
-  if (!change_used_seat(player_table[slot], SeatState::LEAVING)) return;
-  console_print("Player %d reconnected\n", slot);
-  finish_leaving(slot);
-}
-
 // Taking the seat comes last: from then on the ping thread judges the player by last_heard.
 static void seat_player(Slot slot, const JoinRequest& request, const Datagram& datagram) {
   PlayerSlot& player = player_table[slot];
@@ -67,7 +61,10 @@ void handle_join(Slot slot, const Datagram& datagram) {
   last_join_slot = find_free_slot();
   if (request.version != PROTOCOL_VERSION) return refuse_version(datagram.sender);
   if (last_join_slot == NO_SLOT) return refuse_full(datagram.sender);
-  if (slot != NO_SLOT) leave_for_reconnect(slot);
+  if (slot != NO_SLOT && change_used_seat(player_table[slot], SeatState::LEAVING)) {
+    console_print("Player %d reconnected\n", slot);
+    finish_leaving(slot);
+  }
   seat_player(last_join_slot, request, datagram);
 
   JoinAccepted answer{.slot = last_join_slot, .game_type = server_config.GameType};
