@@ -77,8 +77,9 @@ bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
                       std::span<const std::byte> payload) {
   check_argument(destinations.size() <= MAX_DESTINATIONS, SFLSOCK_MODULE);
   iovec bytes{const_cast<std::byte*>(payload.data()), payload.size()};
-  std::array<mmsghdr, MAX_DESTINATIONS> messages{};
+  std::array<mmsghdr, MAX_DESTINATIONS> messages;  // filled as far as they are sent
   for (std::size_t i = 0; i < destinations.size(); ++i) {
+    messages[i] = {};
     msghdr& message = messages[i].msg_hdr;
     message.msg_name = const_cast<sockaddr_in*>(&destinations[i]);
     message.msg_namelen = sizeof(sockaddr_in);
