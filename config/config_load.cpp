@@ -143,7 +143,8 @@ std::FILE* open_one(const char* name, void (*complain)(const char* name, const c
   }
   std::FILE* file = fdopen(handle, "r");
   struct stat status {};
-  if (fstat(handle, &status) == -1 || S_ISREG(status.st_mode)) return file;
+  const bool is_file = fstat(handle, &status) == -1 || S_ISREG(status.st_mode);
+  if (is_file || file == nullptr) return file;
   complain(name, S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "Not a file");
   return std::freopen("/dev/null", "re", file);
 }

@@ -26,7 +26,8 @@ static double read_uptime_file() {
 
 static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");
 
-// By way of 64 bits, since beyond 2^32 ms a direct conversion to 32 bits would be undefined.
+// By way of 64 bits, since beyond 2^32 ms a direct conversion to 32 bits would be undefined. A
+// double lies too close to its two decimals to round to another float than their text would.
 std::uint32_t seconds_to_ms(double seconds) {
   const float milliseconds = static_cast<float>(seconds) * 1000.0F;
   return static_cast<std::uint32_t>(static_cast<std::int64_t>(milliseconds));

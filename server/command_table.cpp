@@ -52,7 +52,7 @@ void dispatch_datagram(const Datagram& datagram) {
   const std::uint8_t code = datagram.bytes[0];
   const Handler handler = HANDLERS[code];
   const Slot slot = find_slot_by_address(datagram.sender);
-  if (handler == nullptr) {
+  if (!is_command(code)) {
     console_print("Unknown Command: %d \n", code);
   } else if (slot != NO_SLOT || handler == handle_join) {
     handler(slot, datagram);

@@ -13,17 +13,17 @@ PinkPanther pinkpanther_notice() {
 // A player who has not entered the game may be chosen, and the holder again when it is alone.
 void run_pinkpanther_step() {
   if (server_config.GameType != CATCH_PINKPANTHER || pinkpanther_reselect == 0) return;
-  const Slot chosen = player_count > 1 ? next_used_slot(pinkpanther_slot) : NO_SLOT;
+  const Slot candidate = next_used_slot(pinkpanther_slot);
   for (PlayerSlot& player : player_table) player.is_pinkpanther = 0;
-  pinkpanther_slot = chosen;
-  if (chosen != NO_SLOT) {
-    player_table[chosen].is_pinkpanther = 1;
-    console_print("Player [%d] is the PinkPanther now \n", chosen);
+  pinkpanther_slot = player_count > 1 ? candidate : NO_SLOT;
+  if (pinkpanther_slot != NO_SLOT) {
+    player_table[pinkpanther_slot].is_pinkpanther = 1;
+    console_print("Player [%d] is the PinkPanther now \n", pinkpanther_slot);
   } else {
     console_print("Too less players. Nobody is the PinkPanther \n");
   }
   broadcast_all(pinkpanther_notice());
-  if (chosen != NO_SLOT) pinkpanther_since = uptime_ms();
+  if (pinkpanther_slot != NO_SLOT) pinkpanther_since = uptime_ms();
   pinkpanther_reselect = 0;
 }
 
