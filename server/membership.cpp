@@ -33,7 +33,7 @@ static void refuse_full(const sockaddr_in& sender) {
 
 void finish_leaving(Slot slot) {
   PlayerSlot& player = player_table[slot];
-  relay_to_others(PlayerLeft{.slot = slot}, slot);
+  broadcast_except_sender(PlayerLeft{.slot = slot}, slot);
   --player_count;
   change_seat(player, player.seat, SeatState::FREE);
 }

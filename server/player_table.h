@@ -10,8 +10,8 @@
 //   ping_sent       the ping thread's alone
 //   all else        the main thread's alone
 //
-// What remains: a player who times out while the main thread handles its datagram may still have
-// that datagram stored, answered and relayed; the notice that it left may arrive before the relay.
+// Known races: a player that times out while the main thread handles its datagram may still have
+// that datagram stored, answered and relayed; sending.h says how the others learn that it has left.
 // An answer to a ping comes too late once the ping thread has found its player silent. A
 // PinkPanther who is chosen at the moment of its time-out keeps the role until the next choice, and
 // one who is chosen while the announce thread clears the flags loses its flag until then.

@@ -1,6 +1,7 @@
 // Entering the game, answering pings, and asking what the server knows of a player.
 
 #include <algorithm>
+#include <optional>
 
 #include "config/server_config.h"
 #include "server/clock.h"
@@ -39,20 +40,10 @@ static PlayerInfo player_info_of(Slot slot, bool just_entered) {
 // The newcomer gets the record of every joined player, in the game or not.
 static void send_all_records(const sockaddr_in& newcomer) {
   for (Slot slot = 0; slot < slots_in_play(); ++slot) {
-    if (slot == last_join_slot || !is_used(player_table[slot].seat)) continue;
-    send_record(newcomer, player_info_of(slot, false), SendErrorText::WITHOUT_BLANK);
+    const Seat seat = player_table[slot].seat;
+    if (slot == last_join_slot || !is_used(seat)) continue;
+    send_record_about(slot, seat, newcomer, player_info_of(slot, false));
   }
-}
-
-// Makes the player IN_GAME and tells the others. When it times out meanwhile, the others may have
-// been told that it left before they were told that it entered, so they are told again.
-static void tell_others_of_entry(Slot slot) {
-  PlayerSlot& player = player_table[slot];
-  pass_seam(Seam::ENTERING);
-  if (!change_used_seat(player, SeatState::IN_GAME)) return;
-  pass_seam(Seam::ENTERED);
-  relay_to_others(player_info_of(slot, true), slot);
-  if (!is_used(player.seat)) relay_to_others(PlayerLeft{.slot = slot}, slot);
 }
 
 // The time-stamp, the slot in the reply and the record left out go by last_join_slot, not by the
@@ -65,33 +56,41 @@ void handle_enter_game(Slot slot, const Datagram& datagram) {
       .last_join_slot = last_join_slot, .hour = now.hour, .minute = now.minute};
   send_record(datagram.sender, reply, SendErrorText::WITH_BLANK);
 
-  tell_others_of_entry(slot);
+  pass_seam(Seam::ENTERING);
+  if (change_used_seat(player_table[slot], SeatState::IN_GAME)) {
+    relay_to_others(player_info_of(slot, true), slot);
+  }
   send_all_records(datagram.sender);
   if (server_config.GameType == CATCH_PINKPANTHER && player_count > 1) {
     send_record(datagram.sender, pinkpanther_notice(), SendErrorText::WITHOUT_BLANK);
   }
 }
 
-// Only players in the game are told of, and nobody of themselves.
-static bool may_be_told(Slot asker, Slot target) {
-  return target < server_config.maxClients && target != asker &&
-         player_table[target].seat.load().state == SeatState::IN_GAME;
+// The server answers only about other players in the game. The seat of the one asked about, if it
+// is such a player.
+static std::optional<Seat> seat_asked_about(Slot asker, Slot target) {
+  if (target >= server_config.maxClients || target == asker) return std::nullopt;
+  const Seat seat = player_table[target].seat;
+  if (seat.state != SeatState::IN_GAME) return std::nullopt;
+  return seat;
 }
 
 void handle_get_player_info(Slot slot, const Datagram& datagram) {
   const auto query = read_record<GetPlayerInfo>(datagram);
-  if (!may_be_told(slot, query.slot)) return;
-  send_record(datagram.sender, player_info_of(query.slot, false), SendErrorText::WITHOUT_BLANK);
+  const auto seat = seat_asked_about(slot, query.slot);
+  if (!seat) return;
+  send_record_about(query.slot, *seat, datagram.sender, player_info_of(query.slot, false));
 }
 
 void handle_get_player_state(Slot slot, const Datagram& datagram) {
   const auto query = read_record<GetPlayerState>(datagram);
-  if (!may_be_told(slot, query.slot)) return;
+  const auto seat = seat_asked_about(slot, query.slot);
+  if (!seat) return;
   const PlayerSlot& player = player_table[query.slot];
   PlayerStateReply reply{.slot = query.slot, .position = player.state.position};
   if (player.in_car != 0) {
     reply.in_car = 1;
     reply.car = player.car;
   }
-  send_record(datagram.sender, reply, SendErrorText::WITHOUT_BLANK);
+  send_record_about(query.slot, *seat, datagram.sender, reply);
 }

@@ -7,7 +7,8 @@ enum class Seam {
   TIME_OUT_DECIDED,  // ping thread: a player was silent for too long, and its seat is untouched
   TIMED_OUT,         // ping thread: the seat is LEAVING, and nobody has been told
   ENTERING,          // main thread: who enters was found, and its seat is untouched
-  ENTERED,           // main thread: the seat is IN_GAME, and nobody has been told
+  RELAYING,          // main thread: a record about the sender is made, and nobody has been told
+  ANSWERING,         // main thread: a record about another player is made, and not yet sent
 };
 
 void pass_seam(Seam seam);

@@ -5,7 +5,7 @@
 #include <cstdlib>
 
 #include "net/sflsock.h"
-#include "server/player_table.h"
+#include "server/seams.h"
 #include "server/server_state.h"
 #include "util/console.h"
 
@@ -18,7 +18,7 @@ void send_record(const sockaddr_in& destination, RecordBytes record, SendErrorTe
   console_print("error writing to socket:%s%s\n", blank, system_error_text());
 }
 
-void relay_to_others(RecordBytes record, Slot slot) {
+void broadcast_except_sender(RecordBytes record, Slot slot) {
   std::array<sockaddr_in, MAX_CLIENTS> destinations;
   std::size_t count = 0;
   for (Slot other = 0; other < slots_in_play(); ++other) {
@@ -32,8 +32,21 @@ void relay_to_others(RecordBytes record, Slot slot) {
   _exit(EXIT_FAILURE);  // by whichever thread it is, so nothing of the others is torn down
 }
 
+void relay_to_others(RecordBytes record, Slot slot) {
+  pass_seam(Seam::RELAYING);
+  broadcast_except_sender(record, slot);
+  if (!is_used(player_table[slot].seat)) broadcast_except_sender(PlayerLeft{.slot = slot}, slot);
+}
+
+void send_record_about(Slot slot, Seat seen, const sockaddr_in& destination, RecordBytes record) {
+  pass_seam(Seam::ANSWERING);
+  send_record(destination, record, SendErrorText::WITHOUT_BLANK);
+  if (player_table[slot].seat.load() == seen) return;
+  send_record(destination, PlayerLeft{.slot = slot}, SendErrorText::WITHOUT_BLANK);
+}
+
 void broadcast_all(RecordBytes record) {
-  relay_to_others(record, NO_SLOT);
+  broadcast_except_sender(record, NO_SLOT);
 }
 
 void broadcast_text(const std::array<char, TEXT_WIDTH>& text) {

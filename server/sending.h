@@ -3,6 +3,10 @@
 //
 // A broadcast that cannot be sent to one of its players means a broken socket: the error is printed
 // and the process ends with status 1.
+//
+// The ping thread may time a player out while the main thread sends a record about that player. The
+// notice that the player has left may then arrive before the record, and would leave a ghost. So
+// the main thread looks at the seat after the send, and sends the notice again when it has changed.
 #pragma once
 
 #include <netinet/in.h>
@@ -11,6 +15,7 @@
 #include <cstddef>
 #include <span>
 
+#include "server/player_table.h"
 #include "server/protocol.h"
 
 // What a failed send prints: "error writing to socket: <reason>" with a blank before the reason, or
@@ -31,9 +36,15 @@ void send_record(const sockaddr_in& destination, RecordBytes record, SendErrorTe
 // To every player in the game, in slot order.
 void broadcast_all(RecordBytes record);
 
-// The common last step of the handlers: everyone in the game but this player gets the record.
-// NO_SLOT leaves out nobody.
+// To every player in the game except the one in this slot. NO_SLOT leaves out nobody.
+void broadcast_except_sender(RecordBytes record, Slot slot);
+
+// The common last step of the handlers: the other players get the record, which is about the player
+// in this slot. Main thread.
 void relay_to_others(RecordBytes record, Slot slot);
+
+// A record about the player that was seen in this seat, to one address. Main thread.
+void send_record_about(Slot slot, Seat seen, const sockaddr_in& destination, RecordBytes record);
 
 // A line of the server's own to every player in the game.
 void broadcast_text(const std::array<char, TEXT_WIDTH>& text);

@@ -44,13 +44,15 @@ class RacesTest : public GameTest {
     drain_socket();
   }
 
-  // The first bytes of what the player in slot 0 was told, but for pings.
-  std::vector<Bytes> told() {
-    std::vector<Bytes> all = players[0].received();
+  // The first bytes of what a player was told, without the pings.
+  static std::vector<Bytes> told_to(const Player& player) {
+    std::vector<Bytes> all = player.received();
     std::erase(all, Bytes{1});
     for (Bytes& bytes : all) bytes.resize(std::min<std::size_t>(bytes.size(), 3));
     return all;
   }
+
+  std::vector<Bytes> told() { return told_to(players[0]); }
 
   static SeatState state_of(Slot slot) { return player_table[slot].seat.load().state; }
 
@@ -131,12 +133,48 @@ TEST_F(RacesTest, NobodyIsToldOfWhoTimesOutWhileEntering) {
   EXPECT_EQ(player_count, 2);
 }
 
-TEST_F(RacesTest, WhoTimesOutOnEnteringIsTakenBack) {
-  at(Seam::ENTERED, ping_pass);
-  arrive(players[1], enter_on_foot());
-  EXPECT_EQ(state_of(1), SeatState::FREE);
-  EXPECT_EQ(told(), (std::vector<Bytes>{{60, 1}, {42, 1, 1}, {60, 1}}));
-  EXPECT_EQ(player_count, 2);
+// The sender is timed out before its report is relayed, so the notice that it left arrives first.
+TEST_F(RacesTest, ARelayOfAGonePlayerIsFollowedByAnotherNotice) {
+  for (const Bytes& report : {enter_on_foot(), bytes_of("64 ..16"), bytes_of("2b 01 ..80")}) {
+    at(Seam::RELAYING, ping_pass);
+    arrive(players[1], report);
+    EXPECT_EQ(state_of(1), SeatState::FREE);
+    const std::vector<Bytes> all = told();
+    ASSERT_EQ(all.size(), 3U);
+    EXPECT_EQ(all[1][1], 1) << "the relay";
+    EXPECT_EQ(all[0], (Bytes{60, 1}));
+    EXPECT_EQ(all[2], (Bytes{60, 1}));
+    EXPECT_EQ(player_count, 2);
+    enter(players[1], "P");
+    told();
+    silence(1);
+  }
+}
+
+// A player is timed out before the record about it is sent to a newcomer or to a player who asked.
+TEST_F(RacesTest, ARecordOfAGonePlayerIsFollowedByAnotherNotice) {
+  struct Case {
+    const Player& receiver;
+    Bytes request;
+    std::vector<Bytes> told;
+  };
+  arrive(newcomer, join_request("New"));
+  newcomer.received();
+  const Bytes gone{60, 0};
+  for (const Case& c : {
+           Case{newcomer,
+                enter_on_foot(),
+                {{16, 3, 6}, gone, {42, 0, 0}, gone, {42, 1, 0}, {42, 2, 0}}},
+           Case{players[1], {40, 0}, {gone, {42, 0, 0}, gone}},
+           Case{players[1], {41, 0}, {gone, {43, 0, 0}, gone}},
+       }) {
+    silence(0);
+    at(Seam::ANSWERING, ping_pass);
+    told_to(c.receiver);
+    arrive(c.receiver, c.request);
+    EXPECT_EQ(told_to(c.receiver), c.told);
+    enter(players[0], "P");
+  }
 }
 
 // Players come, go, come back and fall silent while passes run as fast as they can. What it proves
