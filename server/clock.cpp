@@ -11,6 +11,9 @@
 #include <ctime>
 #include <thread>
 
+// More than any machine's uptime, in seconds. It keeps the sums below within 64 bits.
+static constexpr double MAX_UPTIME = 1e12;
+
 // The machine's uptime in seconds, -1 when it cannot be read. proc(5) gives the file as one line of
 // two decimal numbers; one read(2) takes it whole.
 static double read_uptime_file() {
@@ -21,7 +24,8 @@ static double read_uptime_file() {
   close(file);
   if (length <= 0) return -1;
   text[length] = '\0';
-  return std::strtod(text, nullptr);
+  const double seconds = std::strtod(text, nullptr);
+  return seconds >= 0 && seconds <= MAX_UPTIME ? seconds : -1;  // not for NaN
 }
 
 static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");

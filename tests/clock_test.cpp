@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 namespace {
 
 TEST(ClockTest, GoesThroughSinglePrecisionAnd32Bits) {
@@ -17,6 +19,20 @@ TEST(ClockTest, GoesThroughSinglePrecisionAnd32Bits) {
        }) {
     EXPECT_EQ(seconds_to_ms(c.seconds), c.ms) << c.seconds;
   }
+}
+
+// A machine's first reading may be small, but its clock does not stand still.
+TEST(ClockTest, ReadsTheUptimeOfTheMachine) {
+  const auto shown_by_the_machine = [] {
+    double seconds = 0;
+    std::ifstream("/proc/uptime") >> seconds;
+    return seconds_to_ms(seconds);
+  };
+  const std::uint32_t first = shown_by_the_machine();
+  sleep_ms(20);
+  const std::uint32_t passed = uptime_ms() - first;
+  EXPECT_LE(passed, shown_by_the_machine() - first);
+  EXPECT_GE(passed, 20U);
 }
 
 }  // namespace

@@ -32,7 +32,8 @@ static std::string log;       // what was called with what, in order
 static bool scripted;         // the calls below are those of a FailingCallsTest
 static int waits_until_room;  // polls for nothing, until the console's reader empties the pipe
 static int console_pipe[2];
-static time_t boot_clock_s = 7;
+static std::int64_t clock_ms = 7'120;  // the clock of a FailingCallsTest
+static const char* uptime_text;        // what the next read gives, unless it is null
 
 static int play(Script& script, int behind_its_end) {
   if (script.empty()) return behind_its_end;
@@ -66,6 +67,9 @@ int __wrap_open64(const char* path, int flags, ...) {
   return opens.empty() ? __real_open64(path, flags) : play(opens, 0);
 }
 ssize_t __wrap_read(int handle, void* buffer, std::size_t size) {
+  if (const char* text = std::exchange(uptime_text, nullptr)) {
+    return static_cast<ssize_t>(std::strlen(strcpy(static_cast<char*>(buffer), text)));
+  }
   return reads.empty() ? __real_read(handle, buffer, size) : play(reads, 0);
 }
 int __wrap_setsockopt(int handle, int level, int option, const void* value, socklen_t size) {
@@ -76,7 +80,7 @@ int __wrap_setsockopt(int handle, int level, int option, const void* value, sock
 }
 int __wrap_clock_gettime(clockid_t id, timespec* now) {
   if (!scripted) return __real_clock_gettime(id, now);
-  *now = {.tv_sec = boot_clock_s, .tv_nsec = 120'000'000 + boot_clock_s};
+  *now = {.tv_sec = clock_ms / 1000, .tv_nsec = clock_ms % 1000 * 1'000'000 + 999};
   return 0;
 }
 int __wrap_nanosleep(const timespec* time, timespec* left) {
@@ -87,6 +91,7 @@ int __wrap_nanosleep(const timespec* time, timespec* left) {
 }
 int __wrap_poll(pollfd* waits, nfds_t count, int limit) {
   if (!scripted) return __real_poll(waits, count, limit);
+  clock_ms += limit;
   if (waits == nullptr && --waits_until_room == 0) empty_console();
   const std::string events = waits == nullptr ? "nothing" : std::to_string(waits->events);
   return log += "poll " + events + " " + std::to_string(limit) + " ", 0;
@@ -263,14 +268,19 @@ TEST_F(FailingCallsTest, WaitsGoOnAfterASignal) {
 
 // Time goes on from the file's last reading, by the boot clock.
 TEST_F(FailingCallsTest, TheBootClockStandsInForTheFile) {
+  clock_ms = 7'120;
   const std::uint32_t shown = uptime_ms();
   opens = {-EMFILE};
   reads = {-EIO, 0};
   for (const unsigned later_s : {0U, 0U, 300U}) {
-    boot_clock_s = 7 + later_s;
+    clock_ms = 7'120 + later_s * 1000;
     EXPECT_NEAR(uptime_ms() - shown, later_s * 1000, later_s * 10) << "for single precision";
   }
   EXPECT_NE(shown, 7120U);
+  for (const char* text : {"1e300 1\n", "inf", "nan", "-1 1\n"}) {
+    uptime_text = text;
+    EXPECT_NEAR(uptime_ms() - shown, 300'000, 3'000) << text;
+  }
 }
 
 TEST_F(FailingCallsTest, ThreadsAreNamedAndTheirFailuresEndTheStart) {
