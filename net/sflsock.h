@@ -62,7 +62,7 @@ int udp_open_port(const char* port_text);
 
 // Whether a send from this socket to this address could leave: false for port 0, for an unroutable
 // or a broadcast address, and for 0.0.0.0/8, by which Linux means this machine. True when the
-// system fails to look it up, for want of memory say. Sends nothing.
+// system could not look the route up, for example for want of memory. Sends nothing.
 bool udp_can_reach(int handle, const sockaddr_in* address);
 
 // recvfrom(2): fills buffer and sender. Returns the bytes stored, 0 for an empty datagram; what is

@@ -21,20 +21,6 @@ int udp_open_port(const char* port_text) {
   return handle;
 }
 
-// With MSG_CONFIRM, this flag and no bytes, Linux looks the route up and checks the address as for
-// any other send, and then sends nothing. The C library has no name for the flag.
-static constexpr int PROBE_FLAG = 0x10;
-
-bool udp_can_reach(int handle, const sockaddr_in* address) {
-  check_argument(address != nullptr, SFLSOCK_MODULE);
-  if (ntohl(address->sin_addr.s_addr) >> 24U == 0) return false;
-  if (sendto(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, generic(address), sizeof *address) != -1) {
-    return true;
-  }
-  // These say nothing about the address.
-  return errno == ENOBUFS || errno == ENOMEM || errno == EOPNOTSUPP;
-}
-
 int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender) {
   check_argument(buffer != nullptr, SFLSOCK_MODULE);
   check_argument(sender != nullptr, SFLSOCK_MODULE);
@@ -62,15 +48,32 @@ static bool may_try_again(int handle, bool& may_wait) {
   return true;
 }
 
-int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination) {
-  check_argument(buffer != nullptr, SFLSOCK_MODULE);
-  check_argument(destination != nullptr, SFLSOCK_MODULE);
+static ssize_t send_patiently(int handle, const void* buffer, std::size_t length, int flags,
+                              const sockaddr_in* destination) {
   bool may_wait = true;
   ssize_t sent;
   do {
-    sent = sendto(handle, buffer, length, 0, generic(destination), sizeof *destination);
+    sent = sendto(handle, buffer, length, flags, generic(destination), sizeof *destination);
   } while (sent == -1 && may_try_again(handle, may_wait));
-  return static_cast<int>(sent);
+  return sent;
+}
+
+// With MSG_CONFIRM, this flag and no bytes, Linux looks the route up and checks the address as for
+// any other send, and then sends nothing. The C library has no name for the flag.
+static constexpr int PROBE_FLAG = 0x10;
+
+bool udp_can_reach(int handle, const sockaddr_in* address) {
+  check_argument(address != nullptr, SFLSOCK_MODULE);
+  if (ntohl(address->sin_addr.s_addr) >> 24U == 0) return false;
+  if (send_patiently(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, address) != -1) return true;
+  // These errors say nothing about the address.
+  return is_full() || errno == ENOMEM || errno == EOPNOTSUPP;
+}
+
+int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination) {
+  check_argument(buffer != nullptr, SFLSOCK_MODULE);
+  check_argument(destination != nullptr, SFLSOCK_MODULE);
+  return static_cast<int>(send_patiently(handle, buffer, length, 0, destination));
 }
 
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,

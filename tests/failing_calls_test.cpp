@@ -228,6 +228,10 @@ TEST_F(FailingCallsTest, SendsGoOnWhereTheyStopped) {
   for (const bool reaches : {false, false, false, false, true, true}) {
     EXPECT_EQ(udp_can_reach(0, &to), reaches);
   }
+  sends = {-EINTR, -EAGAIN, -ENETUNREACH};
+  EXPECT_FALSE(udp_can_reach(0, &to)) << "the third answer counts";
+  sends = {-EINTR, -EAGAIN, -EAGAIN};
+  EXPECT_TRUE(udp_can_reach(0, &to)) << "no error of the route";
   const sockaddr_in this_machine{AF_INET, 1, {.s_addr = htonl(0x00FFFFFF)}, {}};
   EXPECT_FALSE(udp_can_reach(0, &this_machine)) << "whatever the system says";
 }
