@@ -14,8 +14,10 @@ import socket
 import subprocess
 import sys
 import tempfile
+import termios
 import threading
 import time
+import tty
 import unittest
 
 from server_case import FULL_JOIN, PATIENCE_S, ZOLSERVER, Player, ServerCase, bound_socket
@@ -138,61 +140,86 @@ class ProcessTest(ServerCase):
 
     def say_unknown(self, player, count):
         """Has the server print a line for each; returns when it has handled all of them."""
-        for _ in range(count):
-            player.say(200)
-        player.say(15, 100)
-        self.assertEqual(player.heard()[0], 16)
+        for first in range(0, count, 100):
+            for _ in range(min(100, count - first)):
+                player.say(200)
+            player.say(15, 100)
+            self.assertEqual(player.heard()[0], 16)
+
+    def pipe(self, mode):
+        reader, writer = os.pipe()
+        fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+        os.fchmod(writer, mode)
+        return open(reader, "rb", buffering=0), open(writer, "wb", buffering=0)
+
+    def terminal(self):
+        """Nobody can open it by its path again."""
+        reader, writer = os.openpty()
+        tty.setraw(writer)
+        os.fchmod(writer, 0)
+        return open(reader, "rb", buffering=0), open(writer, "wb", buffering=0)
 
     def consoles(self):
-        """Three kinds of console, full after a few lines: where to read it, and where the server
-        writes. The second cannot be opened anew."""
-        for pages, mode in ((1, 0o600), (2, 0)):
-            reader, writer = os.pipe()
-            fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096 * pages)
-            os.fchmod(writer, mode)
-            yield open(reader, "rb", buffering=0), open(writer, "wb", buffering=0)
+        """For each kind of console: where to read it, where the server writes, whether it is the
+        server's controlling terminal, and a number of lines that it has no room for."""
+        yield *self.pipe(0o600), False, 300
+        yield *self.pipe(0), False, 300
+        yield *self.terminal(), True, 2000
+        yield *self.terminal(), False, 2000
         reader, writer = socket.socketpair()
         writer.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 1)
-        yield reader, writer
+        yield reader, writer, False, 300
 
-    def play_on(self, reader, writer):
+    def play_on(self, reader, writer, is_controlling):
+        def prepare():
+            LIBC.prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE)
+            if is_controlling:
+                os.setsid()
+                fcntl.ioctl(1, termios.TIOCSCTTY, 0)
+
         self.addCleanup(reader.close)
         with writer:
-            forget_root_opens_all = lambda: LIBC.prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE)
-            self.start_and_wait(console=reader, stdout=writer, preexec_fn=forget_root_opens_all)
+            self.start_and_wait(console=reader, stdout=writer, preexec_fn=prepare)
         player = self.enter_game()
         self.read_to("Connected!\n")
         return player
 
     def test_a_console_that_nobody_reads_stops_neither_the_game_nor_the_stop(self):
-        for reader, writer in self.consoles():
-            player = self.play_on(reader, writer)
-            self.say_unknown(player, 300)
-            text = b""
+        for reader, writer, is_controlling, lines in self.consoles():
+            player = self.play_on(reader, writer, is_controlling)
+            self.say_unknown(player, lines)
+            text, missing = b"", []
             os.set_blocking(reader.fileno(), False)
-            with contextlib.suppress(BlockingIOError):
-                while more := os.read(reader.fileno(), 4096):
-                    text += more
-            self.say_unknown(player, 1)
-            missing = re.fullmatch(r"(\d+) lines are missing here\n", self.read_to("\n"))
-            self.assertEqual(text.count(b"Unknown Command: 200 \n") + int(missing[1]), 300)
-            self.assertEqual(self.read_to("\n"), "Unknown Command: 200 \n")
-            self.say_unknown(player, 300)
+            while not missing or not text.endswith(b" here\nUnknown Command: 200 \n"):
+                self.say_unknown(player, 1)  # the server tries a console that blocks once a second
+                lines += 1
+                with contextlib.suppress(BlockingIOError):
+                    while more := os.read(reader.fileno(), 4096):
+                        text += more
+                missing = re.findall(rb"^(\d+) lines are missing here$", text, re.M)
+            whole = re.findall(rb"^Unknown Command: 200 $", text, re.M)
+            self.assertEqual(len(whole) + sum(map(int, missing)), lines)
+            self.say_unknown(player, lines)
             self.server.send_signal(signal.SIGTERM)
             self.assertEqual(player.heard(), b"\x13")
             self.assertEqual(self.server.wait(3), 1)
 
     def test_a_reader_that_is_half_a_second_late_loses_nothing(self):
-        for reader, writer in self.consoles():
-            player = self.play_on(reader, writer)
+        for reader, writer, is_controlling, lines in self.consoles():
+            player = self.play_on(reader, writer, is_controlling)
             texts = []
-            read_all = lambda: [*iter(lambda: os.read(reader.fileno(), 4096), b"")]
-            late = threading.Timer(0.5, lambda: texts.extend(read_all()))
+
+            def read_all():
+                with contextlib.suppress(OSError):  # a terminal's end
+                    while text := os.read(reader.fileno(), 4096):
+                        texts.append(text)
+
+            late = threading.Timer(0.5, read_all)
             late.start()
-            self.say_unknown(player, 300)
+            self.say_unknown(player, lines)
             self.server.send_signal(signal.SIGTERM)
             late.join()
-            everything = b"Unknown Command: 200 \n" * 300 + b"Exitting...\n"
+            everything = b"Unknown Command: 200 \n" * lines + b"Exitting...\n"
             self.assertEqual(b"".join(texts), everything)
             self.assertEqual(self.server.wait(PATIENCE_S), 1)
 

@@ -4,82 +4,157 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <string_view>
 
 namespace {
 
-constexpr int PATIENCE_MS = 1000;
-constexpr int WAIT_MS = 10;
+// The game waits for a console for at most a second in a row, and after that for 1 percent of the
+// time: each millisecond of patience that a wait uses up comes back 100 ms later.
+constexpr std::int64_t PATIENCE_US = 1'000'000;
+constexpr std::int64_t STEP_US = 10'000;  // one wait
+constexpr std::int64_t RECOVERY = 100;
 
 using Line = std::array<char, 512>;
 
-// What a write to standard output needs so that it cannot block.
+// How a write to standard output is kept from blocking.
 enum class ConsoleKind { NEVER_BLOCKS, SOCKET, MAY_BLOCK };
 constinit ConsoleKind console_kind = ConsoleKind::NEVER_BLOCKS;
 
-// How long the console is still waited for. Waits use it up, and each line that leaves at once
-// gives a little back: a reader that takes a line now and then cannot hold up the game for ever.
-constinit std::atomic<int> patience_ms = PATIENCE_MS;
+// When all of the patience is back, in microseconds of CLOCK_MONOTONIC.
+constinit std::atomic<std::int64_t> patient_at_us = 0;
 constinit std::atomic<unsigned> missing_lines = 0;
+constinit std::atomic<bool> is_line_cut = false;  // the console took only the start of a line
+
+std::int64_t monotonic_us() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1'000;
+}
+
+bool has_patience() {
+  return patient_at_us - monotonic_us() <= (PATIENCE_US - STEP_US) * RECOVERY;
+}
+
+// Two threads that wait at the same time may count as one. A stopped process counts as patient.
+void charge_wait(std::int64_t since_us) {
+  const std::int64_t now_us = monotonic_us();
+  const std::int64_t waited_us = std::min(now_us - since_us, PATIENCE_US);
+  patient_at_us = std::max(patient_at_us.load(), now_us) + waited_us * RECOVERY;
+}
+
+// Interrupts a write that blocks, by a signal to this thread alone after each step. The timer
+// repeats, because its first signal may arrive before the write begins.
+ssize_t write_interruptibly(std::string_view text) {
+  if (!has_patience()) return errno = EAGAIN, -1;
+  sigevent event{};
+  event.sigev_notify = SIGEV_THREAD_ID;
+  event.sigev_signo = SIGALRM;
+  event._sigev_un._tid = gettid();
+  timer_t timer{};
+  if (timer_create(CLOCK_MONOTONIC, &event, &timer) == -1) return -1;
+  constexpr timespec STEP{.tv_sec = 0, .tv_nsec = STEP_US * 1'000};
+  constexpr itimerspec STEPS{.it_interval = STEP, .it_value = STEP};
+  const std::int64_t start_us = monotonic_us();
+  timer_settime(timer, 0, &STEPS, nullptr);
+  const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
+  timer_delete(timer);
+  charge_wait(start_us);
+  return written;
+}
 
 ssize_t write_some(std::string_view text) {
+  if (console_kind == ConsoleKind::MAY_BLOCK) return write_interruptibly(text);
   if (console_kind == ConsoleKind::SOCKET) {
     return send(STDOUT_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   }
-  pollfd console{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-  if (console_kind == ConsoleKind::MAY_BLOCK && poll(&console, 1, 0) == 0)
-    return errno = EAGAIN, -1;
   return write(STDOUT_FILENO, text.data(), text.size());
+}
+
+// After a write that failed: whether to try again.
+bool wait_for_room() {
+  if (errno == EINTR) return true;
+  if (errno != EAGAIN || !has_patience()) return false;
+  const std::int64_t start_us = monotonic_us();
+  // For no event: a pipe with room for the line, but not for a page, is not "ready".
+  poll(nullptr, 0, STEP_US / 1'000);
+  charge_wait(start_us);
+  return true;
 }
 
 // False when the console did not take all of it.
 bool write_all(std::string_view text) {
-  bool waited = false;
+  const std::size_t length = text.size();
   while (!text.empty()) {
     const ssize_t written = write_some(text);
     if (written > 0) {
       text.remove_prefix(static_cast<std::size_t>(written));
-    } else if (written == -1 && errno == EAGAIN) {
-      if (patience_ms <= 0) return false;
-      patience_ms -= WAIT_MS;
-      waited = true;
-      // For no event: a pipe that has room for the line, but not for a page, is not "ready".
-      poll(nullptr, 0, WAIT_MS);
-    } else if (written == 0 || errno != EINTR) {
+    } else if (written == 0 || !wait_for_room()) {
+      if (text.size() < length) is_line_cut = true;
       return false;
     }
   }
-  if (!waited && patience_ms < PATIENCE_MS) patience_ms += WAIT_MS;
   return true;
 }
 
-void print_missing() {
+// Says how many lines are missing, on a line of its own. False when there is no room for that.
+bool print_missing() {
   const unsigned missing = missing_lines.exchange(0);
-  if (missing == 0) return;
+  if (missing == 0) return true;
+  const bool was_line_cut = is_line_cut.exchange(false);
   Line line;
-  std::snprintf(line.data(), line.size(), "%u lines are missing here\n", missing);
-  if (!write_all(line.data())) missing_lines += missing;
+  std::snprintf(line.data(), line.size(), "%s%u lines are missing here\n", was_line_cut ? "\n" : "",
+                missing);
+  if (write_all(line.data())) return true;
+  missing_lines += missing;
+  if (was_line_cut) is_line_cut = true;
+  return false;
 }
 
-// A pipe or a terminal is opened anew: not to block is a setting of the opened file, which other
-// processes share. It may belong to another user, who alone could open it.
+// Blocking is a setting of the open file description, which other processes share, so standard
+// output is opened again. Another user's file cannot be, except as the controlling terminal.
+int reopen_standard_output() {
+  constexpr int FLAGS = O_WRONLY | O_NONBLOCK | O_NOCTTY;
+  const int handle = open("/proc/self/fd/1", FLAGS);
+  if (handle != -1 || tcgetsid(STDOUT_FILENO) != getsid(0)) return handle;
+  return open("/dev/tty", FLAGS);
+}
+
+// The handler does nothing. Without SA_RESTART its signal ends a write with EINTR.
+void let_timers_interrupt_writes() {
+  struct sigaction action {};
+  action.sa_handler = [](int /*signal*/) {};
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGALRM, &action, nullptr);
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 ConsoleKind prepare_standard_output() {
   struct stat status {};
   if (fstat(STDOUT_FILENO, &status) == -1) return ConsoleKind::NEVER_BLOCKS;
   if (S_ISSOCK(status.st_mode)) return ConsoleKind::SOCKET;
   if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return ConsoleKind::NEVER_BLOCKS;
-  const int anew = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY);
-  if (anew == -1) return ConsoleKind::MAY_BLOCK;
-  dup2(anew, STDOUT_FILENO);
-  close(anew);
+  const int handle = reopen_standard_output();
+  if (handle == -1) {
+    let_timers_interrupt_writes();
+    return ConsoleKind::MAY_BLOCK;
+  }
+  dup2(handle, STDOUT_FILENO);
+  close(handle);
   return ConsoleKind::NEVER_BLOCKS;
 }
 
@@ -100,6 +175,5 @@ void console_print(const char* format, ...) {
   va_start(arguments, format);
   std::vsnprintf(line.data(), line.size(), format, arguments);
   va_end(arguments);
-  print_missing();
-  if (!write_all(line.data())) ++missing_lines;
+  if (!print_missing() || !write_all(line.data())) ++missing_lines;
 }

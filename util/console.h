@@ -1,9 +1,9 @@
 // The server's console: standard output, a line at a time. Any thread may call.
 //
-// A line leaves in one write(2) from a buffer on the stack: lines never mix, and no thread waits
-// for another's lock. A console that takes nothing is waited for, but for a second altogether;
-// after that its lines are dropped until it takes some again, and then a line says how many are
-// missing.
+// Each line is one write(2) from a buffer on the stack: lines never mix, and no thread waits for
+// another's lock. The server waits for a console without room for at most a second in a row, and
+// after that for 1 percent of the time. It drops the lines that find no room, and then prints how
+// many are missing.
 #pragma once
 
 // Opens what is missing of the three standard descriptors on /dev/null, so that no socket becomes
