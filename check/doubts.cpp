@@ -57,7 +57,9 @@ std::size_t distance(std::string_view left, std::string_view right) {
   return row.back();
 }
 
-std::string nearest_key(std::string_view word) {
+std::string nearest_key(std::string_view line) {
+  // A longer word is not close to any key.
+  const std::string_view word = line.substr(0, KEY_WIDTH);
   const auto nearest = std::ranges::min_element(
       CONFIG_KEYS, {}, [word](const ConfigKey& key) { return distance(word, key.name); });
   const std::string_view name = nearest->name;
@@ -98,13 +100,18 @@ void doubt(Reading& reading, std::size_t offset, std::string text) {
   reading.doubts.push_back({line_at(reading, offset), std::move(text)});
 }
 
-std::string_view first_line(std::string_view text) {
-  return trimmed(text.substr(0, text.find_first_of(LINE_ENDS)));
+bool is_line_end(char c) {
+  return c == '\n' || c == '\r';
 }
 
+std::string_view first_line(std::string_view text) {
+  return trimmed({text.begin(), std::ranges::find_if(text, is_line_end)});
+}
+
+// Looks back over blanks only, because one line may hold most keys of a file.
 bool begins_its_line(std::string_view text, std::size_t offset) {
-  const std::string_view before = text.substr(0, offset);
-  return trimmed(before.substr(before.find_last_of(LINE_ENDS) + 1)).empty();
+  const std::size_t last = text.substr(0, offset).find_last_not_of(" \t\v\f");
+  return last == text.npos || is_line_end(text[last]);
 }
 
 std::string what_is_wrong_with(std::string_view key) {
@@ -246,6 +253,19 @@ std::string text_of(std::FILE* file) {
   return text;
 }
 
+Step last_step(const Reading& reading, const ConfigReader& reader) {
+  const auto begin = static_cast<std::size_t>(reader.key_offset);
+  const auto end = static_cast<std::size_t>(std::ftell(reader.file));
+  const std::string_view all = std::string_view(reading.text).substr(begin, end - begin);
+  const std::size_t sign = std::min(all.find('='), all.size());
+  const bool is_unknown = reader.result == KeyResult::UNKNOWN;
+  return {.begin = begin,
+          .key = all.substr(0, sign),
+          .value = all.substr(std::min(sign + 1, all.size())),
+          .known = is_unknown ? nullptr : known_key(all.substr(0, sign)),
+          .is_taken = reader.result == KeyResult::TAKEN};
+}
+
 void print_nothing(const char* /*format*/, ...) {}
 
 }  // namespace
@@ -267,16 +287,8 @@ std::vector<Doubt> read_with_doubts(std::FILE* file) {
     return {{1, "the file is too large to be explained"}};
   }
   while (read_setting(reader)) {
-    const auto begin = static_cast<std::size_t>(reader.key_offset);
-    const auto end = static_cast<std::size_t>(std::ftell(file));
-    const std::string_view all = std::string_view(reading.text).substr(begin, end - begin);
-    const std::size_t sign = std::min(all.find('='), all.size());
-    const bool is_unknown = reader.result == KeyResult::UNKNOWN;
-    const Step step{.begin = begin,
-                    .key = all.substr(0, sign),
-                    .value = all.substr(std::min(sign + 1, all.size())),
-                    .known = is_unknown ? nullptr : known_key(all.substr(0, sign)),
-                    .is_taken = reader.result == KeyResult::TAKEN};
+    if (reading.doubts.size() == MAX_DOUBTS) continue;  // the settings still count
+    const Step step = last_step(reading, reader);
     explain(reading, step);
     reading.key_before = step.known;
   }

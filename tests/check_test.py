@@ -25,9 +25,9 @@ class CheckTest(ServerCase):
         if settings is not None:
             (path / "zolserver.cfg").write_text(settings)
 
-    def check(self, *arguments):
+    def check(self, *arguments, timeout=PATIENCE_S):
         result = subprocess.run([ZOLCHECK, *arguments], cwd=self.folder, capture_output=True,
-                                text=True, timeout=PATIENCE_S)  # fmt: skip
+                                text=True, timeout=timeout)  # fmt: skip
         return result.returncode, result.stdout, result.stderr
 
     def test_says_what_servers_will_use(self):
@@ -65,6 +65,13 @@ class CheckTest(ServerCase):
             with self.subTest(arguments):
                 status, _, complaints = self.check(*arguments)
                 self.assertEqual((status, complaints), (2, complaint))
+
+    def test_explains_the_longest_lines_in_time(self):
+        for key, last in (("a=", '1: unknown key "a"'), ("maxClients=", "1: and so on")):
+            with self.subTest(key):
+                self.directory(key, (key * 2**20)[: 2**20])
+                status, _, doubts = self.check(key, timeout=5)
+                self.assertEqual((status, doubts.splitlines()[-1]), (1, f"{key}/zolserver.cfg:{last}"))
 
     def test_keeps_two_servers_from_one_port(self):
         self.start_on_free_port("Foo=1\n")
