@@ -226,8 +226,19 @@ void explain_word(Reading& reading, const Step& step) {
   }
 }
 
+// The server reads on directly after the number of maxClients and after the = of an unknown key.
+void explain_place(Reading& reading, const Step& step) {
+  if (begins_its_line(reading.text, step.begin)) return;
+  const char* before = reading.key_before;
+  doubt(reading, step.begin,
+        std::string(step.known) + " follows " +
+            (before != nullptr ? "the number of " + std::string(before) : "an unknown key") +
+            " on the same line and is read as a setting; put each setting on its own line");
+}
+
 void explain(Reading& reading, const Step& step) {
   if (step.known == nullptr) return explain_unknown(reading, step);
+  explain_place(reading, step);
   if (!step.is_taken) {
     const std::size_t value = std::min(step.begin + step.key.size() + 1, reading.text.size());
     doubt(reading, step.begin,
