@@ -53,12 +53,14 @@ class CheckTest(ServerCase):
         self.directory("empty", None)
         no_settings = "empty: no zolserver.cfg and no zolserver.conf; a server would run on the defaults\n"
         self.assertEqual(self.check("empty")[::2], (1, no_settings))
+        # A server on the default port of this machine would add a line.
+        status, _, complaints = self.check("--start", "empty")
+        self.assertEqual((status, complaints.splitlines(True)[0]), (2, no_settings))
         for arguments, complaint in (
             (["one", "two"], "two: port 5000 is the port of one, too\n"),
             (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" gives no port\n'
              "wrong: the server does not start: no port\n"),
             (["bare"], "bare/zolserver.cfg: Is a directory\n"),
-            (["--start", "empty"], no_settings),
             (["missing"], "missing: No such file or directory\n"),
             (["--stop"], 'zolcheck: takes no option like "--stop"; see --help\n'),
         ):  # fmt: skip
