@@ -1,0 +1,140 @@
+#!/usr/bin/env python3
+"""Ends script/demo by each signal and key that should end it, and by a view that is killed. Each time
+it must end within seconds, in order, and leave no process, no file, and the terminal as it was."""
+
+import ctypes
+import fcntl
+import os
+import pathlib
+import pty
+import select
+import signal
+import struct
+import subprocess
+import tempfile
+import termios
+import time
+
+from lib import READY_S, ROOT, build, fail
+
+END_S = 10  # it takes half a second
+PR_SET_CHILD_SUBREAPER = 36
+# The alternate screen and the usual one, the bots' report, the end of the server's log, which shows
+# that the bots left first; the cursor hidden and shown.
+IN_ORDER = (b"\x1b[?1049h", b"\x1b[?1049l", b"delay of a relay", b"disconnected", b"Exitting")
+CURSOR = (b"\x1b[?25l", b"\x1b[?25h")
+SIGNALS = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT)
+
+
+class Demo:
+    """The demo on a pseudo-terminal. On a dumb one it shows no map."""
+
+    def __init__(self, term, folder):
+        self.output = b""
+        self.master, self.slave = pty.openpty()
+        fcntl.ioctl(self.slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
+        self.before = termios.tcgetattr(self.slave)
+        self.process = subprocess.Popen(
+            [ROOT / "script/demo", "600"], stdin=self.slave, stdout=self.slave, stderr=self.slave,
+            env=os.environ | {"TERM": term, "TMPDIR": folder}, start_new_session=True,
+            preexec_fn=take_terminal,
+        )  # fmt: skip
+
+    def read_until(self, is_done, limit_s, what):
+        end = time.monotonic() + limit_s
+        while not is_done():
+            if time.monotonic() > end:
+                fail(f"{what} not within {limit_s} s: {self.output[-2000:]}")
+            if select.select([self.master], [], [], 0.02)[0]:
+                self.output += os.read(self.master, 65536)
+
+
+def take_terminal():
+    fcntl.ioctl(0, termios.TIOCSCTTY, 0)
+    # The caller may ignore some, and a shell cannot trap those.
+    for number in SIGNALS:
+        signal.signal(number, signal.SIG_DFL)
+
+
+def children(pid):
+    text = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text()
+    return [int(child) for child in text.split()]
+
+
+def name_of(pid):
+    try:
+        return pathlib.Path(f"/proc/{pid}/comm").read_text().strip()
+    except OSError:
+        return "ended"
+
+
+def end_children():
+    """This process is the parent of all orphans below it."""
+    while remaining := children(os.getpid()):
+        for pid in remaining:
+            os.kill(pid, signal.SIGKILL)
+            os.waitpid(pid, 0)
+
+
+def send(number):
+    return lambda demo: demo.process.send_signal(number)
+
+
+def press(key):
+    return lambda demo: os.write(demo.master, key)
+
+
+def kill_view(demo):
+    view = next(pid for pid in children(demo.process.pid) if name_of(pid) == "zolview")
+    os.kill(view, signal.SIGKILL)
+
+
+WAYS = (
+    *((number.name, send(number)) for number in SIGNALS),
+    ("all signals", lambda demo: [send(number)(demo) for number in SIGNALS]),
+    ("Ctrl-C", press(b"\x03")),
+    ("Ctrl-\\", press(b"\x1c")),
+    ("q", press(b"q")),
+    ("a killed view", kill_view),
+)
+
+
+def check(way, act, term):
+    shows_map = term != "dumb"
+    with tempfile.TemporaryDirectory() as folder:
+        demo = Demo(term, folder)
+        # The view lists the bots by name.
+        sign = b"Ada-" if shows_map else b"Eight bots"
+        demo.read_until(lambda: sign in demo.output, READY_S, "the game")
+        act(demo)
+        demo.read_until(lambda: demo.process.poll() is not None, END_S, f"the end after {way}")
+        demo.read_until(lambda: not select.select([demo.master], [], [], 0)[0], END_S, "silence")
+        wrong = {
+            "processes": [name_of(pid) for pid in children(os.getpid())],
+            "files": os.listdir(folder),
+            "terminal": termios.tcgetattr(demo.slave) != demo.before,
+        }
+        if shows_map:
+            places = [[-1, *map(demo.output.rfind, marks)] for marks in (IN_ORDER, CURSOR)]
+            wrong["order"] = any(sorted(set(each)) != each for each in places)
+        os.close(demo.master)
+        os.close(demo.slave)
+    if any(wrong.values()):
+        fail(f"{way} on {term} leaves {wrong}: {demo.output[-2000:]}")
+
+
+def main():
+    build("zolserver", "zolbots", "zolview")
+    ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+    try:
+        for way, act in WAYS:
+            check(way, act, "xterm")
+        for way, act in WAYS[: len(SIGNALS)]:
+            check(way, act, "dumb")
+    finally:
+        end_children()
+    print(f"check-demo: ended well in {len(WAYS) + len(SIGNALS)} ways")
+
+
+if __name__ == "__main__":
+    main()
