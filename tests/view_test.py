@@ -21,7 +21,7 @@ import unittest
 
 import pyte
 
-from server_case import PATIENCE_S, RULE, Player, ServerCase
+from server_case import PATIENCE_S, RULE, Player, ServerCase, bound_socket
 
 ZOLVIEW = os.path.realpath(sys.argv.pop(1))
 MAP_COLUMNS, MAP_ROWS = 41, 17  # of a terminal of 80 columns and 24 rows
@@ -127,7 +127,31 @@ class Terminal:
         return None
 
 
+class Unanswered:
+    """A program that has sent a join, and a server that never answers."""
+
+    def __init__(self, on_end, *command):
+        self.server, port = bound_socket()
+        self.server.settimeout(PATIENCE_S)
+        on_end(self.server.close)
+        self.process = subprocess.Popen([*command, f"127.0.0.1:{port}"], stderr=subprocess.DEVNULL)
+        on_end(self.process.wait)
+        on_end(self.process.kill)
+        self.joins = [self.server.recv(300)]
+
+    def end(self):
+        """The number of joins, the datagram after them, and the exit status."""
+        while (heard := self.server.recv(300)) == self.joins[0]:
+            self.joins.append(heard)
+        return len(self.joins), heard, self.process.wait(PATIENCE_S)
+
+
 class ViewTest(ServerCase):
+    @classmethod
+    def setUpClass(cls):
+        # It gives up after four seconds. Other tests run meanwhile.
+        cls.unanswered = Unanswered(cls.addClassCleanup, ZOLVIEW, "--once")
+
     def guest(self, *arguments, **options):
         guest = Guest(self.port, *arguments, **options)
         self.addCleanup(guest.socket.close)
@@ -207,6 +231,7 @@ class ViewTest(ServerCase):
         for name, end in (
             ("q", lambda view: view.press("q")),
             ("Ctrl-C", lambda view: view.press("\x03")),
+            ("Ctrl-\\", lambda view: view.press("\x1c")),
             ("SIGTERM", lambda view: view.process.send_signal(signal.SIGTERM)),
         ):
             with self.subTest(name):
@@ -218,11 +243,20 @@ class ViewTest(ServerCase):
                 view.read(0)
                 self.assertEqual(termios.tcgetattr(view.slave), view.before)
                 self.assertIn(b"\x1b[?1049l", view.bytes)
-                self.read_to("disconnected\n")
+                self.assertIn("disconnected\n", self.read_to("disconnected\n"))
         view = Terminal(self)
         view.until_text(TITLE)
         view.hang_up()
         self.assertEqual(view.process.wait(PATIENCE_S), 0)
+        self.assertIn("disconnected\n", self.read_to("disconnected\n"))
+
+    def test_leaves_a_server_that_does_not_answer(self):
+        self.assertEqual(self.unanswered.end(), (4, b"<", 1))
+        for stop in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM):
+            with self.subTest(stop.name):
+                once = Unanswered(self.addCleanup, ZOLVIEW, "--once")
+                once.process.send_signal(stop)
+                self.assertEqual(once.end(), (1, b"<", 128 + stop))
 
     def test_once_says_who_is_on(self):
         self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')

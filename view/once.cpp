@@ -12,6 +12,7 @@
 #include <string>
 
 #include "client/client_session.h"
+#include "client/stop_signals.h"
 #include "text/latin1.h"
 #include "view/monotonic.h"
 
@@ -25,16 +26,27 @@ static constexpr std::uint64_t MIN_SILENCE_MS = 200;
 static constexpr std::uint64_t SILENCE_FACTOR = 4;
 static constexpr std::uint64_t ASKING_MS = 10'000;  // then what is known is shown
 
+struct Visit {
+  ClientSession session;
+  int stop_signals = -1;
+  int signal = 0;  // the one that ended the visit
+};
+
 static bool is_waiting(const ClientSession& session) {
   return session.state == SessionState::JOINING && session.refusal[0] == '\0';
 }
 
 // Hears what comes until nothing has come for so long, but not past the end, and while joining
-// until the answer. False on an error: nobody listens there.
-static bool hear_answers(ClientSession& session, std::uint64_t silence_ms, std::uint64_t end_ms) {
+// until the answer. False when the visit is over: nobody listens there, or a signal has come.
+static bool hear_answers(Visit& visit, std::uint64_t silence_ms, std::uint64_t end_ms) {
+  ClientSession& session = visit.session;
   const bool is_joining = is_waiting(session);
-  pollfd wait{.fd = session.socket, .events = POLLIN, .revents = 0};
-  while (monotonic_ms() < end_ms && poll(&wait, 1, static_cast<int>(silence_ms)) == 1) {
+  pollfd waits[] = {{.fd = visit.stop_signals, .events = POLLIN, .revents = 0},
+                    {.fd = session.socket, .events = POLLIN, .revents = 0}};
+  const int silence = static_cast<int>(silence_ms);
+  while (monotonic_ms() < end_ms && poll(waits, std::size(waits), silence) > 0) {
+    visit.signal = take_stop_signal(visit.stop_signals);
+    if (visit.signal != 0) return false;
     const Batch& batch = receive_batch(session.socket);
     if (batch.count == 0) return false;
     for (std::size_t i = 0; i < batch.count; ++i)
@@ -45,12 +57,13 @@ static bool hear_answers(ClientSession& session, std::uint64_t silence_ms, std::
 }
 
 // Returns the way there and back in milliseconds.
-static std::uint64_t join(ClientSession& session) {
+static std::uint64_t join(Visit& visit) {
+  ClientSession& session = visit.session;
   std::uint64_t sent_ms = 0;
   for (int i = 0; i < JOIN_TRIES && is_waiting(session); ++i) {
     session.due_ms = sent_ms = monotonic_ms();
     session_step(session, sent_ms);
-    if (!hear_answers(session, JOIN_WAIT_MS, sent_ms + JOIN_WAIT_MS)) break;
+    if (!hear_answers(visit, JOIN_WAIT_MS, sent_ms + JOIN_WAIT_MS)) break;
   }
   return monotonic_ms() - sent_ms;
 }
@@ -59,16 +72,18 @@ static std::ptrdiff_t known_players(const GamePicture& picture) {
   return std::ranges::count_if(picture.players, &PlayerPicture::has_record);
 }
 
-static void ask_for_all(ClientSession& session, std::uint64_t silence_ms) {
+static void ask_for_all(Visit& visit, std::uint64_t silence_ms) {
+  const ClientSession& session = visit.session;
   const GamePicture& picture = session.picture;
   const std::uint64_t end_ms = monotonic_ms() + ASKING_MS;
-  for (int quiet_rounds = 0; quiet_rounds < QUIET_ROUNDS && monotonic_ms() < end_ms;) {
+  int quiet_rounds = 0;
+  while (quiet_rounds < QUIET_ROUNDS && monotonic_ms() < end_ms && visit.signal == 0) {
     const std::ptrdiff_t known_before = known_players(picture);
     for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
       if (picture.players[slot].has_record || slot == picture.own_slot) continue;
       send_datagram(session.socket, datagram_of(GetPlayerInfo{.slot = slot}));
     }
-    hear_answers(session, silence_ms, end_ms);
+    hear_answers(visit, silence_ms, end_ms);
     quiet_rounds = known_players(picture) > known_before ? 0 : quiet_rounds + 1;
   }
 }
@@ -129,16 +144,22 @@ static int complain(const char* problem, const std::string& detail, int status) 
   return status;
 }
 
-int show_once(const ViewOptions& options) {
-  ClientSession session{.socket = open_client_socket(options.server)};
+int show_once(const ViewOptions& options, int stop_signals) {
+  Visit visit{.session = {.socket = open_client_socket(options.server)},
+              .stop_signals = stop_signals};
+  ClientSession& session = visit.session;
   if (session.socket == -1) return complain("no way to the server: ", std::strerror(errno), 1);
   std::copy(options.name.begin(), options.name.end(), session.name.begin());
-  const std::uint64_t round_trip_ms = join(session);
-  if (session.refusal[0] != '\0') return complain("", printable(session.refusal.data()), 3);
-  if (is_waiting(session)) return complain("nobody answers at ", options.server_text, 1);
-  ask_for_all(session, std::clamp(SILENCE_FACTOR * round_trip_ms, MIN_SILENCE_MS, JOIN_WAIT_MS));
-  session_leave(session);
+  const std::uint64_t round_trip_ms = join(visit);
+  const bool has_joined = session.state != SessionState::JOINING;
+  if (has_joined) {
+    ask_for_all(visit, std::clamp(SILENCE_FACTOR * round_trip_ms, MIN_SILENCE_MS, JOIN_WAIT_MS));
+  }
+  session_leave(session);  // even without an answer: it may have been lost
   close(session.socket);
+  if (visit.signal != 0) return 128 + visit.signal;
+  if (session.refusal[0] != '\0') return complain("", printable(session.refusal.data()), 3);
+  if (!has_joined) return complain("nobody answers at ", options.server_text, 1);
   options.json ? print_json(session.picture) : print_table(session.picture);
   return 0;
 }

@@ -20,7 +20,8 @@ static constexpr const char* HELP =
     "  --json       prints it as one JSON object\n"
     "\n"
     "In the view: Enter begins and sends a line of chat, Esc drops it, q ends.\n"
-    "Exit status: 0 all was well, 1 nobody answers, 2 bad arguments, 3 the server refused.\n";
+    "Exit status: 0 all was well, 1 nobody answers, 2 bad arguments, 3 the server refused,\n"
+    "128 + N: signal N came before the answers (with --once).\n";
 
 static ParseResult complain(const std::string& text) {
   std::fprintf(stderr, "zolview: %s\n", text.c_str());

@@ -10,18 +10,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "client/stop_signals.h"
 #include "view/monotonic.h"
 #include "view/once.h"
 #include "view/options.h"
 #include "view/screen.h"
 
 static constexpr int FRAME_MS = 100;
-
-static volatile std::sig_atomic_t stop_requested = 0;
-
-static void on_signal(int /*signal*/) {
-  stop_requested = 1;
-}
 
 static void show_event(ViewState& view, SessionEvent event) {
   switch (event) {
@@ -60,11 +55,12 @@ static bool take_keys(ViewState& view) {
   return result != KeyResult::QUIT;
 }
 
-static void run(ViewState& view) {
+static void run(ViewState& view, int stop_signals) {
   std::uint64_t drawn_ms = 0;
-  while (stop_requested == 0) {
+  while (take_stop_signal(stop_signals) == 0) {
     pollfd waits[] = {{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
-                      {.fd = view.session.socket, .events = POLLIN, .revents = 0}};
+                      {.fd = view.session.socket, .events = POLLIN, .revents = 0},
+                      {.fd = stop_signals, .events = POLLIN, .revents = 0}};
     poll(waits, std::size(waits), FRAME_MS);
     const bool has_terminal = (waits[0].revents & (POLLHUP | POLLERR)) == 0;
     if (!has_terminal || !take_keys(view)) return;
@@ -77,7 +73,7 @@ static void run(ViewState& view) {
   }
 }
 
-static int show_game(const ViewOptions& options) {
+static int show_game(const ViewOptions& options, int stop_signals) {
   static ViewState view;
   view.session.socket = open_client_socket(options.server);
   if (view.session.socket == -1) {
@@ -86,11 +82,10 @@ static int show_game(const ViewOptions& options) {
   }
   std::copy(options.name.begin(), options.name.end(), view.session.name.begin());
   view.status = std::string("joining ") + options.server_text;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) std::signal(signal, on_signal);
   screen_open();
-  run(view);
+  run(view, stop_signals);
+  session_leave(view.session);  // first: a stuck terminal holds up the rest
   screen_close();
-  session_leave(view.session);
   return EXIT_SUCCESS;
 }
 
@@ -104,5 +99,10 @@ int main(int count, char** arguments) {
     case ParseResult::RUN:
       break;
   }
-  return options.once ? show_once(options) : show_game(options);
+  const int stop_signals = open_stop_signals({SIGHUP, SIGINT, SIGQUIT, SIGTERM});
+  if (stop_signals == -1) {
+    std::perror("zolview: cannot take signals");
+    return EXIT_FAILURE;
+  }
+  return options.once ? show_once(options, stop_signals) : show_game(options, stop_signals);
 }
