@@ -21,11 +21,14 @@ import unittest
 
 import pyte
 
-from server_case import PATIENCE_S, RULE, Player, ServerCase, bound_socket
+from server_case import PATIENCE_S, PING, RULE, Player, ServerCase, bound_socket
 
 ZOLVIEW = os.path.realpath(sys.argv.pop(1))
 MAP_COLUMNS, MAP_ROWS = 41, 17  # of a terminal of 80 columns and 24 rows
 TITLE = "Welcome to this Harn Tor Multiplayer Server - have fun"
+
+# One call sends many datagrams: the kernel cuts the bytes up, see UDP_SEGMENT in udp(7).
+ONE_BYTE_EACH = (socket.IPPROTO_UDP, 103, struct.pack("H", 1))
 
 
 def state(x=0.0, y=0.0, weapon=0):
@@ -146,6 +149,29 @@ class Unanswered:
         return len(self.joins), heard, self.process.wait(PATIENCE_S)
 
 
+class FloodingServer:
+    """Lets one client in, and sends it pings faster than any client takes them."""
+
+    def __init__(self, case):
+        self.case = case
+        self.socket, self.port = bound_socket()
+        case.addCleanup(self.socket.close)
+        self.socket.settimeout(PATIENCE_S)
+
+    def flood(self):
+        """Begins once the client has joined."""
+        client = self.socket.recvfrom(300)[1]
+        self.socket.sendto(b"\x11\0\0Flood".ljust(67, b"\0"), client)
+        test, flooder = os.getpid(), os.fork()
+        if flooder == 0:
+            with contextlib.suppress(OSError):
+                while os.getppid() == test:
+                    self.socket.sendmsg([PING * 64], [ONE_BYTE_EACH], 0, client)
+            os._exit(0)
+        self.case.addCleanup(os.waitpid, flooder, 0)
+        self.case.addCleanup(os.kill, flooder, signal.SIGKILL)
+
+
 class ViewTest(ServerCase):
     @classmethod
     def setUpClass(cls):
@@ -257,6 +283,23 @@ class ViewTest(ServerCase):
                 once = Unanswered(self.addCleanup, ZOLVIEW, "--once")
                 once.process.send_signal(stop)
                 self.assertEqual(once.end(), (1, b"<", 128 + stop))
+
+    def test_draws_and_ends_in_a_flood(self):
+        for name, end in (
+            ("q", lambda view: view.press("q")),
+            ("SIGINT", lambda view: view.process.send_signal(signal.SIGINT)),
+        ):
+            with self.subTest(name):
+                server = FloodingServer(self)
+                self.port = server.port
+                view = Terminal(self)
+                server.flood()
+                view.until_text("Flood")
+                view.press("\nhello\n")
+                view.until_text("Spectator: hello")
+                end(view)
+                self.assertEqual(view.process.wait(PATIENCE_S), 0)
+                self.doCleanups()
 
     def test_once_says_who_is_on(self):
         self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')

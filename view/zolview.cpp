@@ -38,13 +38,12 @@ static void show_event(ViewState& view, SessionEvent event) {
   }
 }
 
+// Takes one batch: datagrams may arrive faster than they are taken, and signals, keys and the
+// screen have their turns in between.
 static void take_datagrams(ViewState& view) {
-  for (std::size_t count = RECEIVE_BATCH; count == RECEIVE_BATCH;) {
-    const Batch& batch = receive_batch(view.session.socket);
-    count = batch.count;
-    for (std::size_t i = 0; i < count; ++i) {
-      show_event(view, session_hear(view.session, batch.datagrams[i], monotonic_ms()));
-    }
+  const Batch& batch = receive_batch(view.session.socket);
+  for (std::size_t i = 0; i < batch.count; ++i) {
+    show_event(view, session_hear(view.session, batch.datagrams[i], monotonic_ms()));
   }
 }
 
