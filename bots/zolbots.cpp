@@ -16,6 +16,7 @@
 #include "bots/expectations.h"
 #include "bots/options.h"
 #include "bots/report.h"
+#include "client/stop_signals.h"
 
 static constexpr std::uint64_t SECOND_NS = 1'000'000'000;
 static constexpr std::uint64_t JOIN_TIMEOUT_NS = 3 * SECOND_NS;
@@ -30,27 +31,8 @@ static constexpr const char* NAMES[MAX_BOTS] = {
     "Quinn",   "Rosa",  "Sven",  "Tilda", "Udo",  "Vera",  "Willi", "Xenia",
     "Yannick", "Zoe",   "Anton", "Berta", "Carl", "Dunja", "Egon",  "Fanny"};
 
-static volatile std::sig_atomic_t stop_requested = 0;
-
-static void on_signal(int /*signal*/) {
-  stop_requested = 1;
-}
-
-// The signals are delivered only while ppoll waits, so none is missed between the test of
-// stop_requested and the wait.
-static void catch_signals(sigset_t& ppoll_mask) {
-  sigset_t blocked;
-  sigemptyset(&blocked);
-  for (const int signal : {SIGINT, SIGTERM}) {
-    sigaddset(&blocked, signal);
-    struct sigaction action {};
-    action.sa_handler = on_signal;
-    sigaction(signal, &action, nullptr);
-  }
-  sigprocmask(SIG_BLOCK, &blocked, &ppoll_mask);
-  sigdelset(&ppoll_mask, SIGINT);
-  sigdelset(&ppoll_mask, SIGTERM);
-}
+static int stop_signals = -1;
+static bool stop_requested = false;
 
 static bool start_fleet(const Options& options) {
   fleet.size = options.players;
@@ -73,30 +55,30 @@ static bool start_fleet(const Options& options) {
   return true;
 }
 
-// Hears one batch, so that no socket keeps the others waiting. Returns the number of datagrams.
-static std::size_t hear_batch(Bot& bot) {
+// Hears one batch, so that no socket keeps the others waiting.
+static void hear_batch(Bot& bot) {
   const Batch& batch = receive_batch(bot.socket);
   const std::uint64_t now_ns = monotonic_ns();
   for (std::size_t i = 0; i < batch.count; ++i) hear(bot, batch.datagrams[i], now_ns);
-  return batch.count;
 }
 
-// Waits for datagrams until the given time at most. Returns the number of datagrams received.
-static std::size_t receive_until(std::uint64_t until_ns, const sigset_t& ppoll_mask) {
-  std::array<pollfd, MAX_BOTS> waits;
+// Waits for datagrams and signals until the given time at most.
+static void receive_until(std::uint64_t until_ns) {
+  std::array<pollfd, MAX_BOTS + 1> waits;
   for (unsigned i = 0; i < fleet.size; ++i) {
     waits[i] = {.fd = fleet.bots[i].socket, .events = POLLIN, .revents = 0};
   }
+  pollfd& signal_wait = waits[fleet.size];
+  signal_wait = {.fd = stop_signals, .events = POLLIN, .revents = 0};
   const std::uint64_t now_ns = monotonic_ns();
   const std::uint64_t rest_ns = until_ns > now_ns ? until_ns - now_ns : 0;
   const timespec rest = {.tv_sec = static_cast<time_t>(rest_ns / SECOND_NS),
                          .tv_nsec = static_cast<long>(rest_ns % SECOND_NS)};
-  if (ppoll(waits.data(), fleet.size, &rest, &ppoll_mask) <= 0) return 0;
-  std::size_t received = 0;
+  if (ppoll(waits.data(), fleet.size + 1, &rest, nullptr) <= 0) return;
+  if (signal_wait.revents != 0) stop_requested = take_stop_signal(stop_signals) != 0;
   for (unsigned i = 0; i < fleet.size; ++i) {
-    if (waits[i].revents != 0) received += hear_batch(fleet.bots[i]);
+    if (waits[i].revents != 0) hear_batch(fleet.bots[i]);
   }
-  return received;
 }
 
 static std::uint64_t act_all(std::uint64_t end_ns) {
@@ -114,29 +96,32 @@ static bool nobody_answers(std::uint64_t start_ns, std::uint64_t now_ns) {
   return now_ns - start_ns > JOIN_TIMEOUT_NS && fleet.counters.joins + fleet.counters.refused == 0;
 }
 
-static void play(const Options& options, const sigset_t& ppoll_mask) {
+static void play(const Options& options) {
   const std::uint64_t start_ns = monotonic_ns();
   const std::uint64_t end_ns = start_ns + options.seconds * SECOND_NS;
   std::uint64_t now_ns = start_ns;
-  while (now_ns < end_ns && stop_requested == 0 && !fleet.server_stopped) {
+  while (now_ns < end_ns && !stop_requested && !fleet.server_stopped) {
     if (nobody_answers(start_ns, now_ns)) break;
     const std::uint64_t next_ns = act_all(end_ns);
-    receive_until(next_ns, ppoll_mask);
+    receive_until(next_ns);
     now_ns = monotonic_ns();
     show_progress(now_ns);
   }
 }
 
-// Receives until all that is required has come, or nothing comes any more. Waits a little longer in
-// any case, for datagrams that should not come.
-static void drain(const sigset_t& ppoll_mask) {
+// Receives until all that is required has come, or no more of it comes. Other datagrams do not
+// count: they may come without end. Waits a little longer in any case, for datagrams that should
+// not come.
+static void drain() {
   const std::uint64_t start_ns = monotonic_ns();
-  std::uint64_t last_received_ns = start_ns;
+  std::uint64_t missing = outstanding();
+  std::uint64_t last_wanted_ns = start_ns;
   for (std::uint64_t now_ns = start_ns; now_ns - start_ns < DRAIN_MAX_NS;) {
-    if (receive_until(now_ns + DRAIN_MIN_NS, ppoll_mask) != 0) last_received_ns = monotonic_ns();
+    receive_until(now_ns + DRAIN_MIN_NS);
     now_ns = monotonic_ns();
-    if (now_ns - last_received_ns > DRAIN_SILENCE_NS) return;
-    if (outstanding() == 0 && now_ns - last_received_ns >= DRAIN_MIN_NS) return;
+    if (outstanding() != missing) last_wanted_ns = now_ns;
+    missing = outstanding();
+    if (now_ns - last_wanted_ns >= (missing == 0 ? DRAIN_MIN_NS : DRAIN_SILENCE_NS)) return;
   }
 }
 
@@ -165,14 +150,14 @@ static std::uint64_t count_socket_drops() {
   return drops;
 }
 
-static void end_play(const sigset_t& ppoll_mask) {
+static void end_play() {
   const std::uint64_t ended_ns = monotonic_ns();
-  drain(ppoll_mask);
+  drain();
   if (fleet.server_stopped) {
     handle_shutdown(ended_ns);
   } else {
     leave_all();
-    drain(ppoll_mask);
+    drain();
   }
   tally_remaining();
   count_unconfirmed_slots();
@@ -192,19 +177,22 @@ int main(int count, char** arguments) {
     case ParseResult::RUN:
       break;
   }
-  sigset_t ppoll_mask;
-  catch_signals(ppoll_mask);
+  stop_signals = open_stop_signals({SIGINT, SIGTERM});
+  if (stop_signals == -1) {
+    std::perror("zolbots: cannot take signals");
+    return EXIT_FAILURE;
+  }
   if (!start_fleet(options)) return EXIT_FAILURE;
 
   const std::uint64_t start_ns = monotonic_ns();
-  play(options, ppoll_mask);
+  play(options);
   const double seconds = static_cast<double>(monotonic_ns() - start_ns) / 1e9;
   if (fleet.counters.joins == 0) {
     std::printf("zolbots: no bot could join %s: %s\n", options.server,
                 fleet.counters.refused != 0 ? "the server is full" : "nobody answers");
     return EXIT_FAILURE;
   }
-  end_play(ppoll_mask);
+  end_play();
   show_table(options, seconds, count_socket_drops());
   return all_was_well() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

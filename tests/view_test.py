@@ -1,6 +1,6 @@
-"""The real zolview in a terminal, on a real server.
+"""The real zolview in a terminal, on a real server; and zolbots in a flood.
 
-Usage: view_test.py ZOLSERVER ZOLVIEW [TEST...]"""
+Usage: view_test.py ZOLSERVER ZOLVIEW ZOLBOTS [TEST...]"""
 
 import contextlib
 import fcntl
@@ -23,7 +23,7 @@ import pyte
 
 from server_case import PATIENCE_S, PING, RULE, Player, ServerCase, bound_socket
 
-ZOLVIEW = os.path.realpath(sys.argv.pop(1))
+ZOLVIEW, ZOLBOTS = (os.path.realpath(sys.argv.pop(1)) for _ in range(2))
 MAP_COLUMNS, MAP_ROWS = 41, 17  # of a terminal of 80 columns and 24 rows
 TITLE = "Welcome to this Harn Tor Multiplayer Server - have fun"
 
@@ -158,12 +158,16 @@ class FloodingServer:
         case.addCleanup(self.socket.close)
         self.socket.settimeout(PATIENCE_S)
 
-    def flood(self):
-        """Begins once the client has joined."""
+    def flood(self, process):
+        """Begins once the client has joined. Both share a processor, of which it gets little."""
         client = self.socket.recvfrom(300)[1]
         self.socket.sendto(b"\x11\0\0Flood".ljust(67, b"\0"), client)
+        processor = {min(os.sched_getaffinity(0))}
+        os.sched_setaffinity(process.pid, processor)
+        os.setpriority(os.PRIO_PROCESS, process.pid, 15)
         test, flooder = os.getpid(), os.fork()
         if flooder == 0:
+            os.sched_setaffinity(0, processor)
             with contextlib.suppress(OSError):
                 while os.getppid() == test:
                     self.socket.sendmsg([PING * 64], [ONE_BYTE_EACH], 0, client)
@@ -293,13 +297,29 @@ class ViewTest(ServerCase):
                 server = FloodingServer(self)
                 self.port = server.port
                 view = Terminal(self)
-                server.flood()
+                server.flood(view.process)
                 view.until_text("Flood")
                 view.press("\nhello\n")
                 view.until_text("Spectator: hello")
                 end(view)
                 self.assertEqual(view.process.wait(PATIENCE_S), 0)
                 self.doCleanups()
+
+    def test_bots_end_in_a_flood(self):
+        runs = []
+        for seconds in ("1", "1000"):
+            server = FloodingServer(self)
+            command = [ZOLBOTS, "--players", "1", "--seconds", seconds, "--server"]
+            bots = subprocess.Popen([*command, f"127.0.0.1:{server.port}"], stdout=subprocess.DEVNULL)
+            runs.append(bots)
+            self.addCleanup(bots.wait)
+            self.addCleanup(bots.kill)
+            server.flood(bots)
+        for _ in range(1000):  # pings answered: the flood is at its height
+            server.socket.recv(300)
+        runs[1].send_signal(signal.SIGINT)
+        for bots in runs:
+            bots.wait(15)  # seconds, of which it needs three
 
     def test_once_says_who_is_on(self):
         self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')
