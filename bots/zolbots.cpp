@@ -125,9 +125,11 @@ static void drain() {
   }
 }
 
+// A bot without a slot leaves too: the answer to its join may have been lost.
 static void leave_all() {
   for (unsigned i = 0; i < fleet.size; ++i) {
-    if (fleet.bots[i].slot != NO_SLOT) leave(fleet.bots[i]);
+    Bot& bot = fleet.bots[i];
+    bot.slot != NO_SLOT ? leave(bot) : send_bytes(bot, datagram_of(ClientCommand::CMD_PLAYER_LEFT));
   }
 }
 
@@ -188,6 +190,7 @@ int main(int count, char** arguments) {
   play(options);
   const double seconds = static_cast<double>(monotonic_ns() - start_ns) / 1e9;
   if (fleet.counters.joins == 0) {
+    leave_all();
     std::printf("zolbots: no bot could join %s: %s\n", options.server,
                 fleet.counters.refused != 0 ? "the server is full" : "nobody answers");
     return EXIT_FAILURE;

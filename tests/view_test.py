@@ -137,7 +137,9 @@ class Unanswered:
         self.server, port = bound_socket()
         self.server.settimeout(PATIENCE_S)
         on_end(self.server.close)
-        self.process = subprocess.Popen([*command, f"127.0.0.1:{port}"], stderr=subprocess.DEVNULL)
+        self.process = subprocess.Popen(
+            [*command, f"127.0.0.1:{port}"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
+        )
         on_end(self.process.wait)
         on_end(self.process.kill)
         self.joins = [self.server.recv(300)]
@@ -287,6 +289,9 @@ class ViewTest(ServerCase):
                 once = Unanswered(self.addCleanup, ZOLVIEW, "--once")
                 once.process.send_signal(stop)
                 self.assertEqual(once.end(), (1, b"<", 128 + stop))
+        bots = Unanswered(self.addCleanup, ZOLBOTS, "--players", "1", "--server")
+        bots.process.send_signal(signal.SIGINT)
+        self.assertEqual(bots.end(), (1, b"<", 1))
 
     def test_draws_and_ends_in_a_flood(self):
         for name, end in (
