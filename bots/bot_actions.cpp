@@ -34,7 +34,7 @@ static void expect_car_relay(const Bot& bot, const Record& relay) {
     expect_relay(bot, relay);
     return;
   }
-  expect_answer(bot, datagram_of(NotInCar{.slot = bot.slot}), sizeof(NotInCar));
+  expect_answer(bot, NotInCar{.slot = bot.slot}, sizeof(NotInCar));
 }
 
 static void send_position(Bot& bot) {
@@ -44,7 +44,7 @@ static void send_position(Bot& bot) {
   model_of(bot).state.position = update.position;
 
   expect_relay(bot, PlayerPosition{.slot = bot.slot, .position = update.position});
-  send_bytes(bot, datagram_of(update));
+  send_bytes(bot, update);
 }
 
 static void send_state_floats(Bot& bot) {
@@ -56,7 +56,7 @@ static void send_state_floats(Bot& bot) {
 
   if (model_of(bot).has_died) expect_clock(bot);
   expect_relay(bot, PlayerStateFloats{.state_f2 = update.state_f2, .state_f3 = update.state_f3});
-  send_bytes(bot, datagram_of(update));
+  send_bytes(bot, update);
 }
 
 // Also takes the player out of its car.
@@ -69,7 +69,7 @@ static void send_foot_update(Bot& bot) {
   model.state.state_f1 = update.state_f1;
 
   expect_relay(bot, PlayerFootUpdate{.slot = bot.slot, .state_f1 = update.state_f1});
-  send_bytes(bot, datagram_of(update));
+  send_bytes(bot, update);
 }
 
 // Of a player who is in a car already the server takes the position alone.
@@ -86,7 +86,7 @@ static void get_in(Bot& bot) {
     model.in_car = true;
     expect_got_car(bot);
   }
-  send_bytes(bot, datagram_of(report));
+  send_bytes(bot, report);
 }
 
 // Of a player who is on foot already the server takes the position alone.
@@ -98,7 +98,7 @@ static void get_out(Bot& bot) {
   model.state.position = report.position;
   if (model.in_car) expect_left_car(bot);
   model.in_car = false;
-  send_bytes(bot, datagram_of(report));
+  send_bytes(bot, report);
 }
 
 static void send_car_state(Bot& bot) {
@@ -112,14 +112,14 @@ static void send_car_state(Bot& bot) {
   model.in_car = true;
   expect_clock(bot);
   expect_got_car(bot);
-  send_bytes(bot, datagram_of(report));
+  send_bytes(bot, report);
 }
 
 static void leave_car(Bot& bot) {
   model_of(bot).in_car = false;
   expect_clock(bot);
   expect_left_car(bot);
-  send_bytes(bot, datagram_of(ClientCommand::CMD_LEAVE_CAR));
+  send_bytes(bot, ClientCommand::CMD_LEAVE_CAR);
 }
 
 static void send_car_block_a(Bot& bot) {
@@ -128,7 +128,7 @@ static void send_car_block_a(Bot& bot) {
   model_of(bot).car.car_block_a = update.car_block_a;
 
   expect_car_relay(bot, PlayerCarBlockA{.slot = bot.slot, .car_block_a = update.car_block_a});
-  send_bytes(bot, datagram_of(update));
+  send_bytes(bot, update);
 }
 
 static void send_car_block_b(Bot& bot) {
@@ -137,7 +137,7 @@ static void send_car_block_b(Bot& bot) {
   model_of(bot).car.car_block_b = update.car_block_b;
 
   expect_car_relay(bot, PlayerCarBlockB{.slot = bot.slot, .car_block_b = update.car_block_b});
-  send_bytes(bot, datagram_of(update));
+  send_bytes(bot, update);
 }
 
 // CMD_PLAYER_CAR_STATUS names no slot, so car_byte names it, and car_float holds the process tag.
@@ -150,7 +150,7 @@ static void send_car_status(Bot& bot) {
 
   expect_car_relay(bot,
                    PlayerCarStatus{.car_byte = update.car_byte, .car_float = update.car_float});
-  send_bytes(bot, datagram_of(update));
+  send_bytes(bot, update);
 }
 
 static void change_weapon(Bot& bot) {
@@ -159,7 +159,7 @@ static void change_weapon(Bot& bot) {
   model_of(bot).state.state_b = update.state_b;
 
   expect_relay(bot, PlayerWeapon{.slot = bot.slot, .state_b = update.state_b});
-  send_bytes(bot, datagram_of(update));
+  send_bytes(bot, update);
 }
 
 // The player is out of its car then, and nobody is sent a CMD_PLAYER_LEFT_CAR.
@@ -170,7 +170,7 @@ static void die(Bot& bot) {
   model_of(bot).has_died = true;
 
   expect_relay(bot, PlayerDied{.slot = bot.slot, .death_count = report.death_count});
-  send_bytes(bot, datagram_of(report));
+  send_bytes(bot, report);
 }
 
 // CMD_CHAT_LINE names the player but no slot, so the text begins with it. Half of the texts end
@@ -187,7 +187,7 @@ static void chat(Bot& bot) {
   std::copy_n(line.begin(), relay.text.size(), relay.text.begin());
   expect_relay(bot, relay);
   const std::size_t size = 1 + static_cast<std::size_t>(length) + random_below(bot, 2);
-  send_bytes(bot, datagram_of(report).first(size));
+  send_bytes(bot, Datagram(report).first(size));
 }
 
 static void expect_state(const Bot& bot, Slot slot) {
@@ -197,7 +197,7 @@ static void expect_state(const Bot& bot, Slot slot) {
   reply.in_car = model.in_car ? 1 : 0;
   reply.position = model.state.position;
   if (model.in_car) reply.car = model.car;
-  expect_player_data(bot, model, datagram_of(reply), offsetof(PlayerStateReply, in_car));
+  expect_player_data(bot, model, reply, offsetof(PlayerStateReply, in_car));
 }
 
 // The server answers only about players in the game, and not about the one who asks. Bots ask about
@@ -214,8 +214,8 @@ static void query(Bot& bot) {
       asks_info ? expect_info(bot, slot) : expect_state(bot, slot);
     }
   }
-  send_bytes(bot, asks_info ? datagram_of(GetPlayerInfo{.slot = slot})
-                            : datagram_of(GetPlayerState{.slot = slot}));
+  send_bytes(bot, asks_info ? Datagram(GetPlayerInfo{.slot = slot})
+                            : Datagram(GetPlayerState{.slot = slot}));
 }
 
 // An action and its probability, per draw. The probabilities of a table add up to less than a

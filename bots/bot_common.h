@@ -103,7 +103,7 @@ inline Expectation expectation_of(Datagram datagram) {
 
 template <WireRecord Record>
 inline void expect_relay(const Bot& bot, const Record& relay) {
-  Expectation expectation = expectation_of(datagram_of(relay));
+  Expectation expectation = expectation_of(relay);
   expectation.required = fleet.in_game & ~bot_bit(bot.number);
   expectation.optional = fleet.maybe_in_game & ~bot_bit(bot.number);
   expect(relay_ring(bot.slot), expectation);
@@ -129,7 +129,7 @@ inline void expect_player_data(const Bot& bot, const SlotModel& model, Datagram 
 }
 
 inline void expect_clock(const Bot& bot) {
-  expect_answer(bot, datagram_of(GameClock{}), offsetof(GameClock, hour));
+  expect_answer(bot, GameClock{}, offsetof(GameClock, hour));
 }
 
 inline SlotModel& model_of(const Bot& bot) {
@@ -144,5 +144,5 @@ inline void expect_info(const Bot& bot, Slot slot) {
   info.state = model.state;
   info.in_car = model.in_car ? 1 : 0;
   if (model.in_car) info.car = model.car;
-  expect_player_data(bot, model, datagram_of(info), offsetof(PlayerInfo, state));
+  expect_player_data(bot, model, info, offsetof(PlayerInfo, state));
 }

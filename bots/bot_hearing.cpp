@@ -12,13 +12,6 @@
 
 using enum ServerCommand;
 
-template <WireRecord Record>
-static Record record_of(Datagram datagram) {
-  Record record;
-  std::memcpy(&record, datagram.data(), std::min(datagram.size(), sizeof record));
-  return record;
-}
-
 static bool is_relay(Datagram datagram) {
   switch (command_of(datagram)) {
     case CMD_CHAT_LINE:
@@ -141,7 +134,8 @@ static bool is_like_first(JoinAccepted accepted) {
   if (!fleet.first_accepted_known) {
     fleet.first_accepted = accepted;
     fleet.first_accepted_known = true;
-    return accepted.game_type <= 1 && accepted.welcome_message[TEXT_WIDTH - 1] == '\0';
+    return accepted.game_type <= CATCH_PINKPANTHER &&
+           accepted.welcome_message[TEXT_WIDTH - 1] == '\0';
   }
   return std::memcmp(&accepted, &fleet.first_accepted, sizeof accepted) == 0;
 }
@@ -196,7 +190,7 @@ static void hear_pinkpanther(const Bot& bot, Datagram datagram) {
   const auto notice = record_of<PinkPanther>(datagram);
   const bool plausible = datagram.size() == sizeof notice &&
                          (notice.slot < SLOTS || notice.slot == NOBODY) && bot.has_entered &&
-                         fleet.first_accepted.game_type == 1;
+                         fleet.first_accepted.game_type == CATCH_PINKPANTHER;
   if (!plausible)
     report_wrong(bot, datagram, answer_tally, "unexpected news of the PinkPanther", nullptr);
 }
@@ -205,7 +199,7 @@ static void hear_ping(const Bot& bot, Datagram datagram) {
   if (datagram.size() != sizeof(Ping) || !bot.has_entered) {
     report_wrong(bot, datagram, answer_tally, "ping before the bot has entered", nullptr);
   }
-  send_bytes(bot, datagram_of(ClientCommand::CMD_PING_REPLY));
+  send_bytes(bot, ClientCommand::CMD_PING_REPLY);
 }
 
 void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns) {

@@ -61,7 +61,7 @@ static void enter_game(Bot& bot) {
   }
 
   const EnterGameReply reply{.last_join_slot = fleet.last_join_slot};
-  expect_answer(bot, datagram_of(reply), offsetof(EnterGameReply, last_join_slot));
+  expect_answer(bot, reply, offsetof(EnterGameReply, last_join_slot));
   PlayerInfo relay;
   relay.slot = bot.slot;
   relay.just_entered = 1;
@@ -74,14 +74,14 @@ static void enter_game(Bot& bot) {
   bot.has_entered = true;
   set_stage(bot, Stage::ENTERING);
   bot.due_ns = monotonic_ns() + ANSWER_TIMEOUT_NS;
-  send_bytes(bot, datagram_of(report));
+  send_bytes(bot, report);
 }
 
 // A bot in a slot that joins again leaves this slot only if the server accepts it in another one,
 // so the notice to the other players is optional until the answer comes.
 static void expect_leave_notice(Bot& bot) {
   const PlayerLeft notice{.slot = bot.slot};
-  Expectation expectation = expectation_of(datagram_of(notice));
+  Expectation expectation = expectation_of(notice);
   bot.leave_notice_receivers = fleet.in_game & ~bot_bit(bot.number);
   expectation.optional = (fleet.in_game | fleet.maybe_in_game) & ~bot_bit(bot.number);
   bot.leave_notice = expect(relay_ring(bot.slot), expectation);
@@ -107,14 +107,14 @@ static void join(Bot& bot) {
   make_recent_optional(bot);
   set_stage(bot, Stage::JOINING);
   if (bot.slot != NO_SLOT) expect_leave_notice(bot);
-  expect_answer(bot, datagram_of(JoinAccepted{}), offsetof(JoinAccepted, slot));
+  expect_answer(bot, JoinAccepted{}, offsetof(JoinAccepted, slot));
 
   JoinRequest request;
   request.name = bot.name;
   request.version = PROTOCOL_VERSION;
   fleet.joining_bot = bot.number;
   bot.due_ns = monotonic_ns() + ANSWER_TIMEOUT_NS;
-  send_bytes(bot, datagram_of(request));
+  send_bytes(bot, request);
 }
 
 void leave(Bot& bot) {
@@ -124,7 +124,7 @@ void leave(Bot& bot) {
   bot.slot = NO_SLOT;
   set_stage(bot, Stage::OUT);
   bot.due_ns = monotonic_ns() + MS * random_below(bot, MAX_PAUSE_MS);
-  send_bytes(bot, datagram_of(ClientCommand::CMD_PLAYER_LEFT));
+  send_bytes(bot, ClientCommand::CMD_PLAYER_LEFT);
 }
 
 static void skip_missed_steps(Bot& bot, std::uint64_t now_ns) {

@@ -17,8 +17,8 @@
 #include "client/server_connection.h"
 #include "server/protocol.h"
 
-inline constexpr unsigned MAX_BOTS = 32;
-inline constexpr unsigned SLOTS = 32;
+inline constexpr unsigned SLOTS = MAX_CLIENTS;
+inline constexpr unsigned MAX_BOTS = MAX_CLIENTS;
 inline constexpr unsigned RINGS = SLOTS + MAX_BOTS;
 // Datagrams a ring holds: the fastest bots fill one in about three seconds.
 inline constexpr std::uint64_t RING_SIZE = 1024;

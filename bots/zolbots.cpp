@@ -129,7 +129,7 @@ static void drain() {
 static void leave_all() {
   for (unsigned i = 0; i < fleet.size; ++i) {
     Bot& bot = fleet.bots[i];
-    bot.slot != NO_SLOT ? leave(bot) : send_bytes(bot, datagram_of(ClientCommand::CMD_PLAYER_LEFT));
+    bot.slot != NO_SLOT ? leave(bot) : send_bytes(bot, ClientCommand::CMD_PLAYER_LEFT);
   }
 }
 

@@ -75,7 +75,7 @@ static void print_settings(const std::string& port) {
   const std::string listed = std::string("listed on ") + MASTER_HOST;
   std::printf("%s: %s, %s, %d players, %s, %s\n", directory.c_str(),
               quoted(config.ServerName).c_str(), port.c_str(), config.maxClients,
-              config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther",
+              game_type_name(config.GameType),
               config.AnnounceServer != 0 ? listed.c_str() : "not listed");
 }
 

@@ -7,26 +7,26 @@
 using enum ServerCommand;
 
 static void send_code(const ClientSession& session, ClientCommand command) {
-  send_datagram(session.socket, datagram_of(command));
+  send_datagram(session.socket, command);
 }
 
 static void send_join(ClientSession& session, std::uint64_t now_ms) {
   JoinRequest request{.name = session.name};
   request.version = PROTOCOL_VERSION;
-  send_datagram(session.socket, datagram_of(request));
+  send_datagram(session.socket, request);
   session.back_off_ms = std::clamp(2 * session.back_off_ms, FIRST_BACK_OFF_MS, MAX_BACK_OFF_MS);
   session.due_ms = now_ms + session.back_off_ms;
 }
 
 static void send_entry(ClientSession& session, std::uint64_t now_ms) {
-  send_datagram(session.socket, datagram_of(EnterGame{}));
+  send_datagram(session.socket, EnterGame{});
   session.due_ms = now_ms + ENTER_AGAIN_MS;
 }
 
 static void ask_for_records(ClientSession& session, std::uint64_t now_ms) {
   for (Slot slot = 0; (slot = next_question(session.picture, now_ms)) != NO_SLOT;) {
     const GetPlayerInfo question{.slot = slot};
-    send_datagram(session.socket, datagram_of(question));
+    send_datagram(session.socket, question);
   }
 }
 
@@ -53,10 +53,8 @@ SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
 // A join may be answered late, after it was repeated. The server has moved us by the second one, so
 // the latest answer counts, even in the game.
 static SessionEvent hear_accepted(ClientSession& session, Datagram datagram, std::uint64_t now_ms) {
-  JoinAccepted accepted;
-  if (datagram.size() != sizeof accepted) return SessionEvent::NONE;
-  std::memcpy(&accepted, datagram.data(), sizeof accepted);
-  session.picture = picture_of_join(accepted);
+  if (datagram.size() != sizeof(JoinAccepted)) return SessionEvent::NONE;
+  session.picture = picture_of_join(record_of<JoinAccepted>(datagram));
   session.state = SessionState::ENTERING;
   session.pinged_ms = session.due_ms = now_ms;
   return SessionEvent::JOINED;
@@ -76,7 +74,7 @@ static SessionEvent hear_refusal(ClientSession& session, Datagram datagram) {
 
 static SessionEvent hear_in_game(ClientSession& session, Datagram datagram, std::uint64_t now_ms) {
   if (session.state == SessionState::JOINING) return SessionEvent::NONE;
-  hear(session.picture, datagram, now_ms);
+  picture_hear(session.picture, datagram, now_ms);
   const bool is_entry = ServerCommand{datagram[0]} == CMD_ENTER_GAME_REPLY &&
                         datagram.size() == sizeof(EnterGameReply);
   if (session.state == SessionState::PLAYING || !is_entry) return SessionEvent::NONE;
@@ -114,14 +112,14 @@ void session_say(ClientSession& session, std::string_view text) {
   text = text.substr(0, chat_room(session));
   Chat chat;
   std::copy(text.begin(), text.end(), chat.text.begin());
-  send_datagram(session.socket, datagram_of(chat).first(text.size() + 2));
+  send_datagram(session.socket, Datagram(chat).first(text.size() + 2));
 
   char line[2 * NAME_WIDTH + TEXT_WIDTH];
   std::snprintf(line, sizeof line, "%s: %.*s", session.name.data(), static_cast<int>(text.size()),
                 text.data());
   ChatLine heard;
   std::copy_n(line, strnlen(line, heard.text.size()), heard.text.begin());
-  hear(session.picture, datagram_of(heard), 0);
+  picture_hear(session.picture, heard, 0);
 }
 
 void session_leave(const ClientSession& session) {

@@ -7,13 +7,11 @@ using enum ServerCommand;
 
 static constexpr std::uint32_t DAY_MINUTES = 24 * 60;
 
-// Nothing when the datagram is of another size. The server's are always whole.
+// Nothing when the datagram is of another size: the server's are always whole.
 template <WireRecord Record>
-static std::optional<Record> record_of(Datagram datagram) {
+static std::optional<Record> whole_record_of(Datagram datagram) {
   if (datagram.size() != sizeof(Record)) return std::nullopt;
-  Record record;
-  std::memcpy(&record, datagram.data(), sizeof record);
-  return record;
+  return record_of<Record>(datagram);
 }
 
 template <std::size_t width>
@@ -83,8 +81,8 @@ static void apply(PlayerPicture& player, const PlayerDied& relay) {
 // Returns the player that the datagram is about, null when it is about none.
 template <WireRecord Record>
 static PlayerPicture* hear_about(GamePicture& picture, Datagram datagram) {
-  const auto record = record_of<Record>(datagram);
-  if (!record || record->slot >= PICTURE_SLOTS) return nullptr;
+  const auto record = whole_record_of<Record>(datagram);
+  if (!record || record->slot >= MAX_CLIENTS) return nullptr;
   PlayerPicture& player = picture.players[record->slot];
   player.is_here = true;
   player.unanswered = 0;
@@ -107,15 +105,15 @@ static void hear_info(GamePicture& picture, Datagram datagram, std::uint64_t now
 }
 
 static void hear_left(GamePicture& picture, Datagram datagram) {
-  const auto notice = record_of<PlayerLeft>(datagram);
-  if (!notice || notice->slot >= PICTURE_SLOTS) return;
+  const auto notice = whole_record_of<PlayerLeft>(datagram);
+  if (!notice || notice->slot >= MAX_CLIENTS) return;
   picture.players[notice->slot] = {};
   if (picture.pinkpanther == notice->slot) picture.pinkpanther = NOBODY;
 }
 
 template <WireRecord Record>
 static void hear_clock(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  const auto clock = record_of<Record>(datagram);
+  const auto clock = whole_record_of<Record>(datagram);
   if (!clock) return;
   picture.is_clock_known = true;
   picture.clock_minutes = (clock->hour * 60U + clock->minute) % DAY_MINUTES;
@@ -126,26 +124,26 @@ static void hear_clock(GamePicture& picture, Datagram datagram, std::uint64_t no
 // among those that follow, so it is noted to be here and asked for.
 static void hear_entered(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   hear_clock<EnterGameReply>(picture, datagram, now_ms);
-  const auto reply = record_of<EnterGameReply>(datagram);
-  if (reply && reply->last_join_slot < PICTURE_SLOTS) {
+  const auto reply = whole_record_of<EnterGameReply>(datagram);
+  if (reply && reply->last_join_slot < MAX_CLIENTS) {
     picture.players[reply->last_join_slot].is_here = true;
   }
 }
 
 static void hear_chat(GamePicture& picture, Datagram datagram) {
-  const auto line = record_of<ChatLine>(datagram);
+  const auto line = whole_record_of<ChatLine>(datagram);
   if (!line) return;
   ChatText& text = picture.chat[picture.chat_count++ % CHAT_LINES];
   copy_text(text, line->text.data(), line->text.size());
 }
 
 static void hear_pinkpanther(GamePicture& picture, Datagram datagram) {
-  const auto notice = record_of<PinkPanther>(datagram);
+  const auto notice = whole_record_of<PinkPanther>(datagram);
   if (notice) picture.pinkpanther = notice->slot;
 }
 
 // CMD_PLAYER_STATE_FLOATS and CMD_PLAYER_CAR_STATUS name nobody, so nothing can be made of them.
-void hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+void picture_hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   if (datagram.empty()) return;
   switch (ServerCommand{datagram[0]}) {
     case CMD_ENTER_GAME_REPLY:
@@ -200,7 +198,7 @@ static bool is_in_doubt(const PlayerPicture& player, std::uint64_t now_ms) {
 
 // The server does not answer a question about oneself.
 Slot next_question(GamePicture& picture, std::uint64_t now_ms) {
-  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+  for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     PlayerPicture& player = picture.players[slot];
     if (slot == picture.own_slot || !is_in_doubt(player, now_ms)) continue;
     if (player.unanswered == MAX_QUESTIONS) {

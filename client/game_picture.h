@@ -12,7 +12,6 @@
 #include "client/server_connection.h"
 #include "server/protocol.h"
 
-inline constexpr Slot PICTURE_SLOTS = 32;
 inline constexpr std::size_t CHAT_LINES = 32;  // kept
 // Every record is asked for again after this time: the relay that changed it may have been lost,
 // and so may the notice that its player has left.
@@ -35,17 +34,13 @@ struct PlayerPicture {
   unsigned unanswered = 0;                  // questions since anything was heard of it
 };
 
-inline const char* game_type_name(std::uint8_t game_type) {
-  return game_type == 1 ? "CatchPinkPanther" : "Deathmatch";
-}
-
 using ChatText = std::array<char, TEXT_WIDTH + 1>;  // ends with NUL
 
 struct GamePicture {
   Slot own_slot = NO_SLOT;
   std::uint8_t game_type = 0;
   std::array<char, TEXT_WIDTH + 1> welcome{};
-  std::array<PlayerPicture, PICTURE_SLOTS> players{};
+  std::array<PlayerPicture, MAX_CLIENTS> players{};
   Slot pinkpanther = NOBODY;
   bool is_clock_known = false;
   std::uint32_t clock_minutes = 0;  // of the game's day, at clock_ms
@@ -59,7 +54,7 @@ GamePicture picture_of_join(const JoinAccepted& accepted);
 
 // Takes in what the datagram says. Any bytes will do: what is no datagram of the server's changes
 // nothing.
-void hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms);
+void picture_hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms);
 
 // The slot whose record is to be asked for now with CMD_GET_PLAYER_INFO, or NO_SLOT. It counts as
 // asked. Forgets players who are gone.

@@ -17,13 +17,6 @@
 inline constexpr std::uint16_t DEFAULT_PORT = 16'309;
 inline constexpr std::size_t RECEIVE_BATCH = 32;  // datagrams
 
-using Datagram = std::span<const std::uint8_t>;
-
-template <WireRecord Record>
-Datagram datagram_of(const Record& record) {
-  return {reinterpret_cast<const std::uint8_t*>(&record), sizeof record};
-}
-
 // Looks up HOST or HOST:PORT for an IPv4 address. False when there is none; complaint says why,
 // without a line feed.
 bool resolve_server(std::string_view text, sockaddr_in& server, std::string& complaint);

@@ -106,8 +106,7 @@ bool set_game_type(ConfigReader& reader) {
   skip_rest_of_line(reader.file);
   if (reader.work_integer != DEATHMATCH && reader.work_integer != CATCH_PINKPANTHER) {
     reader.print("Wrong value GameType in config file. Using default Value: %d (%s)\n",
-                 server_config.GameType,
-                 server_config.GameType == DEATHMATCH ? "Deathmatch" : "CatchPinkPanther");
+                 server_config.GameType, game_type_name(server_config.GameType));
     return false;
   }
   server_config.GameType = static_cast<std::uint8_t>(reader.work_integer);

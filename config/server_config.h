@@ -6,10 +6,9 @@
 
 #include <cstdint>
 
-inline constexpr std::int32_t MIN_CLIENTS = 2;
-inline constexpr std::int32_t MAX_CLIENTS = 32;
+#include "server/protocol.h"
 
-enum GameType : std::uint8_t { DEATHMATCH = 0, CATCH_PINKPANTHER = 1 };
+inline constexpr std::int32_t MIN_CLIENTS = 2;  // to MAX_CLIENTS
 
 struct ServerConfig {
   std::int32_t maxClients = 16;     // MIN_CLIENTS to MAX_CLIENTS: slots that are given to players

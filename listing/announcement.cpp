@@ -7,7 +7,6 @@
 
 static constexpr int PROTOCOL = 40;  // the version that listed servers speak
 static constexpr int MIN_PLAYERS = 2;
-static constexpr int MAX_PLAYERS = 32;
 static constexpr int MAX_PORT = 65'535;
 
 // Digits alone, so many at most that nothing overflows.
@@ -52,9 +51,9 @@ static std::string decoded(std::string_view value) {
 }
 
 std::optional<Announcement> read_announcement(std::string_view query) {
-  const auto players = number_of(value_of(query, "p"), 0, MAX_PLAYERS);
-  const auto max_players = number_of(value_of(query, "mp"), MIN_PLAYERS, MAX_PLAYERS);
-  const auto game_type = number_of(value_of(query, "gt"), 0, 1);
+  const auto players = number_of(value_of(query, "p"), 0, MAX_CLIENTS);
+  const auto max_players = number_of(value_of(query, "mp"), MIN_PLAYERS, MAX_CLIENTS);
+  const auto game_type = number_of(value_of(query, "gt"), DEATHMATCH, CATCH_PINKPANTHER);
   const auto port = number_of(value_of(query, "port"), 1, MAX_PORT);
   const auto version = number_of(value_of(query, "v"), PROTOCOL, PROTOCOL);
   if (!players || !max_players || !game_type || !port || !version || *players > *max_players) {

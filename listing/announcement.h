@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "server/protocol.h"
+
 inline constexpr std::size_t MAX_NAME = 31;  // characters, as servers cut their own
 inline constexpr std::size_t MAX_OS = 8;
 
@@ -14,7 +16,7 @@ struct Announcement {
   std::string os;    // likewise
   int players = 0;
   int max_players = 0;
-  int game_type = 0;  // 0: Deathmatch, 1: CatchPinkPanther
+  int game_type = DEATHMATCH;
   int port = 0;
   int version = 0;
   bool is_removal = false;

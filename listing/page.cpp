@@ -46,7 +46,7 @@ heard of.</p>
 static constexpr const char* END = "</body>\n</html>\n";
 
 static const char* game_of(const Announcement& server) {
-  return server.game_type == 1 ? "CatchPinkPanther" : "Deathmatch";
+  return game_type_name(server.game_type);
 }
 
 static std::string escaped_html(const std::string& text) {

@@ -79,7 +79,7 @@ int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in*
 // buffer that stays full loses datagrams, as the way to a player may. At any other error it stops
 // and returns false with errno set.
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
-                      std::span<const std::byte> payload);
+                      std::span<const std::uint8_t> payload);
 
 // Opens a non-blocking TCP connection, made or still under way; three attempts in a row when the
 // system refuses at once. The host is a name or a dotted address, null or empty for this machine;

@@ -77,9 +77,9 @@ int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in*
 }
 
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
-                      std::span<const std::byte> payload) {
+                      std::span<const std::uint8_t> payload) {
   check_argument(destinations.size() <= MAX_DESTINATIONS, SFLSOCK_MODULE);
-  iovec bytes{const_cast<std::byte*>(payload.data()), payload.size()};
+  iovec bytes{const_cast<std::uint8_t*>(payload.data()), payload.size()};
   std::array<mmsghdr, MAX_DESTINATIONS> messages;  // filled as far as they are sent
   for (std::size_t i = 0; i < destinations.size(); ++i) {
     messages[i] = {};

@@ -11,7 +11,7 @@ namespace {
 
 using enum ClientCommand;
 
-using Handler = void (*)(Slot slot, const Datagram& datagram);
+using Handler = void (*)(Slot slot, const ReceivedDatagram& datagram);
 
 // Every command that the server understands.
 constexpr std::pair<ClientCommand, Handler> COMMANDS[] = {
@@ -48,7 +48,7 @@ bool is_command(std::uint8_t code) {
   return HANDLERS[code] != nullptr;
 }
 
-void dispatch_datagram(const Datagram& datagram) {
+void dispatch_datagram(const ReceivedDatagram& datagram) {
   const std::uint8_t code = datagram.bytes[0];
   const Handler handler = HANDLERS[code];
   const Slot slot = find_slot_by_address(datagram.sender);

@@ -8,4 +8,4 @@ bool is_command(std::uint8_t code);
 
 // Handles one received datagram whole: its handler, or the line about an unknown code, and then
 // the PinkPanther step. Senders without a slot reach the join alone. Main thread.
-void dispatch_datagram(const Datagram& datagram);
+void dispatch_datagram(const ReceivedDatagram& datagram);

@@ -8,47 +8,38 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 #include "server/protocol.h"
 
-struct Datagram {
+struct ReceivedDatagram {
   // The receive buffer: behind the received bytes lie those of earlier datagrams.
   const std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>& bytes;
   std::size_t received;  // bytes; only the chat looks at it
   sockaddr_in sender;
 };
 
-// The datagram as one of the protocol's records, whatever its length.
-template <WireRecord Record>
-Record read_record(const Datagram& datagram) {
-  Record record;
-  std::memcpy(&record, datagram.bytes.data(), sizeof record);
-  return record;
-}
-
 // membership.cpp
-void handle_join(Slot slot, const Datagram& datagram);
-void handle_leave(Slot slot, const Datagram& datagram);
+void handle_join(Slot slot, const ReceivedDatagram& datagram);
+void handle_leave(Slot slot, const ReceivedDatagram& datagram);
 
 // presence.cpp
-void handle_ping_reply(Slot slot, const Datagram& datagram);
-void handle_enter_game(Slot slot, const Datagram& datagram);
-void handle_get_player_info(Slot slot, const Datagram& datagram);
-void handle_get_player_state(Slot slot, const Datagram& datagram);
+void handle_ping_reply(Slot slot, const ReceivedDatagram& datagram);
+void handle_enter_game(Slot slot, const ReceivedDatagram& datagram);
+void handle_get_player_info(Slot slot, const ReceivedDatagram& datagram);
+void handle_get_player_state(Slot slot, const ReceivedDatagram& datagram);
 
 // vehicles.cpp
-void handle_vehicle(Slot slot, const Datagram& datagram);
-void handle_car_state(Slot slot, const Datagram& datagram);
-void handle_leave_car(Slot slot, const Datagram& datagram);
-void handle_foot_update(Slot slot, const Datagram& datagram);
-void handle_car_block_a(Slot slot, const Datagram& datagram);
-void handle_car_block_b(Slot slot, const Datagram& datagram);
-void handle_car_status(Slot slot, const Datagram& datagram);
+void handle_vehicle(Slot slot, const ReceivedDatagram& datagram);
+void handle_car_state(Slot slot, const ReceivedDatagram& datagram);
+void handle_leave_car(Slot slot, const ReceivedDatagram& datagram);
+void handle_foot_update(Slot slot, const ReceivedDatagram& datagram);
+void handle_car_block_a(Slot slot, const ReceivedDatagram& datagram);
+void handle_car_block_b(Slot slot, const ReceivedDatagram& datagram);
+void handle_car_status(Slot slot, const ReceivedDatagram& datagram);
 
 // relays.cpp
-void handle_position_update(Slot slot, const Datagram& datagram);
-void handle_state_floats(Slot slot, const Datagram& datagram);
-void handle_weapon(Slot slot, const Datagram& datagram);
-void handle_died(Slot slot, const Datagram& datagram);
-void handle_chat(Slot slot, const Datagram& datagram);
+void handle_position_update(Slot slot, const ReceivedDatagram& datagram);
+void handle_state_floats(Slot slot, const ReceivedDatagram& datagram);
+void handle_weapon(Slot slot, const ReceivedDatagram& datagram);
+void handle_died(Slot slot, const ReceivedDatagram& datagram);
+void handle_chat(Slot slot, const ReceivedDatagram& datagram);

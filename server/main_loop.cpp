@@ -12,7 +12,7 @@
 static constexpr std::uint32_t ERROR_PAUSE_US = 50;
 
 bool drain_socket() {
-  Datagram datagram{.bytes = receive_buffer, .received = 0, .sender = {}};
+  ReceivedDatagram datagram{.bytes = receive_buffer, .received = 0, .sender = {}};
   while (!stop_requested()) {
     const int received =
         udp_receive(server_socket, receive_buffer.data(), RECEIVE_BUFFER_SIZE, &datagram.sender);

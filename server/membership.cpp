@@ -39,7 +39,7 @@ void finish_leaving(Slot slot) {
 }
 
 // Taking the seat comes last: from then on the ping thread judges the player by last_heard.
-static void seat_player(Slot slot, const JoinRequest& request, const Datagram& datagram) {
+static void seat_player(Slot slot, const JoinRequest& request, const ReceivedDatagram& datagram) {
   PlayerSlot& player = player_table[slot];
   copy_text(player.name, request.name.data());
   player.in_car = 0;
@@ -55,9 +55,9 @@ static void seat_player(Slot slot, const JoinRequest& request, const Datagram& d
 //
 // The free slot is looked for before the player's own is left, so a reconnecting player moves to
 // another one, and a player who reconnects to a full table is refused.
-void handle_join(Slot slot, const Datagram& datagram) {
+void handle_join(Slot slot, const ReceivedDatagram& datagram) {
   if (!udp_can_reach(server_socket, &datagram.sender)) return;
-  const auto request = read_record<JoinRequest>(datagram);
+  const auto request = record_of<JoinRequest>(datagram.bytes);
   last_join_slot = find_free_slot();
   if (request.version != PROTOCOL_VERSION) return refuse_version(datagram.sender);
   if (last_join_slot == NO_SLOT) return refuse_full(datagram.sender);
@@ -74,7 +74,7 @@ void handle_join(Slot slot, const Datagram& datagram) {
   if (++player_count > 1 && pinkpanther_slot == NO_SLOT) pinkpanther_reselect = 1;
 }
 
-void handle_leave(Slot slot, const Datagram& /*datagram*/) {
+void handle_leave(Slot slot, const ReceivedDatagram& /*datagram*/) {
   PlayerSlot& player = player_table[slot];
   if (!change_used_seat(player, SeatState::LEAVING)) return;
   console_print("%s, Player [%d] disconnected\n", player.name, slot);

@@ -14,12 +14,12 @@
 #include "server/server_state.h"
 
 // The sign of life that keeps a player from timing out.
-void handle_ping_reply(Slot slot, const Datagram& /*datagram*/) {
+void handle_ping_reply(Slot slot, const ReceivedDatagram& /*datagram*/) {
   player_table[slot].last_heard = uptime_ms();
 }
 
-static void store_report(PlayerSlot& player, const Datagram& datagram) {
-  const auto report = read_record<EnterGame>(datagram);
+static void store_report(PlayerSlot& player, const ReceivedDatagram& datagram) {
+  const auto report = record_of<EnterGame>(datagram.bytes);
   player.state = report.state;
   player.state.unused_1 = {};
   player.in_car = report.in_car;
@@ -48,7 +48,7 @@ static void send_all_records(const sockaddr_in& newcomer) {
 
 // The time-stamp, the slot in the reply and the record left out go by last_join_slot, not by the
 // sender's own slot. They differ when someone else has asked to join since the sender did.
-void handle_enter_game(Slot slot, const Datagram& datagram) {
+void handle_enter_game(Slot slot, const ReceivedDatagram& datagram) {
   store_report(player_table[slot], datagram);
   if (last_join_slot != NO_SLOT) player_table[last_join_slot].last_heard = uptime_ms();
   const GameClock now = game_clock();
@@ -75,15 +75,15 @@ static std::optional<Seat> seat_asked_about(Slot asker, Slot target) {
   return seat;
 }
 
-void handle_get_player_info(Slot slot, const Datagram& datagram) {
-  const auto query = read_record<GetPlayerInfo>(datagram);
+void handle_get_player_info(Slot slot, const ReceivedDatagram& datagram) {
+  const auto query = record_of<GetPlayerInfo>(datagram.bytes);
   const auto seat = seat_asked_about(slot, query.slot);
   if (!seat) return;
   send_record_about(query.slot, *seat, datagram.sender, player_info_of(query.slot, false));
 }
 
-void handle_get_player_state(Slot slot, const Datagram& datagram) {
-  const auto query = read_record<GetPlayerState>(datagram);
+void handle_get_player_state(Slot slot, const ReceivedDatagram& datagram) {
+  const auto query = record_of<GetPlayerState>(datagram.bytes);
   const auto seat = seat_asked_about(slot, query.slot);
   if (!seat) return;
   const PlayerSlot& player = player_table[query.slot];

@@ -10,10 +10,13 @@
 // a client's float, so every bit of it, signalling NaNs included, comes out as it went in.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <span>
 #include <type_traits>
 
 static_assert(std::endian::native == std::endian::little, "records travel as they lie in memory");
@@ -25,9 +28,17 @@ inline constexpr std::size_t NAME_WIDTH = 64;  // bytes, terminating NUL include
 inline constexpr std::size_t TEXT_WIDTH = 64;
 inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // what is longer on the wire is cut
 
-using Slot = std::uint8_t;  // a player's number
+inline constexpr std::int32_t MAX_CLIENTS = 32;  // slots
+
+using Slot = std::uint8_t;  // a player's number, from 0 to MAX_CLIENTS - 1
 inline constexpr Slot NO_SLOT = 255;
 inline constexpr Slot NOBODY = 100;  // in CMD_PINKPANTHER alone: there is no PinkPanther
+
+enum GameType : std::uint8_t { DEATHMATCH = 0, CATCH_PINKPANTHER = 1 };
+
+inline constexpr const char* game_type_name(int game_type) {
+  return game_type == CATCH_PINKPANTHER ? "CatchPinkPanther" : "Deathmatch";
+}
 
 // Client to server.
 enum class ClientCommand : std::uint8_t {
@@ -365,6 +376,25 @@ template <typename Record>
 concept WireRecord = std::is_trivially_copyable_v<Record> &&
                      std::has_unique_object_representations_v<Record> &&
                      sizeof(Record) <= RECEIVE_BUFFER_SIZE;
+
+// The bytes of one datagram, valid as long as their owner is. A record, or a code alone, is one
+// too.
+struct Datagram : std::span<const std::uint8_t> {
+  using span::span;
+  Datagram(std::span<const std::uint8_t> bytes) : span(bytes) {}
+  template <WireRecord Record>
+  requires(std::is_class_v<Record> || std::is_enum_v<Record>) Datagram(const Record& record)
+      : span(reinterpret_cast<const std::uint8_t*>(&record), sizeof record) {}
+};
+
+// A record from the start of the bytes. The bytes that a short datagram lacks read as zero, except
+// for the code.
+template <WireRecord Record>
+Record record_of(Datagram datagram) {
+  Record record;
+  std::memcpy(&record, datagram.data(), std::min(datagram.size(), sizeof record));
+  return record;
+}
 
 // Without padding, the sizes and the order of the fields fix the offsets.
 template <std::size_t size, WireRecord... Records>

@@ -11,15 +11,15 @@
 #include "server/sending.h"
 #include "util/console.h"
 
-void handle_position_update(Slot slot, const Datagram& datagram) {
-  const auto update = read_record<PositionUpdate>(datagram);
+void handle_position_update(Slot slot, const ReceivedDatagram& datagram) {
+  const auto update = record_of<PositionUpdate>(datagram.bytes);
   player_table[slot].state.position = update.position;
   relay_to_others(PlayerPosition{.slot = slot, .position = update.position}, slot);
 }
 
 // From its death to its next join a player is told the time with each of its updates.
-void handle_state_floats(Slot slot, const Datagram& datagram) {
-  const auto update = read_record<StateFloats>(datagram);
+void handle_state_floats(Slot slot, const ReceivedDatagram& datagram) {
+  const auto update = record_of<StateFloats>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
   if (player.has_died != 0) send_game_clock(datagram.sender);
   player.state.state_f2 = update.state_f2;
@@ -28,8 +28,8 @@ void handle_state_floats(Slot slot, const Datagram& datagram) {
                   slot);
 }
 
-void handle_weapon(Slot slot, const Datagram& datagram) {
-  const auto report = read_record<Weapon>(datagram);
+void handle_weapon(Slot slot, const ReceivedDatagram& datagram) {
+  const auto report = record_of<Weapon>(datagram.bytes);
   player_table[slot].state.state_b = report.state_b;
   console_print("Got Weapon from Player [%d] - Type: %d\n", slot, report.state_b);
   relay_to_others(PlayerWeapon{.slot = slot, .state_b = report.state_b}, slot);
@@ -37,8 +37,8 @@ void handle_weapon(Slot slot, const Datagram& datagram) {
 
 // The client counts its deaths; the server takes the number as it stands. A death ends a car ride,
 // and no line or datagram says so.
-void handle_died(Slot slot, const Datagram& datagram) {
-  const auto report = read_record<Died>(datagram);
+void handle_died(Slot slot, const ReceivedDatagram& datagram) {
+  const auto report = record_of<Died>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
   player.in_car = 0;
   player.death_count = report.death_count;
@@ -50,7 +50,7 @@ void handle_died(Slot slot, const Datagram& datagram) {
 
 // The only command whose length is the sender's to choose: the text ends at its first NUL, or else
 // with the datagram.
-void handle_chat(Slot slot, const Datagram& datagram) {
+void handle_chat(Slot slot, const ReceivedDatagram& datagram) {
   const char* name = player_table[slot].name;
   const auto* text = reinterpret_cast<const char*>(&datagram.bytes[1]);
   const int length = std::max(static_cast<int>(datagram.received) - 1, 0);

@@ -11,14 +11,14 @@
 
 static_assert(MAX_CLIENTS <= MAX_DESTINATIONS);
 
-void send_record(const sockaddr_in& destination, RecordBytes record, SendErrorText error_text) {
+void send_record(const sockaddr_in& destination, Datagram record, SendErrorText error_text) {
   const auto length = static_cast<unsigned>(record.size());
   if (udp_send(server_socket, record.data(), length, &destination) != -1) return;
   const char* blank = error_text == SendErrorText::WITH_BLANK ? " " : "";
   console_print("error writing to socket:%s%s\n", blank, system_error_text());
 }
 
-void broadcast_except_sender(RecordBytes record, Slot slot) {
+void broadcast_except_sender(Datagram record, Slot slot) {
   std::array<sockaddr_in, MAX_CLIENTS> destinations;
   std::size_t count = 0;
   for (Slot other = 0; other < slots_in_play(); ++other) {
@@ -32,20 +32,20 @@ void broadcast_except_sender(RecordBytes record, Slot slot) {
   _exit(EXIT_FAILURE);  // by whichever thread it is, so nothing of the others is torn down
 }
 
-void relay_to_others(RecordBytes record, Slot slot) {
+void relay_to_others(Datagram record, Slot slot) {
   pass_seam(Seam::RELAYING);
   broadcast_except_sender(record, slot);
   if (!is_used(player_table[slot].seat)) broadcast_except_sender(PlayerLeft{.slot = slot}, slot);
 }
 
-void send_record_about(Slot slot, Seat seen, const sockaddr_in& destination, RecordBytes record) {
+void send_record_about(Slot slot, Seat seen, const sockaddr_in& destination, Datagram record) {
   pass_seam(Seam::ANSWERING);
   send_record(destination, record, SendErrorText::WITHOUT_BLANK);
   if (player_table[slot].seat.load() == seen) return;
   send_record(destination, PlayerLeft{.slot = slot}, SendErrorText::WITHOUT_BLANK);
 }
 
-void broadcast_all(RecordBytes record) {
+void broadcast_all(Datagram record) {
   broadcast_except_sender(record, NO_SLOT);
 }
 

@@ -12,8 +12,6 @@
 #include <netinet/in.h>
 
 #include <array>
-#include <cstddef>
-#include <span>
 
 #include "server/player_table.h"
 #include "server/protocol.h"
@@ -22,29 +20,21 @@
 // without it. Each datagram to one address has its fixed text.
 enum class SendErrorText { WITH_BLANK, WITHOUT_BLANK };
 
-// The bytes of a record, for the length of a call.
-struct RecordBytes : std::span<const std::byte> {
-  template <WireRecord Record>
-  RecordBytes(const Record& record) : span(std::as_bytes(std::span(&record, 1))) {
-    static_assert(std::is_aggregate_v<Record>, "a view would send its own pointer");
-  }
-};
-
 // A failed send prints its line, and the caller carries on.
-void send_record(const sockaddr_in& destination, RecordBytes record, SendErrorText error_text);
+void send_record(const sockaddr_in& destination, Datagram record, SendErrorText error_text);
 
 // To every player in the game, in slot order.
-void broadcast_all(RecordBytes record);
+void broadcast_all(Datagram record);
 
 // To every player in the game except the one in this slot. NO_SLOT leaves out nobody.
-void broadcast_except_sender(RecordBytes record, Slot slot);
+void broadcast_except_sender(Datagram record, Slot slot);
 
 // The common last step of the handlers: the other players get the record, which is about the player
 // in this slot. Main thread.
-void relay_to_others(RecordBytes record, Slot slot);
+void relay_to_others(Datagram record, Slot slot);
 
 // A record about the player that was seen in this seat, to one address. Main thread.
-void send_record_about(Slot slot, Seat seen, const sockaddr_in& destination, RecordBytes record);
+void send_record_about(Slot slot, Seat seen, const sockaddr_in& destination, Datagram record);
 
 // A line of the server's own to every player in the game.
 void broadcast_text(const std::array<char, TEXT_WIDTH>& text);

@@ -27,8 +27,8 @@ static void get_out(Slot slot, const char* how) {
 }
 
 // Getting in while in a car, or out while on foot, stores the position and does nothing else.
-void handle_vehicle(Slot slot, const Datagram& datagram) {
-  const auto report = read_record<Vehicle>(datagram);
+void handle_vehicle(Slot slot, const ReceivedDatagram& datagram) {
+  const auto report = record_of<Vehicle>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
   player.state.position = report.position;
   const bool got_in = report.got_in != 0;
@@ -38,21 +38,21 @@ void handle_vehicle(Slot slot, const Datagram& datagram) {
 }
 
 // Unlike CMD_VEHICLE, CMD_CAR_STATE and CMD_LEAVE_CAR do not ask whether the player was in a car.
-void handle_car_state(Slot slot, const Datagram& datagram) {
-  const auto report = read_record<CarStateReport>(datagram);
+void handle_car_state(Slot slot, const ReceivedDatagram& datagram) {
+  const auto report = record_of<CarStateReport>(datagram.bytes);
   send_game_clock(datagram.sender);
   player_table[slot].state.position = report.position;
   get_in(slot, report.car);
 }
 
-void handle_leave_car(Slot slot, const Datagram& datagram) {
+void handle_leave_car(Slot slot, const ReceivedDatagram& datagram) {
   send_game_clock(datagram.sender);
   get_out(slot, "Left his Car");
 }
 
 // A player on foot is no longer in a car. The relay about the car still carries the old float.
-void handle_foot_update(Slot slot, const Datagram& datagram) {
-  const auto update = read_record<FootUpdate>(datagram);
+void handle_foot_update(Slot slot, const ReceivedDatagram& datagram) {
+  const auto update = record_of<FootUpdate>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
   if (player.in_car != 0) get_out(slot, "has Left his Car");
   player.state.state_f1 = update.state_f1;
@@ -61,7 +61,7 @@ void handle_foot_update(Slot slot, const Datagram& datagram) {
 
 // The last step of the partial updates. They are stored in any case; they are relayed only while
 // the player sits in a car, and otherwise answered.
-static void relay_if_in_car(Slot slot, RecordBytes relay, const Datagram& datagram) {
+static void relay_if_in_car(Slot slot, Datagram relay, const ReceivedDatagram& datagram) {
   if (player_table[slot].in_car != 0) {
     relay_to_others(relay, slot);
   } else {
@@ -69,20 +69,20 @@ static void relay_if_in_car(Slot slot, RecordBytes relay, const Datagram& datagr
   }
 }
 
-void handle_car_block_a(Slot slot, const Datagram& datagram) {
-  const auto update = read_record<CarBlockAUpdate>(datagram);
+void handle_car_block_a(Slot slot, const ReceivedDatagram& datagram) {
+  const auto update = record_of<CarBlockAUpdate>(datagram.bytes);
   player_table[slot].car.car_block_a = update.car_block_a;
   relay_if_in_car(slot, PlayerCarBlockA{.slot = slot, .car_block_a = update.car_block_a}, datagram);
 }
 
-void handle_car_block_b(Slot slot, const Datagram& datagram) {
-  const auto update = read_record<CarBlockBUpdate>(datagram);
+void handle_car_block_b(Slot slot, const ReceivedDatagram& datagram) {
+  const auto update = record_of<CarBlockBUpdate>(datagram.bytes);
   player_table[slot].car.car_block_b = update.car_block_b;
   relay_if_in_car(slot, PlayerCarBlockB{.slot = slot, .car_block_b = update.car_block_b}, datagram);
 }
 
-void handle_car_status(Slot slot, const Datagram& datagram) {
-  const auto update = read_record<CarStatus>(datagram);
+void handle_car_status(Slot slot, const ReceivedDatagram& datagram) {
+  const auto update = record_of<CarStatus>(datagram.bytes);
   CarState& car = player_table[slot].car;
   car.car_byte = update.car_byte;
   car.car_float = update.car_float;

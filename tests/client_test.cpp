@@ -25,7 +25,7 @@ std::string line_of(const GamePicture& picture, Slot slot) {
 }
 
 void hear_words(GamePicture& picture, const std::string& words, std::uint64_t now_ms = 5'000) {
-  hear(picture, bytes_of(words), now_ms);
+  picture_hear(picture, bytes_of(words), now_ms);
 }
 
 // Floats: 1, 2, 4 and 8.
@@ -63,9 +63,9 @@ TEST(PictureTest, BelievesEachDatagram) {
     const std::string before = line_of(picture, 5);
     Bytes bytes = bytes_of(step.words);
     bytes.push_back(0);
-    hear(picture, bytes, 5'000);
+    picture_hear(picture, bytes, 5'000);
     bytes.resize(bytes.size() - 2);
-    hear(picture, bytes, 5'000);
+    picture_hear(picture, bytes, 5'000);
     EXPECT_EQ(line_of(picture, 5), before) << "too long or too short: " << step.words;
     hear_words(picture, step.words);
     EXPECT_EQ(line_of(picture, 5), step.expected) << step.words;

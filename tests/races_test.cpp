@@ -114,7 +114,8 @@ TEST_F(RacesTest, ASlotIsTakenOnlyAfterTheNoticeOfItsLastPlayer) {
 // As if they were timed out between the look-up of the sender and what is done for it.
 TEST_F(RacesTest, WhoIsGoneNeitherLeavesNorReconnectsOnceMore) {
   ping_pass();
-  const Datagram datagram{.bytes = receive_buffer, .received = 1, .sender = newcomer.address};
+  const ReceivedDatagram datagram{
+      .bytes = receive_buffer, .received = 1, .sender = newcomer.address};
   EXPECT_EQ(printed_by([&] { handle_leave(1, datagram); }), "");
   EXPECT_EQ(player_count, 2);
   const Bytes request = join_request("New");

@@ -282,7 +282,8 @@ TEST_F(GameTest, DropsAJoinThatCannotBeAnswered) {
   sender.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   for (const bool has_port : {false, true}) {
     sender.sin_port = has_port ? 9 : 0;
-    const Datagram join{.bytes = receive_buffer, .received = request.size(), .sender = sender};
+    const ReceivedDatagram join{
+        .bytes = receive_buffer, .received = request.size(), .sender = sender};
     const std::string printed = printed_by([&] { dispatch_datagram(join); });
     EXPECT_EQ(printed, has_port ? "A, Player [0] Connected!\n" : "");
     EXPECT_EQ(player_count, has_port ? 1 : 0);

@@ -24,7 +24,7 @@ struct Box {
 // Around the players with a place; without any, low lies above high.
 static Box box_of(const GamePicture& picture) {
   Box box;
-  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+  for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     const PlayerPicture& player = picture.players[slot];
     const auto place = place_of(player.state.position);
     if (!player.has_record || slot == picture.own_slot || !place) continue;

@@ -79,9 +79,9 @@ static void ask_for_all(Visit& visit, std::uint64_t silence_ms) {
   int quiet_rounds = 0;
   while (quiet_rounds < QUIET_ROUNDS && monotonic_ms() < end_ms && visit.signal == 0) {
     const std::ptrdiff_t known_before = known_players(picture);
-    for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+    for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
       if (picture.players[slot].has_record || slot == picture.own_slot) continue;
-      send_datagram(session.socket, datagram_of(GetPlayerInfo{.slot = slot}));
+      send_datagram(session.socket, GetPlayerInfo{.slot = slot});
     }
     hear_answers(visit, silence_ms, end_ms);
     quiet_rounds = known_players(picture) > known_before ? 0 : quiet_rounds + 1;
@@ -110,7 +110,7 @@ static std::string json_of_player(Slot slot, const PlayerPicture& player) {
 
 static void print_json(const GamePicture& picture) {
   std::string players;
-  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+  for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     const PlayerPicture& player = picture.players[slot];
     if (!player.has_record) continue;
     if (!players.empty()) players += ',';
@@ -123,7 +123,7 @@ static void print_json(const GamePicture& picture) {
 static void print_table(const GamePicture& picture) {
   std::string lines;
   int count = 0;
-  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+  for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     const PlayerPicture& player = picture.players[slot];
     if (!player.has_record) continue;
     ++count;

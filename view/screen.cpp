@@ -96,9 +96,9 @@ static void draw_player(const ViewState& view, Slot slot, int columns, int rows)
 
 // The PinkPanther comes last, over all others.
 static void draw_map(const ViewState& view, int columns, int rows) {
-  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) draw_player(view, slot, columns, rows);
+  for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) draw_player(view, slot, columns, rows);
   const Slot pinkpanther = view.session.picture.pinkpanther;
-  if (pinkpanther < PICTURE_SLOTS) draw_player(view, pinkpanther, columns, rows);
+  if (pinkpanther < MAX_CLIENTS) draw_player(view, pinkpanther, columns, rows);
 }
 
 static void draw_row(const GamePicture& picture, Slot slot, int row, int column,
@@ -121,7 +121,7 @@ static void draw_row(const GamePicture& picture, Slot slot, int row, int column,
 static void draw_list(const GamePicture& picture, int column, int rows, std::uint64_t now_ms) {
   int row = 2;
   int count = 0;
-  for (Slot slot = 0; slot < PICTURE_SLOTS; ++slot) {
+  for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     if (!is_shown(picture, slot)) continue;
     ++count;
     if (row < rows) draw_row(picture, slot, row++, column, now_ms);
