@@ -8,7 +8,7 @@
 #include <chrono>
 #include <cstdint>
 
-inline constexpr unsigned MAX_PLAYERS = 32;
+#include "server/protocol.h"
 
 enum class Update { POSITION, CAR_STATE, DEATH, STATE_FLOATS };
 
@@ -19,7 +19,7 @@ struct Player {
 };
 
 struct Crowd {
-  std::array<Player, MAX_PLAYERS> players;
+  std::array<Player, MAX_CLIENTS> players;
   unsigned size = 0;
   Update kind = Update::POSITION;
   std::uint32_t sent = 0;   // updates since the start, which numbers them

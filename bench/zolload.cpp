@@ -73,7 +73,7 @@ int main(int count, char** arguments) {
   const unsigned players = count == 4 ? static_cast<unsigned>(std::atoi(arguments[3])) : 0;
   sockaddr_in server{};
   std::string complaint;
-  if (players < 2 || players > MAX_PLAYERS || !resolve_server(arguments[2], server, complaint)) {
+  if (players < 2 || players > MAX_CLIENTS || !resolve_server(arguments[2], server, complaint)) {
     std::cerr << "usage: zolload server|floor HOST:PORT PLAYERS(2..32)\n" << complaint << "\n";
     return EXIT_FAILURE;
   }

@@ -16,11 +16,11 @@
 
 #include <array>
 #include <cstdint>
-#include <ctime>
 
 #include "bots/expectations.h"
 #include "bots/histogram.h"
 #include "bots/options.h"
+#include "client/monotonic.h"
 #include "server/protocol.h"
 
 inline constexpr std::uint8_t NO_BOT = 255;
@@ -103,13 +103,6 @@ struct Fleet {
 };
 
 extern Fleet fleet;
-
-inline std::uint64_t monotonic_ns() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
-         static_cast<std::uint64_t>(now.tv_nsec);
-}
 
 // bot_life.cpp: how bots join, enter and leave.
 

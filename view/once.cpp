@@ -12,9 +12,9 @@
 #include <string>
 
 #include "client/client_session.h"
+#include "client/monotonic.h"
 #include "client/stop_signals.h"
 #include "text/latin1.h"
-#include "view/monotonic.h"
 
 // Datagrams may be lost: a join is tried so often, and questions are asked until so many rounds in
 // a row have brought nobody new.

@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "client/monotonic.h"
 #include "client/stop_signals.h"
-#include "view/monotonic.h"
 #include "view/once.h"
 #include "view/options.h"
 #include "view/screen.h"
