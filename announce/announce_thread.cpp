@@ -3,8 +3,8 @@
 #include "announce/master_requests.h"
 #include "config/server_config.h"
 #include "server/clock.h"
+#include "server/pinkpanther.h"
 #include "server/player_table.h"
-#include "server/server_state.h"
 #include "util/console.h"
 
 // The master server's verdict. A refusal prints its line.
@@ -15,12 +15,6 @@ static std::int8_t announce(AnnounceState& state, std::uint32_t now) {
     console_print("Could not announce server at the zol master server - Check your config...\n");
   }
   return verdict;
-}
-
-// Once listed, a server of CatchPinkPanther begins with a new choice.
-static void ask_for_first_pinkpanther() {
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) player_table[slot].is_pinkpanther = 0;
-  pinkpanther_reselect = server_config.GameType == CATCH_PINKPANTHER ? 1 : 0;
 }
 
 bool announce_first(AnnounceState& state) {
@@ -34,7 +28,7 @@ bool announce_first(AnnounceState& state) {
     console_print("This server was updated on the zol server list\n");
   }
   state.previous_count = count_used_slots();
-  ask_for_first_pinkpanther();
+  restart_pinkpanther();
   return true;
 }
 

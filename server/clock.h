@@ -12,5 +12,10 @@ std::uint32_t uptime_ms();
 // The milliseconds that uptime_ms makes of an uptime.
 std::uint32_t seconds_to_ms(double seconds);
 
+// Signed, so that a time ahead of now counts as negative. It holds across the wrap.
+inline std::int32_t ms_between(std::uint32_t since, std::uint32_t now) {
+  return static_cast<std::int32_t>(now - since);
+}
+
 void sleep_us(std::uint32_t microseconds);
 void sleep_ms(std::uint32_t milliseconds);

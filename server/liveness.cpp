@@ -1,22 +1,14 @@
 #include "server/liveness.h"
 
-#include "config/server_config.h"
 #include "server/clock.h"
 #include "server/membership.h"
+#include "server/pinkpanther.h"
 #include "server/player_table.h"
 #include "server/seams.h"
 #include "server/sending.h"
-#include "server/server_state.h"
 #include "util/console.h"
 
 static constexpr std::int32_t SILENCE_LIMIT_MS = 100'000;
-static constexpr std::int32_t PINKPANTHER_TERM_MS = 119'999;
-
-// Signed, so that a time ahead of now, as a join sets it, counts as negative; it holds across the
-// wrap of the 32-bit clock.
-static std::int32_t ms_between(std::uint32_t since, std::uint32_t now) {
-  return static_cast<std::int32_t>(now - since);
-}
 
 static void time_out(Slot slot, Seat seen) {
   PlayerSlot& player = player_table[slot];
@@ -42,15 +34,6 @@ static void check_player(Slot slot, std::uint32_t now) {
     time_out(slot, seen);
   } else if (seen.state == SeatState::IN_GAME) {
     ping(player, seen, now);
-  }
-}
-
-// reselect is read before since: the main thread clears it after a choice, behind since. The other
-// way round this could see the time from before a choice and the flag from after it.
-static void rotate_pinkpanther(std::uint32_t now) {
-  if (server_config.GameType == CATCH_PINKPANTHER && pinkpanther_reselect == 0 &&
-      ms_between(pinkpanther_since, now) > PINKPANTHER_TERM_MS && player_count > 1) {
-    pinkpanther_reselect = 1;
   }
 }
 

@@ -71,7 +71,8 @@ void handle_join(Slot slot, const ReceivedDatagram& datagram) {
   copy_text(answer.welcome_message, server_config.WelcomeMessage);
   send_record(datagram.sender, answer, SendErrorText::WITHOUT_BLANK);
 
-  if (++player_count > 1 && pinkpanther_slot == NO_SLOT) pinkpanther_reselect = 1;
+  ++player_count;
+  ask_for_pinkpanther_after_join();
 }
 
 void handle_leave(Slot slot, const ReceivedDatagram& /*datagram*/) {

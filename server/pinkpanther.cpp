@@ -6,13 +6,44 @@
 #include "server/server_state.h"
 #include "util/console.h"
 
-PinkPanther pinkpanther_notice() {
+static constexpr std::int32_t TERM_MS = 119'999;
+
+static bool is_played() {
+  return server_config.GameType == CATCH_PINKPANTHER;
+}
+
+static PinkPanther pinkpanther_notice() {
   return {.slot = pinkpanther_slot == NO_SLOT ? NOBODY : pinkpanther_slot};
+}
+
+// Whatever the game type.
+void ask_for_pinkpanther_after_join() {
+  if (player_count > 1 && pinkpanther_slot == NO_SLOT) pinkpanther_reselect = 1;
+}
+
+void give_up_pinkpanther(PlayerSlot& player) {
+  if (player.is_pinkpanther != 1) return;
+  if (player_count > 1) pinkpanther_reselect = 1;
+  player.is_pinkpanther = 0;
+}
+
+// reselect is read before since: the main thread clears it after a choice, and sets since before.
+// In the other order this could read the time from before a choice and the flag from after it.
+void rotate_pinkpanther(std::uint32_t now) {
+  if (is_played() && pinkpanther_reselect == 0 && ms_between(pinkpanther_since, now) > TERM_MS &&
+      player_count > 1) {
+    pinkpanther_reselect = 1;
+  }
+}
+
+void restart_pinkpanther() {
+  for (Slot slot = 0; slot < slots_in_play(); ++slot) player_table[slot].is_pinkpanther = 0;
+  pinkpanther_reselect = is_played() ? 1 : 0;
 }
 
 // A player who has not entered the game may be chosen, and the holder again when it is alone.
 void run_pinkpanther_step() {
-  if (server_config.GameType != CATCH_PINKPANTHER || pinkpanther_reselect == 0) return;
+  if (!is_played() || pinkpanther_reselect == 0) return;
   const Slot candidate = next_used_slot(pinkpanther_slot);
   for (PlayerSlot& player : player_table) player.is_pinkpanther = 0;
   pinkpanther_slot = player_count > 1 ? candidate : NO_SLOT;
@@ -27,8 +58,7 @@ void run_pinkpanther_step() {
   pinkpanther_reselect = 0;
 }
 
-void give_up_pinkpanther(PlayerSlot& player) {
-  if (player.is_pinkpanther != 1) return;
-  if (player_count > 1) pinkpanther_reselect = 1;
-  player.is_pinkpanther = 0;
+void tell_newcomer_of_pinkpanther(const sockaddr_in& newcomer) {
+  if (!is_played() || player_count <= 1) return;
+  send_record(newcomer, pinkpanther_notice(), SendErrorText::WITHOUT_BLANK);
 }

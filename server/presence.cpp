@@ -61,9 +61,7 @@ void handle_enter_game(Slot slot, const ReceivedDatagram& datagram) {
     relay_to_others(player_info_of(slot, true), slot);
   }
   send_all_records(datagram.sender);
-  if (server_config.GameType == CATCH_PINKPANTHER && player_count > 1) {
-    send_record(datagram.sender, pinkpanther_notice(), SendErrorText::WITHOUT_BLANK);
-  }
+  tell_newcomer_of_pinkpanther(datagram.sender);
 }
 
 // The server answers only about other players in the game. The seat of the one asked about, if it

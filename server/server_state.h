@@ -27,11 +27,4 @@ inline constinit std::atomic<std::int32_t> player_count = 0;
 // The slot that the latest join request found free, NO_SLOT when it found none. Main thread.
 inline constinit Slot last_join_slot = 0;
 
-// The PinkPanther, NO_SLOT for nobody. Main thread.
-inline constinit Slot pinkpanther_slot = NO_SLOT;
-// Set by any thread that wants a new choice; the main thread makes it.
-inline constinit std::atomic<std::uint8_t> pinkpanther_reselect = 0;
-// uptime_ms of the last choice. Written by the main thread, read by the ping thread.
-inline constinit std::atomic<std::uint32_t> pinkpanther_since = 0;
-
 static_assert(decltype(player_count)::is_always_lock_free);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "server/clock.h"
+#include "server/pinkpanther.h"
 #include "server/player_table.h"
 #include "server/server_state.h"
 
