@@ -12,7 +12,8 @@
 #include "server/liveness.h"
 #include "server/main_loop.h"
 #include "server/server_state.h"
-#include "server/shutdown.h"
+#include "server/stop_signals.h"
+#include "server/worker_threads.h"
 #include "util/console.h"
 
 static constexpr const char* HELP =

@@ -5,8 +5,10 @@
 #include "net/sflsock.h"
 #include "server/clock.h"
 #include "server/command_table.h"
+#include "server/sending.h"
 #include "server/server_state.h"
-#include "server/shutdown.h"
+#include "server/stop_signals.h"
+#include "util/console.h"
 
 // After any error but "nothing waits", so that one that stays cannot take the processor.
 static constexpr std::uint32_t ERROR_PAUSE_US = 50;
@@ -27,4 +29,9 @@ void run_main_loop() {
   while (!stop_requested()) {
     if (!drain_socket() || !wait_for_input_or_stop(server_socket)) sleep_us(ERROR_PAUSE_US);
   }
+}
+
+void tell_of_stop() {
+  console_print("Exitting...\n");
+  broadcast_all(ServerShutdown{});
 }

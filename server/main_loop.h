@@ -8,3 +8,6 @@ bool drain_socket();
 // Drains the socket and waits on it, by turns, until a stop is requested. Nothing is polled: a
 // server without datagrams uses no processor time.
 void run_main_loop();
+
+// Prints that the server stops and tells every player in the game.
+void tell_of_stop();

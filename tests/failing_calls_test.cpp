@@ -19,7 +19,7 @@
 #include "server/player_table.h"
 #include "server/sending.h"
 #include "server/server_state.h"
-#include "server/shutdown.h"
+#include "server/stop_signals.h"
 #include "tests/loopback.h"
 #include "util/console.h"
 

@@ -37,7 +37,7 @@
 #include "net/socket_layer_state.h"
 #include "server/command_table.h"
 #include "server/liveness.h"
-#include "server/shutdown.h"
+#include "server/stop_signals.h"
 #include "tests/game.h"
 #include "tests/master.h"
 

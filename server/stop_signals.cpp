@@ -1,16 +1,13 @@
-#include "server/shutdown.h"
+#include "server/stop_signals.h"
 
 #include <poll.h>
-#include <pthread.h>
 
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
 
-#include "server/sending.h"
 #include "server/server_state.h"
-#include "util/console.h"
 
 static constexpr std::array<int, 3> STOP_SIGNALS = {SIGINT, SIGHUP, SIGTERM};
 
@@ -21,8 +18,7 @@ static void shutdown_handler(int /*signal*/) {
   if (pthread_equal(pthread_self(), main_thread_id) != 0) stop_flag = true;
 }
 
-// Returns the calling thread's mask from before.
-static sigset_t block_stop_signals() {
+sigset_t block_stop_signals() {
   sigset_t signals;
   sigset_t kept_signals;
   sigemptyset(&signals);
@@ -51,20 +47,4 @@ bool wait_for_input_or_stop(int handle) {
   const int ready = stop_requested() ? 0 : ppoll(&wait, 1, nullptr, &kept_signals);
   pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
   return ready != -1 || errno == EINTR;
-}
-
-bool start_worker_thread(const char* name, void* (*body)(void*)) {
-  const sigset_t kept_signals = block_stop_signals();
-  pthread_t thread{};
-  const bool started = pthread_create(&thread, nullptr, body, nullptr) == 0;
-  pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
-  if (!started) return false;
-  pthread_setname_np(thread, name);
-  pthread_detach(thread);
-  return true;
-}
-
-void tell_of_stop() {
-  console_print("Exitting...\n");
-  broadcast_all(ServerShutdown{});
 }
