@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <cerrno>
+#include <fstream>
 #include <string>
 
 #include "announce/master_server.h"
@@ -36,6 +37,21 @@ TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
     EXPECT_EQ(socket_layer_state.open_sockets, 0);
   }
   socket_layer_state.port_offset = 0;
+}
+
+// The kernel gives what it allows, and doubles it for its own use, see socket(7).
+TEST(SflsockTest, AsksForLargeBuffers) {
+  const int handle = udp_open_port(std::to_string(free_port()).c_str());
+  for (const auto& [option, file] : {std::pair(SO_RCVBUF, "/proc/sys/net/core/rmem_max"),
+                                     std::pair(SO_SNDBUF, "/proc/sys/net/core/wmem_max")}) {
+    int most = 0;
+    std::ifstream(file) >> most;
+    int size = 0;
+    socklen_t length = sizeof size;
+    getsockopt(handle, SOL_SOCKET, option, &size, &length);
+    EXPECT_EQ(size, 2 * std::min(most, 4 << 20)) << file;
+  }
+  socket_close(handle);
 }
 
 TEST(SflsockTest, SaysWhyItCannotOpen) {
