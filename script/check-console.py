@@ -142,7 +142,7 @@ def try_console(program, name):
         with open(f"{folder}/zolserver.cfg", "w", encoding="ascii") as settings:
             settings.write(f"Port={port}\n")
         # Without the right of root to open every file.
-        command = ["setpriv", "--bounding-set=-dac_override"] if os.getuid() == 0 else []
+        command = ["setpriv", "--securebits=+noroot"] if os.getuid() == 0 else []
         server = subprocess.Popen([*command, program], cwd=folder, stdout=writer)
         os.close(writer)
         reading = threading.Thread(target=read_slowly, args=(reader, rate, log), daemon=True)

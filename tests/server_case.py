@@ -88,6 +88,14 @@ class ServerCase(unittest.TestCase):
         self.assertLess(reply[3], 20, "minute of a server that has just started")
         return player
 
+    def say_unknown(self, player, count):
+        """Has the server print a line for each; returns when it has handled all of them."""
+        for first in range(0, count, 100):
+            for _ in range(min(100, count - first)):
+                player.say(200)
+            player.say(15, 100)
+            self.assertEqual(player.heard()[0], 16)
+
     def proc(self, name):
         return pathlib.Path(f"/proc/{self.server.pid}", name)
 
