@@ -8,7 +8,7 @@
 -- Who sent a datagram is told by its ports: what goes to the server's port comes from a client.
 -- Where a client uses the server's port number too, its datagrams cannot be told apart.
 
--- Every layout as it lies on the wire, written by script/check-protocol from server/protocol.h. A
+-- Every layout as it lies on the wire, written by script/checks/protocol from server/protocol.h. A
 -- field is {offset, width, name, kind}; byte 0, the command, stands in no row.
 -- BEGIN
 local RECEIVE_BUFFER_SIZE = 256

@@ -28,7 +28,7 @@ LIST = "http://127.0.0.1:80"
 def fail(message):
     for log in [*pathlib.Path().glob("server-*/console"), *pathlib.Path().glob("list/*.log")]:
         print(f"{log}:\n{log.read_text()[-2000:]}", file=sys.stderr)
-    raise SystemExit(f"check-announce: {message}")
+    raise SystemExit(f"announce: {message}")
 
 
 def enter_namespace():
@@ -202,7 +202,7 @@ def main():
             check_servers(stack, clock)
         subprocess.run(["umount", "/proc/uptime"], check=True)
         check_silent_master()
-    print("check-announce: listed, counted, removed, refused and listed again; undisturbed by silence")
+    print("announce: listed, counted, removed, refused and listed again; undisturbed by silence")
 
 
 main()

@@ -2,7 +2,7 @@
 """Checks that a slow console slows no player: two of them exchange positions while a third makes the
 server print more lines than its console takes.
 
-Usage: script/check-console [ZOLSERVER]      (default: the build's; half a minute)
+Usage: script/checks/console [ZOLSERVER]      (default: the build's; half a minute)
 
 The consoles run at the same time, each with a server and players of its own."""
 
@@ -184,7 +184,7 @@ def main():
     tries = [subprocess.Popen([sys.executable, __file__, program, name]) for name in CONSOLES]
     if any([each.wait() != 0 for each in tries]):
         fail("a console delays players")
-    print("check-console: no console delays a player")
+    print("console: no console delays a player")
 
 
 if __name__ == "__main__":

@@ -133,7 +133,7 @@ def main():
             check(way, act, "dumb")
     finally:
         end_children()
-    print(f"check-demo: ended well in {len(WAYS) + len(SIGNALS)} ways")
+    print(f"demo: ended well in {len(WAYS) + len(SIGNALS)} ways")
 
 
 if __name__ == "__main__":

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Captures real traffic of build/zolserver and checks that wireshark/zol.lua understands all of it.
 
-Usage: script/check-dissector         (Debian packages: tshark, python3; takes about 15 seconds)
+Usage: script/checks/dissector         (Debian packages: tshark, python3; takes about 15 seconds)
 
 Two servers play the worked sessions of docs/protocol.md, one of them also serves build/zolbots.
 Every datagram must decode without complaint, every code must be seen in each of its directions, and

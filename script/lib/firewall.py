@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Checks packaging/zolserver.nft: what strangers do to a server is cut, players pass untouched.
 
-Usage: script/check-firewall [RULES]         (default: packaging/zolserver.nft; about a minute)
+Usage: script/checks/firewall [RULES]         (default: packaging/zolserver.nft; about a minute)
 
 A server, players and strangers have a network namespace each. Every attack runs twice, on a server
 that has just started: without the rules, which shows that there is something to cut, and with them.
@@ -277,7 +277,7 @@ def check(rules_file):
     with tempfile.TemporaryDirectory() as work:
         check_attacks(pathlib.Path(work), rules)
         check_players(pathlib.Path(work), rules)
-    print("check-firewall: players pass, attacks do not")
+    print("firewall: players pass, attacks do not")
 
 
 def enter(rules_file):
@@ -299,7 +299,7 @@ def main():
             rules = (sys.argv[1:] or [ROOT / "packaging/zolserver.nft"])[0]
             enter(str(pathlib.Path(rules).resolve()))
         case _:
-            fail("usage: script/check-firewall [RULES]")
+            fail("usage: script/checks/firewall [RULES]")
 
 
 if __name__ == "__main__":

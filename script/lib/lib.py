@@ -6,7 +6,7 @@ import subprocess
 import sys
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 READY_S = 30  # until a program that gives no sign counts as stuck
 

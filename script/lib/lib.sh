@@ -1,5 +1,8 @@
-# What the scripts share; to be sourced.
+# What the bash scripts share; to be sourced before any cd.
 # shellcheck shell=bash
+
+script=$(realpath "$0")
+root=$(realpath "${BASH_SOURCE[0]%/*}/../..")
 
 fail() {
   echo "${0##*/}: $1" >&2
@@ -13,7 +16,7 @@ arguments() {
   shift
   case "${1:-}" in
     -h | --help)
-      sed -n '2,/^[^#]/ { /^#/ s/^# \?//p }' "${BASH_SOURCE[0]%/*}/${0##*/}"
+      sed -n '2,/^[^#]/ { /^#/ s/^# \?//p }' "$script"
       exit 0
       ;;
   esac

@@ -3,7 +3,7 @@
 with none; on a wide screen, on a phone, in the light and in the dark. Leaves pictures in
 build/list-page.
 
-    script/check-list-page [--write-docs]      also draws docs/listing.svg anew"""
+    script/checks/list-page [--write-docs]      also draws docs/listing.svg anew"""
 
 import re
 import shutil
@@ -105,7 +105,7 @@ def main():
         driver.quit()
     if sys.argv[1:] == ["--write-docs"]:
         draw_document()
-    print(f"check-list-page: well; the pictures are in {PICTURES.relative_to(ROOT)}")
+    print(f"list-page: well; the pictures are in {PICTURES.relative_to(ROOT)}")
 
 
 main()

@@ -307,7 +307,7 @@ def main():
                                         f"{name} of {HEADERS[0]}", lineterm="")
     print("\n".join(changes), end="\n" if changes else "")
     if changes and not options.write:
-        fail("run script/check-protocol --write, or mend the header")
+        fail("run script/checks/protocol --write, or mend the header")
     fields = sum(len(each.fields) for each in protocol.datagrams)
     print(f"{len(protocol.datagrams)} datagrams with {fields} fields are the same in {HEADERS[0]}, "
           f"{', '.join(writers)}")

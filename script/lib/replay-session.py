@@ -13,7 +13,7 @@ import re
 import socket
 import sys
 
-DOCUMENT = pathlib.Path(__file__).resolve().parent.parent / "docs/protocol.md"
+DOCUMENT = pathlib.Path(__file__).resolve().parents[2] / "docs/protocol.md"
 TIME_OF_DAY = {16: slice(2, 4), 72: slice(1, 3)}  # by code
 PING = b"\x01"
 REPLY_SECONDS = 2.0
