@@ -95,6 +95,8 @@ def read_headers():
     records, blocks = {}, []
     for struct in structs.values():
         first = next(struct.get_children())
+        if first.kind == clang.CursorKind.CXX_BASE_SPECIFIER:
+            continue  # a view of any bytes
         sender = SENDERS.get(first.type.spelling)
         if not sender:
             blocks.append(Block(struct.spelling, struct.type.get_size(), fields_of(struct)))
