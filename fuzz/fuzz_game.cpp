@@ -13,6 +13,7 @@
 #include "fuzz/check.h"
 #include "server/command_table.h"
 #include "server/liveness.h"
+#include "server/pinkpanther.h"
 #include "server/player_table.h"
 #include "server/server_state.h"
 #include "tests/fake_clock.h"
