@@ -9,7 +9,7 @@ import sys
 import tempfile
 import unittest
 
-PATIENCE_S = 60  # until a test gives a stuck server up
+PATIENCE_S = int(os.environ.get("ZOL_PATIENCE_S", "60"))  # until a test gives a stuck server up
 RULE = "-" * 38 + "\n"
 PING, FULL_JOIN = b"\1", b"\nBob" + bytes(62) + b"\x28\0"
 ZOLSERVER = os.path.realpath(sys.argv.pop(1))

@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Measures the tests: breaks the server's code in random places, one at a time, and counts the
-breaks that no test of the server sees. Such a survivor is a promise without a test, a line that can
-go, or a change that makes no difference. Ctrl-C ends a run early; build-mutate/report.txt is always
-up to date. Equal seed and code give equal breaks. A broken server reaches nothing outside the
-namespaces of the run, and nothing outlives it."""
+"""Measures the tests: breaks the programs' code in random places, one at a time, and counts the
+breaks that no test sees. Such a survivor is a promise without a test, a line that can go, or a
+change that makes no difference. Ctrl-C ends a run early; build-mutate/report.txt is always up to
+date. Equal seed and code give equal breaks. A broken program reaches nothing outside the namespaces
+of the run, and nothing outlives it."""
 
 import argparse
 import collections
@@ -30,7 +30,8 @@ import time
 from lib import ROOT
 
 WORK = ROOT / "build-mutate"
-SOURCES = re.compile(r"(util|net|config|server|announce)/.*\.(cpp|h)")
+FOLDERS = ["util", "net", "config", "server", "announce", "check", "client", "bots", "text", "view",
+           "listing"]  # fmt: skip
 BUILD_LIMIT = 900  # seconds
 TEST_LIMIT = 20  # seconds that every test gets, however fast it is on whole code
 LINK_SECONDS = 2  # about
@@ -63,7 +64,7 @@ STATEMENT = re.compile(
 
 Mutant = collections.namedtuple("Mutant", "file start end new")
 Result = collections.namedtuple("Result", "mutant verdict test seconds")
-Test = collections.namedtuple("Test", "seconds name command folder")
+Test = collections.namedtuple("Test", "seconds name command folder programs")
 REFUSED, KILLED, TIMED_OUT, SURVIVED = "refused", "killed", "timed out", "SURVIVED"
 
 
@@ -123,10 +124,16 @@ def read_tree():
     return {name: pathlib.Path(name).read_bytes() for name in names}
 
 
+def folder_of(name):
+    return name.partition("/")[0]
+
+
 def choose_mutants(tree, seed, only):
-    sources = [name for name in sorted(only or tree) if SOURCES.fullmatch(name)]
-    if only and set(only) != set(sources) & set(tree):
-        raise SystemExit("mutate: --only takes sources of the server, as git ls-files names them")
+    product = [name for name in sorted(tree)
+               if folder_of(name) in FOLDERS and name.endswith((".cpp", ".h"))]  # fmt: skip
+    if wrong := set(only) - set(product) - set(FOLDERS):
+        raise SystemExit(f"mutate: no folder or source of the programs: {', '.join(sorted(wrong))}")
+    sources = [name for name in product if {name, folder_of(name)} & set(only or FOLDERS)]
     chance = random.Random(seed)
     mutants = [
         Mutant(name, start, end, chance.choice(variants))
@@ -170,7 +177,7 @@ class Job:
 
     def __init__(self, number, tree):
         self.tree = tree
-        self.tests = collections.defaultdict(list)  # of each executable
+        self.tests = []
         self.kills = collections.Counter()
         self.folder = WORK / f"job-{number}"
         self.build = self.folder / "build-debug"
@@ -182,54 +189,68 @@ class Job:
             if not path.exists() or path.read_bytes() != content:
                 path.parent.mkdir(parents=True, exist_ok=True)
                 path.write_bytes(content)
-        # The tests of the view and the list take long and see little of the server.
-        without = ["-DCMAKE_UNITY_BUILD=OFF", "-DZOL_VIEW=OFF", "-DZOL_LIST=OFF"]
-        must_run(["cmake", "--preset", "debug", *without], self.folder)
+        must_run(["cmake", "--preset", "debug", "-DCMAKE_UNITY_BUILD=OFF"], self.folder)
         must_run(["ninja", "-j1"], self.build)
         listed = json.loads(must_run(["ctest", "--show-only=json-v1"], self.build))
         for test in listed["tests"]:
             command, properties = test["command"], test["properties"]
             folder = next(p["value"] for p in properties if p["name"] == "WORKING_DIRECTORY")
-            # What is tested, also where a script does it.
-            program = next(word for word in command if word.startswith(str(self.build)))
+            programs = [word for word in command if word.startswith(str(self.build))]
             name = test["name"]
             if any(word.startswith("--gtest_filter") for word in command):
-                if self.tests[program]:
-                    continue
                 # All of its tests in one process, which saves most of the time.
-                name, command = os.path.basename(program), [program, "--gtest_fail_fast"]
+                name, command = os.path.basename(programs[0]), [*programs, "--gtest_fail_fast"]
+            else:
+                command = [*command, "--failfast"]
+            if any(name == known.name for known in self.tests):
+                continue
             begin = time.monotonic()
             must_run(command, folder)
-            self.tests[program].append(Test(time.monotonic() - begin, name, command, folder))
+            seconds = time.monotonic() - begin
+            self.tests.append(Test(seconds, name, command, folder, programs))
         shutil.rmtree(self.whole, ignore_errors=True)
         shutil.copytree(self.build, self.whole, symlinks=True)
 
-    def cost(self, program):
-        """Seconds until the executable kills a mutant, going by what it did so far."""
-        seconds = LINK_SECONDS + sum(test.seconds for test in self.tests[program])
-        return seconds / (self.kills[program] + 1)
+    def cost(self, test):
+        """Seconds until the test kills a mutant, going by what it did so far."""
+        return (LINK_SECONDS + test.seconds) / (self.kills[test.name] + 1)
+
+    def is_whole(self, path):
+        """Whether a file of the build is as whole code made it."""
+        kept = self.whole / path.relative_to(self.build)
+        return path.exists() and path.stat().st_mtime_ns == kept.stat().st_mtime_ns
+
+    def end_orphans(self):
+        """Ends the programs that a test has left behind."""
+        for process in pathlib.Path("/proc").glob("[0-9]*"):
+            with contextlib.suppress(OSError):
+                if os.readlink(process / "exe").startswith(str(self.build)):
+                    os.kill(int(process.name), signal.SIGKILL)
 
     def judge(self, mutant):
         """The verdict, and the test that gave it."""
         (self.folder / mutant.file).write_bytes(broken(self.tree, mutant).encode())
-        for program in sorted(self.tests, key=self.cost):
-            target = os.path.relpath(program, self.build)
-            if run(["ninja", "-j1", target], self.build, BUILD_LIMIT)[0] != 0:
+        for test in sorted(self.tests, key=self.cost):
+            targets = [os.path.relpath(program, self.build) for program in test.programs]
+            if run(["ninja", "-j1", *targets], self.build, BUILD_LIMIT)[0] != 0:
                 return REFUSED, ""
-            for test in sorted(self.tests[program]):
-                status, _ = run(test.command, test.folder, max(TEST_LIMIT, 10 * test.seconds))
-                if status != 0:
-                    self.kills[program] += 1
-                    return TIMED_OUT if status is None else KILLED, test.name
-        return SURVIVED, ""
+            if all(self.is_whole(pathlib.Path(program)) for program in test.programs):
+                continue
+            status, _ = run(test.command, test.folder, max(TEST_LIMIT, 5 * test.seconds))
+            if status != 0:
+                self.end_orphans()
+                self.kills[test.name] += 1
+                return TIMED_OUT if status is None else KILLED, test.name
+        # A program without a test is compiled as well.
+        status, _ = run(["ninja", "-j1"], self.build, BUILD_LIMIT)
+        return SURVIVED if status == 0 else REFUSED, ""
 
     def restore(self, mutant):
         """Puts files back instead of compiling again. The source comes last: a run that ends
         before finds it changed and compiles it."""
         for path in self.whole.rglob("*"):
             built = self.build / path.relative_to(self.whole)
-            same = built.exists() and built.stat().st_mtime_ns == path.stat().st_mtime_ns
-            if path.is_file() and not same:
+            if path.is_file() and not self.is_whole(built):
                 built.unlink(missing_ok=True)
                 shutil.copy2(path, built)
         source = self.folder / mutant.file
@@ -260,6 +281,7 @@ def start_jobs(tree, count):
     for _ in range(count):
         results.get()
     os.environ["CCACHE_DISABLE"] = "1"  # no mutant is compiled twice
+    os.environ["ZOL_PATIENCE_S"] = "10"  # of a test that waits for a broken program
     return mutants, results
 
 
@@ -281,18 +303,22 @@ def try_mutants(tree, options, done):
 
 
 def summary(done):
-    counts = collections.Counter(result.verdict for result in done)
-    compiled = len(done) - counts[REFUSED]
-    said = f"{counts[REFUSED]} did not compile, {compiled} did. Of those that did,\n"
-    said += f"{counts[KILLED]} failed a test, {counts[TIMED_OUT]} timed out, "
-    said += f"{counts[SURVIVED]} survived.\n"
-    if compiled == 0:
-        return said
-    share, z = counts[SURVIVED] / compiled, 1.96  # Wilson's interval
-    middle = share + z * z / 2 / compiled
-    reach = z * math.sqrt(share * (1 - share) / compiled + (z / 2 / compiled) ** 2)
-    low, high = (100 * x / (1 + z * z / compiled) for x in (middle - reach, middle + reach))
-    return f"{said}survived: {100 * share:.1f} %, 95 % interval {low:.1f} to {high:.1f} %\n"
+    """A line for each folder with its share of survivors and the 95 % interval by Wilson."""
+    said = f"{'folder':9}{REFUSED:>9}{'compiled':>10}{KILLED:>8}{TIMED_OUT:>11}{SURVIVED:>10}\n"
+    for folder in [*FOLDERS, ""]:
+        counts = collections.Counter(
+            result.verdict for result in done if folder in ("", folder_of(result.mutant.file)))
+        compiled = counts.total() - counts[REFUSED]
+        if compiled == 0:
+            continue
+        share, z = counts[SURVIVED] / compiled, 1.96
+        middle = share + z * z / 2 / compiled
+        reach = z * math.sqrt(share * (1 - share) / compiled + (z / 2 / compiled) ** 2)
+        low, high = (100 * x / (1 + z * z / compiled) for x in (middle - reach, middle + reach))
+        said += f"{folder or 'all':9}{counts[REFUSED]:9}{compiled:10}{counts[KILLED]:8}"
+        said += f"{counts[TIMED_OUT]:11}{counts[SURVIVED]:10} {100 * share:6.1f} %"
+        said += f" ({low:.1f} to {high:.1f} %)\n"
+    return said
 
 
 def shown(tree, mutant):
@@ -330,7 +356,8 @@ def read_options():
     parser.add_argument("--count", type=int, default=500, help="mutants that compile (500)")
     parser.add_argument("--seed", type=int, default=1, help="chooses them (1)")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="at once (cores)")
-    parser.add_argument("--only", nargs="+", default=[], metavar="FILE", help="break these alone")
+    parser.add_argument("--only", nargs="+", default=[], metavar="FOLDER",
+                        help="break these folders or files only")
     parser.add_argument("--isolated", action="store_true", help=argparse.SUPPRESS)
     return parser.parse_args()
 
@@ -348,7 +375,7 @@ def main():
     done = []
     with contextlib.suppress(KeyboardInterrupt):
         try_mutants(read_tree(), options, done)
-    print(f"\n{summary(done)}Survivors: build-mutate/report.txt", flush=True)
+    print(f"\n{summary(done)}Survivors in full: build-mutate/report.txt", flush=True)
     os._exit(0)  # what still runs ends with this process, the first of its namespace
 
 
