@@ -2,6 +2,7 @@
 
 Usage: check_test.py ZOLSERVER ZOLCHECK [TEST...]"""
 
+import ctypes
 import os
 import pathlib
 import subprocess
@@ -12,6 +13,8 @@ import unittest
 from server_case import PATIENCE_S, RULE, ServerCase, free_port
 
 ZOLCHECK = os.path.realpath(sys.argv.pop(1))
+LIBC, PR_CAPBSET_DROP, CAP_NET_BIND_SERVICE = ctypes.CDLL(None), 24, 10
+FIRST_FREE_PORT = int(pathlib.Path("/proc/sys/net/ipv4/ip_unprivileged_port_start").read_text())
 SAMPLE = pathlib.Path(__file__).resolve().parent.parent / "packaging/zolserver.cfg"
 
 
@@ -25,9 +28,9 @@ class CheckTest(ServerCase):
         if settings is not None:
             (path / "zolserver.cfg").write_text(settings)
 
-    def check(self, *arguments, timeout=PATIENCE_S):
+    def check(self, *arguments, timeout=PATIENCE_S, **options):
         result = subprocess.run([ZOLCHECK, *arguments], cwd=self.folder, capture_output=True,
-                                text=True, timeout=timeout)  # fmt: skip
+                                text=True, timeout=timeout, **options)  # fmt: skip
         return result.returncode, result.stdout, result.stderr
 
     def test_says_what_servers_will_use(self):
@@ -69,11 +72,13 @@ class CheckTest(ServerCase):
                 self.assertEqual((status, complaints), (2, complaint))
 
     def test_explains_the_longest_lines_in_time(self):
-        for key, last in (("a=", '1: unknown key "a"'), ("maxClients=", "1: and so on")):
+        for key, count, last in (("a=", 1, '1: unknown key "a"'),
+                                 ("maxClients=", 100, "1: and so on")):
             with self.subTest(key):
                 self.directory(key, (key * 2**20)[: 2**20])
                 status, _, doubts = self.check(key, timeout=5)
-                self.assertEqual((status, doubts.splitlines()[-1]), (1, f"{key}/zolserver.cfg:{last}"))
+                self.assertEqual((status, doubts.count("\n"), doubts.splitlines()[-1]),
+                                 (1, count, f"{key}/zolserver.cfg:{last}"))
 
     def test_keeps_two_servers_from_one_port(self):
         self.start_on_free_port("Foo=1\n")
@@ -86,6 +91,16 @@ class CheckTest(ServerCase):
         self.assertEqual(self.check("second")[0], 1, "the server itself may be what runs there")
         status, said, complaints = self.check("--start", "other")
         self.assertEqual((status, said, complaints.count("\n")), (0, "", 1))
+
+    @unittest.skipIf(FIRST_FREE_PORT < 1024, "any user may open any port here")
+    def test_says_when_a_port_takes_a_right(self):
+        self.directory("low", "Port=1023\n")
+        drop = lambda: LIBC.prctl(PR_CAPBSET_DROP, CAP_NET_BIND_SERVICE)
+        status, _, complaints = self.check("--start", "low", preexec_fn=drop)
+        self.assertEqual((status, complaints.splitlines()), (2, [
+            "low/zolserver.cfg:1: ports below 1024 take a right that a service lacks",
+            "low: port 1023 takes a right that is missing here",
+        ]))  # fmt: skip
 
 
 if __name__ == "__main__":

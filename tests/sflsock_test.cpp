@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <string>
@@ -73,7 +74,21 @@ TEST(SflsockTest, SaysWhyItCannotOpen) {
   EXPECT_EQ(socket_layer_state.open_sockets, 1);
   socket_layer_state.open_sockets = 0;
   close(taken);
-  EXPECT_STREQ(SOCKET_ERROR_TEXTS[SOCKERR_BIND_FAILED], "Port is already used by another server");
+}
+
+TEST(SflsockTest, HasATextForEachError) {
+  const std::string texts[] = {
+      "No errors",
+      "System does not support sockets",
+      "Host is not known",
+      "Service or port not known",
+      "Protocol not known",
+      "Connection failed on socket()",
+      "Connection failed on connect()",
+      "Port is already used by another server",
+      "Connection failed on listen()",
+  };
+  EXPECT_TRUE(std::ranges::equal(SOCKET_ERROR_TEXTS, texts));
 }
 
 TEST(SflsockTest, ReceivesCutsAndSends) {
@@ -158,7 +173,8 @@ TEST(SflsockTest, DropsRaisedRightsWithTheFirstBind) {
         {
           if (setresuid(65534, 0, 0) != 0) _exit(1);
           socket_layer_state.saved_real_user = socket_layer_state.saved_effective_user = -1U;
-          drop_privileges();
+          const int result = *port == '1' ? drop_privileges() : raise_privileges();
+          if (result != 0 || geteuid() != (*port == '1' ? 65534U : 0U)) _exit(4);
           const int handle = udp_open_port(port);
           if ((handle != -1) != (*port == '1')) _exit(2);
           _exit(geteuid() == 65534 ? 0 : 3);
