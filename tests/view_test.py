@@ -21,7 +21,7 @@ import unittest
 
 import pyte
 
-from server_case import PATIENCE_S, RULE, Player, ServerCase
+from server_case import PATIENCE_S, RULE, Player, ServerCase, bound_socket
 
 ZOLVIEW = os.path.realpath(sys.argv.pop(1))
 MAP_COLUMNS, MAP_ROWS = 41, 17  # of a terminal of 80 columns and 24 rows
@@ -160,18 +160,19 @@ class ViewTest(ServerCase):
         view.until_equal(lambda: view.list()[1:], ["2 Jö?]0;a??ÿÿÿÿÿ foot     99   5"])
         # Slot 0 became the PinkPanther when the view came; its death passes the role on.
         view.until(lambda _: view.colour_of("Bob") == "magenta")
-        self.assertNotEqual(view.colour_of("foot     99"), "magenta")
+        self.assertEqual(view.colour_of("foot     99"), "cyan")
         bob.socket.send(b"\x67\x01")
         bob.socket.send(b"\x67\x02")
-        view.until(lambda _: view.colour_of("Bob") != "magenta")
+        view.until(lambda _: view.colour_of("Bob") == "green")
 
         bob.socket.send(b"\x1fat \x1b[2J\xe4!\0")
         view.until_text("Bob: at ?[2Jä!")
-        view.press("\nhé\x7fällo 日\n")
+        view.press("\nhé\x7f\x1b[Aällo 日\n")
         self.assertEqual(bob.heard_of(30), b"\x1eJ\xf6rg: h\xe4llo ?".ljust(65, b"\0"))
         view.until_text("Jörg: hällo ?")
         ida.say(60)
         view.until(lambda _: len(view.list()) == 1)
+        view.until(lambda rows: 2 <= int(re.fullmatch(r".* (\d+)s", rows[2])[1]) < 100)
         self.assertNotIn(b"\x1b]0", view.bytes)
         self.assertEqual(len(view.bytes.split(b"\x1b[2J")), len(view.bytes.split(b"\x1b[H\x1b[2J")))
 
@@ -225,6 +226,21 @@ class ViewTest(ServerCase):
         self.assertEqual(view.process.wait(PATIENCE_S), 0)
         self.assertIn("disconnected\n", self.read_to("disconnected\n"))
 
+    def test_once_waits_for_a_silent_server_alone(self):
+        silent, port = bound_socket()
+        begin = time.monotonic()
+        for port, least, most in ((1, 0, 3), (port, 4, PATIENCE_S)):
+            nobody = self.once(port=port)
+            self.assertEqual((nobody.returncode, nobody.stdout, nobody.stderr),
+                             (1, "", f"zolview: nobody answers at 127.0.0.1:{port}\n"))
+            self.assertTrue(least <= time.monotonic() - begin < most)
+        with silent:
+            self.assertEqual([silent.recv(300)[:10] for _ in range(4)], [b"\nSpectator"] * 4)
+            self.assertEqual(select.select([silent], [], [], 0)[0], [])
+        broadcast = subprocess.run([ZOLVIEW, "--once", "255.255.255.255"], capture_output=True)
+        self.assertEqual((broadcast.returncode, broadcast.stderr[:31]),
+                         (1, b"zolview: no way to the server: "))
+
     def test_once_says_who_is_on(self):
         self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')
         self.read_to(RULE)
@@ -242,9 +258,7 @@ class ViewTest(ServerCase):
         refused = self.once()
         self.assertEqual((refused.returncode, refused.stderr),
                          (3, "zolview: Maximum allowed players: 3\n"))
-        nobody = self.once(port=1)
-        self.assertEqual((nobody.returncode, nobody.stderr),
-                         (1, "zolview: nobody answers at 127.0.0.1:1\n"))
+        Terminal(self).until_text("refused, will try again: Maximum allowed players: 3")
         for arguments in (["--once"], ["--json", "x"], ["--name", "n" * 64, "x"], ["x", "y"], ["x"], []):
             wrong = subprocess.run([ZOLVIEW, *arguments], capture_output=True, stdin=subprocess.DEVNULL)
             self.assertEqual((wrong.returncode, wrong.stderr[:9]), (2, b"zolview: "), arguments)
