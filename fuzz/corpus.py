@@ -14,6 +14,9 @@ SENDERS = [number for number in range(40) if number % 10 != 0]
 OWN_VERSION = 160  # added to a sender's number, leaves a join's version as it is
 WELCOME, ENTERED = b"\x11" + bytes(66), b"\x10" + bytes(3)
 
+DOCUMENT = (ROOT / "docs/protocol.md").read_text()
+CODES = {name: int(code) for name, code in re.findall(r"^### `(CMD_\w+)` \((\d+)\)", DOCUMENT, re.M)}
+
 
 def bytes_of(words):
     """tests/bytes.h describes the words."""
@@ -21,6 +24,8 @@ def bytes_of(words):
     for word in re.findall(r'"(?:\\.|[^"])*"|\S+', words):
         if word[0] == '"':
             written += re.sub(r"\\(.)", r"\1", word[1:-1]).encode()
+        elif word in CODES:
+            written += bytes([CODES[word]])
         elif word.startswith(".."):
             written = written.ljust(int(word[2:]), b"\0")
         else:

@@ -1,5 +1,6 @@
 // Plays sessions: those of docs/protocol.md and tests/sessions/*.session. A line of a session is
-//   A> BYTES             a datagram of A, handled at once; bytes.h says how bytes are written
+//   A> BYTES             a datagram of A, handled at once; bytes.h says how bytes are written, and
+//                        CMD_DIED is the code of that datagram in docs/protocol.md
 //   A< BYTES             what A gets; P0..P9< is the same for ten players
 //   #| LINE              what the server prints
 //   server NAME=VALUE... a server that has just started, with these settings; all players are new
@@ -89,6 +90,21 @@ Number value_of(const std::string& name) {
   };
   return values.at(is_of_slot ? name.substr(dot) : name);
 }
+
+// As two digits of base 16, by name.
+const std::map<std::string, std::string> codes = [] {
+  std::map<std::string, std::string> all;
+  std::ifstream document(PROTOCOL_DOCUMENT);
+  for (std::string line; std::getline(document, line);) {
+    unsigned code = 0;
+    char name[64];
+    if (std::sscanf(line.c_str(), "### `%63[A-Z_]` (%u)", name, &code) != 2) continue;
+    std::ostringstream digits;
+    digits << std::hex << std::setfill('0') << std::setw(2) << code;
+    all[name] = digits.str();
+  }
+  return all;
+}();
 
 // "P0..P9" is ten players, any other word one.
 std::vector<std::string> names_of(const std::string& word) {
@@ -259,6 +275,10 @@ class SessionTest : public GameTest {
     for (std::size_t at = 0; (at = text.find('$')) != std::string::npos;) {
       const std::size_t length = text.find(' ', at) - at;
       text.replace(at, length, lets.at(text.substr(at + 1, length - 1)));
+    }
+    if (const std::size_t at = text.find("CMD_"); at != std::string::npos) {
+      const std::size_t length = text.find(' ', at) - at;
+      text.replace(at, std::min(length, text.size() - at), codes.at(text.substr(at, length)));
     }
     return bytes_of(text);
   }

@@ -1,6 +1,7 @@
 """What the Python scripts share."""
 
 import pathlib
+import re
 import socket
 import subprocess
 import sys
@@ -9,6 +10,12 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 READY_S = 30  # until a program that gives no sign counts as stuck
+
+
+def command_codes():
+    """The codes of docs/protocol.md, by name."""
+    text = (ROOT / "docs/protocol.md").read_text()
+    return {name: int(code) for name, code in re.findall(r"^### `(CMD_\w+)` \((\d+)\)", text, re.M)}
 
 
 def fail(message):

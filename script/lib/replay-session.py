@@ -8,12 +8,14 @@ that a player is shown to get must come, byte for byte and in that player's orde
 Only the time of day (CMD_ENTER_GAME_REPLY, CMD_GAME_CLOCK) may differ, and a CMD_PING may come.
 """
 
-import pathlib
 import re
 import socket
 import sys
 
-DOCUMENT = pathlib.Path(__file__).resolve().parents[2] / "docs/protocol.md"
+from lib import ROOT, command_codes
+
+DOCUMENT = ROOT / "docs/protocol.md"
+CODES = command_codes()
 TIME_OF_DAY = {16: slice(2, 4), 72: slice(1, 3)}  # by code
 PING = b"\x01"
 REPLY_SECONDS = 2.0
@@ -21,9 +23,10 @@ SILENCE_SECONDS = 0.2
 
 
 def expand(text):
-    """The bytes of "0a 42 00*3"."""
-    datagram = bytearray()
-    for token in text.split():
+    """The bytes of "CMD_JOIN 42 00*3"."""
+    name, *rest = text.split()
+    datagram = bytearray([CODES[name]])
+    for token in rest:
         byte, _, count = token.partition("*")
         datagram += bytes([int(byte, 16)]) * int(count or 1)
     return bytes(datagram)
