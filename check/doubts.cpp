@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "config/config_reader.h"
-#include "config/server_config.h"
 #include "net/sflsock.h"
 #include "util/number.h"
 #include "util/sflstr.h"
@@ -30,15 +29,8 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(begin, text.find_last_not_of(BLANKS) - begin + 1);
 }
 
-bool is_alike(std::string_view left, const char* right) {
-  return compare_ignoring_case(std::string(left).c_str(), right) == 0;
-}
-
-const char* known_key(std::string_view text) {
-  for (const ConfigKey& key : CONFIG_KEYS) {
-    if (is_alike(text, key.name)) return key.name;
-  }
-  return nullptr;
+const ConfigKey* known_key(std::string_view text) {
+  return key_named(std::string(text).c_str());
 }
 
 // How many letters must be put in, left out or changed to make one word of the other.
@@ -69,8 +61,8 @@ std::string nearest_key(std::string_view line) {
 struct Reading {
   std::string text;  // the whole file
   std::vector<Doubt> doubts{};
-  std::map<std::string_view, std::size_t> lines{};  // of the known keys, where they stood last
-  const char* key_before = nullptr;                 // null when it was unknown
+  std::map<const ConfigKey*, std::size_t> lines{};  // where each stood last
+  const ConfigKey* key_before = nullptr;            // null when it was unknown
   std::size_t counted = 0;                          // bytes whose lines are counted
   std::size_t line = 1;                             // at the end of those
 };
@@ -80,7 +72,7 @@ struct Step {
   std::size_t begin;  // of the key, in the file
   std::string_view key;
   std::string_view value;
-  const char* known;  // the key's name as the documents write it; null when it is unknown
+  const ConfigKey* known;  // null when the key is unknown
   bool is_taken;
 };
 
@@ -121,8 +113,8 @@ std::string what_is_wrong_with(std::string_view key) {
   if (word.starts_with(';') || word.starts_with("//")) return "a comment begins with #";
   if (word.starts_with('[')) return "there are no sections: " + quoted(word) + " is read as a key";
   if (key.find_first_of(LINE_ENDS) != key.npos) return "no = behind " + quoted(word);
-  const char* known = known_key(word);
-  if (known != nullptr) return "no blank may stand before the = of " + std::string(known);
+  const ConfigKey* known = known_key(word);
+  if (known != nullptr) return std::string("no blank may stand before the = of ") + known->name;
   return "unknown key " + quoted(word) + nearest_key(word);
 }
 
@@ -134,31 +126,24 @@ void explain_unknown(Reading& reading, const Step& step) {
   } else if (reading.key_before != nullptr) {
     doubt(
         reading, step.begin,
-        "behind the number of " + std::string(reading.key_before) +
+        std::string("behind the number of ") + reading.key_before->name +
             " stands more than a comment, which is read as a key: " + quoted(first_line(step.key)));
   }
   const std::size_t line_end = step.key.find_last_of(LINE_ENDS);
   if (line_end == step.key.npos) return;
-  const char* lost = known_key(trimmed(step.key.substr(line_end + 1)));
+  const ConfigKey* lost = known_key(trimmed(step.key.substr(line_end + 1)));
   if (lost == nullptr) return;
   const std::size_t line = line_at(reading, step.begin);
   doubt(reading, step.begin + line_end + 1,
-        std::string(lost) + " is not read: it counts as a part of line " + std::to_string(line));
+        std::string(lost->name) + " is not read: it counts as a part of line " +
+            std::to_string(line));
 }
 
-std::string value_of(const char* key) {
-  const ServerConfig& config = server_config;
-  const std::string_view name = key;
-  if (name == "ServerName") return quoted(config.ServerName);
-  if (name == "WelcomeMessage") return quoted(config.WelcomeMessage);
-  if (name == "maxClients") return std::to_string(config.maxClients);
-  if (name == "AnnounceServer") return config.AnnounceServer != 0 ? "true" : "false";
-  if (name == "GameType") return std::to_string(config.GameType);
-  return config.Port;
-}
-
-bool is_text(std::string_view key) {
-  return key == "ServerName" || key == "WelcomeMessage";
+std::string value_of(const ConfigKey& key) {
+  if (key.kind == Kind::TEXT) return quoted(static_cast<const char*>(key.field));
+  if (key.kind == Kind::PORT) return static_cast<const char*>(key.field);
+  if (key.kind == Kind::BOOLEAN) return number_in(key) != 0 ? "true" : "false";
+  return std::to_string(number_in(key));
 }
 
 // A text ends with its line or at a '#'.
@@ -166,13 +151,14 @@ void explain_text(Reading& reading, const Step& step) {
   const std::string_view line = first_line(step.value);
   const std::size_t hash = line.find('#');
   const std::string_view text = trimmed(line.substr(0, hash));
-  if (step.is_taken && quoted(text) != value_of(step.known)) {
-    doubt(reading, step.begin, std::string(step.known) + " is cut to " + value_of(step.known));
+  if (step.is_taken && quoted(text) != value_of(*step.known)) {
+    doubt(reading, step.begin,
+          std::string(step.known->name) + " is cut to " + value_of(*step.known));
   }
   if (hash != line.npos && BLANKS.find(line.substr(hash + 1, 1)) == BLANKS.npos) {
-    doubt(
-        reading, step.begin,
-        "a # begins a comment, so " + quoted(line.substr(hash)) + " is left out of " + step.known);
+    doubt(reading, step.begin,
+          "a # begins a comment, so " + quoted(line.substr(hash)) + " is left out of " +
+              step.known->name);
   }
 }
 
@@ -181,7 +167,7 @@ bool is_comment(std::string_view text) {
 }
 
 void explain_port(Reading& reading, const Step& step, std::string_view word) {
-  const std::string port = server_config.Port;
+  const std::string port = value_of(*step.known);
   const std::int32_t number = text_to_int32(port.c_str());
   const std::optional<in_port_t> bound = port_to_bind(port.c_str(), "udp");
   if (port != word) doubt(reading, step.begin, "Port is cut to " + quoted(port));
@@ -199,7 +185,7 @@ void explain_port(Reading& reading, const Step& step, std::string_view word) {
 
 // The first word behind the = is the value, on whatever line it stands.
 void explain_word(Reading& reading, const Step& step) {
-  const std::string name = step.known;
+  const std::string name = step.known->name;
   const std::size_t begin = std::min(step.value.find_first_not_of(BLANKS), step.value.size());
   const std::string_view rest = first_line(step.value.substr(begin));
   const std::string_view word = rest.substr(0, rest.find_first_of(BLANKS));
@@ -209,13 +195,13 @@ void explain_word(Reading& reading, const Step& step) {
           name + " has no value on its line; " + quoted(word) + " is read as it");
   }
   if (!step.is_taken) return;
-  if (name == "Port") explain_port(reading, step, word);
-  if (name == "maxClients" || name == "GameType") {
+  if (step.known->kind == Kind::PORT) explain_port(reading, step, word);
+  if (step.known->kind == Kind::NUMBER || step.known->kind == Kind::GAME_TYPE) {
     const std::size_t sign = word.find_first_of("+-") == 0 ? 1 : 0;
     const std::size_t end = word.find_first_not_of("0123456789", sign);
     if (end == sign || word.size() == sign) {
       doubt(reading, step.begin,
-            name + " has no number; " + value_of(step.known) +
+            name + " has no number; " + value_of(*step.known) +
                 " is taken, which the reader still had from a line before");
     } else if (end != word.npos && !is_comment(word.substr(end))) {
       doubt(reading, step.begin, quoted(word.substr(end)) + " behind " + name + " is left out");
@@ -226,13 +212,13 @@ void explain_word(Reading& reading, const Step& step) {
   }
 }
 
-// The server reads on directly after the number of maxClients and after the = of an unknown key.
+// The server reads on directly after a NUMBER and after the = of an unknown key.
 void explain_place(Reading& reading, const Step& step) {
   if (begins_its_line(reading.text, step.begin)) return;
-  const char* before = reading.key_before;
+  const ConfigKey* before = reading.key_before;
   doubt(reading, step.begin,
-        std::string(step.known) + " follows " +
-            (before != nullptr ? "the number of " + std::string(before) : "an unknown key") +
+        std::string(step.known->name) + " follows " +
+            (before != nullptr ? std::string("the number of ") + before->name : "an unknown key") +
             " on the same line and is read as a setting; put each setting on its own line");
 }
 
@@ -242,16 +228,17 @@ void explain(Reading& reading, const Step& step) {
   if (!step.is_taken) {
     const std::size_t value = std::min(step.begin + step.key.size() + 1, reading.text.size());
     doubt(reading, step.begin,
-          std::string(step.known) + " cannot be " +
+          std::string(step.known->name) + " cannot be " +
               quoted(first_line(std::string_view(reading.text).substr(value))) + "; it stays " +
-              value_of(step.known));
+              value_of(*step.known));
   }
-  is_text(step.known) ? explain_text(reading, step) : explain_word(reading, step);
+  step.known->kind == Kind::TEXT ? explain_text(reading, step) : explain_word(reading, step);
   if (!step.is_taken) return;
   std::size_t& line = reading.lines[step.known];
   if (line != 0) {
     doubt(reading, step.begin,
-          std::string(step.known) + " again; line " + std::to_string(line) + " counts no longer");
+          std::string(step.known->name) + " again; line " + std::to_string(line) +
+              " counts no longer");
   }
   line = line_at(reading, step.begin);
 }
@@ -269,12 +256,11 @@ Step last_step(const Reading& reading, const ConfigReader& reader) {
   const auto end = static_cast<std::size_t>(std::ftell(reader.file));
   const std::string_view all = std::string_view(reading.text).substr(begin, end - begin);
   const std::size_t sign = std::min(all.find('='), all.size());
-  const bool is_unknown = reader.result == KeyResult::UNKNOWN;
   return {.begin = begin,
           .key = all.substr(0, sign),
           .value = all.substr(std::min(sign + 1, all.size())),
-          .known = is_unknown ? nullptr : known_key(all.substr(0, sign)),
-          .is_taken = reader.result == KeyResult::TAKEN};
+          .known = reader.known,
+          .is_taken = reader.is_taken};
 }
 
 void print_nothing(const char* /*format*/, ...) {}

@@ -30,107 +30,55 @@ void read_key(std::FILE* file, int first, char (&key)[KEY_WIDTH]) {
   key[length] = '\0';
 }
 
-// Reads up to the line end or a '#' and trims. A comment behind the value is dropped with its line.
-void read_text(ConfigReader& reader) {
-  std::size_t length = 0;
-  int c = std::getc(reader.file);
-  for (; c != EOF && !is_line_end(c) && c != '#'; c = std::getc(reader.file)) {
-    if (length < VALUE_WIDTH - 1) reader.value[length++] = static_cast<char>(c);
+// Reads a number into the work integer, any other kind into the value. The limits apply to the
+// result: the number, or the length of a text.
+std::int32_t read_value(ConfigReader& reader, Kind kind) {
+  if (kind == Kind::NUMBER || kind == Kind::GAME_TYPE) {
+    long number = 0;  // without digits, the work integer stays; a sign is consumed all the same
+    if (std::fscanf(reader.file, "%ld", &number) == 1) reader.work_integer = clamp_to_int32(number);
+    return reader.work_integer;
   }
-  reader.value[length] = '\0';
-  reader.work_integer = static_cast<std::int32_t>(length);
-  trim(reader.value);
-  if (c == '#') skip_rest_of_line(reader.file);
-}
-
-// What does not fit stays unread, for the caller to skip with the rest of the line.
-void read_word(ConfigReader& reader) {
-  static_assert(VALUE_WIDTH == 64);
-  if (std::fscanf(reader.file, "%63s", reader.value) != 1) reader.value[0] = '\0';
-}
-
-// Without digits the work integer keeps its value; a sign is consumed all the same.
-void read_number(ConfigReader& reader) {
-  long number = 0;
-  if (std::fscanf(reader.file, "%ld", &number) == 1) reader.work_integer = clamp_to_int32(number);
-}
-
-template <std::size_t width>
-bool set_text(ConfigReader& reader, const char* key, char (&field)[width]) {
-  read_text(reader);
-  if (reader.value[0] == '\0') {
-    reader.print("Wrong value %s in config file. Using default Value: %s \n", key, field);
-    return false;
+  static_assert(VALUE_WIDTH == 64);  // as in the formats
+  int length = 0;
+  const char* format = kind == Kind::TEXT ? "%63[^#\r\n]%n" : "%63s%n";
+  if (std::fscanf(reader.file, format, reader.value, &length) != 1) reader.value[0] = '\0';
+  if (kind == Kind::PORT) return text_to_int32(reader.value);
+  if (kind == Kind::BOOLEAN) {
+    if (compare_ignoring_case(reader.value, "true") == 0) return 1;
+    return compare_ignoring_case(reader.value, "false") == 0 ? 0 : -1;
   }
-  copy_text(field, reader.value);
-  return true;
+  reader.work_integer = length;
+  return static_cast<std::int32_t>(std::strlen(trim(reader.value)));
 }
 
-bool set_server_name(ConfigReader& reader) {
-  return set_text(reader, "ServerName", server_config.ServerName);
-}
-
-bool set_welcome_message(ConfigReader& reader) {
-  const bool is_good = set_text(reader, "WelcomeMessage", server_config.WelcomeMessage);
-  reader.print("%s \n", reader.value);
-  return is_good;
-}
-
-// Scanning goes on right behind the number, unlike after every other key.
-bool set_max_clients(ConfigReader& reader) {
-  read_number(reader);
-  if (reader.work_integer < MIN_CLIENTS || reader.work_integer > MAX_CLIENTS) {
-    reader.print("Wrong value maxClients in config file. Using default Value: %d \n",
-                 server_config.maxClients);
-    return false;
+void print_refusal(const ConfigReader& reader, const ConfigKey& key) {
+  if (key.kind == Kind::NUMBER) {
+    reader.print("Wrong value %s in config file. Using default Value: %d \n", key.name,
+                 number_in(key));
+  } else if (key.kind == Kind::GAME_TYPE) {
+    reader.print("Wrong value %s in config file. Using default Value: %d (%s)\n", key.name,
+                 number_in(key), game_type_name(number_in(key)));
+  } else {
+    const char* text = static_cast<const char*>(key.field);
+    if (key.kind == Kind::BOOLEAN) text = number_in(key) != 0 ? "TRUE" : "FALSE";
+    reader.print("Wrong value %s in config file. Using default Value: %s%s\n", key.name, text,
+                 key.kind == Kind::TEXT ? " " : "");
   }
-  server_config.maxClients = reader.work_integer;
-  return true;
 }
 
-bool set_announce_server(ConfigReader& reader) {
-  read_word(reader);
-  skip_rest_of_line(reader.file);
-  const bool is_true = compare_ignoring_case(reader.value, "true") == 0;
-  if (!is_true && compare_ignoring_case(reader.value, "false") != 0) {
-    reader.print("Wrong value AnnounceServer in config file. Using default Value: %s\n",
-                 server_config.AnnounceServer != 0 ? "TRUE" : "FALSE");
-    return false;
+void set_key(ConfigReader& reader, const ConfigKey& key) {
+  const std::int32_t number = read_value(reader, key.kind);
+  // The reader continues directly after a NUMBER.
+  if (key.kind != Kind::NUMBER) skip_rest_of_line(reader.file);
+  reader.is_taken = number >= key.least && number <= key.most;
+  if (!reader.is_taken) {
+    print_refusal(reader, key);
+  } else if (key.kind == Kind::TEXT || key.kind == Kind::PORT) {
+    std::strncpy(static_cast<char*>(key.field), reader.value, key.width - 1);
+  } else {
+    std::memcpy(key.field, &number, key.width);
   }
-  server_config.AnnounceServer = is_true ? 1 : 0;
-  return true;
-}
-
-bool set_game_type(ConfigReader& reader) {
-  read_number(reader);
-  skip_rest_of_line(reader.file);
-  if (reader.work_integer != DEATHMATCH && reader.work_integer != CATCH_PINKPANTHER) {
-    reader.print("Wrong value GameType in config file. Using default Value: %d (%s)\n",
-                 server_config.GameType, game_type_name(server_config.GameType));
-    return false;
-  }
-  server_config.GameType = static_cast<std::uint8_t>(reader.work_integer);
-  return true;
-}
-
-bool set_port(ConfigReader& reader) {
-  read_word(reader);
-  skip_rest_of_line(reader.file);
-  if (text_to_int32(reader.value) <= 0) {
-    reader.print("Wrong value Port in config file. Using default Value: %s\n", server_config.Port);
-    return false;
-  }
-  copy_text(server_config.Port, reader.value);
-  return true;
-}
-
-// An unknown key drops nothing but itself: its value becomes the beginning of the next key.
-KeyResult set_key(ConfigReader& reader) {
-  for (const ConfigKey& key : CONFIG_KEYS) {
-    if (compare_ignoring_case(reader.key, key.name) != 0) continue;
-    return key.set(reader) ? KeyResult::TAKEN : KeyResult::REFUSED;
-  }
-  return KeyResult::UNKNOWN;
+  if (key.field == server_config.WelcomeMessage) reader.print("%s \n", reader.value);
 }
 
 // What is no file counts as an empty one: a pipe may never be written to, a device may never end.
@@ -150,23 +98,24 @@ std::FILE* open_one(const char* name, void (*complain)(const char* name, const c
 
 }  // namespace
 
-const std::array<ConfigKey, 6> CONFIG_KEYS = {{
-    {"ServerName", set_server_name},
-    {"maxClients", set_max_clients},
-    {"AnnounceServer", set_announce_server},
-    {"GameType", set_game_type},
-    {"Port", set_port},
-    {"WelcomeMessage", set_welcome_message},
-}};
+const ConfigKey* key_named(const char* name) {
+  for (const ConfigKey& key : CONFIG_KEYS) {
+    if (compare_ignoring_case(name, key.name) == 0) return &key;
+  }
+  return nullptr;
+}
 
+// An unknown key drops nothing but itself: its value becomes the beginning of the next key.
 bool read_setting(ConfigReader& reader) {
   for (int c = std::getc(reader.file); c != EOF; c = std::getc(reader.file)) {
     if (c == '#') {
       skip_rest_of_line(reader.file);
     } else if (!is_line_end(c) && c != ' ' && c != '\t') {
       reader.key_offset = std::ftell(reader.file) - 1;
-      read_key(reader.file, c, reader.key);
-      reader.result = set_key(reader);
+      char key[KEY_WIDTH];
+      read_key(reader.file, c, key);
+      reader.known = key_named(key);
+      if (reader.known != nullptr) set_key(reader, *reader.known);
       return true;
     }
   }

@@ -1,17 +1,55 @@
-// The reader of the settings' file, one key at a time. config_load() runs it to the end; zolcheck
-// looks at each step. One thread uses it at a time.
+// The table of the settings, and the reader of the settings' file, one key at a time. config_load()
+// runs the reader to the end; zolcheck looks at each step. One thread uses it at a time.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+
+#include "config/server_config.h"
 
 // In bytes, the terminating NUL included. Longer keys and values are cut.
 inline constexpr std::size_t KEY_WIDTH = 64;
 inline constexpr std::size_t VALUE_WIDTH = 64;
 
-enum class KeyResult : std::uint8_t { UNKNOWN, REFUSED, TAKEN };
+enum class Kind : std::uint8_t { TEXT, NUMBER, GAME_TYPE, BOOLEAN, PORT };
+
+struct ConfigKey {
+  const char* name;
+  Kind kind;
+  void* field;         // in server_config; it holds the default until the file is read
+  std::size_t width;   // of the field in bytes; longer texts are cut, terminating NUL included
+  std::int32_t least;  // of the number, or of a text's length
+  std::int32_t most;
+};
+
+template <typename Field>
+constexpr ConfigKey key_of(const char* name, Kind kind, Field& field, std::int32_t least = 1,
+                           std::int32_t most = INT32_MAX) {
+  return {name, kind, &field, sizeof field, least, most};
+}
+
+// script/check-settings compares the documents with these rows.
+inline constexpr std::array<ConfigKey, 6> CONFIG_KEYS = {{
+    key_of("ServerName", Kind::TEXT, server_config.ServerName),
+    key_of("maxClients", Kind::NUMBER, server_config.maxClients, MIN_CLIENTS, MAX_CLIENTS),
+    key_of("AnnounceServer", Kind::BOOLEAN, server_config.AnnounceServer, 0, 1),
+    key_of("GameType", Kind::GAME_TYPE, server_config.GameType, DEATHMATCH, CATCH_PINKPANTHER),
+    key_of("Port", Kind::PORT, server_config.Port),
+    key_of("WelcomeMessage", Kind::TEXT, server_config.WelcomeMessage),
+}};
+
+// The row of a key, in any letter case; null when there is none.
+const ConfigKey* key_named(const char* name);
+
+// The value of a NUMBER, GAME_TYPE or BOOLEAN.
+inline std::int32_t number_in(const ConfigKey& key) {
+  std::int32_t number = 0;
+  std::memcpy(&number, key.field, key.width);  // little-endian: a narrow field fills the low bytes
+  return number;
+}
 
 struct ConfigReader {
   std::FILE* file;
@@ -21,17 +59,10 @@ struct ConfigReader {
   // between lines: where no number can be read, the last count or number stands in for it.
   std::int32_t work_integer = 0;
   char value[VALUE_WIDTH] = "";
-  long key_offset = 0;  // of the first byte of the key read last, in the file
-  char key[KEY_WIDTH] = "";
-  KeyResult result = KeyResult::UNKNOWN;
+  long key_offset = 0;               // of the first byte of the last key, in the file
+  const ConfigKey* known = nullptr;  // the row of that key; null when there is none
+  bool is_taken = false;             // the value of a known key is allowed
 };
-
-struct ConfigKey {
-  const char* name;
-  bool (*set)(ConfigReader& reader);  // false when the value is refused
-};
-
-extern const std::array<ConfigKey, 6> CONFIG_KEYS;
 
 // Opens "zolserver.cfg", or else "zolserver.conf"; returns null when neither can be opened. What is
 // there and is not a file that can be read is complained of. One that is no file reads as empty.
