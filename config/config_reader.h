@@ -31,7 +31,7 @@ constexpr ConfigKey key_of(const char* name, Kind kind, Field& field, std::int32
   return {name, kind, &field, sizeof field, least, most};
 }
 
-// script/check-settings compares the documents with these rows.
+// script/checks/settings compares the documents with these rows.
 inline constexpr std::array<ConfigKey, 6> CONFIG_KEYS = {{
     key_of("ServerName", Kind::TEXT, server_config.ServerName),
     key_of("maxClients", Kind::NUMBER, server_config.maxClients, MIN_CLIENTS, MAX_CLIENTS),
