@@ -21,7 +21,8 @@ import time
 import tty
 import unittest
 
-from server_case import FULL_JOIN, PATIENCE_S, ZOLSERVER, Player, ServerCase, bound_socket
+from server_case import (FULL_JOIN, PATIENCE_S, VERSION, ZOLSERVER, Player, ServerCase,
+                         bound_socket)
 
 LIBC, PR_SET_SECUREBITS, SECBIT_NOROOT = ctypes.CDLL(None), 28, 1
 
@@ -252,7 +253,7 @@ class ProcessTest(ServerCase):
 
     def test_options_start_no_server(self):
         for argument, status, out, err in (
-            ("--version", 0, "ZOL Server 0.4\n", ""), ("--help", 0, "usage: zolserver\n", ""),
+            ("--version", 0, f"ZOL Server {VERSION}\n", ""), ("--help", 0, "usage: zolserver\n", ""),
             ("-p", 2, "", 'zolserver: takes no argument like "-p"; see --help\n'),
             ("", 2, "", 'zolserver: takes no argument like ""; see --help\n'),
         ):

@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import re
 import select
 import socket
 import subprocess
@@ -13,6 +14,8 @@ PATIENCE_S = int(os.environ.get("ZOL_PATIENCE_S", "60"))  # until a test gives a
 RULE = "-" * 38 + "\n"
 PING, FULL_JOIN = b"\1", b"\nBob" + bytes(62) + b"\x28\0"
 ZOLSERVER = os.path.realpath(sys.argv.pop(1))
+HEADER = pathlib.Path(__file__).resolve().parent.parent / "server/protocol.h"
+VERSION = re.search(r'SERVER_VERSION = "(.*)"', HEADER.read_text())[1]
 
 
 def bound_socket():
@@ -62,7 +65,7 @@ class ServerCase(unittest.TestCase):
     def start_and_wait(self, settings="", console=None, **options):
         self.start_on_free_port(settings, **options)
         self.console = console or self.console
-        online = f"ZOL Server 0.4 ONLINE [Port: {self.port}]!!!\n{RULE}"
+        online = f"ZOL Server {VERSION} ONLINE [Port: {self.port}]!!!\n{RULE}"
         self.assertEqual(self.read_to(RULE), online)
 
     def read_to(self, last):

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Keeps current what other files repeat of server/protocol.h: the tables of the dissector, the
-tables, headings and links of docs/protocol.md, and the command codes of the sample firewall. Says
-what differs, or writes it with --write. In the document the last column of a table and all other
-text are written by hand.
+tables, headings and links of docs/protocol.md, the command codes of the sample firewall, and the
+version. Says what differs, or writes it with --write. In the document the last column of a table and
+all other text are written by hand.
 """
 
 import argparse
@@ -18,6 +18,11 @@ from lib import ROOT, fail
 DISSECTOR = "wireshark/zol.lua"
 DOCUMENT = "docs/protocol.md"
 FIREWALL = "packaging/zolserver.nft"
+CHANGES = "CHANGELOG.md"
+# The files that repeat the version, and what is before it there.
+VERSIONED = ("docs/listing.md", "docs/operating.md", DOCUMENT, "packaging/kubernetes.yaml",
+             "tests/sessions/joining.session")
+VERSION = re.compile(r"(zol(?:list_|server[_:])|You need Version )\d+(?:\.\d+)*")
 HEADERS = ("server/protocol.h", "config/server_config.h")
 
 SENDERS = {"ClientCommand": "client", "ServerCommand": "server"}
@@ -36,7 +41,7 @@ LEAST_CHAT = 1  # bytes of CMD_CHAT, the one datagram that may be shorter than i
 Field = collections.namedtuple("Field", "offset width name kind")
 Block = collections.namedtuple("Block", "name size fields")
 Datagram = collections.namedtuple("Datagram", "sender code name least size fields")
-Protocol = collections.namedtuple("Protocol", "blocks datagrams numbers")
+Protocol = collections.namedtuple("Protocol", "version blocks datagrams numbers")
 
 
 # The headers, as the compiler reads them.
@@ -87,6 +92,7 @@ def code_of(enumerator):
 
 def read_headers():
     nodes = parse()
+    header = (ROOT / HEADERS[0]).read_text()
     structs = {node.spelling: node for node in nodes if node.kind == clang.CursorKind.STRUCT_DECL}
     port = next(field for field in structs.pop("ServerConfig").get_children()
                 if field.spelling == "Port")
@@ -113,7 +119,8 @@ def read_headers():
             size, fields = records.get((sender, code_of(code)), (1, []))
             least = LEAST_CHAT if name == "CMD_CHAT" else size
             datagrams.append(Datagram(sender, code_of(code), name, least, size, fields))
-    return Protocol(blocks, datagrams, numbers | {"PORT": literal(port)})
+    version = re.search(r'SERVER_VERSION = "([\d.]+)"', header)
+    return Protocol(version[1], blocks, datagrams, numbers | {"PORT": literal(port)})
 
 
 # What is written.
@@ -124,6 +131,11 @@ def replace(source, text, pattern, new):
     if len(found) != 1:
         fail(f"{source}: not once, but {len(found)} times: {pattern}")
     return re.sub(pattern, lambda _: new, text, flags=re.M | re.S)
+
+
+def write_version(protocol, source, text):
+    text, count = VERSION.subn(rf"\g<1>{protocol.version}", text)
+    return text if count else fail(f"{source}: no version")
 
 
 def lua_rows(fields):
@@ -300,9 +312,11 @@ def main():
     protocol = read_headers()
     writers = {DISSECTOR: write_dissector, DOCUMENT: write_document, FIREWALL: write_firewall}
     changes = []
-    for name, write in writers.items():
+    for name in dict.fromkeys([*writers, *VERSIONED]):
         old = (ROOT / name).read_text()
-        new = write(protocol, old)
+        new = writers[name](protocol, old) if name in writers else old
+        if name in VERSIONED:
+            new = write_version(protocol, name, new)
         if options.write:
             (ROOT / name).write_text(new)
         changes += difflib.unified_diff(old.splitlines(), new.splitlines(), name,
@@ -310,9 +324,11 @@ def main():
     print("\n".join(changes), end="\n" if changes else "")
     if changes and not options.write:
         fail("run script/checks/protocol --write, or mend the header")
+    if f"\n## [{protocol.version}]" not in (ROOT / CHANGES).read_text():
+        fail(f"{CHANGES} has no section for version {protocol.version}")
     fields = sum(len(each.fields) for each in protocol.datagrams)
     print(f"{len(protocol.datagrams)} datagrams with {fields} fields are the same in {HEADERS[0]}, "
-          f"{', '.join(writers)}")
+          f"{', '.join(writers)}; the version in {', '.join(VERSIONED)}")
 
 
 if __name__ == "__main__":
