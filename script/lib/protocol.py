@@ -2,7 +2,8 @@
 """Keeps current what other files repeat of server/protocol.h: the tables of the dissector, the
 tables, headings and links of docs/protocol.md, the command codes of the sample firewall, and the
 version. Says what differs, or writes it with --write. In the document the last column of a table and
-all other text are written by hand.
+all other text are written by hand. Also says what a datagram lacks: the assertion of its size, its
+session, and text in the columns that are written by hand.
 """
 
 import argparse
@@ -18,6 +19,7 @@ from lib import ROOT, fail
 DISSECTOR = "wireshark/zol.lua"
 DOCUMENT = "docs/protocol.md"
 FIREWALL = "packaging/zolserver.nft"
+SESSIONS = "tests/sessions"
 CHANGES = "CHANGELOG.md"
 # The files that repeat the version, and what is before it there.
 VERSIONED = ("docs/listing.md", "docs/operating.md", DOCUMENT, "packaging/kubernetes.yaml",
@@ -93,6 +95,7 @@ def code_of(enumerator):
 def read_headers():
     nodes = parse()
     header = (ROOT / HEADERS[0]).read_text()
+    asserted = re.findall(r"\w+", "".join(re.findall(r"all_have_size<\d+(, [^>]*)>", header)))
     structs = {node.spelling: node for node in nodes if node.kind == clang.CursorKind.STRUCT_DECL}
     port = next(field for field in structs.pop("ServerConfig").get_children()
                 if field.spelling == "Port")
@@ -103,6 +106,8 @@ def read_headers():
         first = next(struct.get_children())
         if first.kind == clang.CursorKind.CXX_BASE_SPECIFIER:
             continue  # a view of any bytes
+        if struct.spelling not in asserted:
+            fail(f"{HEADERS[0]}: no all_have_size for {struct.spelling}")
         sender = SENDERS.get(first.type.spelling)
         if not sender:
             blocks.append(Block(struct.spelling, struct.type.get_size(), fields_of(struct)))
@@ -305,6 +310,27 @@ def check_links(text):
             fail(f"{DOCUMENT}: no heading for the link {target}")
 
 
+# The parts that are written by hand.
+
+
+def commands_in_sessions():
+    """Each name after the sign of its sender: > for a client, < for the server."""
+    return {sign + name for path in (ROOT / SESSIONS).glob("*.session")
+            for sign, name in re.findall(r"^[\w.]+([<>]) (CMD_\w+)", path.read_text(), re.M)}
+
+
+def missing_by_hand(protocol, document):
+    played = commands_in_sessions()
+    missing = [f"{SESSIONS}: no session with {each.name} ({each.code}) of the {each.sender}"
+               for each in protocol.datagrams
+               if {"client": ">", "server": "<"}[each.sender] + each.name not in played]
+    empty = re.findall(r"^(?!.*\| unused \|)\|.*\| \|.*$", document, re.M)
+    missing += [f"{DOCUMENT}: an empty cell in {row}" for row in empty]
+    if f"\n## [{protocol.version}]" not in (ROOT / CHANGES).read_text():
+        missing.append(f"{CHANGES}: no section for version {protocol.version}")
+    return missing
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--write", action="store_true", help="write what differs")
@@ -324,8 +350,8 @@ def main():
     print("\n".join(changes), end="\n" if changes else "")
     if changes and not options.write:
         fail("run script/checks/protocol --write, or mend the header")
-    if f"\n## [{protocol.version}]" not in (ROOT / CHANGES).read_text():
-        fail(f"{CHANGES} has no section for version {protocol.version}")
+    if missing := missing_by_hand(protocol, (ROOT / DOCUMENT).read_text()):
+        fail("\n".join(missing))
     fields = sum(len(each.fields) for each in protocol.datagrams)
     print(f"{len(protocol.datagrams)} datagrams with {fields} fields are the same in {HEADERS[0]}, "
           f"{', '.join(writers)}; the version in {', '.join(VERSIONED)}")
