@@ -268,7 +268,8 @@ void print_nothing(const char* /*format*/, ...) {}
 }  // namespace
 
 std::string quoted(std::string_view text) {
-  std::string shown = "\"" + std::string(text.substr(0, MAX_QUOTED)) + "\"";
+  std::string shown = "\"";
+  shown.append(text.substr(0, MAX_QUOTED)).append("\"");
   if (text.size() > MAX_QUOTED) shown += "...";
   std::ranges::replace_if(
       shown, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
