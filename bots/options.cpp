@@ -23,9 +23,11 @@ static constexpr const char* HELP =
     "Exit status: 0 all was well, 1 something was wrong or lost or no bot could join,\n"
     "2 bad arguments.\n";
 
+using NumberField = unsigned Options::*;
+
 struct NumberOption {
   std::string_view name;
-  unsigned Options::*value;
+  NumberField value;
   unsigned min;
   unsigned max;
 };

@@ -271,8 +271,8 @@ std::string quoted(std::string_view text) {
   std::string shown = "\"";
   shown.append(text.substr(0, MAX_QUOTED)).append("\"");
   if (text.size() > MAX_QUOTED) shown += "...";
-  std::ranges::replace_if(
-      shown, [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+  const auto is_control = [](unsigned char c) { return std::iscntrl(c) != 0; };
+  std::ranges::replace_if(shown, is_control, '?');
   return shown;
 }
 

@@ -89,7 +89,7 @@ std::FILE* open_one(const char* name, void (*complain)(const char* name, const c
     return nullptr;
   }
   std::FILE* file = fdopen(handle, "r");
-  struct stat status {};
+  struct stat status = {};
   const bool is_file = fstat(handle, &status) == -1 || S_ISREG(status.st_mode);
   if (is_file || file == nullptr) return file;
   complain(name, S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "Not a file");

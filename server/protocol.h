@@ -370,12 +370,14 @@ struct PinkPanther {
   Slot slot = NOBODY;
 };
 
-// True of a record that has no padding, so that all it sends is what was written into it, and that
-// fits the receive buffer.
+// True of a record, or a code alone, without padding, so that all it sends is what was written into
+// it, and no larger than the receive buffer.
 template <typename Record>
-concept WireRecord = std::is_trivially_copyable_v<Record> &&
-                     std::has_unique_object_representations_v<Record> &&
-                     sizeof(Record) <= RECEIVE_BUFFER_SIZE;
+concept WireRecord = requires {
+  requires std::is_class_v<Record> || std::is_enum_v<Record>;
+  requires std::has_unique_object_representations_v<Record>;
+  requires sizeof(Record) <= RECEIVE_BUFFER_SIZE;
+};
 
 // The bytes of one datagram, valid as long as their owner is. A record, or a code alone, is one
 // too.
@@ -383,7 +385,7 @@ struct Datagram : std::span<const std::uint8_t> {
   using span::span;
   Datagram(std::span<const std::uint8_t> bytes) : span(bytes) {}
   template <WireRecord Record>
-  requires(std::is_class_v<Record> || std::is_enum_v<Record>) Datagram(const Record& record)
+  Datagram(const Record& record)
       : span(reinterpret_cast<const std::uint8_t*>(&record), sizeof record) {}
 };
 

@@ -28,7 +28,7 @@ sigset_t block_stop_signals() {
 }
 
 void install_shutdown_handler() {
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_handler = shutdown_handler;
   // No SA_RESTART: a write to a console that nobody reads ends when the signal comes.
   sigemptyset(&action.sa_mask);

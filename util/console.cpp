@@ -133,7 +133,7 @@ int reopen_standard_output() {
 
 // The handler does nothing. Without SA_RESTART its signal ends a write with EINTR.
 void let_timers_interrupt_writes() {
-  struct sigaction action {};
+  struct sigaction action = {};
   action.sa_handler = [](int /*signal*/) {};
   sigemptyset(&action.sa_mask);
   sigaction(SIGALRM, &action, nullptr);
@@ -144,7 +144,7 @@ void let_timers_interrupt_writes() {
 }
 
 ConsoleKind prepare_standard_output() {
-  struct stat status {};
+  struct stat status = {};
   if (fstat(STDOUT_FILENO, &status) == -1) return ConsoleKind::NEVER_BLOCKS;
   if (S_ISSOCK(status.st_mode)) return ConsoleKind::SOCKET;
   if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return ConsoleKind::NEVER_BLOCKS;
