@@ -55,7 +55,7 @@ class Guest(Player):
 class Terminal:
     """zolview on a pseudo-terminal, and what is to be seen there."""
 
-    def __init__(self, case, *arguments, term="linux", size=(24, 80)):
+    def __init__(self, case, *arguments, term="linux", size=(24, 80), server=None):
         self.case = case
         self.screen = pyte.Screen(size[1], size[0])
         self.stream = pyte.ByteStream(self.screen)
@@ -65,7 +65,7 @@ class Terminal:
         self.resize(*size)
         self.before = termios.tcgetattr(self.slave)
         self.process = subprocess.Popen(
-            [ZOLVIEW, *arguments, f"127.0.0.1:{case.port}"], stdin=self.slave, stdout=self.slave,
+            [ZOLVIEW, *arguments, server or f"127.0.0.1:{case.port}"], stdin=self.slave, stdout=self.slave,
             stderr=self.slave, env={"TERM": term, "LC_ALL": "C.UTF-8"}, start_new_session=True,
             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
         )  # fmt: skip
@@ -146,7 +146,7 @@ class ViewTest(ServerCase):
         self.assertEqual(bob.heard_of(42)[3:8], b"J\xf6rg\0")
         half = MAP_ROWS // 2
         view.until_equal(view.map, [""] * half + [" " * (MAP_COLUMNS // 2) + "0"] + [""] * half)
-        view.until(lambda rows: re.fullmatch(r"\d\d:\d\d  CatchPinkPanther, 1 player", rows[0][42:]))
+        view.until(lambda rows: re.fullmatch(r"│\d\d:\d\d  CatchPinkPanther, 1 player", rows[0][41:]))
         view.until(lambda rows: rows[MAP_ROWS].startswith(f"── {TITLE} ─"))
 
         ida = self.guest(b"J\xf6\x1b]0;a\x07\x9b" + bytes([0xFF]) * 56, 5, -3, 1, car=200)
@@ -168,10 +168,14 @@ class ViewTest(ServerCase):
         bob.socket.send(b"\x1fat \x1b[2J\xe4!\0")
         view.until_text("Bob: at ?[2Jä!")
         view.press("\nhé\x7f\x1b[Aällo 日\n")
-        self.assertEqual(bob.heard_of(30), b"\x1eJ\xf6rg: h\xe4llo ?".ljust(65, b"\0"))
         view.until_text("Jörg: hällo ?")
+        self.assertEqual(bob.heard_of(30), b"\x1eJ\xf6rg: h\xe4llo ?".ljust(65, b"\0"))
         ida.say(60)
         view.until(lambda _: len(view.list()) == 1)
+        lines = [f"Bob: line {i}, which is longer than the prompt" for i in range(40)]
+        for line in lines:
+            bob.socket.send(b"\x1f" + line[5:].encode() + b"\0")
+        view.until(lambda rows: rows[MAP_ROWS + 1 :] == [*lines[-5:], "Enter: chat   q: quit"])
         view.until(lambda rows: 2 <= int(re.fullmatch(r".* (\d+)s", rows[2])[1]) < 100)
         self.assertNotIn(b"\x1b]0", view.bytes)
         self.assertEqual(len(view.bytes.split(b"\x1b[2J")), len(view.bytes.split(b"\x1b[H\x1b[2J")))
@@ -185,9 +189,12 @@ class ViewTest(ServerCase):
         view.until_equal(lambda: view.list()[:1], ["0                foot      0   -"])
         # Neither 0 nor 1 is anywhere.
         view.until_equal(lambda: "".join(view.marks()[:1])[:1] + "".join(view.marks())[-1:], "t2")
-        for rows, columns in ((1, 1), (5, 20), (2, 200), (45, 132)):
+        for rows, columns in ((1, 1), (5, 20), (2, 200)):
             view.resize(rows, columns)
             view.read(0.2)
+        view.resize(24, 50)
+        view.until(lambda rows: re.match(r"\D\d\d:\d\d  Deathmatch", rows[0][24:]))
+        view.resize(45, 132)
         view.until(lambda rows: len(rows) == 45 and rows[31][94:].startswith("t P29"))
 
     def test_comes_back_when_the_server_does(self):
@@ -231,9 +238,10 @@ class ViewTest(ServerCase):
                                 timeout=3)
         self.assertEqual((nobody.returncode, nobody.stdout, nobody.stderr),
                          (1, "", "zolview: nobody answers at 127.0.0.1:1\n"))
-        broadcast = subprocess.run([ZOLVIEW, "--once", "255.255.255.255"], capture_output=True)
-        self.assertEqual((broadcast.returncode, broadcast.stderr[:31]),
-                         (1, b"zolview: no way to the server: "))
+        for option in ([], ["--once"]):
+            broadcast = Terminal(self, *option, server="255.255.255.255")
+            broadcast.until_text("zolview: no way to the server: ")
+            self.assertEqual(broadcast.process.wait(PATIENCE_S), 1)
 
     def test_once_says_who_is_on(self):
         self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')
@@ -253,9 +261,19 @@ class ViewTest(ServerCase):
         self.assertEqual((refused.returncode, refused.stderr),
                          (3, "zolview: Maximum allowed players: 3\n"))
         Terminal(self).until_text("refused, will try again: Maximum allowed players: 3")
-        for arguments in (["--once"], ["--json", "x"], ["--name", "n" * 64, "x"], ["x", "y"], ["x"], []):
-            wrong = subprocess.run([ZOLVIEW, *arguments], capture_output=True, stdin=subprocess.DEVNULL)
-            self.assertEqual((wrong.returncode, wrong.stderr[:9]), (2, b"zolview: "), arguments)
+        for arguments, complaint in (
+            (["--once"], "which server? see --help"), ([], "which server? see --help"),
+            (["--json", "x"], "--json goes with --once"),
+            (["--name", "n" * 64, "x"], "a name has 1 to 63 characters"),
+            (["--name", "", "x"], "a name has 1 to 63 characters"),
+            (["--name"], "--name needs a value"),
+            (["x", "y"], 'takes no argument like "y"; see --help'),
+            (["-x"], 'takes no argument like "-x"; see --help'),
+            (["x"], "the view needs a terminal; --once prints a table anywhere"),
+        ):  # fmt: skip
+            wrong = subprocess.run([ZOLVIEW, *arguments], capture_output=True, text=True,
+                                   stdin=subprocess.DEVNULL)  # fmt: skip
+            self.assertEqual((wrong.returncode, wrong.stderr), (2, f"zolview: {complaint}\n"))
 
     def relay(self):
         """A way to the server that loses the first datagram of each kind, of records that about each
