@@ -47,6 +47,9 @@ class CheckTest(ServerCase):
         self.assertEqual(self.check()[::2], (1, './zolserver.conf:1: AnnounceServer cannot be "yes"; '
                                             "it stays false\n"))
 
+        status, said, _ = self.check("--help")
+        self.assertEqual((status, said[:40]), (0, "usage: zolcheck [--start] [DIRECTORY...]"))
+
     def test_says_what_would_go_wrong(self):
         self.directory("one", "Port=5000\n")
         self.directory("two", "Port=5000\n")

@@ -194,8 +194,10 @@ class ViewTest(ServerCase):
             view.read(0.2)
         view.resize(24, 50)
         view.until(lambda rows: re.match(r"\D\d\d:\d\d  Deathmatch", rows[0][24:]))
-        view.resize(45, 132)
-        view.until(lambda rows: len(rows) == 45 and rows[31][94:].startswith("t P29"))
+        view.resize(38, 132)
+        view.until_text("and 2 more")
+        view.resize(39, 132)
+        view.until(lambda rows: len(rows) == 39 and rows[31][94:].startswith("t P29"))
 
     def test_comes_back_when_the_server_does(self):
         self.start_and_wait()
@@ -238,6 +240,11 @@ class ViewTest(ServerCase):
                                 timeout=3)
         self.assertEqual((nobody.returncode, nobody.stdout, nobody.stderr),
                          (1, "", "zolview: nobody answers at 127.0.0.1:1\n"))
+        silent, self.port = bound_socket()
+        with silent:
+            view = Terminal(self)
+            view.until(lambda rows: rows[MAP_ROWS].startswith(f"── joining 127.0.0.1:{self.port} ─"))
+            self.assertEqual(view.rows()[0][42:], "--:--  Deathmatch, 0 players")
         for option in ([], ["--once"]):
             broadcast = Terminal(self, *option, server="255.255.255.255")
             broadcast.until_text("zolview: no way to the server: ")
@@ -261,6 +268,9 @@ class ViewTest(ServerCase):
         self.assertEqual((refused.returncode, refused.stderr),
                          (3, "zolview: Maximum allowed players: 3\n"))
         Terminal(self).until_text("refused, will try again: Maximum allowed players: 3")
+        help = subprocess.run([ZOLVIEW, "--help"], capture_output=True, text=True)
+        self.assertEqual((help.returncode, help.stdout[:40]),
+                         (0, "usage: zolview [--name NAME] HOST[:PORT]"))
         for arguments, complaint in (
             (["--once"], "which server? see --help"), ([], "which server? see --help"),
             (["--json", "x"], "--json goes with --once"),

@@ -236,7 +236,7 @@ class Job:
                 return REFUSED, ""
             if all(self.is_whole(pathlib.Path(program)) for program in test.programs):
                 continue
-            status, _ = run(test.command, test.folder, max(TEST_LIMIT, 5 * test.seconds))
+            status, _ = run(test.command, test.folder, max(TEST_LIMIT, 10 * test.seconds))
             if status != 0:
                 self.end_orphans()
                 self.kills[test.name] += 1
