@@ -281,7 +281,8 @@ TEST(TextTest, ShowsAnyBytes) {
   EXPECT_EQ(printable(any), "Jö ?[2J???\"\\?");
   EXPECT_EQ(json_string(any), "\"Jö \\u001b[2J\\u007f\\u009b\\u00ad\\\"\\\\\\u000a\"");
   EXPECT_EQ(latin1_of("Jö €\xF0\x9F\x9A\x97 ÿ"), "J\xF6 ?? \xFF");
-  for (const char* no_utf8 : {"J\xF6", "J\xF6 x", "\xC3", "\xFF\xFF"}) {
+  for (const char* no_utf8 : {"J\xF6", "J\xF6 x", "\xC3", "\xFF\xFF", "\xC3\xB6\x80", "\xC1\xBF",
+                              "\xC3\xB6\xF5\xBF\xBF\xBF"}) {
     EXPECT_EQ(latin1_of(no_utf8), no_utf8);
   }
 }
