@@ -21,7 +21,7 @@ import unittest
 
 import pyte
 
-from server_case import PATIENCE_S, RULE, Player, ServerCase
+from server_case import PATIENCE_S, RULE, Player, ServerCase, bound_socket
 
 ZOLVIEW = os.path.realpath(sys.argv.pop(1))
 MAP_COLUMNS, MAP_ROWS = 41, 17  # of a terminal of 80 columns and 24 rows
