@@ -1,0 +1,118 @@
+"""The real zolview on a server that answers late or not at all, and what it prints with --once.
+
+Usage: once_test.py ZOLSERVER ZOLVIEW [TEST...]"""
+
+import json
+import select
+import socket
+import subprocess
+import threading
+import unittest
+
+from server_case import PATIENCE_S, RULE, bound_socket
+from view_test import MAP_ROWS, ZOLVIEW, Terminal, ViewCase
+
+
+class OnceTest(ViewCase):
+    def once(self, *arguments):
+        return subprocess.run(
+            [ZOLVIEW, "--once", *arguments, f"127.0.0.1:{self.port}"], capture_output=True,
+            text=True, timeout=PATIENCE_S, stdin=subprocess.DEVNULL,
+        )  # fmt: skip
+
+    def test_once_does_not_wait_where_nobody_listens(self):
+        nobody = subprocess.run([ZOLVIEW, "--once", "127.0.0.1:1"], capture_output=True, text=True,
+                                timeout=3)
+        self.assertEqual((nobody.returncode, nobody.stdout, nobody.stderr),
+                         (1, "", "zolview: nobody answers at 127.0.0.1:1\n"))
+        silent, self.port = bound_socket()
+        with silent:
+            view = Terminal(self)
+            view.until(lambda rows: rows[MAP_ROWS].startswith(f"── joining 127.0.0.1:{self.port} ─"))
+            self.assertEqual(view.rows()[0][42:], "--:--  Deathmatch, 0 players")
+        for option in ([], ["--once"]):
+            broadcast = Terminal(self, *option, server="255.255.255.255")
+            broadcast.until_text("zolview: no way to the server: ")
+            self.assertEqual(broadcast.process.wait(PATIENCE_S), 1)
+
+    def test_once_says_who_is_on(self):
+        self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')
+        self.read_to(RULE)
+        empty = self.once()
+        self.assertEqual((empty.returncode, empty.stdout), (0, 'Hi "you", CatchPinkPanther, 0 players\n'))
+        self.guest(b"B\xf6b", 1.5, float("nan"), 7, car=9)
+        self.assertEqual(self.once().stdout, 'Hi "you", CatchPinkPanther, 1 player\n'
+                         " 0  car 9    weapon 7    Böb\n")
+        self.assertEqual(json.loads(self.once("--json").stdout), {
+            "welcome": 'Hi "you"', "game_type": 1, "players": [
+                {"slot": 0, "name": "Böb", "position": [1.5, None, None], "car_type": 9, "weapon": 7}],
+        })  # fmt: skip
+        self.guest(b"A")
+        self.guest(b"C")
+        refused = self.once()
+        self.assertEqual((refused.returncode, refused.stderr),
+                         (3, "zolview: Maximum allowed players: 3\n"))
+        Terminal(self).until_text("refused, will try again: Maximum allowed players: 3")
+        help = subprocess.run([ZOLVIEW, "--help"], capture_output=True, text=True)
+        self.assertEqual((help.returncode, help.stdout[:40]),
+                         (0, "usage: zolview [--name NAME] HOST[:PORT]"))
+        for arguments, complaint in (
+            (["--once"], "which server? see --help"), ([], "which server? see --help"),
+            (["--json", "x"], "--json goes with --once"),
+            (["--name", "n" * 64, "x"], "a name has 1 to 63 characters"),
+            (["--name", "", "x"], "a name has 1 to 63 characters"),
+            (["--name"], "--name needs a value"),
+            (["x", "y"], 'takes no argument like "y"; see --help'),
+            (["-x"], 'takes no argument like "-x"; see --help'),
+            (["x"], "the view needs a terminal; --once prints a table anywhere"),
+        ):  # fmt: skip
+            wrong = subprocess.run([ZOLVIEW, *arguments], capture_output=True, text=True,
+                                   stdin=subprocess.DEVNULL)  # fmt: skip
+            self.assertEqual((wrong.returncode, wrong.stderr), (2, f"zolview: {complaint}\n"))
+
+    def relay(self):
+        """A way to the server that loses the first datagram of each kind, of records that about each
+        player, and swaps every fifth with the one behind it."""
+        near, far = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+        near.bind(("127.0.0.1", 0))
+        far.connect(("127.0.0.1", self.port))
+        done = threading.Event()
+
+        def work():
+            seen, held, client, count = set(), [], None, 0
+            while not done.is_set():
+                ready = select.select([near, far], [], [], 0.02)[0]
+                for source in ready:
+                    datagram, sender = source.recvfrom(300)
+                    client = sender if source is near else client
+                    kind = (source, datagram[:2] if datagram[0] in (40, 42) else datagram[:1])
+                    if kind in seen:
+                        held.append((source, datagram))
+                        count += 1
+                    seen.add(kind)
+                if ready and count % 5 == 0 and len(held) == 1:
+                    continue
+                while held:
+                    source, datagram = held.pop()
+                    far.send(datagram) if source is near else near.sendto(datagram, client)
+
+        thread = threading.Thread(target=work)
+        thread.start()
+        self.addCleanup(far.close)
+        self.addCleanup(near.close)
+        self.addCleanup(thread.join)
+        self.addCleanup(done.set)
+        return near.getsockname()[1]
+
+    def test_sees_all_through_a_bad_network(self):
+        self.start_and_wait("maxClients=32\n")
+        for i in range(5):
+            self.guest(b"P%d" % i, i, i)
+        self.port = self.relay()
+        self.assertEqual(self.once().stdout.count("\n"), 6)
+        view = Terminal(self)
+        view.until_text("5 players")
+
+
+if __name__ == "__main__":
+    unittest.main()
