@@ -9,6 +9,11 @@ fail() {
   exit 1
 }
 
+# For scripts that ask git which files there are.
+need_git() {
+  git ls-files --error-unmatch script/test >/dev/null || fail "needs git and a clone of the repository"
+}
+
 # The lines of comment that head a script are its help. No script takes more arguments than it names.
 #   arguments MOST "$@"
 arguments() {

@@ -119,7 +119,9 @@ def points_of(text):
 
 def read_tree():
     """The files that git knows as they are in the clone, committed or not."""
-    listed = subprocess.run(["git", "ls-files", "-z"], check=True, stdout=subprocess.PIPE)
+    listed = subprocess.run(["git", "ls-files", "-z"], stdout=subprocess.PIPE)
+    if listed.returncode:
+        raise SystemExit("mutate: needs git and a clone of the repository")
     names = [name for name in listed.stdout.decode().split("\0") if os.path.isfile(name)]
     return {name: pathlib.Path(name).read_bytes() for name in names}
 
