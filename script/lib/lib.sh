@@ -14,6 +14,11 @@ need_git() {
   git ls-files --error-unmatch script/test >/dev/null || fail "needs git and a clone of the repository"
 }
 
+# The mirror of Debian that this machine installs from.
+debian_mirror() {
+  apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | sed q
+}
+
 # The lines of comment that head a script are its help. No script takes more arguments than it names.
 #   arguments MOST "$@"
 arguments() {
