@@ -21,6 +21,7 @@ static void time_out(Slot slot, Seat seen) {
 
 static void ping(PlayerSlot& player, Seat seen, std::uint32_t now) {
   sockaddr_in address;
+  pass_seam(Seam::PINGING);
   if (!read_address(player, seen, address)) return;
   send_record(address, Ping{}, SendErrorText::WITHOUT_BLANK);
   if (player.ping_sent < player.last_heard) player.ping_sent = now;

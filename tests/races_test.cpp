@@ -68,7 +68,6 @@ Seam RacesTest::wanted;
 void (*RacesTest::work_at_seam)() = nullptr;
 
 TEST_F(RacesTest, ATimeOutMissesWhoTookTheSlotMeanwhile) {
-  const Seat seen = player_table[1].seat;
   at(Seam::TIME_OUT_DECIDED, [] {
     arrive(self->players[1], {60});
     arrive(self->newcomer, join_request("New"));
@@ -78,8 +77,17 @@ TEST_F(RacesTest, ATimeOutMissesWhoTookTheSlotMeanwhile) {
   EXPECT_EQ(state_of(1), SeatState::JOINED);
   EXPECT_EQ(player_count, 3);
   EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
-  sockaddr_in address;
-  EXPECT_FALSE(read_address(player_table[1], seen, address)) << "nor is the newcomer pinged";
+}
+
+TEST_F(RacesTest, APingMissesWhoTookTheSlotMeanwhile) {
+  silence(NO_SLOT);
+  at(Seam::PINGING, [] {
+    arrive(self->players[0], {60});
+    arrive(self->newcomer, join_request("New"));
+  });
+  ping_pass();
+  EXPECT_EQ(find_slot_by_address(newcomer.address), 0);
+  EXPECT_EQ(newcomer.received().size(), 1U) << "the acceptance alone";
 }
 
 TEST_F(RacesTest, ATimeOutIsMadeOnceWhenThePlayerLeavesMeanwhile) {
