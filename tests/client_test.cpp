@@ -277,10 +277,10 @@ TEST(MapTest, HasOneScaleForBothAxes) {
 }
 
 TEST(TextTest, ShowsAnyBytes) {
-  const std::string any("J\xF6 \x1B[2J\x7F\x9B\xAD\"\\\n\0x", 16);
-  EXPECT_EQ(printable(any), "Jö ?[2J???\"\\?");
-  EXPECT_EQ(json_string(any), "\"Jö \\u001b[2J\\u007f\\u009b\\u00ad\\\"\\\\\\u000a\"");
-  EXPECT_EQ(latin1_of("Jö €\xF0\x9F\x9A\x97 ÿ"), "J\xF6 ?? \xFF");
+  const std::string any("J\xF6 \x1B[2J\x7F\x9F\xA0\xAD\"\\\n\0x", 17);
+  EXPECT_EQ(printable(any), "Jö ?[2J??\u00A0?\"\\?");
+  EXPECT_EQ(json_string(any), "\"Jö \\u001b[2J\\u007f\\u009f\u00A0\\u00ad\\\"\\\\\\u000a\"");
+  EXPECT_EQ(latin1_of("Jö Ā\u0800€\xF0\x9F\x9A\x97 ÿ"), "J\xF6 ???? \xFF");
   for (const char* no_utf8 : {"J\xF6", "J\xF6 x", "\xC3", "\xFF\xFF", "\xC3\xB6\x80", "\xC1\xBF",
                               "\xC3\xB6\xF5\xBF\xBF\xBF"}) {
     EXPECT_EQ(latin1_of(no_utf8), no_utf8);
