@@ -79,8 +79,7 @@ def check_on_all_consoles(check):
             case, player = server_on(reader, writer, is_controlling)
             cleanups.callback(case.doCleanups)
             started.append((case, player, reader, lines))
-        for result in [pool.submit(check, *each) for each in started]:
-            result.result()
+        return [result.result() for result in [pool.submit(check, *each) for each in started]]
 
 
 class ProcessTest(ServerCase):
@@ -182,6 +181,13 @@ class ProcessTest(ServerCase):
             time.sleep(0.1)
         time.sleep(0.3)
         self.assertEqual(self.proc("schedstat").read_text().split()[0], before)
+
+    def test_opens_a_console_again_where_it_can(self):
+        def never_blocks(case, *_):
+            flags = re.search(r"^flags:\s*(\d+)$", case.proc("fdinfo/1").read_text(), re.M)[1]
+            return int(flags, 8) & os.O_NONBLOCK != 0
+
+        self.assertEqual(check_on_all_consoles(never_blocks), [True, False, True, False, False])
 
     def test_a_console_that_nobody_reads_stops_neither_the_game_nor_the_stop(self):
         def check(case, player, reader, lines):
