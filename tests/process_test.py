@@ -212,20 +212,13 @@ class ProcessTest(ServerCase):
 
     def test_a_reader_that_is_half_a_second_late_loses_nothing(self):
         def check(case, player, reader, lines):
-            texts = []
-
-            def read_all():
-                with contextlib.suppress(OSError):  # a terminal's end
-                    while text := os.read(reader.fileno(), 4096):
-                        texts.append(text)
-
-            late = threading.Timer(0.5, read_all)
-            late.start()
+            # A process of its own, because this one is busy. A terminal ends with an error.
+            late = subprocess.Popen(["sh", "-c", "sleep 0.5; exec cat"], stdin=reader,
+                                    stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
             case.say_unknown(player, lines)
             case.server.send_signal(signal.SIGTERM)
-            late.join()
             everything = b"Unknown Command: 200 \n" * lines + b"Exitting...\n"
-            case.assertEqual(b"".join(texts), everything)
+            case.assertEqual(late.communicate()[0], everything)
             case.assertEqual(case.server.wait(PATIENCE_S), 1)
 
         check_on_all_consoles(check)
