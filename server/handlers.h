@@ -18,9 +18,11 @@ struct ReceivedDatagram {
   sockaddr_in sender;
 };
 
-// membership.cpp
+// membership.cpp; the last one is the end of all ways out of a slot. By the thread that put the
+// slot into LEAVING: tells everyone in the game that the player has left, and makes the slot FREE.
 void handle_join(Slot slot, const ReceivedDatagram& datagram);
 void handle_leave(Slot slot, const ReceivedDatagram& datagram);
+void finish_leaving(Slot slot);
 
 // presence.cpp
 void handle_ping_reply(Slot slot, const ReceivedDatagram& datagram);

@@ -1,7 +1,7 @@
 #include "server/liveness.h"
 
 #include "server/clock.h"
-#include "server/membership.h"
+#include "server/handlers.h"
 #include "server/pinkpanther.h"
 #include "server/player_table.h"
 #include "server/seams.h"

@@ -1,7 +1,5 @@
 // Joining, reconnecting and leaving.
 
-#include "server/membership.h"
-
 #include <cstdio>
 
 #include "config/server_config.h"

@@ -29,8 +29,7 @@ inline constexpr std::size_t TEXT_WIDTH = 64;
 inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // what is longer on the wire is cut
 
 inline constexpr std::int32_t MAX_CLIENTS = 32;  // slots
-
-using Slot = std::uint8_t;  // a player's number, from 0 to MAX_CLIENTS - 1
+using Slot = std::uint8_t;                       // a player's number, from 0 to MAX_CLIENTS - 1
 inline constexpr Slot NO_SLOT = 255;
 inline constexpr Slot NOBODY = 100;  // in CMD_PINKPANTHER alone: there is no PinkPanther
 
@@ -370,17 +369,16 @@ struct PinkPanther {
   Slot slot = NOBODY;
 };
 
-// True of a record, or a code alone, without padding, so that all it sends is what was written into
-// it, and no larger than the receive buffer.
+// True of a record, or a code alone, that fits the receive buffer and has no padding, so that it
+// sends only what was written into it. A view is no record: it would send its own pointer.
 template <typename Record>
 concept WireRecord = requires {
-  requires std::is_class_v<Record> || std::is_enum_v<Record>;
+  requires std::is_aggregate_v<Record> || std::is_enum_v<Record>;
   requires std::has_unique_object_representations_v<Record>;
   requires sizeof(Record) <= RECEIVE_BUFFER_SIZE;
 };
 
-// The bytes of one datagram, valid as long as their owner is. A record, or a code alone, is one
-// too.
+// The bytes of one datagram, valid as long as their owner. A record converts to its bytes.
 struct Datagram : std::span<const std::uint8_t> {
   using span::span;
   Datagram(std::span<const std::uint8_t> bytes) : span(bytes) {}
@@ -389,8 +387,7 @@ struct Datagram : std::span<const std::uint8_t> {
       : span(reinterpret_cast<const std::uint8_t*>(&record), sizeof record) {}
 };
 
-// A record from the start of the bytes. The bytes that a short datagram lacks read as zero, except
-// for the code.
+// A record from the start of the bytes. A short datagram leaves the rest at its initial values.
 template <WireRecord Record>
 Record record_of(Datagram datagram) {
   Record record;

@@ -4,9 +4,9 @@
 // A broadcast that cannot be sent to one of its players means a broken socket: the error is printed
 // and the process ends with status 1.
 //
-// The ping thread may time a player out while the main thread sends a record about that player. The
-// notice that the player has left may then arrive before the record, and would leave a ghost. So
-// the main thread looks at the seat after the send, and sends the notice again when it has changed.
+// The ping thread may time a player out while the main thread sends a record about that player. A
+// notice that arrives before the record would leave a ghost, so both relay_to_others and
+// send_record_about look at the seat after the send and repeat the notice when the player is gone.
 #pragma once
 
 #include <netinet/in.h>
