@@ -79,7 +79,7 @@ class CheckTest(ServerCase):
                                  ("maxClients=", 100, "1: and so on")):
             with self.subTest(key):
                 self.directory(key, (key * 2**20)[: 2**20])
-                status, _, doubts = self.check(key, timeout=5)
+                status, _, doubts = self.check(key, timeout=30)
                 self.assertEqual((status, doubts.count("\n"), doubts.splitlines()[-1]),
                                  (1, count, f"{key}/zolserver.cfg:{last}"))
 

@@ -81,7 +81,8 @@ ssize_t __wrap_read(int handle, void* buffer, std::size_t size) {
 }
 int __wrap_clock_gettime(clockid_t id, timespec* now) {
   if (!is_clock_set) return __real_clock_gettime(id, now);
-  *now = {.tv_sec = clock_ms / 1000, .tv_nsec = clock_ms % 1000 * 1'000'000 + 999};
+  now->tv_sec = static_cast<time_t>(clock_ms / 1000);
+  now->tv_nsec = static_cast<long>(clock_ms % 1000 * 1'000'000 + 999);
   return 0;
 }
 int __wrap_poll(pollfd* waits, nfds_t count, int limit) {
