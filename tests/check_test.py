@@ -5,6 +5,7 @@ Usage: check_test.py ZOLSERVER ZOLCHECK [TEST...]"""
 import ctypes
 import os
 import pathlib
+import resource
 import subprocess
 import sys
 import tempfile
@@ -62,7 +63,9 @@ class CheckTest(ServerCase):
         # A server on the default port of this machine would add a line.
         status, _, complaints = self.check("--start", "empty")
         self.assertEqual((status, complaints.splitlines(True)[0]), (2, no_settings))
+        few_descriptors = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32))
         for arguments, complaint in (
+            (["two"] * 40, "two: port 5000 is the port of two, too\n" * 39),
             (["one", "two"], "two: port 5000 is the port of one, too\n"),
             (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" gives no port\n'
              "wrong: the server does not start: no port\n"),
@@ -71,7 +74,7 @@ class CheckTest(ServerCase):
             (["--stop"], 'zolcheck: takes no option like "--stop"; see --help\n'),
         ):  # fmt: skip
             with self.subTest(arguments):
-                status, _, complaints = self.check(*arguments)
+                status, _, complaints = self.check(*arguments, preexec_fn=few_descriptors)
                 self.assertEqual((status, complaints), (2, complaint))
 
     def test_explains_the_longest_lines_in_time(self):

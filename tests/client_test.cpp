@@ -244,6 +244,8 @@ TEST(MapTest, FitsCalmly) {
   MapView view;
   fit_view(view, crowd({{NONE, 0}, {0, FAR}, {-1e30F, 0}}), 0);
   EXPECT_EQ(view.side, 0) << "nobody is anywhere";
+  fit_view(view, crowd({{3, 4}}), 500);
+  EXPECT_FLOAT_EQ(view.side, 26) << "at least so much";
   fit_view(view, crowd({{-100, 0}, {100, 40}, {NONE, NONE}}), 1'000);
   EXPECT_FLOAT_EQ(view.side, 260);
   EXPECT_FLOAT_EQ(view.middle.y, 20);

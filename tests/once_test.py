@@ -3,7 +3,9 @@
 Usage: once_test.py ZOLSERVER ZOLVIEW [TEST...]"""
 
 import json
+import os
 import select
+import signal
 import socket
 import subprocess
 import threading
@@ -34,6 +36,23 @@ class OnceTest(ViewCase):
             broadcast = Terminal(self, *option, server="255.255.255.255")
             broadcast.until_text("zolview: no way to the server: ")
             self.assertEqual(broadcast.process.wait(PATIENCE_S), 1)
+
+    def test_once_hears_all_and_asks_three_times(self):
+        server, port = bound_socket()
+        server.settimeout(PATIENCE_S)
+        client = subprocess.Popen([ZOLVIEW, "--once", f"127.0.0.1:{port}"], stdout=subprocess.PIPE)
+        with server, client:
+            address = server.recvfrom(300)[1]
+            client.send_signal(signal.SIGSTOP)  # it reads the next three datagrams together
+            os.waitpid(client.pid, os.WUNTRACED)
+            for datagram in (bytes([17, 0]).ljust(67), bytes([42, 1]).ljust(164), bytes([42, 2]).ljust(164)):
+                server.sendto(datagram, address)
+            client.send_signal(signal.SIGCONT)
+            questions = []
+            while (datagram := server.recv(300)) != b"\x3c":
+                questions.append(datagram)
+            self.assertEqual(questions, [bytes([40, slot]) for slot in range(3, 32)] * 3)
+            self.assertEqual(client.stdout.read().count(b"\n"), 3)
 
     def test_once_says_who_is_on(self):
         self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')
