@@ -153,6 +153,8 @@ class ViewTest(ViewCase):
         view.until_equal(lambda: view.list()[1:], ["2 Jö?]0;a??ÿÿÿÿÿ foot     99   5"])
         # Slot 0 became the PinkPanther when the view came; its death passes the role on.
         view.until(lambda _: view.colour_of("Bob") == "magenta")
+        ida.move(0, 0)
+        view.until_equal(view.marks, ["0"])  # drawn over the other one
         self.assertEqual(view.colour_of("foot     99"), "cyan")
         bob.socket.send(b"\x67\x01")
         bob.socket.send(b"\x67\x02")
@@ -160,9 +162,9 @@ class ViewTest(ViewCase):
 
         bob.socket.send(b"\x1fat \x1b[2J\xe4!\0")
         view.until_text("Bob: at ?[2Jä!")
-        view.press("\nhé\x7f\x1b[Aällo 日\n")
-        view.until_text("Jörg: hällo ?")
-        self.assertEqual(bob.heard_of(30), b"\x1eJ\xf6rg: h\xe4llo ?".ljust(65, b"\0"))
+        view.press("\nhé\x7f\x1b[Aällo~ 日\n")
+        view.until_text("Jörg: hällo~ ?")
+        self.assertEqual(bob.heard_of(30), b"\x1eJ\xf6rg: h\xe4llo~ ?".ljust(65, b"\0"))
         ida.say(60)
         view.until(lambda _: len(view.list()) == 1)
         lines = [f"Bob: line {i}, which is longer than the prompt" for i in range(40)]
