@@ -71,12 +71,13 @@ TEST_F(RacesTest, ATimeOutMissesWhoTookTheSlotMeanwhile) {
   at(Seam::TIME_OUT_DECIDED, [] {
     arrive(self->players[1], {60});
     arrive(self->newcomer, join_request("New"));
+    arrive(self->newcomer, enter_on_foot());
   });
   ping_pass();
   EXPECT_EQ(find_slot_by_address(newcomer.address), 1);
-  EXPECT_EQ(state_of(1), SeatState::JOINED);
+  EXPECT_EQ(state_of(1), SeatState::IN_GAME) << "as before, but it is another player's";
   EXPECT_EQ(player_count, 3);
-  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
+  EXPECT_EQ(told(), (std::vector<Bytes>{Bytes{60, 1}, {42, 1, 1}}));
 }
 
 TEST_F(RacesTest, APingMissesWhoTookTheSlotMeanwhile) {

@@ -162,7 +162,9 @@ class ViewTest(ViewCase):
 
         bob.socket.send(b"\x1fat \x1b[2J\xe4!\0")
         view.until_text("Bob: at ?[2Jä!")
-        view.press("\nhé\x7f\x1b[Aällo~ 日\n")
+        view.press("\nhé\x7f\x1b[Aällo~ 日")
+        view.until(lambda rows: rows[-1] == "> hällo~ ?_")
+        view.press("\n")
         view.until_text("Jörg: hällo~ ?")
         self.assertEqual(bob.heard_of(30), b"\x1eJ\xf6rg: h\xe4llo~ ?".ljust(65, b"\0"))
         ida.say(60)
