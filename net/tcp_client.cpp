@@ -31,6 +31,7 @@ int connect_with_retries(const char* host, const char* service, const char* prot
 }
 
 int tcp_connect(const char* host, const char* service) {
+  check_argument(is_text(service), SFLSOCK_MODULE);
   return connect_with_retries(host, service, "tcp", nullptr, CONNECT_ATTEMPTS, CONNECT_PAUSE_S);
 }
 
