@@ -9,7 +9,10 @@
 // relays to a bot that joins or leaves are optional, and what the server tells a bot of another
 // player's state is not compared.
 //
-// A foreign player is one who is not a bot of this process.
+// Others are players who are not bots of this process. Nothing is known of what they send. So an
+// unexpected datagram that they may have caused is judged only when the caller has promised that
+// there are none (--alone). Bots hear others, but others cannot replace what is due to a bot: a
+// wrong datagram in its place shows as a loss.
 //
 // Single-threaded.
 #pragma once
@@ -49,14 +52,14 @@ struct Bot {
   float goal_x = 0;
   float goal_y = 0;
   float heading = 0;           // radians
-  std::uint16_t sequence = 0;  // of its chat texts and car statuses
+  std::uint16_t sequence = 0;  // of its car statuses
   std::uint8_t death_count = 0;
 };
 
 // What the server holds for a slot.
 struct SlotModel {
-  std::uint8_t bot = NO_BOT;  // the bot in the slot; a foreign player is not recorded here
-  bool known = false;         // a bot has entered here, and no foreign player has been seen since
+  std::uint8_t bot = NO_BOT;  // the bot in the slot
+  bool known = false;         // a bot has entered here, and nobody else can have been here since
   bool in_car = false;
   bool has_died = false;
   PlayerState state{};
@@ -70,15 +73,16 @@ struct Counters {
   std::uint64_t send_failures = 0;
   std::uint64_t joins = 0;
   std::uint64_t refused = 0;
-  std::uint64_t foreign = 0;  // datagrams about foreign players
+  std::uint64_t not_judged = 0;  // unexpected datagrams that others may have caused
 };
 
 struct Fleet {
   std::array<Bot, MAX_BOTS> bots{};
   std::array<SlotModel, SLOTS> slots{};
   unsigned size = 0;
+  bool alone = false;  // there are no others
   bool in_order_delivery = false;
-  std::uint16_t process_tag = 0;  // tells our datagrams and names from those of another zolbots
+  std::uint16_t process_tag = 0;  // tells our datagrams from those of another zolbots
   std::uint64_t step_ns = 0;      // between two position updates of a bot
 
   BotSet in_game = 0;        // must get relays
@@ -88,10 +92,7 @@ struct Fleet {
   std::uint8_t joining_bot = NO_BOT;
   Slot last_join_slot = NO_SLOT;
 
-  // One bit per slot.
-  std::uint32_t our_slots = 0;                  // a bot has been there
-  std::uint32_t foreign_slots = 0;              // a foreign player has been there
-  std::uint32_t unconfirmed_foreign_slots = 0;  // only a CMD_ENTER_GAME_REPLY has said so
+  std::uint32_t other_slots = 0;  // one bit per slot: others have been there
 
   bool first_accepted_known = false;
   JoinAccepted first_accepted{};
@@ -122,5 +123,3 @@ void act_before_entering(Bot& bot);
 // bot_hearing.cpp: how bots check what they receive.
 
 void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns);
-// Counts foreign slots that stayed unconfirmed as wrong. To be called at the end.
-void count_unconfirmed_slots();

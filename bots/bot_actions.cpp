@@ -4,16 +4,18 @@
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <utility>
 
 #include "bots/bot_common.h"
 
-static constexpr const char* PHRASES[] = {
-    "hello everybody",
-    "nice car!",
-    "",
-    "who is the PinkPanther?",
-    "meet me at the bridge, bring the big one, and do not tell a soul about it, please",
-    "100% %s %n {}",
+// What is said before and after the place. The server cuts the first one. "% s" would be a
+// conversion if it took a text for a format.
+static constexpr std::pair<const char*, const char*> SENTENCES[] = {
+    {"Meet me at the ", ". Bring the big one, and do not tell a soul about it, please"},
+    {"Nice car! Did you get it at the ", "?"},
+    {"I am 100% sure that I parked at the ", ""},
+    {"Who was first at the ", "?"},
+    {"Race you to the ", "!"},
 };
 
 static void expect_got_car(const Bot& bot) {
@@ -173,13 +175,12 @@ static void die(Bot& bot) {
   send_bytes(bot, report);
 }
 
-// CMD_CHAT_LINE names the player but no slot, so the text begins with it. Half of the texts end
-// with the datagram instead of a NUL.
+// Half of the texts end with the datagram instead of a NUL.
 static void chat(Bot& bot) {
   Chat report;
-  const char* phrase = PHRASES[random_below(bot, std::size(PHRASES))];
-  const int length = std::snprintf(report.text.data(), report.text.size(), "%u.%u %s",
-                                   unsigned{bot.slot}, unsigned{bot.sequence++}, phrase);
+  const auto& [before, after] = SENTENCES[random_below(bot, std::size(SENTENCES))];
+  const int length = std::snprintf(report.text.data(), report.text.size(), "%s%s%s", before,
+                                   PLACES[bot.slot], after);
 
   std::array<char, 2 * RECEIVE_BUFFER_SIZE> line{};
   std::snprintf(line.data(), line.size(), "%s: %s", bot.name.data(), report.text.data());

@@ -1,4 +1,4 @@
-// What bot_actions.cpp and bot_life.cpp share: random values and expected datagrams.
+// What the bots' own files share: random values, expected datagrams, and the places of the chat.
 #pragma once
 
 #include <algorithm>
@@ -16,6 +16,13 @@ inline constexpr float WALKING_SPEED = 8;  // units a second
 inline constexpr float CAR_SPEED = 30;     // units a second
 inline constexpr float TURN_RATE = 2;      // radians a second
 inline constexpr float GOAL_RADIUS = 20;   // units
+
+// CMD_CHAT_LINE names no slot. So a bot talks only about the place of its slot.
+inline constexpr std::array<const char*, SLOTS> PLACES = {
+    "airport", "bakery", "bridge",  "brewery",  "casino",     "cinema", "circus",   "docks",
+    "farm",    "ferry",  "forest",  "fountain", "gallery",    "garage", "harbour",  "hospital",
+    "hotel",   "kiosk",  "laundry", "library",  "lighthouse", "market", "museum",   "opera",
+    "pier",    "quarry", "stadium", "station",  "swamp",      "tunnel", "windmill", "zoo"};
 
 // splitmix64
 inline std::uint64_t next_random(Bot& bot) {

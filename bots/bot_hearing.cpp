@@ -1,13 +1,11 @@
-// How the bots check what they receive: a datagram is an expected one, or is about a foreign
-// player, or is wrong.
+// How the bots check what they receive: a datagram is an expected one, or may be about others and
+// is not judged, or is wrong.
 
 #include <algorithm>
-#include <bit>
-#include <charconv>
 #include <cstring>
 #include <string_view>
 
-#include "bots/bot.h"
+#include "bots/bot_common.h"
 #include "bots/report.h"
 
 using enum ServerCommand;
@@ -26,21 +24,13 @@ static bool is_relay(Datagram datagram) {
   }
 }
 
-static bool is_our_name(std::string_view name) {
-  return std::any_of(fleet.bots.begin(), fleet.bots.begin() + fleet.size,
-                     [name](const Bot& bot) { return name == bot.name.data(); });
-}
-
-// The line is "name-tag: slot.sequence phrase".
 static Slot slot_of_chat(Datagram datagram) {
   const auto line = record_of<ChatLine>(datagram);
   const std::string_view text(line.text.data(), line.text.size());
-  const std::size_t colon = text.find(": ");
-  Slot slot = NO_SLOT;
-  if (colon == std::string_view::npos) return NO_SLOT;
-  const std::string_view name = text.substr(0, colon);
-  if (is_our_name(name)) std::from_chars(text.data() + colon + 2, text.data() + text.size(), slot);
-  return slot;
+  for (Slot slot = 0; slot < SLOTS; ++slot) {
+    if (text.find(PLACES[slot]) != std::string_view::npos) return slot;
+  }
+  return NO_SLOT;
 }
 
 static bool names_no_slot(Datagram datagram) {
@@ -49,7 +39,7 @@ static bool names_no_slot(Datagram datagram) {
 }
 
 // The slot of the player whom the datagram is about. NO_SLOT if it is unknown, as with the chat of
-// a foreign player.
+// others.
 static Slot slot_of(Datagram datagram) {
   if (!names_no_slot(datagram)) return datagram.size() > 1 ? datagram[1] : NO_SLOT;
   if (command_of(datagram) == CMD_CHAT_LINE) return slot_of_chat(datagram);
@@ -61,36 +51,22 @@ static Slot slot_of(Datagram datagram) {
   return relay.car_float >> 16U == fleet.process_tag ? relay.car_byte : NO_SLOT;
 }
 
-static void note_foreign(Slot slot) {
-  fleet.foreign_slots |= 1U << slot;
-  fleet.slots[slot].known = false;
+// Others cause relays, and records about themselves. Every other answer is to the bot alone.
+static bool may_be_about_others(Datagram datagram, Slot slot) {
+  switch (command_of(datagram)) {
+    case CMD_PLAYER_INFO:
+    case CMD_PLAYER_STATE:
+      return slot < SLOTS;
+    default:
+      return is_relay(datagram) && (slot < SLOTS || names_no_slot(datagram));
+  }
 }
 
-static bool has_foreign_name(Datagram datagram) {
-  if (datagram.size() != sizeof(PlayerInfo)) return false;
-  const auto info = record_of<PlayerInfo>(datagram);
-  const std::string_view name(info.name.data(), strnlen(info.name.data(), info.name.size()));
-  return !is_our_name(name);
-}
-
-// A slot where no bot has been is foreign; any other one becomes foreign with the CMD_PLAYER_INFO
-// of a foreign player, or when no bot is there any more and there are foreign players. There is one
-// who has never entered when CMD_PLAYER_LEFT names a slot that no bot is in. From the first foreign
-// player on nobody knows which CMD_PLAYER_INFO an entering bot gets (its own too, when someone else
-// has joined since), so each unexpected one counts as foreign. So does each unexpected relay that
-// names no slot: a short datagram of a foreign player repeats what a bot has reported. If a wrong
-// datagram is taken for a foreign one, the right one still counts as lost.
-static bool is_foreign(Datagram datagram, Slot slot) {
-  if (slot == NO_SLOT || names_no_slot(datagram)) return fleet.foreign_slots != 0;
-  if (slot >= SLOTS) return false;
-  const bool is_info = command_of(datagram) == CMD_PLAYER_INFO;
-  const bool never_ours = (fleet.our_slots >> slot & 1U) == 0;
-  const bool has_left = command_of(datagram) == CMD_PLAYER_LEFT;
-  const bool left_to_them =
-      (fleet.foreign_slots != 0 || has_left) && fleet.slots[slot].bot == NO_BOT;
-  if (never_ours || left_to_them || (is_info && has_foreign_name(datagram))) note_foreign(slot);
-  if (is_info && (fleet.foreign_slots | fleet.unconfirmed_foreign_slots) != 0) return true;
-  return (fleet.foreign_slots >> slot & 1U) != 0;
+static void note_others(Datagram datagram, Slot slot) {
+  ++fleet.counters.not_judged;
+  const bool is_record = command_of(datagram) == CMD_PLAYER_INFO && slot < SLOTS;
+  if (!is_record || fleet.slots[slot].bot != NO_BOT) return;
+  fleet.other_slots |= 1U << slot;
 }
 
 static const char* reason_of(Verdict verdict) {
@@ -104,10 +80,11 @@ static const char* reason_of(Verdict verdict) {
   }
 }
 
-static void handle_unexpected(const Bot& bot, Datagram datagram, const Match& found, Tally& tally,
-                              Slot slot) {
-  if (found.verdict != Verdict::OUT_OF_ORDER && is_foreign(datagram, slot)) {
-    ++fleet.counters.foreign;
+static void handle_unexpected(const Bot& bot, Datagram datagram, const Match& found, Tally& tally) {
+  const Slot slot = slot_of(datagram);
+  if (!fleet.alone && found.verdict != Verdict::OUT_OF_ORDER &&
+      may_be_about_others(datagram, slot)) {
+    note_others(datagram, slot);
     return;
   }
   report_wrong(bot, datagram, tally, reason_of(found.verdict), found.expectation);
@@ -118,7 +95,7 @@ static void hear_relay(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   Match found{Verdict::UNEXPECTED, nullptr};
   if (slot < SLOTS) found = match(relay_ring(slot), bot.number, datagram, now_ns);
   if (found.verdict != Verdict::EXPECTED) {
-    handle_unexpected(bot, datagram, found, relay_tally, slot);
+    handle_unexpected(bot, datagram, found, relay_tally);
     return;
   }
   // An optional relay may have been matched with an equal, older entry, so its delay is not known.
@@ -154,18 +131,7 @@ static void hear_join_answer(Bot& bot, Datagram datagram) {
   }
 }
 
-// The reply names the slot of the latest join: that of a bot, or that of a foreign player of whom
-// no other datagram may have come yet. One who never enters is heard of when it leaves.
-static void hear_enter_reply(Bot& bot, Datagram datagram, const Expectation& expectation) {
-  const auto slot = record_of<EnterGameReply>(datagram).last_join_slot;
-  const bool as_expected = slot == expectation.bytes[offsetof(EnterGameReply, last_join_slot)];
-  if (!as_expected && fleet.foreign_slots == 0) {
-    if (slot < SLOTS && fleet.slots[slot].bot == NO_BOT) {
-      fleet.unconfirmed_foreign_slots |= 1U << slot;
-    } else {
-      report_wrong(bot, datagram, answer_tally, "not the slot of the latest join", &expectation);
-    }
-  }
+static void hear_enter_reply(Bot& bot) {
   if (bot.stage != Stage::ENTERING) return;
   set_stage(bot, Stage::PLAYING);
   bot.due_ns = monotonic_ns() + fleet.step_ns;
@@ -174,14 +140,12 @@ static void hear_enter_reply(Bot& bot, Datagram datagram, const Expectation& exp
 static void hear_answer(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   const Match found = match(answer_ring(bot.number), bot.number, datagram, now_ns);
   if (found.verdict != Verdict::EXPECTED) {
-    const bool names_slot =
-        command_of(datagram) == CMD_PLAYER_INFO || command_of(datagram) == CMD_PLAYER_STATE;
-    handle_unexpected(bot, datagram, found, answer_tally, names_slot ? slot_of(datagram) : SLOTS);
+    handle_unexpected(bot, datagram, found, answer_tally);
   } else if (command_of(datagram) == CMD_JOIN_ACCEPTED ||
              command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
     hear_join_answer(bot, datagram);
   } else if (command_of(datagram) == CMD_ENTER_GAME_REPLY) {
-    hear_enter_reply(bot, datagram, *found.expectation);
+    hear_enter_reply(bot);
   }
 }
 
@@ -217,9 +181,4 @@ void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   } else {
     hear_answer(bot, datagram, now_ns);
   }
-}
-
-void count_unconfirmed_slots() {
-  const std::uint32_t unconfirmed = fleet.unconfirmed_foreign_slots & ~fleet.foreign_slots;
-  answer_tally.wrong += static_cast<std::uint64_t>(std::popcount(unconfirmed));
 }

@@ -30,10 +30,9 @@ void send_bytes(const Bot& bot, Datagram datagram) {
   if (!send_datagram(bot.socket, datagram)) ++fleet.counters.send_failures;
 }
 
-// The server leaves out the slot of the latest join. Once there are foreign players, that slot is
-// unknown, and nothing is expected.
+// The server leaves out the slot of the latest join. If another player has joined since, it leaves
+// out that one, and the record of last_join_slot comes unexpected.
 static void expect_other_players(const Bot& bot) {
-  if (fleet.foreign_slots != 0) return;
   for (Slot slot = 0; slot < SLOTS; ++slot) {
     if (fleet.slots[slot].bot == NO_BOT || slot == fleet.last_join_slot) continue;
     expect_info(bot, slot);
@@ -61,7 +60,9 @@ static void enter_game(Bot& bot) {
   }
 
   const EnterGameReply reply{.last_join_slot = fleet.last_join_slot};
-  expect_answer(bot, reply, offsetof(EnterGameReply, last_join_slot));
+  expect_answer(
+      bot, reply,
+      fleet.alone ? offsetof(EnterGameReply, hour) : offsetof(EnterGameReply, last_join_slot));
   PlayerInfo relay;
   relay.slot = bot.slot;
   relay.just_entered = 1;
@@ -181,10 +182,10 @@ void take_slot(Bot& bot, Slot slot) {
   }
   bot.slot = slot;
   model_of(bot).bot = bot.number;
+  model_of(bot).known &= fleet.alone;
   model_of(bot).in_car = false;
   model_of(bot).has_died = false;
   ++fleet.counters.joins;
-  fleet.our_slots |= 1U << slot;
   fleet.last_join_slot = slot;
   fleet.joining_bot = NO_BOT;
   set_stage(bot, Stage::JOINED);

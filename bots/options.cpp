@@ -10,6 +10,7 @@
 
 static constexpr const char* HELP =
     "usage: zolbots [--server HOST[:PORT]] [--players N] [--rate HZ] [--seconds S] [--seed N]\n"
+    "               [--alone]\n"
     "\n"
     "Bots that play on a ZOL Server over UDP and check every datagram they get from it.\n"
     "\n"
@@ -18,6 +19,8 @@ static constexpr const char* HELP =
     "  --rate HZ           position updates a second of each bot, 1 to 200, 20 by default\n"
     "  --seconds S         how long to play, 1 to 1000000, 10 by default\n"
     "  --seed N            seed of the bots' random choices, 0 to 4294967295, 1 by default\n"
+    "  --alone             nobody else plays: every unexpected datagram is wrong, while\n"
+    "                      otherwise it may be about another player and is not judged\n"
     "\n"
     "SIGINT and SIGTERM end the run early; the bots leave and the table is shown.\n"
     "Exit status: 0 all was well, 1 something was wrong or lost or no bot could join,\n"
@@ -60,24 +63,28 @@ static const NumberOption* find_number_option(std::string_view name) {
 }
 
 ParseResult parse_options(int count, char** arguments, Options& options) {
-  for (int i = 1; i < count; i += 2) {
+  for (int i = 1; i < count; ++i) {
     const std::string_view name = arguments[i];
     if (name == "--help") {
       std::fputs(HELP, stdout);
       return ParseResult::HELP_SHOWN;
+    }
+    if (name == "--alone") {
+      options.alone = true;
+      continue;
     }
     const NumberOption* number_option = find_number_option(name);
     if (number_option == nullptr && name != "--server") {
       std::fprintf(stderr, "zolbots: unknown argument \"%s\"; see --help\n", arguments[i]);
       return ParseResult::BAD_ARGUMENTS;
     }
-    if (i + 1 == count) {
-      std::fprintf(stderr, "zolbots: %s needs a value\n", arguments[i]);
+    if (++i == count) {
+      std::fprintf(stderr, "zolbots: %s needs a value\n", name.data());
       return ParseResult::BAD_ARGUMENTS;
     }
     if (number_option == nullptr) {
-      options.server = arguments[i + 1];
-    } else if (!set_number(*number_option, arguments[i + 1], options)) {
+      options.server = arguments[i];
+    } else if (!set_number(*number_option, arguments[i], options)) {
       return ParseResult::BAD_ARGUMENTS;
     }
   }

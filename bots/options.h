@@ -10,6 +10,7 @@ struct Options {
   unsigned rate = 20;     // position updates per second and bot
   unsigned seconds = 10;  // how long to play
   unsigned seed = 1;      // of the bots' random choices
+  bool alone = false;     // nobody else plays: every unexpected datagram is wrong
 };
 
 enum class ParseResult { RUN, HELP_SHOWN, BAD_ARGUMENTS };

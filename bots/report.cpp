@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <bit>
 #include <cinttypes>
 #include <cstdio>
 
@@ -83,11 +84,22 @@ static void show_count(std::uint64_t count, const char* text) {
   if (count != 0) std::printf("%" PRIu64 " %s\n", count, text);
 }
 
+static void show_others() {
+  const int others = std::popcount(fleet.other_slots);
+  if (others != 0) {
+    std::printf("%d other player%s watched or played\n", others, others == 1 ? "" : "s");
+  } else {
+    show_count(
+        fleet.counters.not_judged,
+        "unexpected datagrams, not judged: other players may have caused them (see --alone)");
+  }
+}
+
 // Events that the table does not show, if there were any.
 static void show_events(std::uint64_t socket_drops) {
   const Counters& counters = fleet.counters;
   show_count(counters.refused, "joins refused, the server was full");
-  show_count(counters.foreign, "datagrams about foreign players, who are not bots of this run");
+  show_others();
   show_count(counters.skipped, "position updates skipped: the bots fell behind, not the server");
   show_count(socket_drops, "datagrams dropped at the bots' own sockets: the bots were too slow");
   show_count(counters.send_failures, "datagrams could not be sent");

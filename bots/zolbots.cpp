@@ -36,6 +36,7 @@ static bool stop_requested = false;
 
 static bool start_fleet(const Options& options) {
   fleet.size = options.players;
+  fleet.alone = options.alone;
   fleet.in_order_delivery = ntohl(options.address.sin_addr.s_addr) >> 24U == 127;
   fleet.process_tag = static_cast<std::uint16_t>(getpid());
   fleet.step_ns = SECOND_NS / options.rate;
@@ -45,7 +46,7 @@ static bool start_fleet(const Options& options) {
     bot.number = static_cast<std::uint8_t>(i);
     bot.rng = std::uint64_t{options.seed} << 8U | i;
     bot.due_ns = start_ns + fleet.step_ns * i / fleet.size;
-    std::snprintf(bot.name.data(), bot.name.size(), "%s-%u", NAMES[i], unsigned{fleet.process_tag});
+    std::snprintf(bot.name.data(), bot.name.size(), "%s", NAMES[i]);
     bot.socket = open_client_socket(options.address);
     if (bot.socket == -1) {
       std::perror("zolbots: cannot open a socket to the server");
@@ -162,7 +163,6 @@ static void end_play() {
     drain();
   }
   tally_remaining();
-  count_unconfirmed_slots();
 }
 
 static bool all_was_well() {

@@ -104,7 +104,7 @@ def check(way, act, term):
     with tempfile.TemporaryDirectory() as folder:
         demo = Demo(term, folder)
         # The view lists the bots by name.
-        sign = b"Ada-" if shows_map else b"Eight bots"
+        sign = b"Ada" if shows_map else b"Eight bots"
         demo.read_until(lambda: sign in demo.output, READY_S, "the game")
         act(demo)
         demo.read_until(lambda: demo.process.poll() is not None, END_S, f"the end after {way}")

@@ -254,7 +254,6 @@ def check_players(work, rules):
         fail(f"players are cut: {server.dropped()}")
     server.stop()
     server = Server(work, rules)
-    run(*strangers("forged enters"))  # the bots know from then on that not all players are bots
     bots = subprocess.Popen(
         inside("players", BUILD / "zolbots", "--server", f"{PLAYERS}:{PORT}", "--players",
                "2", "--rate", "20", "--seconds", "10"), text=True, stdout=subprocess.PIPE)

@@ -72,7 +72,7 @@ def measure_idle(count, seconds):
 
 def start_bots(port, seconds):
     command = [BUILD / "zolbots", "--server", f"127.0.0.1:{port}", "--players", PLAYERS,
-               "--rate", RATE_HZ, "--seconds", seconds]
+               "--rate", RATE_HZ, "--seconds", seconds, "--alone"]
     return subprocess.Popen([str(word) for word in command], stdout=subprocess.PIPE, text=True)
 
 
