@@ -135,6 +135,11 @@ inline void expect_player_data(const Bot& bot, const SlotModel& model, Datagram 
   expect(answer_ring(bot.number), expectation);
 }
 
+// The bots then know which slots are taken on the server.
+inline bool knows_slots() {
+  return fleet.alone && fleet.in_order_delivery;
+}
+
 inline void expect_clock(const Bot& bot) {
   expect_answer(bot, GameClock{}, offsetof(GameClock, hour));
 }

@@ -2,6 +2,7 @@
 // is not judged, or is wrong.
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <string_view>
 
@@ -117,17 +118,39 @@ static bool is_like_first(JoinAccepted accepted) {
   return std::memcmp(&accepted, &fleet.first_accepted, sizeof accepted) == 0;
 }
 
-static void hear_join_answer(Bot& bot, Datagram datagram) {
-  if (bot.stage != Stage::JOINING) return;  // too late: the bot has given up, see end_join
-  if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) return handle_refusal(bot);
-  const auto accepted = record_of<JoinAccepted>(datagram);
-  if (!is_like_first(accepted)) {
-    report_wrong(bot, datagram, answer_tally, "unlike the first welcome", nullptr);
+// The server refuses a bot when every slot below its limit is taken.
+static bool is_due_refusal(Datagram datagram, Slot first_free) {
+  for (unsigned limit = 1; limit <= SLOTS; ++limit) {
+    JoinRefusedFull refusal;
+    std::snprintf(refusal.text, sizeof refusal.text, "Maximum allowed players: %u", limit);
+    if (std::ranges::equal(Datagram(refusal), datagram)) {
+      return !knows_slots() || first_free >= limit;
+    }
   }
+  return false;
+}
+
+static const char* fault_of(const JoinAccepted& accepted, Slot first_free) {
+  if (!is_like_first(accepted)) return "unlike the first welcome";
+  if (accepted.slot >= SLOTS || fleet.slots[accepted.slot].bot != NO_BOT) return "no free slot";
+  if (knows_slots() && accepted.slot != first_free) return "not the first free slot";
+  return nullptr;
+}
+
+static void hear_join_answer(Bot& bot, Datagram datagram, const Expectation& due) {
+  if (bot.stage != Stage::JOINING) return;  // too late: the bot has given up, see end_join
+  const Slot first_free = due.bytes[offsetof(JoinAccepted, slot)];
+  if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
+    if (!is_due_refusal(datagram, first_free)) {
+      report_wrong(bot, datagram, answer_tally, "not the refusal of a full server", &due);
+    }
+    return handle_refusal(bot);
+  }
+  const auto accepted = record_of<JoinAccepted>(datagram);
+  const char* fault = fault_of(accepted, first_free);
+  if (fault != nullptr) report_wrong(bot, datagram, answer_tally, fault, &due);
   if (accepted.slot < SLOTS && fleet.slots[accepted.slot].bot == NO_BOT) {
     take_slot(bot, accepted.slot);
-  } else {
-    report_wrong(bot, datagram, answer_tally, "no free slot", nullptr);
   }
 }
 
@@ -143,10 +166,23 @@ static void hear_answer(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
     handle_unexpected(bot, datagram, found, answer_tally);
   } else if (command_of(datagram) == CMD_JOIN_ACCEPTED ||
              command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
-    hear_join_answer(bot, datagram);
+    hear_join_answer(bot, datagram, *found.expectation);
   } else if (command_of(datagram) == CMD_ENTER_GAME_REPLY) {
     hear_enter_reply(bot);
   }
+}
+
+// The server tells every player in the game. Bots that enter or leave just then may be missed.
+static void expect_shutdown() {
+  for (unsigned i = 0; i < fleet.size; ++i) {
+    const bool plays = fleet.bots[i].stage == Stage::PLAYING;
+    Expectation expectation = expectation_of(ServerShutdown{});
+    expectation.sent_ns = 0;  // so that make_optional leaves it alone
+    expectation.required = plays ? bot_bit(i) : 0;
+    expectation.optional = bot_bit(i);
+    expect(answer_ring(i), expectation);
+  }
+  fleet.server_stopped = true;
 }
 
 // May come at any time to a player who has entered.
@@ -173,12 +209,12 @@ void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
     hear_ping(bot, datagram);
   } else if (command_of(datagram) == CMD_PINKPANTHER) {
     hear_pinkpanther(bot, datagram);
-  } else if (command_of(datagram) == CMD_SERVER_SHUTDOWN &&
-             datagram.size() == sizeof(ServerShutdown)) {
-    fleet.server_stopped = true;
   } else if (is_relay(datagram)) {
     hear_relay(bot, datagram, now_ns);
   } else {
+    const bool stops =
+        datagram.size() == sizeof(ServerShutdown) && command_of(datagram) == CMD_SERVER_SHUTDOWN;
+    if (stops && !fleet.server_stopped) expect_shutdown();
     hear_answer(bot, datagram, now_ns);
   }
 }

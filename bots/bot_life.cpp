@@ -102,13 +102,20 @@ static bool may_join() {
                       [](const Bot& bot) { return bot.stage == Stage::ENTERING; });
 }
 
+static Slot first_free_slot() {
+  for (Slot slot = 0; slot < SLOTS; ++slot) {
+    if (fleet.slots[slot].bot == NO_BOT) return slot;
+  }
+  return NO_SLOT;
+}
+
 // A bot in a slot moves to another one if one is free, and keeps its own if none is.
 static void join(Bot& bot) {
   if (!may_join()) return;
   make_recent_optional(bot);
   set_stage(bot, Stage::JOINING);
   if (bot.slot != NO_SLOT) expect_leave_notice(bot);
-  expect_answer(bot, JoinAccepted{}, offsetof(JoinAccepted, slot));
+  expect_answer(bot, JoinAccepted{.slot = first_free_slot()}, offsetof(JoinAccepted, slot));
 
   JoinRequest request;
   request.name = bot.name;

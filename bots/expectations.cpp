@@ -77,15 +77,11 @@ static bool clock_fits(unsigned hour, unsigned minute, std::uint64_t sent_ns,
   return hour_fits && minute_fits;
 }
 
-static bool is_refusal(Datagram datagram) {
-  static constexpr char TEXT[] = "Maximum allowed players: ";
-  return datagram.size() == sizeof(JoinRefusedFull) &&
-         command_of(datagram) == CMD_JOIN_REFUSED_FULL &&
-         std::memcmp(&datagram[1], TEXT, sizeof TEXT - 1) == 0;
-}
-
 static bool is_match(const Expectation& entry, Datagram datagram, std::uint64_t now_ns) {
-  if (command_of(entry.bytes) == CMD_JOIN_ACCEPTED && is_refusal(datagram)) return true;
+  if (command_of(entry.bytes) == CMD_JOIN_ACCEPTED &&
+      command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
+    return true;
+  }
   if (datagram.size() != entry.size) return false;
   if (std::memcmp(entry.bytes.data(), datagram.data(), entry.compared_size) != 0) return false;
   if (command_of(datagram) == CMD_GAME_CLOCK) {
@@ -192,6 +188,8 @@ std::uint64_t outstanding() {
 
 void tally_remaining() {
   for (unsigned ring = 0; ring < RINGS; ++ring) {
-    for (Expectation& entry : rings[ring].entries) tally_and_clear(ring, entry);
+    for (std::uint64_t number = oldest_of(ring); number < rings[ring].end; ++number) {
+      tally_and_clear(ring, entry_of(ring, number));
+    }
   }
 }

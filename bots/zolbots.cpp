@@ -110,10 +110,10 @@ static void play(const Options& options) {
   }
 }
 
-// Receives until all that is required has come, or no more of it comes. Other datagrams do not
-// count: they may come without end. Waits a little longer in any case, for datagrams that should
-// not come.
-static void drain() {
+// Receives until all that is required has come, except for this much, or no more of it comes. Other
+// datagrams do not count: they may come without end. Waits a little longer in any case, for
+// datagrams that should not come.
+static void drain(std::uint64_t already_lost) {
   const std::uint64_t start_ns = monotonic_ns();
   std::uint64_t missing = outstanding();
   std::uint64_t last_wanted_ns = start_ns;
@@ -122,7 +122,8 @@ static void drain() {
     now_ns = monotonic_ns();
     if (outstanding() != missing) last_wanted_ns = now_ns;
     missing = outstanding();
-    if (now_ns - last_wanted_ns >= (missing == 0 ? DRAIN_MIN_NS : DRAIN_SILENCE_NS)) return;
+    const bool is_complete = missing <= already_lost;
+    if (now_ns - last_wanted_ns >= (is_complete ? DRAIN_MIN_NS : DRAIN_SILENCE_NS)) return;
   }
 }
 
@@ -155,12 +156,13 @@ static std::uint64_t count_socket_drops() {
 
 static void end_play() {
   const std::uint64_t ended_ns = monotonic_ns();
-  drain();
+  drain(0);
   if (fleet.server_stopped) {
     handle_shutdown(ended_ns);
   } else {
+    const std::uint64_t already_lost = outstanding();
     leave_all();
-    drain();
+    drain(already_lost);
   }
   tally_remaining();
 }
