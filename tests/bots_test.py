@@ -1,0 +1,216 @@
+"""The real zolbots: a liar between the bots and a real server changes what they hear.
+
+Usage: bots_test.py ZOLSERVER ZOLBOTS [TEST...]"""
+
+import concurrent.futures
+import contextlib
+import multiprocessing
+import os
+import re
+import select
+import signal
+import socket
+import subprocess
+import sys
+import unittest
+
+from server_case import PATIENCE_S, RULE, ServerCase, bound_socket
+
+ZOLBOTS = os.path.realpath(sys.argv.pop(1))
+
+ENTERED = "42, just entered"  # a relay; any other CMD_PLAYER_INFO is an answer
+ANSWERS = (12, 16, 17, 19, 41, 42, 43, 72)
+PING = {"a ping before the bot has entered": b"\1"}
+INVENTED = {
+    "a refused version": b"\x0e" + bytes(64),
+    "a command that is none": b"\3",
+    "an empty datagram": b"",
+    "a position of nobody": b"\xc8" + bytes(15),
+    "a slot that is none": b"\xc9\x20" + bytes(6),
+    "the time of day": b"\x48\0\0",
+}
+CHANGED = (0, 1, 2, -1, "lengthened")  # a number is that of a byte
+MOVED = ("dropped", "repeated", "swapped")
+EVERY_WAY = (*MOVED, *CHANGED)
+
+# Each run of bots: a code, and what becomes of the next datagrams with it.
+RUNS = [
+    *((code, ways) for code in (220, 43) for ways in (MOVED, CHANGED)),
+    *((code, EVERY_WAY) for code in (ENTERED, 42, *range(200, 209))),
+    # Nothing follows a leave until somebody takes the slot; a chat line names no slot.
+    *((code, ("dropped", "repeated", *CHANGED)) for code in (60, 30)),
+    # Their datagrams are alike, so a repeated one makes up for a lost one.
+    *((code, ways) for code in (41, 72) for ways in (CHANGED, *((way,) for way in MOVED))),
+    # A bot that waits for one of these does nothing else.
+    *((16, (way,)) for way in EVERY_WAY),
+    *((code, (way,)) for code in (12, 17) for way in EVERY_WAY if way != "swapped"),
+    *((19, (way,)) for way in ("dropped", "repeated", 0, "lengthened")),
+    (209, (0, "lengthened")),
+    (200, tuple(INVENTED)),
+    (17, tuple(PING)),
+]
+# Bots cannot know when the server chooses a PinkPanther, and whom.
+UNNOTICED = [(209, ("dropped", "repeated", 1))]
+HONEST = [(12, ()), (200, ())]
+# Bots miss a datagram that does not come without --alone, too.
+NOT_ALONE = [*HONEST, *((code, ("dropped", "swapped")) for code in (201, 42, ENTERED))]
+
+PLAYING = multiprocessing.Semaphore(16)  # runs at once; more would overflow the sockets
+BEFORE = 50  # datagrams to the bots before the first lie: by then they play
+AFTER = 50  # and after the last lie
+
+
+def kind_of(datagram):
+    return ENTERED if datagram[0] == 42 and datagram[2] else datagram[0]
+
+
+def order_of(datagram):
+    """Bots know the order of the answers to one bot, and of the relays about one slot."""
+    kind = kind_of(datagram)
+    if kind in (1, 30, 209):
+        return None
+    return "answers" if kind in ANSWERS else datagram[{207: 4, 208: 2}.get(kind, 1)]
+
+
+class Liar:
+    def __init__(self, port, code, ways):
+        self.port, self.code, self.ways = port, code, list(ways)
+        self.front, self.front_port = bound_socket()
+        self.poll = select.poll()
+        self.poll.register(self.front, select.POLLIN)
+        self.upstream = {}  # a bot's socket to the server, by the bot's address
+        self.address = {}  # of a bot, by the handle of that socket
+        self.held = None  # a datagram, and the order in which it should have come
+        self.passed, self.last_lie = 0, BEFORE
+
+    def tell(self, address, datagram):
+        """What the bot hears instead of this datagram."""
+        order = address, order_of(datagram)
+        if self.held and self.held[1] == order and self.held[0][0] != datagram[0]:
+            held, self.held, self.last_lie = self.held[0], None, self.passed
+            return [datagram, held]
+        if not self.ways or self.held or kind_of(datagram) != self.code:
+            return [datagram]
+        if self.passed < BEFORE and self.ways[0] not in PING:
+            return [datagram]
+        self.last_lie = self.passed
+        match self.ways.pop(0):
+            case "dropped":
+                return []
+            case "swapped":
+                self.held = datagram, order
+                return []
+            case "lengthened":
+                return [datagram + bytes(1)]
+            case int(byte):
+                changed = bytearray(datagram)
+                changed[byte % len(changed)] ^= 16
+                return [changed]
+            case way:
+                return [datagram, (PING | INVENTED).get(way, datagram)]
+
+    def pass_up(self):
+        datagram, address = self.front.recvfrom(300)
+        if address not in self.upstream:
+            upstream = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            upstream.connect(("127.0.0.1", self.port))
+            upstream.setblocking(False)
+            self.poll.register(upstream, select.POLLIN)
+            self.upstream[address] = upstream
+            self.address[upstream.fileno()] = address
+        self.upstream[address].send(datagram)
+
+    def pass_down(self, address):
+        datagram = self.upstream[address].recv(300)
+        self.passed += 1
+        for each in self.tell(address, datagram):
+            self.front.sendto(each, address)
+
+    def pass_some(self):
+        """False when the bots have ended."""
+        for handle, _ in self.poll.poll():
+            # When the server has stopped, the next call fails, and nothing waits for the one after.
+            with contextlib.suppress(ConnectionRefusedError, BlockingIOError):
+                if handle == self.front.fileno():
+                    self.pass_up()
+                elif handle in self.address:
+                    self.pass_down(self.address[handle])
+                else:
+                    return False
+        return True
+
+    def has_more_to_tell(self):
+        waits = self.held or (self.ways and self.code != 19)
+        return waits or self.passed < self.last_lie + AFTER
+
+    def close(self):
+        for each in (self.front, *self.upstream.values()):
+            each.close()
+
+
+def lie_to_bots(run, options, port, server):
+    """The bots' exit status and table. CMD_SERVER_SHUTDOWN comes when the server is stopped."""
+    with contextlib.closing(Liar(port, *run)) as liar:
+        command = [ZOLBOTS, "--server", f"127.0.0.1:{liar.front_port}", "--players", "3",
+                   "--rate", "200", "--seconds", str(PATIENCE_S), *options]  # fmt: skip
+        with PLAYING:
+            bots = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+            liar.poll.register(bots.stdout, 0)  # its end
+            while liar.has_more_to_tell() and liar.pass_some():
+                pass
+        os.kill(server if run[0] == 19 else bots.pid, signal.SIGTERM)
+        while liar.pass_some():
+            pass
+        table = bots.communicate()[0]
+    return bots.returncode, table
+
+
+class BotsTest(ServerCase):
+    def start_servers(self, runs):
+        """They start when all ports are chosen, so that no two get the same one."""
+        chosen = [bound_socket() for _ in runs]
+        servers = []
+        for (code, _), (holder, port) in zip(runs, chosen):
+            holder.close()
+            self.start(f"Port={port}\nGameType=1\nmaxClients={2 if code == 12 else 8}\n")
+            servers.append((self.server, self.console))
+        for _, self.console in servers:
+            self.assertIn("ONLINE", self.read_to(RULE))
+            self.console.close()
+        return [port for _, port in chosen], [server.pid for server, _ in servers]
+
+    def test_every_lie_is_reported_and_the_truth_is_not(self):
+        runs = [*RUNS, *UNNOTICED, *HONEST, *NOT_ALONE]
+        options = [["--alone"]] * (len(runs) - len(NOT_ALONE)) + [[]] * len(NOT_ALONE)
+        fork = multiprocessing.get_context("fork")
+        with concurrent.futures.ProcessPoolExecutor(len(runs), fork) as pool:
+            ends = list(pool.map(lie_to_bots, runs, options, *self.start_servers(runs)))
+        for run, (status, table) in zip(runs, ends):
+            lies = () if run in UNNOTICED else run[1]
+            counts = re.findall(r"^(?:relays|answers) +\d+ +\d+ +(\d+) +(\d+)$", table, re.M)
+            lost, wrong = (sum(map(int, column)) for column in zip(*counts))
+            with self.subTest(run=run, table=table):
+                self.assertEqual(status, 1 if lies else 0)
+                self.assertGreaterEqual(wrong, len(lies) - lies.count("dropped"))
+                self.assertGreaterEqual(lost, lies.count("dropped"))
+
+    def test_other_players_are_judged_only_when_the_bots_are_alone(self):
+        self.start_and_wait()
+        self.console.close()
+        watcher = self.enter_game()
+        command = [ZOLBOTS, "--server", f"127.0.0.1:{self.port}", "--players", "2", "--rate", "200",
+                   "--seconds"]  # fmt: skip
+        with subprocess.Popen([*command, str(PATIENCE_S)], stdout=subprocess.PIPE) as bots:
+            while (heard := watcher.heard())[0] != 30:
+                pass
+            self.assertRegex(heard, rb"^\x1e(Ada|Bruno): [A-Za-z 0-9%!]+ the [a-z]+\b")
+            bots.terminate()
+            self.assertRegex(bots.communicate()[0], b"\n1 other player watched or played\n")
+        self.assertEqual(bots.returncode, 0)
+        alone = subprocess.run([*command, "1", "--alone"], stdout=subprocess.PIPE)
+        self.assertIn(b"not the first free slot", alone.stdout)
+        self.assertEqual(alone.returncode, 1)
+
+
+if __name__ == "__main__":
+    unittest.main()
