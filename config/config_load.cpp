@@ -81,7 +81,8 @@ void set_key(ConfigReader& reader, const ConfigKey& key) {
   if (key.field == server_config.WelcomeMessage) reader.print("%s \n", reader.value);
 }
 
-// What is no file counts as an empty one: a pipe may never be written to, a device may never end.
+// Anything but a regular file counts as empty: a pipe may never be written to, a device may never
+// end.
 std::FILE* open_one(const char* name, void (*complain)(const char* name, const char* reason)) {
   const int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (handle == -1) {

@@ -30,8 +30,8 @@ static double read_uptime_file() {
 
 static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");
 
-// By way of 64 bits, since beyond 2^32 ms a direct conversion to 32 bits would be undefined. A
-// double lies too close to its two decimals to round to another float than their text would.
+// Goes through 64 bits, because a direct conversion beyond 2^32 ms would be undefined. The double
+// is so close to the file's two decimals that it rounds to the same float as their text.
 std::uint32_t seconds_to_ms(double seconds) {
   const float milliseconds = static_cast<float>(seconds) * 1000.0F;
   return static_cast<std::uint32_t>(static_cast<std::int64_t>(milliseconds));

@@ -5,9 +5,9 @@
 
 enum class Seam {
   TIME_OUT_DECIDED,  // ping thread: a player was silent for too long, and its seat is untouched
-  PINGING,           // ping thread: a player is to be pinged, and its address is not yet read
+  PINGING,           // ping thread: a ping is due, and the address of its player is not yet read
   TIMED_OUT,         // ping thread: the seat is LEAVING, and nobody has been told
-  ENTERING,          // main thread: who enters was found, and its seat is untouched
+  ENTERING,          // main thread: the player that enters was found, and its seat is untouched
   RELAYING,          // main thread: a record about the sender is made, and nobody has been told
   ANSWERING,         // main thread: a record about another player is made, and not yet sent
 };
