@@ -21,7 +21,8 @@ static bool send_bytes(int handle, std::string_view bytes) {
 // Hands over what waits, up to this many datagrams.
 template <typename Take>
 static void receive_waiting(int handle, std::size_t most, Take take) {
-  const Batch& batch = receive_batch(handle, most);
+  static Batch batch;
+  receive_batch(handle, batch, most);
   for (std::size_t i = 0; i < batch.count; ++i) {
     const Datagram& datagram = batch.datagrams[i];
     take(std::string_view(reinterpret_cast<const char*>(datagram.data()), datagram.size()));

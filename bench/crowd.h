@@ -10,6 +10,8 @@
 
 #include "server/protocol.h"
 
+using namespace zol;
+
 enum class Update { POSITION, CAR_STATE, DEATH, STATE_FLOATS };
 
 struct Player {

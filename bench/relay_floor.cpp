@@ -13,6 +13,8 @@
 #include "net/sflsock.h"
 #include "server/protocol.h"
 
+using namespace zol;
+
 static int floor_socket = -1;
 static unsigned peer_count = 0;
 static std::array<sockaddr_in, MAX_DESTINATIONS> peers;

@@ -26,6 +26,8 @@
 #include "client/monotonic.h"
 #include "server/protocol.h"
 
+using namespace zol;
+
 inline constexpr std::uint8_t NO_BOT = 255;
 
 enum class Stage : std::uint8_t {

@@ -17,6 +17,8 @@
 #include "client/server_connection.h"
 #include "server/protocol.h"
 
+using namespace zol;
+
 inline constexpr unsigned SLOTS = MAX_CLIENTS;
 inline constexpr unsigned MAX_BOTS = MAX_CLIENTS;
 inline constexpr unsigned RINGS = SLOTS + MAX_BOTS;

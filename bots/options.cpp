@@ -8,6 +8,8 @@
 #include "bots/expectations.h"
 #include "client/server_connection.h"
 
+using namespace zol;
+
 static constexpr const char* HELP =
     "usage: zolbots [--server HOST[:PORT]] [--players N] [--rate HZ] [--seconds S] [--seed N]\n"
     "               [--alone]\n"

@@ -58,7 +58,8 @@ static bool start_fleet(const Options& options) {
 
 // Hears one batch, so that no socket keeps the others waiting.
 static void hear_batch(Bot& bot) {
-  const Batch& batch = receive_batch(bot.socket);
+  static Batch batch;
+  receive_batch(bot.socket, batch);
   const std::uint64_t now_ns = monotonic_ns();
   for (std::size_t i = 0; i < batch.count; ++i) hear(bot, batch.datagrams[i], now_ns);
 }

@@ -4,29 +4,74 @@
 #include <cstdio>
 #include <cstring>
 
+#include "client/reports.h"
+
+namespace zol {
+
 using enum ServerCommand;
 
-static void send_code(const ClientSession& session, ClientCommand command) {
-  send_datagram(session.socket, command);
+// Questions about the own slot that a player in a car asks: only a server that has it on foot
+// answers them.
+static constexpr unsigned SLOT_QUESTIONS = 5;
+// Several car updates may be on their way when the first CMD_NOT_IN_CAR comes.
+static constexpr std::uint64_t CAR_AGAIN_MS = 500;
+static constexpr unsigned LEAVING_COPIES = 3;  // a lost leaving leaves a ghost for 100 seconds
+
+static void send_code(ClientSession& session, ClientCommand command) {
+  outbox_add(session.outbox, command);
 }
 
-static void send_join(ClientSession& session, std::uint64_t now_ms) {
+static void back_off(ClientSession& session) {
+  session.back_off_ms = std::clamp(2 * session.back_off_ms, FIRST_BACK_OFF_MS, MAX_BACK_OFF_MS);
+  session.due_ms = session.now_ms + session.back_off_ms;
+}
+
+static void send_join(ClientSession& session) {
   JoinRequest request{.name = session.name};
   request.version = PROTOCOL_VERSION;
-  send_datagram(session.socket, request);
-  session.back_off_ms = std::clamp(2 * session.back_off_ms, FIRST_BACK_OFF_MS, MAX_BACK_OFF_MS);
-  session.due_ms = now_ms + session.back_off_ms;
+  outbox_add(session.outbox, request);
+  back_off(session);
 }
 
-static void send_entry(ClientSession& session, std::uint64_t now_ms) {
-  send_datagram(session.socket, EnterGame{});
-  session.due_ms = now_ms + ENTER_AGAIN_MS;
+static void send_entry(ClientSession& session) {
+  EnterGame entry;
+  entry.state = session.own.state;
+  entry.in_car = session.own.in_car ? 1 : 0;
+  if (session.own.in_car) entry.car = session.own.car;
+  outbox_add(session.outbox, entry);
+  back_off(session);
 }
 
-static void ask_for_records(ClientSession& session, std::uint64_t now_ms) {
-  for (Slot slot = 0; (slot = next_question(session.picture, now_ms)) != NO_SLOT;) {
-    const GetPlayerInfo question{.slot = slot};
-    send_datagram(session.socket, question);
+// A car block from a player on foot is answered with the slot. It is the player's own block: should
+// the server have the player in a car, it relays nothing new and answers nothing, so a driver gives
+// up after some questions.
+static void ask_own_slot(ClientSession& session) {
+  CarBlockAUpdate question;
+  question.car_block_a = session.own.car.car_block_a;
+  outbox_add(session.outbox, question);
+  session.slot_due_ms = session.now_ms + ASK_OWN_SLOT_MS;
+  const bool may_be_driving = session.own.in_car && session.state != SessionState::PLACING;
+  if (may_be_driving && session.slot_questions_left > 0) --session.slot_questions_left;
+}
+
+static void doubt_own_slot(ClientSession& session, std::uint64_t due_ms) {
+  session.slot_questions_left = SLOT_QUESTIONS;
+  session.slot_due_ms = due_ms;
+}
+
+// The answer that named the slot may be older than the latest move, so it is asked for once more.
+static void enter(ClientSession& session, Slot slot) {
+  session.picture.own_slot = slot;
+  session.picture.players[slot] = {};
+  session.state = SessionState::ENTERING;
+  session.back_off_ms = 0;
+  session.due_ms = session.now_ms;
+  doubt_own_slot(session, session.now_ms + ASK_OWN_SLOT_MS);
+}
+
+static void ask_for_records(ClientSession& session) {
+  for (Slot slot = 0; (slot = next_question(session.picture, session.now_ms)) != NO_SLOT;) {
+    outbox_add(session.outbox, GetPlayerInfo{.slot = slot});
   }
 }
 
@@ -34,72 +79,143 @@ static SessionEvent start_over(ClientSession& session, std::uint64_t due_ms, Ses
   session.state = SessionState::JOINING;
   session.due_ms = due_ms;
   session.back_off_ms = 0;
+  session.slot_questions_left = 0;
   return event;
 }
 
+// The server may be gone, or may have forgotten us. It answers a player on foot with the slot, and
+// a driver with the time of day.
+static void ask_in_silence(ClientSession& session) {
+  const bool is_silent = session.now_ms - session.slot_sure_ms >= QUIET_MS;
+  const bool is_asking = session.slot_questions_left > 0 || session.now_ms < session.slot_due_ms;
+  if (!is_silent || is_asking) return;
+  if (!session.own.in_car) return ask_own_slot(session);
+  report_car_again(session);
+  session.slot_due_ms = session.now_ms + ASK_OWN_SLOT_MS;
+}
+
+static void step_in_game(ClientSession& session) {
+  ask_for_records(session);
+  repeat_own_state(session);
+  // It may have moved us, by a join that the network repeated.
+  const bool hears_nothing = session.now_ms - session.in_game_ms >= ENTER_AGAIN_MS;
+  if (hears_nothing && session.now_ms >= session.due_ms) send_entry(session);
+}
+
 SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
-  if (session.state != SessionState::JOINING && now_ms - session.pinged_ms > FORGOTTEN_MS) {
+  session.now_ms = now_ms;
+  const bool is_due = now_ms >= session.due_ms;
+  if (session.state == SessionState::JOINING) {
+    if (is_due) send_join(session);
+    return SessionEvent::NONE;
+  }
+  if (now_ms - session.slot_sure_ms > FORGOTTEN_MS) {
     return start_over(session, now_ms, SessionEvent::FORGOTTEN);
   }
-  if (session.state == SessionState::PLAYING) {
-    ask_for_records(session, now_ms);
-  } else if (now_ms >= session.due_ms) {
-    const bool is_joining = session.state == SessionState::JOINING;
-    is_joining ? send_join(session, now_ms) : send_entry(session, now_ms);
-  }
+  if (session.slot_questions_left > 0 && now_ms >= session.slot_due_ms) ask_own_slot(session);
+  ask_in_silence(session);
+  if (session.state == SessionState::ENTERING && is_due) send_entry(session);
+  if (session.state == SessionState::PLAYING) step_in_game(session);
   return SessionEvent::NONE;
 }
 
-// A join may be answered late, after it was repeated. The server has moved us by the second one, so
-// the latest answer counts, even in the game.
-static SessionEvent hear_accepted(ClientSession& session, Datagram datagram, std::uint64_t now_ms) {
-  if (datagram.size() != sizeof(JoinAccepted)) return SessionEvent::NONE;
-  session.picture = picture_of_join(record_of<JoinAccepted>(datagram));
-  session.state = SessionState::ENTERING;
-  session.pinged_ms = session.due_ms = now_ms;
+// Joins are repeated, and the network repeats and swaps datagrams: this answer may be older than
+// the latest move. So it makes us ask, and does not decide.
+static SessionEvent hear_accepted(ClientSession& session, Datagram datagram) {
+  const auto accepted = record_of<JoinAccepted>(datagram);
+  if (datagram.size() != sizeof accepted || accepted.slot >= MAX_CLIENTS) return SessionEvent::NONE;
+  if (session.state != SessionState::JOINING) {
+    if (accepted.slot != session.picture.own_slot) doubt_own_slot(session, session.now_ms);
+    return SessionEvent::NONE;
+  }
+  session.picture = picture_of_join(accepted);
+  session.state = SessionState::PLACING;
+  session.slot_sure_ms = session.now_ms;
+  doubt_own_slot(session, session.now_ms);
   return SessionEvent::JOINED;
 }
 
-// A full server also refuses who has a slot already: the answer that said so was lost. Leaving
-// makes room for the next try.
+// A full server also refuses a client that has a slot already because the answer that said so was
+// lost. Leaving makes room for the next try. A refusal after an acceptance is an old one.
 static SessionEvent hear_refusal(ClientSession& session, Datagram datagram) {
   if (session.state != SessionState::JOINING || datagram.size() != sizeof(JoinRefusedFull)) {
     return SessionEvent::NONE;
   }
   session.refusal = {};
   std::copy(datagram.begin() + 1, datagram.end(), session.refusal.begin());
-  session_leave(session);
+  send_code(session, ClientCommand::CMD_PLAYER_LEFT);
   return SessionEvent::REFUSED;
 }
 
-static SessionEvent hear_in_game(ClientSession& session, Datagram datagram, std::uint64_t now_ms) {
-  if (session.state == SessionState::JOINING) return SessionEvent::NONE;
-  picture_hear(session.picture, datagram, now_ms);
-  const bool is_entry = ServerCommand{datagram[0]} == CMD_ENTER_GAME_REPLY &&
-                        datagram.size() == sizeof(EnterGameReply);
-  if (session.state == SessionState::PLAYING || !is_entry) return SessionEvent::NONE;
+static SessionEvent hear_shutdown(ClientSession& session, Datagram datagram) {
+  if (datagram.size() != sizeof(ServerShutdown)) return SessionEvent::NONE;
+  return start_over(session, session.now_ms + FIRST_BACK_OFF_MS, SessionEvent::STOPPED);
+}
+
+static void hear_not_in_car(ClientSession& session, Datagram datagram) {
+  const auto answer = record_of<NotInCar>(datagram);
+  if (datagram.size() != sizeof answer || answer.slot >= MAX_CLIENTS) return;
+  const bool is_placing = session.state == SessionState::PLACING;
+  if (is_placing || answer.slot != session.picture.own_slot) return enter(session, answer.slot);
+  session.slot_questions_left = 0;
+  const bool is_driving = session.state == SessionState::PLAYING && session.own.in_car;
+  if (!is_driving || session.now_ms < session.car_due_ms) return;
+  session.car_due_ms = session.now_ms + CAR_AGAIN_MS;
+  report_car_again(session);
+}
+
+static SessionEvent hear_entered(ClientSession& session) {
+  session.back_off_ms = 0;
+  session.due_ms = session.now_ms;
+  if (session.state != SessionState::ENTERING) return SessionEvent::NONE;
   session.state = SessionState::PLAYING;
+  start_repeats_after_entry(session);
   return SessionEvent::ENTERED;
 }
 
+// True of what the server sends only to players in the game.
+static bool shows_in_game(Datagram datagram) {
+  switch (ServerCommand{datagram[0]}) {
+    case CMD_NOT_IN_CAR:
+    case CMD_PLAYER_STATE:
+    case CMD_GAME_CLOCK:
+      return false;
+    case CMD_PLAYER_INFO:
+      return record_of<PlayerInfo>(datagram).just_entered != 0;
+    default:
+      return true;
+  }
+}
+
+static SessionEvent hear_from_game(ClientSession& session, Datagram datagram) {
+  if (session.state == SessionState::JOINING) return SessionEvent::NONE;
+  session.slot_sure_ms = session.now_ms;
+  if (shows_in_game(datagram)) session.in_game_ms = session.now_ms;
+  picture_hear(session.picture, datagram, session.now_ms);
+  const ServerCommand command{datagram[0]};
+  if (command == CMD_NOT_IN_CAR) hear_not_in_car(session, datagram);
+  if (command == CMD_GAME_CLOCK) hear_clock_answer(session);
+  const bool is_entry =
+      command == CMD_ENTER_GAME_REPLY && datagram.size() == sizeof(EnterGameReply);
+  return is_entry ? hear_entered(session) : SessionEvent::NONE;
+}
+
 SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64_t now_ms) {
+  session.now_ms = now_ms;
   if (datagram.empty()) return SessionEvent::NONE;
   switch (ServerCommand{datagram[0]}) {
     case CMD_JOIN_ACCEPTED:
-      return hear_accepted(session, datagram, now_ms);
+      return hear_accepted(session, datagram);
     case CMD_JOIN_REFUSED_FULL:
     case CMD_JOIN_REFUSED_VERSION:
       return hear_refusal(session, datagram);
     case CMD_SERVER_SHUTDOWN:
-      if (datagram.size() != sizeof(ServerShutdown)) return SessionEvent::NONE;
-      return start_over(session, now_ms + FIRST_BACK_OFF_MS, SessionEvent::STOPPED);
+      return hear_shutdown(session, datagram);
     case CMD_PING:
-      if (datagram.size() != sizeof(Ping)) return SessionEvent::NONE;
-      send_code(session, ClientCommand::CMD_PING_REPLY);
-      session.pinged_ms = now_ms;
-      return SessionEvent::NONE;
+      if (datagram.size() == sizeof(Ping)) send_code(session, ClientCommand::CMD_PING_REPLY);
+      return hear_from_game(session, datagram);
     default:
-      return hear_in_game(session, datagram, now_ms);
+      return hear_from_game(session, datagram);
   }
 }
 
@@ -112,16 +228,19 @@ void session_say(ClientSession& session, std::string_view text) {
   text = text.substr(0, chat_room(session));
   Chat chat;
   std::copy(text.begin(), text.end(), chat.text.begin());
-  send_datagram(session.socket, Datagram(chat).first(text.size() + 2));
+  outbox_add(session.outbox, Datagram(chat).first(text.size() + 2));
 
   char line[2 * NAME_WIDTH + TEXT_WIDTH];
   std::snprintf(line, sizeof line, "%s: %.*s", session.name.data(), static_cast<int>(text.size()),
                 text.data());
   ChatLine heard;
   std::copy_n(line, strnlen(line, heard.text.size()), heard.text.begin());
-  picture_hear(session.picture, heard, 0);
+  picture_hear(session.picture, heard, session.now_ms);
 }
 
-void session_leave(const ClientSession& session) {
-  send_code(session, ClientCommand::CMD_PLAYER_LEFT);
+void session_leave(ClientSession& session) {
+  for (unsigned i = 0; i < LEAVING_COPIES; ++i) send_code(session, ClientCommand::CMD_PLAYER_LEFT);
+  start_over(session, session.now_ms + FIRST_BACK_OFF_MS, SessionEvent::NONE);
 }
+
+}  // namespace zol

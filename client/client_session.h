@@ -1,44 +1,95 @@
-// How a client comes into a game and stays in it: it joins, enters, answers pings, asks about
-// players it knows too little of, and joins again when the server has stopped or has forgotten it.
+// A client's session with a server: it joins, finds its slot, enters, answers pings, asks about
+// players, repeats its own state, and joins again when the server has stopped or has forgotten it.
 //
-// Used by one thread. Times are in milliseconds of a clock that does not go back.
+// A session has no socket and no clock. The caller hands in datagrams and times, and sends what is
+// in the outbox afterwards. A start in three lines, to be continued in example.cpp:
+//   ClientSession session;                           // session.name = ... ;
+//   session_step(session, now_ms);                   // about every 50 ms, and after each datagram:
+//   session_hear(session, datagram, now_ms);
+//
+// Used by one thread. Times are in milliseconds of a clock that does not go back; it need not start
+// at 0.
 #pragma once
 
+#include <array>
+#include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "client/game_picture.h"
+#include "client/outbox.h"
+#include "server/protocol.h"
 
-// The server pings everyone in the game every 10 seconds. Who hears no ping for so long is
-// forgotten.
-inline constexpr std::uint64_t FORGOTTEN_MS = 25'000;
-inline constexpr std::uint64_t ENTER_AGAIN_MS = 1'000;  // while an entry is unanswered
-// An unanswered join is repeated after 1, 2, 4 and so on up to 30 seconds.
+namespace zol {
+
+// An unanswered join is repeated after 1, 2, 4 and so on up to 30 seconds, an entry likewise.
 inline constexpr std::uint64_t FIRST_BACK_OFF_MS = 1'000;
 inline constexpr std::uint64_t MAX_BACK_OFF_MS = 30'000;
+inline constexpr std::uint64_t ASK_OWN_SLOT_MS = 1'000;  // between two questions
+// The server pings every player in the game every 10 seconds. After this time without any sign that
+// the session has a slot, it asks for its slot; then it joins again.
+inline constexpr std::uint64_t QUIET_MS = 12'000;
+inline constexpr std::uint64_t FORGOTTEN_MS = 25'000;
+// After this time without any datagram that only players in the game get, it enters again.
+inline constexpr std::uint64_t ENTER_AGAIN_MS = 22'000;
 
-enum class SessionState { JOINING, ENTERING, PLAYING };
+enum class SessionState {
+  JOINING,   // no answer to CMD_JOIN yet
+  PLACING,   // accepted; asks which slot is its own, because an answer may be an old one
+  ENTERING,  // no answer to CMD_ENTER_GAME yet
+  PLAYING,
+};
 enum class SessionEvent { NONE, JOINED, ENTERED, REFUSED, STOPPED, FORGOTTEN };
 
+// When a report that the server logs is due again; see reports.h.
+struct RepeatTimer {
+  std::uint64_t due_ms = 0;
+  unsigned quick_left = 0;
+};
+
+// The client's own player, as the reports of reports.h have left it.
+struct OwnPlayer {
+  PlayerState state{};
+  bool in_car = false;
+  CarState car{};                             // of this ride, or of the last one
+  std::optional<std::uint8_t> death_count{};  // nothing before the first death
+  bool has_reported = false;                  // nothing is repeated for a mere spectator
+  std::uint64_t repeat_due_ms = 0;
+  RepeatTimer weapon;
+  RepeatTimer ride;
+  RepeatTimer death;
+};
+
 struct ClientSession {
-  int socket = -1;
-  std::array<char, NAME_WIDTH> name{};  // ends with NUL
+  std::array<char, NAME_WIDTH> name{};  // set by the caller; ends with NUL
   SessionState state = SessionState::JOINING;
-  std::uint64_t due_ms = 0;       // when to send the next join or report of entering
-  std::uint64_t back_off_ms = 0;  // before the latest join counts as unanswered; 0 before the first
-  std::uint64_t pinged_ms = 0;    // when the server showed last that it knows us
+  OwnPlayer own{};
+  GamePicture picture{};  // of the game joined last
+  Outbox outbox{};
   std::array<char, TEXT_WIDTH + 1> refusal{};  // the server's latest, ends with NUL
-  GamePicture picture{};                       // of the game joined last
+
+  std::uint64_t now_ms = 0;          // of the latest call
+  std::uint64_t due_ms = 0;          // of the next join or entry
+  std::uint64_t back_off_ms = 0;     // the wait before due_ms; 0 before the first try
+  std::uint64_t slot_due_ms = 0;     // when to ask for the own slot
+  unsigned slot_questions_left = 0;  // 0: the own slot is certain
+  std::uint64_t car_due_ms = 0;      // the earliest next answer to CMD_NOT_IN_CAR
+  std::uint64_t slot_sure_ms = 0;    // when the server showed last that we have a slot
+  std::uint64_t in_game_ms = 0;      // when it showed last that we are in the game
 };
 
 // Sends what is due. FORGOTTEN when the server has been silent for too long.
 SessionEvent session_step(ClientSession& session, std::uint64_t now_ms);
 
+// Takes in one datagram of the server's. Any bytes will do.
 SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64_t now_ms);
 
 // Bytes of a chat text that the others get to see; the rest of a longer one is cut off.
 std::size_t chat_room(const ClientSession& session);
-// Sends a chat text, and adds it to the picture: the server sends it to the others alone.
+// Sends a chat text, and adds it to the picture: the server sends it only to the others.
 void session_say(ClientSession& session, std::string_view text);
 
-// Leaves the server, whatever it knows of us.
-void session_leave(const ClientSession& session);
+// Leaves the server, whatever it knows about us. The session can go on afterwards: it joins again.
+void session_leave(ClientSession& session);
+
+}  // namespace zol

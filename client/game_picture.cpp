@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <type_traits>
+
+namespace zol {
 
 using enum ServerCommand;
 
@@ -23,10 +26,14 @@ static void copy_text(std::array<char, width>& to, const char* from, std::size_t
 // What the datagrams say about a player. Some of them also show that it sits in a car or does not,
 // and that may be the only news of it: the datagram about getting in or out may have been lost.
 
+// A mark of entering is no news by itself, because players also enter again. Another name is.
 static void apply(PlayerPicture& player, const PlayerInfo& info) {
-  if (info.just_entered != 0) player.death_count.reset();
+  std::array<char, NAME_WIDTH> name{};
+  copy_text(name, info.name.data(), info.name.size());
+  if (player.has_record && player.name != name) player = {.is_here = true};
+  if (info.just_entered != 0) player.is_playing = false;
   player.has_record = true;
-  copy_text(player.name, info.name.data(), info.name.size());
+  player.name = name;
   player.state = info.state;
   player.in_car = info.in_car != 0;
   if (player.in_car) player.car = info.car;
@@ -93,22 +100,78 @@ static PlayerPicture* hear_about(GamePicture& picture, Datagram datagram) {
 template <WireRecord Record>
 static void hear_relay(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   PlayerPicture* player = hear_about<Record>(picture, datagram);
-  if (player != nullptr) player->heard_ms = now_ms;
+  if (player == nullptr) return;
+  player->heard_ms = now_ms;
+  if (!std::is_same_v<Record, PlayerDied>) player->is_playing = true;
+}
+
+static bool is_late_answer(const GamePicture& picture, const PlayerInfo& info,
+                           std::uint64_t now_ms) {
+  if (info.just_entered != 0 || info.slot >= MAX_CLIENTS) return false;
+  const std::uint64_t left_ms = picture.players[info.slot].left_ms;
+  return left_ms != 0 && now_ms - left_ms < LATE_ANSWER_MS;
 }
 
 static void hear_info(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto info = whole_record_of<PlayerInfo>(datagram);
+  if (!info || is_late_answer(picture, *info, now_ms)) return;
   PlayerPicture* player = hear_about<PlayerInfo>(picture, datagram);
   if (player == nullptr) return;
-  const bool is_answer = datagram[offsetof(PlayerInfo, just_entered)] == 0;
-  if (!is_answer || player->heard_ms == 0) player->heard_ms = now_ms;
+  if (info->just_entered != 0 || player->heard_ms == 0) player->heard_ms = now_ms;
   player->record_ms = now_ms;
 }
 
-static void hear_left(GamePicture& picture, Datagram datagram) {
+static void hear_left(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   const auto notice = whole_record_of<PlayerLeft>(datagram);
   if (!notice || notice->slot >= MAX_CLIENTS) return;
-  picture.players[notice->slot] = {};
+  picture.players[notice->slot] = {.left_ms = now_ms};
   if (picture.pinkpanther == notice->slot) picture.pinkpanther = NOBODY;
+}
+
+// A relay that names no slot. Values that a player has already are a repeat. Of several players it
+// may be about any, so their records are asked for.
+template <typename MayBe, typename Has, typename Take>
+static void hear_unnamed(GamePicture& picture, std::uint64_t now_ms, MayBe may_be, Has has,
+                         Take take) {
+  PlayerPicture* only = nullptr;
+  unsigned count = 0;
+  for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
+    PlayerPicture& player = picture.players[slot];
+    if (slot == picture.own_slot || !player.is_here || !may_be(player)) continue;
+    if (has(player)) return;
+    only = &player;
+    ++count;
+  }
+  if (count == 1) return take(*only);
+  picture.unnamed_ms = now_ms;
+}
+
+static void hear_state_floats(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto relay = whole_record_of<PlayerStateFloats>(datagram);
+  if (!relay) return;
+  hear_unnamed(
+      picture, now_ms, [](const PlayerPicture&) { return true; },
+      [&](const PlayerPicture& player) {
+        return player.state.state_f2 == relay->state_f2 && player.state.state_f3 == relay->state_f3;
+      },
+      [&](PlayerPicture& player) {
+        player.state.state_f2 = relay->state_f2;
+        player.state.state_f3 = relay->state_f3;
+      });
+}
+
+static void hear_car_status(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto relay = whole_record_of<PlayerCarStatus>(datagram);
+  if (!relay) return;
+  hear_unnamed(
+      picture, now_ms, [](const PlayerPicture& player) { return player.in_car; },
+      [&](const PlayerPicture& player) {
+        return player.car.car_byte == relay->car_byte && player.car.car_float == relay->car_float;
+      },
+      [&](PlayerPicture& player) {
+        player.car.car_byte = relay->car_byte;
+        player.car.car_float = relay->car_float;
+      });
 }
 
 template <WireRecord Record>
@@ -142,7 +205,6 @@ static void hear_pinkpanther(GamePicture& picture, Datagram datagram) {
   if (notice) picture.pinkpanther = notice->slot;
 }
 
-// CMD_PLAYER_STATE_FLOATS and CMD_PLAYER_CAR_STATUS name nobody, so nothing can be made of them.
 void picture_hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   if (datagram.empty()) return;
   switch (ServerCommand{datagram[0]}) {
@@ -156,7 +218,7 @@ void picture_hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms)
       hear_about<PlayerStateReply>(picture, datagram);
       return;
     case CMD_PLAYER_LEFT:
-      return hear_left(picture, datagram);
+      return hear_left(picture, datagram, now_ms);
     case CMD_GAME_CLOCK:
       return hear_clock<GameClock>(picture, datagram, now_ms);
     case CMD_PLAYER_POSITION:
@@ -173,6 +235,10 @@ void picture_hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms)
       return hear_relay<PlayerLeftCar>(picture, datagram, now_ms);
     case CMD_PLAYER_WEAPON:
       return hear_relay<PlayerWeapon>(picture, datagram, now_ms);
+    case CMD_PLAYER_STATE_FLOATS:
+      return hear_state_floats(picture, datagram, now_ms);
+    case CMD_PLAYER_CAR_STATUS:
+      return hear_car_status(picture, datagram, now_ms);
     case CMD_PINKPANTHER:
       return hear_pinkpanther(picture, datagram);
     case CMD_PLAYER_DIED:
@@ -190,29 +256,51 @@ GamePicture picture_of_join(const JoinAccepted& accepted) {
   return picture;
 }
 
-static bool is_in_doubt(const PlayerPicture& player, std::uint64_t now_ms) {
-  const bool is_known = player.has_record && now_ms - player.record_ms < RECORD_AGE_MS;
-  const bool was_asked = player.asked_ms != 0 && now_ms - player.asked_ms < ASK_AGAIN_MS;
-  return player.is_here && !is_known && !was_asked;
+static bool was_asked_lately(const PlayerPicture& player, std::uint64_t now_ms) {
+  return player.asked_ms != 0 && now_ms - player.asked_ms < ASK_AGAIN_MS;
+}
+
+static bool is_in_doubt(const GamePicture& picture, const PlayerPicture& player,
+                        std::uint64_t now_ms) {
+  const bool may_be_old = picture.unnamed_ms > player.record_ms;
+  const std::uint64_t age_ms = may_be_old ? UNNAMED_AGE_MS : RECORD_AGE_MS;
+  const bool is_known = player.has_record && now_ms - player.record_ms < age_ms;
+  return player.is_here && !is_known && !was_asked_lately(player, now_ms);
+}
+
+// One of the slots that nothing was heard of, in turn.
+static Slot next_unknown(GamePicture& picture, std::uint64_t now_ms) {
+  if (now_ms - picture.asked_unknown_ms < ASK_UNKNOWN_MS) return NO_SLOT;
+  for (Slot tried = 0; tried < MAX_CLIENTS; ++tried) {
+    picture.unknown_slot = static_cast<Slot>((picture.unknown_slot + 1) % MAX_CLIENTS);
+    PlayerPicture& player = picture.players[picture.unknown_slot];
+    if (picture.unknown_slot == picture.own_slot || player.is_here) continue;
+    if (was_asked_lately(player, now_ms)) continue;
+    picture.asked_unknown_ms = player.asked_ms = now_ms;
+    return picture.unknown_slot;
+  }
+  return NO_SLOT;
 }
 
 // The server does not answer a question about oneself.
 Slot next_question(GamePicture& picture, std::uint64_t now_ms) {
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     PlayerPicture& player = picture.players[slot];
-    if (slot == picture.own_slot || !is_in_doubt(player, now_ms)) continue;
+    if (slot == picture.own_slot || !is_in_doubt(picture, player, now_ms)) continue;
     if (player.unanswered == MAX_QUESTIONS) {
-      player = {};
+      player = {.asked_ms = now_ms};
       continue;
     }
     ++player.unanswered;
     player.asked_ms = now_ms;
     return slot;
   }
-  return NO_SLOT;
+  return next_unknown(picture, now_ms);
 }
 
 std::uint32_t game_minutes(const GamePicture& picture, std::uint64_t now_ms) {
   const std::uint64_t passed = (now_ms - picture.clock_ms) / 1000;
   return static_cast<std::uint32_t>((picture.clock_minutes + passed) % DAY_MINUTES);
 }
+
+}  // namespace zol

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <ctime>
 
+namespace zol {
+
 inline std::uint64_t monotonic_ns() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -14,3 +16,5 @@ inline std::uint64_t monotonic_ns() {
 inline std::uint64_t monotonic_ms() {
   return monotonic_ns() / 1'000'000;
 }
+
+}  // namespace zol

@@ -7,6 +7,8 @@
 #include <charconv>
 #include <cstring>
 
+namespace zol {
+
 static constexpr int SOCKET_BUFFER = 4 << 20;  // bytes, for bursts and while the client waits
 
 static bool read_port(std::string_view text, in_port_t& port) {
@@ -60,13 +62,17 @@ bool send_datagram(int handle, Datagram datagram) {
   return false;
 }
 
-const Batch& receive_batch(int handle, std::size_t most) {
-  static std::array<std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>, RECEIVE_BATCH> buffers;
-  static Batch batch;
+void send_outbox(int handle, Outbox& outbox) {
+  for (Datagram datagram = outbox_take(outbox); !datagram.empty(); datagram = outbox_take(outbox)) {
+    send_datagram(handle, datagram);
+  }
+}
+
+void receive_batch(int handle, Batch& batch, std::size_t most) {
   std::array<mmsghdr, RECEIVE_BATCH> messages{};
   std::array<iovec, RECEIVE_BATCH> vectors{};
   for (std::size_t i = 0; i < most; ++i) {
-    vectors[i] = {buffers[i].data(), buffers[i].size()};
+    vectors[i] = {batch.buffers[i].data(), batch.buffers[i].size()};
     messages[i].msg_hdr.msg_iov = &vectors[i];
     messages[i].msg_hdr.msg_iovlen = 1;
   }
@@ -74,7 +80,8 @@ const Batch& receive_batch(int handle, std::size_t most) {
       recvmmsg(handle, messages.data(), static_cast<unsigned>(most), MSG_DONTWAIT, nullptr);
   batch.count = received > 0 ? static_cast<std::size_t>(received) : 0;
   for (std::size_t i = 0; i < batch.count; ++i) {
-    batch.datagrams[i] = Datagram(buffers[i]).first(messages[i].msg_len);
+    batch.datagrams[i] = Datagram(batch.buffers[i]).first(messages[i].msg_len);
   }
-  return batch;
 }
+
+}  // namespace zol

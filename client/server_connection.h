@@ -1,6 +1,5 @@
-// A client's UDP socket to one server.
-//
-// A socket is used by one thread at a time; receive_batch by one thread in all.
+// A client's UDP socket to one server, on POSIX systems. A socket and a batch are used by one
+// thread at a time.
 #pragma once
 
 #include <netinet/in.h>
@@ -8,11 +7,13 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <string_view>
 
+#include "client/outbox.h"
 #include "server/protocol.h"
+
+namespace zol {
 
 inline constexpr std::uint16_t DEFAULT_PORT = 16'309;
 inline constexpr std::size_t RECEIVE_BATCH = 32;  // datagrams
@@ -29,11 +30,21 @@ int open_client_socket(const sockaddr_in& server);
 // errno set.
 bool send_datagram(int handle, Datagram datagram);
 
-// What one call has received. The datagrams stay valid until the next call.
+// Sends what is in the outbox. A datagram that cannot be sent is lost.
+void send_outbox(int handle, Outbox& outbox);
+
+// The datagrams that one call has received. They point into the buffers, so a batch is not copied.
 struct Batch {
+  std::array<std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>, RECEIVE_BATCH> buffers;
   std::array<Datagram, RECEIVE_BATCH> datagrams;
   std::size_t count = 0;
+
+  Batch() = default;
+  Batch(const Batch&) = delete;
+  Batch& operator=(const Batch&) = delete;
 };
 
 // Takes what is there, up to this many datagrams. Never waits. None on an error.
-const Batch& receive_batch(int handle, std::size_t most = RECEIVE_BATCH);
+void receive_batch(int handle, Batch& batch, std::size_t most = RECEIVE_BATCH);
+
+}  // namespace zol

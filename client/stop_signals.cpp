@@ -5,6 +5,8 @@
 
 #include <csignal>
 
+namespace zol {
+
 int open_stop_signals(std::initializer_list<int> signals) {
   sigset_t blocked;
   sigemptyset(&blocked);
@@ -18,3 +20,5 @@ int take_stop_signal(int handle) {
   signalfd_siginfo info{};
   return read(handle, &info, sizeof info) == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
 }
+
+}  // namespace zol

@@ -8,6 +8,8 @@
 
 #include "server/protocol.h"
 
+using namespace zol;
+
 inline constexpr std::int32_t MIN_CLIENTS = 2;  // to MAX_CLIENTS
 
 struct ServerConfig {

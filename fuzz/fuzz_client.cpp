@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "client/client_session.h"
+#include "client/reports.h"
 #include "fuzz/check.h"
 #include "text/latin1.h"
 #include "view/map.h"
@@ -31,9 +31,32 @@ static void check_map(MapView& view, const GamePicture& picture, std::uint64_t n
   }
 }
 
+static void report_anything(ClientSession& session, unsigned choice) {
+  switch (choice % 8) {
+    case 0:
+      return report_death(session, 1);
+    case 1:
+      return report_got_in(session, {}, {});
+    case 2:
+      return report_weapon(session, 1);
+    default:
+      return;
+  }
+}
+
+// What leaves must never be empty: the server would take it for the datagram before.
+static void check_outbox(ClientSession& session) {
+  while (session.outbox.count > 0) {
+    const Datagram datagram = outbox_take(session.outbox);
+    check(!datagram.empty() && datagram.size() <= RECEIVE_BUFFER_SIZE, "a datagram has a size");
+    const bool names_own_slot = datagram[0] == 40 && datagram[1] == session.picture.own_slot;
+    check(!names_own_slot, "nobody asks about itself");
+  }
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input{data, size};
-  ClientSession session;  // without a socket: nothing leaves
+  ClientSession session;
   MapView map;
   std::uint64_t now_ms = 1'000;
   while (input.left > 0) {
@@ -41,6 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     session_step(session, now_ms);
     session_hear(session, input.take(input.next()), now_ms);
     check_map(map, session.picture, now_ms);
+    report_anything(session, input.next());
+    check_outbox(session);
   }
   check_picture(session.picture, now_ms);
   return 0;

@@ -8,6 +8,8 @@
 
 #include "server/protocol.h"
 
+using namespace zol;
+
 inline constexpr std::size_t MAX_NAME = 31;  // characters, as servers cut their own
 inline constexpr std::size_t MAX_OS = 8;
 

@@ -5,6 +5,8 @@
 
 #include "server/protocol.h"
 
+using namespace zol;
+
 // The time since server_start_ms; hour and minute each read the clock anew. Any thread.
 GameClock game_clock();
 

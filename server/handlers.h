@@ -11,6 +11,8 @@
 
 #include "server/protocol.h"
 
+using namespace zol;
+
 struct ReceivedDatagram {
   // The receive buffer: behind the received bytes lie those of earlier datagrams.
   const std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>& bytes;

@@ -26,6 +26,8 @@
 #include "config/server_config.h"
 #include "server/protocol.h"
 
+using namespace zol;
+
 enum class SeatState : std::uint32_t {
   FREE,     // a join may take the slot
   JOINED,   // a player has the slot and has not entered the game

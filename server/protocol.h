@@ -19,6 +19,8 @@
 #include <span>
 #include <type_traits>
 
+namespace zol {
+
 static_assert(std::endian::native == std::endian::little, "records travel as they lie in memory");
 
 inline constexpr std::uint16_t PROTOCOL_VERSION = 40;
@@ -418,3 +420,5 @@ static_assert(all_have_size<80, Vehicle, CarStateReport, PlayerStateReply, Playe
 static_assert(all_have_size<100, EnterGame>);
 static_assert(all_have_size<164, PlayerInfo>);
 static_assert(all_have_size<256, Chat>);
+
+}  // namespace zol

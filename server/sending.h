@@ -16,6 +16,8 @@
 #include "server/player_table.h"
 #include "server/protocol.h"
 
+using namespace zol;
+
 // What a failed send prints: "error writing to socket: <reason>" with a blank before the reason, or
 // without it. Each datagram to one address has its fixed text.
 enum class SendErrorText { WITH_BLANK, WITHOUT_BLANK };

@@ -9,6 +9,8 @@
 
 #include "server/protocol.h"
 
+using namespace zol;
+
 // The datagram that is being handled. Never cleared: a short datagram is read with the bytes that
 // earlier ones left. Main thread.
 inline constinit std::array<std::uint8_t, RECEIVE_BUFFER_SIZE> receive_buffer{};

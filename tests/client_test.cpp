@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
 #include <limits>
+#include <map>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
-#include "client/client_session.h"
+#include "client/reports.h"
+#include "client/server_connection.h"
 #include "tests/bytes.h"
 #include "tests/loopback.h"
 #include "text/latin1.h"
@@ -53,9 +58,9 @@ TEST(PictureTest, BelievesEachDatagram) {
       {"cb 05 00*2 00*24", "Bob (2,2) car 9 gun 99 died 255"},
       {"dc 05 03", "Bob (2,2) foot0 gun 99 died 3"},
       {"2b 05 01 00" FOUR FOUR "00*4 0b 00*63", "Bob (4,4) car 11 gun 99 died 3"},
-      {"2a 05 00 \"Rob\" ..68 " ONE TWO "00*4 00*4 07 00*11 01 00*3 08 00*63",
-       "Rob (1,2) car 8 gun 7 died 3"},
-      {"2a 05 01 61*64 ..164", std::string(63, 'a') + " (0,0) foot0 gun 0 died 255"},
+      {"2a 05 01 \"Bob\" ..68 " ONE TWO "00*4 00*4 07 00*11 01 00*3 08 00*63",
+       "Bob (1,2) car 8 gun 7 died 3"},
+      {"2a 05 00 61*64 ..164", std::string(63, 'a') + " (0,0) foot0 gun 0 died 255"},
       {"3c 05", ""},
   };
   GamePicture picture;
@@ -89,12 +94,15 @@ TEST(PictureTest, KeepsClockChatAndPinkPanther) {
   EXPECT_STREQ(picture.chat[1].data(), "old");
 }
 
-// The slots asked for, with the times.
-std::string questions(GamePicture& picture, std::uint64_t from_ms, std::uint64_t to_ms) {
+// The slots asked for, with the times: of players, or of slots that nothing was heard of.
+std::string questions(GamePicture& picture, std::uint64_t from_ms, std::uint64_t to_ms,
+                      bool of_known = true) {
   std::string asked;
   for (std::uint64_t now_ms = from_ms; now_ms <= to_ms; now_ms += 100) {
     for (Slot slot = 0; (slot = next_question(picture, now_ms)) != NO_SLOT;) {
-      asked += std::to_string(now_ms) + ":" + std::to_string(slot) + " ";
+      if (picture.players[slot].is_here == of_known) {
+        asked += std::to_string(now_ms) + ":" + std::to_string(slot) + " ";
+      }
     }
   }
   return asked;
@@ -113,9 +121,72 @@ TEST(PictureTest, AsksForWhatItMisses) {
   EXPECT_EQ(questions(picture, 13'100, 16'000), "13100:9 14100:9 15100:9 ");
   EXPECT_EQ(questions(picture, 16'100, 17'000), "16100:5 16100:9 ");
   EXPECT_EQ(line_of(picture, 9), "heard of");
-  EXPECT_EQ(questions(picture, 17'100, 50'000), "17100:5 18100:5 19100:5 ");
-  EXPECT_EQ(line_of(picture, 9), "") << "four questions without an answer";
+  questions(picture, 17'100, 50'000);
+  EXPECT_EQ(line_of(picture, 9), "") << "ten questions without an answer";
   EXPECT_EQ(line_of(picture, 5), "");
+}
+
+TEST(PictureTest, AsksForSlotsThatItNeverHeardOf) {
+  GamePicture picture{.own_slot = 2, .unknown_slot = 28};
+  hear_words(picture, BOB, 5'000);
+  EXPECT_EQ(questions(picture, 5'000, 9'900, false),
+            "5000:29 5500:30 6000:31 6500:0 7000:1 7500:3 8000:4 8500:6 9000:7 9500:8 ");
+}
+
+TEST(PictureTest, AnswersOlderThanALeavingAreIgnored) {
+  GamePicture picture;
+  hear_words(picture, BOB, 5'000);
+  hear_words(picture, "3c 05", 6'000);
+  hear_words(picture, BOB, 6'999);
+  EXPECT_EQ(line_of(picture, 5), "");
+  hear_words(picture, BOB, 7'000);
+  EXPECT_NE(line_of(picture, 5), "");
+  hear_words(picture, "3c 05", 8'000);
+  hear_words(picture, "2a 05 01 \"Rob\" ..164", 8'100);
+  EXPECT_NE(line_of(picture, 5), "") << "a player who has just entered";
+}
+
+// Of relays without a slot: what is taken, and whether the records are asked for earlier.
+TEST(PictureTest, GuessesWhoseValuesTheseAre) {
+  const char* const ANN = "2a 06 00 \"Ann\" ..68 00*4 00*4 00*4 00*4 00*4 " ONE FOUR " 00*68";
+  const char* const DRIVER = "cc 06 00*2 00*4 00*4 00*4 00*56 03 00*3 " ONE;
+  struct Case {
+    std::vector<const char*> heard;
+    std::uint32_t state_f2;  // of slot 5
+    unsigned car_byte;       // of slot 6
+    bool are_in_doubt;
+  };
+  const Case cases[] = {
+      {{BOB, "cf 00*3" TWO FOUR}, 0x40000000, 0, false},
+      {{BOB, ANN, "cf 00*3" ONE FOUR}, 0, 0, false},
+      {{BOB, ANN, "cf 00*3" TWO FOUR}, 0, 0, true},
+      {{BOB, ANN, "cf 00*3" ONE TWO}, 0, 0, true},
+      {{BOB, DRIVER, "d0 00 09 00" ONE}, 0, 9, false},
+      {{BOB, DRIVER, "d0 00 03 00" ONE}, 0, 3, false},
+      {{BOB, "d0 00 09 00" ONE}, 0, 0, true},
+  };
+  for (const Case& each : cases) {
+    GamePicture picture{.own_slot = 7};
+    for (const char* words : each.heard) hear_words(picture, words, 5'000 + words[0] / 'c');
+    EXPECT_EQ(picture.players[5].state.state_f2, each.state_f2) << each.heard.back();
+    EXPECT_EQ(picture.players[6].car.car_byte, each.car_byte) << each.heard.back();
+    EXPECT_EQ(picture.unnamed_ms > 0, each.are_in_doubt) << each.heard.back();
+    const std::string asked = questions(picture, 7'100, 7'100);
+    EXPECT_EQ(asked.find(":5 ") != std::string::npos, each.are_in_doubt) << asked;
+  }
+}
+
+TEST(PictureTest, KnowsWhoPlays) {
+  GamePicture picture;
+  const std::pair<const char*, bool> steps[] = {{BOB, false},
+                                                {"dc 05 01", false},
+                                                {"ce 05 63", true},
+                                                {BOB, true},
+                                                {"2a 05 01 ..164", false}};
+  for (const auto& [words, is_playing] : steps) {
+    hear_words(picture, words);
+    EXPECT_EQ(picture.players[5].is_playing, is_playing) << words;
+  }
 }
 
 TEST(PictureTest, TakesNoSlotForAPlayer) {
@@ -126,23 +197,21 @@ TEST(PictureTest, TakesNoSlotForAPlayer) {
   for (const PlayerPicture& player : picture.players) EXPECT_FALSE(player.is_here);
 }
 
+const char* const ACCEPTED = "11 03 01 \"Hi\" ..67";
+const char* const PLACED = "29 03";
+const char* const ENTERED = "10 03 00 00";
+
 class SessionTest : public testing::Test {
  public:
-  SessionTest() : server(bind_loopback(SOCK_DGRAM | SOCK_NONBLOCK)) {
-    session.socket = open_client_socket(local_address(server));
-    session.name = {'M', 'e'};
-  }
-  ~SessionTest() override {
-    close(server);
-    close(session.socket);
-  }
-
-  // What the client has sent meanwhile, a word each.
+  // The codes of what the client has sent meanwhile, joins and entries by name.
   std::string sent() {
     std::string all;
-    std::uint8_t bytes[300];
-    while (recv(server, bytes, sizeof bytes, 0) > 0) {
-      all += bytes[0] == 10 ? "join " : bytes[0] == 15 ? "enter " : std::to_string(bytes[0]) + " ";
+    for (Datagram datagram = outbox_take(session.outbox); !datagram.empty();
+         datagram = outbox_take(session.outbox)) {
+      const int code = datagram[0];
+      if (code != 40)
+        all += code == 10 ? "join " : code == 15 ? "enter " : std::to_string(code) + " ";
+      latest.assign(datagram.begin(), datagram.end());
     }
     return all;
   }
@@ -150,7 +219,7 @@ class SessionTest : public testing::Test {
   std::string pass(std::uint64_t from_ms, std::uint64_t to_ms) {
     std::string all;
     for (std::uint64_t now_ms = from_ms; now_ms <= to_ms; now_ms += 500) {
-      last_event = session_step(session, now_ms);
+      session_step(session, now_ms);
       const std::string now = sent();
       if (!now.empty()) all += std::to_string(now_ms) + " " + now;
     }
@@ -159,50 +228,107 @@ class SessionTest : public testing::Test {
   SessionEvent hear(const std::string& words, std::uint64_t now_ms) {
     return session_hear(session, bytes_of(words), now_ms);
   }
-  void play() {
-    pass(1'000, 1'000);
-    EXPECT_EQ(hear("11 03 01 \"Hi\" ..67", 1'000), SessionEvent::JOINED);
-    EXPECT_EQ(pass(1'000, 4'000), "1000 enter 2000 enter 3000 enter 4000 enter ");
-    EXPECT_EQ(hear("10 03 00 00", 4'000), SessionEvent::ENTERED);
+  void play(std::uint64_t now_ms) {
+    pass(now_ms, now_ms);
+    EXPECT_EQ(hear(ACCEPTED, now_ms), SessionEvent::JOINED);
+    hear(PLACED, now_ms);
+    EXPECT_EQ(hear(ENTERED, now_ms), SessionEvent::ENTERED);
+    pass(now_ms + 1'000, now_ms + 1'000);
+    hear(PLACED, now_ms + 1'000);
+    sent();
   }
 
-  int server;
-  ClientSession session;
-  SessionEvent last_event = SessionEvent::NONE;
+  ClientSession session{.name = {'M', 'e'}};
+  Bytes latest;
 };
 
 TEST_F(SessionTest, JoinsAndStays) {
   EXPECT_EQ(pass(1'000, 95'000),
             "1000 join 2000 join 4000 join 8000 join 16000 join 32000 join "
             "62000 join 92000 join ");
-  play();
-  EXPECT_EQ(session.picture.own_slot, 3);
+  EXPECT_EQ(hear(ACCEPTED, 100'000), SessionEvent::JOINED);
   EXPECT_STREQ(session.picture.welcome.data(), "Hi");
-  EXPECT_EQ(hear("01", 20'000), SessionEvent::NONE);
+  EXPECT_EQ(pass(100'000, 102'500), "100000 120 101000 120 102000 120 ") << "which slot?";
+  hear(PLACED, 102'500);
+  EXPECT_EQ(pass(102'500, 103'500), "102500 enter 103500 120 enter ");
+  hear(PLACED, 103'600);
+  EXPECT_EQ(pass(104'000, 117'500),
+            "105500 enter 109500 enter 116000 120 117000 120 117500 enter ");
+  EXPECT_EQ(hear(ENTERED, 118'000), SessionEvent::ENTERED);
+  EXPECT_EQ(hear("01", 130'000), SessionEvent::NONE);
   EXPECT_EQ(sent(), "2 ") << "a ping is answered";
-  EXPECT_EQ(pass(20'000, 45'000), "");
-  EXPECT_EQ(session_step(session, 45'001), SessionEvent::FORGOTTEN);
-  EXPECT_EQ(pass(45'500, 46'500), "45500 join 46500 join ");
-  play();
-  EXPECT_EQ(hear("13", 10'000), SessionEvent::STOPPED);
-  EXPECT_EQ(hear("c8 04 ..16", 10'000), SessionEvent::NONE);
+}
+
+TEST_F(SessionTest, JoinsAgainWhenTheServerIsGoneOrSaysSo) {
+  play(1'000);
+  EXPECT_EQ(pass(2'500, 26'500),
+            "14000 120 15000 120 16000 120 17000 120 18000 120 19000 120 20000 120 21000 120 "
+            "22000 120 23000 120 enter 24000 120 enter 25000 120 26000 120 enter ");
+  EXPECT_EQ(session_step(session, 27'000), SessionEvent::NONE);
+  sent();
+  EXPECT_EQ(session_step(session, 27'001), SessionEvent::FORGOTTEN);
+  EXPECT_EQ(pass(27'500, 28'500), "27500 join 28500 join ");
+  play(30'000);
+  EXPECT_EQ(hear("13", 32'000), SessionEvent::STOPPED);
+  EXPECT_EQ(hear("c8 04 ..16", 32'000), SessionEvent::NONE);
   EXPECT_FALSE(session.picture.players[4].is_here) << "it is not in the game any more";
-  EXPECT_EQ(pass(10'000, 12'000), "11000 join 12000 join ");
+  EXPECT_EQ(pass(32'000, 34'000), "33000 join 34000 join ");
+}
+
+// What shows that the client is in the game, that it has a slot, or nothing.
+TEST_F(SessionTest, KnowsSignsOfLife) {
+  const std::tuple<const char*, bool, bool> signs[] = {
+      {"01", true, true},          {"c8 04 ..16", true, true},     {"1e ..65", true, true},
+      {"29 03", true, false},      {"48 00 00", true, false},      {"2a 05 00 ..164", true, false},
+      {"2b 05 ..80", true, false}, {"2a 05 01 ..164", true, true}, {"0c ..65", false, false}};
+  play(1'000);
+  std::uint64_t now_ms = 3'000;
+  for (const auto& [words, has_slot, is_in_game] : signs) {
+    hear(words, ++now_ms);
+    EXPECT_EQ(session.slot_sure_ms == now_ms, has_slot) << words;
+    EXPECT_EQ(session.in_game_ms == now_ms, is_in_game) << words;
+  }
 }
 
 TEST_F(SessionTest, MakesRoomForItselfOnAFullServer) {
   pass(1'000, 1'000);
-  EXPECT_EQ(hear("0c \"Full\" ..65", 1'000), SessionEvent::REFUSED);
-  EXPECT_STREQ(session.refusal.data(), "Full");
-  EXPECT_EQ(sent(), "60 ");
-  EXPECT_EQ(pass(1'000, 2'000), "2000 join ");
+  for (const std::uint64_t now_ms : {1'100U, 2'100U}) {
+    EXPECT_EQ(hear("0c \"Full\" ..65", now_ms), SessionEvent::REFUSED);
+    EXPECT_STREQ(session.refusal.data(), "Full");
+    EXPECT_EQ(sent(), "60 ");
+    EXPECT_EQ(pass(2'000, 2'000), now_ms < 2'000 ? "2000 join " : "");
+  }
+  play(4'000);
+  EXPECT_EQ(hear("0c \"Full\" ..65", 5'500), SessionEvent::NONE) << "an old refusal";
+  EXPECT_EQ(sent(), "");
+  session_leave(session);
+  EXPECT_EQ(sent(), "60 60 60 ");
 }
 
-TEST_F(SessionTest, TheLatestAnswerToAJoinCounts) {
-  play();
-  EXPECT_EQ(hear("11 05 01 ..67", 5'000), SessionEvent::JOINED);
-  EXPECT_EQ(pass(5'000, 5'000), "5000 enter ");
-  EXPECT_EQ(session.picture.own_slot, 5);
+// Joins that the network repeats or swaps: what is heard while playing in slot 3, what is sent in
+// the next second, and the slot in the end.
+TEST_F(SessionTest, FindsItsSlot) {
+  struct Case {
+    std::vector<const char*> heard;
+    const char* sent;
+    int own_slot;
+  };
+  const Case cases[] = {{{"11 03 01 ..67"}, "", 3},
+                        {{"11 05 01 ..67"}, "120 ", 3},
+                        {{"11 05 01 ..67", PLACED}, "", 3},
+                        {{"11 05 01 ..67", "29 05"}, "enter ", 5},
+                        {{"29 05"}, "enter ", 5},
+                        {{"29 05", PLACED}, "enter ", 3},
+                        {{"29 20"}, "", 3},
+                        {{"11 20 01 ..67"}, "", 3}};
+  for (const Case& each : cases) {
+    session = {.name = {'M', 'e'}};
+    play(1'000);
+    for (const char* words : each.heard) hear(words, 2'500);
+    session_step(session, 2'500);
+    EXPECT_EQ(sent(), each.sent) << each.heard.back();
+    EXPECT_EQ(session.picture.own_slot, each.own_slot) << each.heard.back();
+  }
 }
 
 TEST_F(SessionTest, TakesNoDatagramOfAnotherSize) {
@@ -211,21 +337,160 @@ TEST_F(SessionTest, TakesNoDatagramOfAnotherSize) {
     EXPECT_EQ(hear(words, 1'000), SessionEvent::NONE) << words;
   }
   EXPECT_EQ(sent(), "");
-  hear("11 03 01 ..67", 1'000);
+  hear(ACCEPTED, 1'000);
+  hear("29 03 00", 1'000);
+  EXPECT_EQ(session.state, SessionState::PLACING);
+  hear(PLACED, 1'000);
   EXPECT_EQ(hear("10 03 00 00 00", 1'000), SessionEvent::NONE);
   EXPECT_EQ(session.state, SessionState::ENTERING);
 }
 
+const CarState CAR{.car_type = 7};
+const Position PLACE{1, 2, 3};
+#define PLACE_WORDS " 01 00*3 02 00*3 03 00*3 "
+#define CAR_WORDS " 07 00*63"
+
+// Each report in the game, on foot at first; the words of the datagram, and of the entry when it is
+// reported before.
+TEST_F(SessionTest, ReportsEverything) {
+  struct Case {
+    std::function<void(ClientSession&)> report;
+    std::string words;
+  };
+  const Case cases[] = {
+      {[](auto& s) { report_position(s, PLACE); }, "64 00*3" PLACE_WORDS},
+      {[](auto& s) { report_weapon(s, 9); }, "7a 09"},
+      {[](auto& s) { report_state_floats(s, 1, 2); }, "7b 00*3 01 00*3 02 00*3"},
+      {[](auto& s) { report_on_foot(s, 4); }, "6e 00*3 04 00*3"},
+      {[](auto& s) { report_got_in(s, PLACE, CAR); }, "2b 01 00*2" PLACE_WORDS CAR_WORDS},
+      {[](auto& s) { report_got_in(s, PLACE, CAR); }, "65 00*3" PLACE_WORDS CAR_WORDS},
+      {[](auto& s) { report_car_block_a(s, {5}); }, "78 00*3 05 00*27"},
+      {[](auto& s) { report_car_block_b(s, {6}); }, "79 00*3 06 00*23"},
+      {[](auto& s) { report_car_status(s, 8, 9); }, "7c 08 00*2 09 00*3"},
+      {[](auto& s) { report_got_out(s, PLACE); }, "2b 00*3" PLACE_WORDS "00*64"},
+      {[](auto& s) { report_car_block_a(s, {5}); }, ""},
+      {[](auto& s) { report_car_block_b(s, {6}); }, ""},
+      {[](auto& s) { report_car_status(s, 8, 9); }, ""},
+      {[](auto& s) { report_car(s, PLACE, CAR); }, "65 00*3" PLACE_WORDS CAR_WORDS},
+      {[](auto& s) { report_left_car(s); }, "66"},
+      {[](auto& s) { report_car(s, PLACE, CAR); }, "65 00*3" PLACE_WORDS CAR_WORDS},
+      {[](auto& s) { report_death(s, 2); }, "67 02"},
+      {[](auto& s) { report_car_block_a(s, {5}); }, ""},
+      {[](auto& s) { ask_player_state(s, 6); }, "29 06"},
+  };
+  for (const bool is_early : {true, false}) {
+    session = {.name = {'M', 'e'}};
+    is_early ? void(pass(1'000, 1'000)) : play(1'000);
+    for (const Case& each : cases) {
+      latest.clear();
+      each.report(session);
+      sent();
+      const bool is_question = each.words == "29 06";
+      EXPECT_EQ(latest, is_early && !is_question ? Bytes() : bytes_of(each.words)) << each.words;
+    }
+  }
+}
+
+TEST_F(SessionTest, EntersWithWhatWasReportedBefore) {
+  pass(1'000, 1'000);
+  report_weapon(session, 9);
+  report_on_foot(session, 4);
+  report_state_floats(session, 1, 2);
+  report_got_in(session, PLACE, CAR);
+  hear(ACCEPTED, 1'000);
+  hear(PLACED, 1'000);
+  EXPECT_EQ(pass(1'000, 1'000), "1000 enter ");
+  EXPECT_EQ(latest,
+            bytes_of("0f 00*3" PLACE_WORDS "04 00*3 09 00*3 01 00*3 02 00*3 01 00*3" CAR_WORDS));
+}
+
+// The times of the repeats in 100 seconds, of each code.
+TEST_F(SessionTest, RepeatsItsState) {
+  struct Case {
+    std::function<void(ClientSession&)> report;
+    const char* heard;  // after it
+    std::map<std::string, std::string> repeats;
+  };
+  const std::string pace = "5000 8000 11000 14000 17000 ";
+  const std::map<std::string, std::string> on_foot = {{"100", pace}, {"123", pace}, {"110", pace}};
+  const std::map<std::string, std::string> in_car = {
+      {"100", pace}, {"123", pace}, {"120", pace}, {"121", pace}, {"124", pace}};
+  const std::string sooner = "4000 7000 10000 13000 16000 ";
+  const std::map<std::string, std::string> after_a_ride = {
+      {"100", sooner}, {"123", sooner}, {"110", sooner}};
+  const char* const deaths = "4000 6000 8000 10000 12000 14000 16000 ";
+  const auto with = [](auto repeats, const char* code, const char* times) {
+    repeats[code] = times;
+    return repeats;
+  };
+  const Case cases[] = {
+      {[](auto&) {}, "01", {}},
+      {[](auto& s) { report_position(s, PLACE); }, "01", on_foot},
+      {[](auto& s) { report_weapon(s, 9); }, "01", with(on_foot, "122", "4000 6000 8000 10000 ")},
+      {[](auto& s) { report_got_in(s, PLACE, CAR); }, "01",
+       with(in_car, "101", "4000 6000 8000 10000 12000 14000 16000 ")},
+      {[](auto& s) { report_got_in(s, PLACE, CAR); }, "48 00 00", in_car},
+      {[](auto& s) { report_car(s, PLACE, CAR), report_on_foot(s, 0); }, "01", after_a_ride},
+      {[](auto& s) { report_death(s, 0); }, "01", with(on_foot, "103", deaths)},
+      {[](auto& s) { report_death(s, 0); }, "d1 03", on_foot},  // it would lose the role
+      {[](auto& s) { report_death(s, 0), report_car(s, PLACE, CAR); }, "48 00 00",
+       with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 "), "101",
+            "4000 4000 6000 6000 8000 8000 10000 10000 12000 12000 14000 14000 16000 ")},
+  };
+  for (const Case& each : cases) {
+    session = {.name = {'M', 'e'}};
+    play(1'000);
+    each.report(session);
+    hear(each.heard, 2'000);
+    sent();
+    std::map<std::string, std::string> repeats;
+    for (std::uint64_t now_ms = 2'000; now_ms <= 18'000; now_ms += 500) {
+      hear("c8 04 ..16", now_ms);  // nothing else is due while others are heard
+      session_step(session, now_ms);
+      std::istringstream codes(sent());
+      for (std::string code; codes >> code;) repeats[code] += std::to_string(now_ms) + " ";
+    }
+    EXPECT_EQ(repeats, each.repeats);
+  }
+}
+
+TEST_F(SessionTest, TellsTheServerItsCarOnceMore) {
+  play(1'000);
+  hear(PLACED, 3'000);
+  EXPECT_EQ(sent(), "") << "on foot";
+  report_car(session, PLACE, CAR);
+  sent();
+  for (const std::uint64_t now_ms : {3'000U, 3'499U, 3'500U}) hear(PLACED, now_ms);
+  EXPECT_EQ(sent(), "101 101 ") << "at most two a second";
+}
+
 TEST_F(SessionTest, SaysWhatOthersSee) {
   session_say(session, std::string(100, 'x'));
-  std::uint8_t bytes[300];
-  EXPECT_EQ(recv(server, bytes, sizeof bytes, 0), 62) << "the code, 60 letters, NUL";
+  sent();
+  EXPECT_EQ(latest.size(), 62U) << "the code, 60 letters, NUL";
   EXPECT_EQ(session.picture.chat[0].data(), "Me: " + std::string(60, 'x'));
   session.name.fill('n');
   session.name.back() = '\0';
   session_say(session, "x");
-  EXPECT_EQ(recv(server, bytes, sizeof bytes, 0), 2) << "no room behind a long name";
+  sent();
+  EXPECT_EQ(latest.size(), 2U) << "no room behind a long name";
   EXPECT_EQ(session.picture.chat[1].data(), std::string(63, 'n') + ":");
+}
+
+TEST(OutboxTest, DropsWhatDoesNotFit) {
+  Outbox outbox;
+  outbox_add(outbox, bytes_of("00*257"));
+  for (unsigned i = 0; i < OUTBOX_SIZE + 10; ++i) {
+    outbox_add(outbox, Died{.death_count = static_cast<std::uint8_t>(i)});
+    if (i < 5) {
+      EXPECT_EQ(outbox_take(outbox)[1], i);
+    }
+  }
+  unsigned taken = 5;
+  for (Datagram datagram = outbox_take(outbox); !datagram.empty(); datagram = outbox_take(outbox)) {
+    EXPECT_EQ(datagram[1], taken++);
+  }
+  EXPECT_EQ(taken, OUTBOX_SIZE + 5);
 }
 
 GamePicture crowd(const std::vector<MapPoint>& places) {

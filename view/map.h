@@ -6,6 +6,8 @@
 
 #include "client/game_picture.h"
 
+using namespace zol;
+
 // What lies farther out, like what is no number, is taken for no place: broken clients make it up.
 inline constexpr float MAX_COORDINATE = 1e6F;
 

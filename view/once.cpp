@@ -13,6 +13,7 @@
 
 #include "client/client_session.h"
 #include "client/monotonic.h"
+#include "client/server_connection.h"
 #include "client/stop_signals.h"
 #include "text/latin1.h"
 
@@ -27,6 +28,7 @@ static constexpr std::uint64_t SILENCE_FACTOR = 4;
 static constexpr std::uint64_t ASKING_MS = 10'000;  // then what is known is shown
 
 struct Visit {
+  int socket = -1;
   ClientSession session;
   int stop_signals = -1;
   int signal = 0;  // the one that ended the visit
@@ -42,12 +44,13 @@ static bool hear_answers(Visit& visit, std::uint64_t silence_ms, std::uint64_t e
   ClientSession& session = visit.session;
   const bool is_joining = is_waiting(session);
   pollfd waits[] = {{.fd = visit.stop_signals, .events = POLLIN, .revents = 0},
-                    {.fd = session.socket, .events = POLLIN, .revents = 0}};
+                    {.fd = visit.socket, .events = POLLIN, .revents = 0}};
   const int silence = static_cast<int>(silence_ms);
   while (monotonic_ms() < end_ms && poll(waits, std::size(waits), silence) > 0) {
     visit.signal = take_stop_signal(visit.stop_signals);
     if (visit.signal != 0) return false;
-    const Batch& batch = receive_batch(session.socket);
+    static Batch batch;
+    receive_batch(visit.socket, batch);
     if (batch.count == 0) return false;
     for (std::size_t i = 0; i < batch.count; ++i)
       session_hear(session, batch.datagrams[i], monotonic_ms());
@@ -63,6 +66,7 @@ static std::uint64_t join(Visit& visit) {
   for (int i = 0; i < JOIN_TRIES && is_waiting(session); ++i) {
     session.due_ms = sent_ms = monotonic_ms();
     session_step(session, sent_ms);
+    send_outbox(visit.socket, session.outbox);
     if (!hear_answers(visit, JOIN_WAIT_MS, sent_ms + JOIN_WAIT_MS)) break;
   }
   return monotonic_ms() - sent_ms;
@@ -81,7 +85,7 @@ static void ask_for_all(Visit& visit, std::uint64_t silence_ms) {
     const std::ptrdiff_t known_before = known_players(picture);
     for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
       if (picture.players[slot].has_record || slot == picture.own_slot) continue;
-      send_datagram(session.socket, GetPlayerInfo{.slot = slot});
+      send_datagram(visit.socket, GetPlayerInfo{.slot = slot});
     }
     hear_answers(visit, silence_ms, end_ms);
     quiet_rounds = known_players(picture) > known_before ? 0 : quiet_rounds + 1;
@@ -145,10 +149,11 @@ static int complain(const char* problem, const std::string& detail, int status) 
 }
 
 int show_once(const ViewOptions& options, int stop_signals) {
-  Visit visit{.session = {.socket = open_client_socket(options.server)},
-              .stop_signals = stop_signals};
+  Visit visit;
+  visit.socket = open_client_socket(options.server);
+  visit.stop_signals = stop_signals;
   ClientSession& session = visit.session;
-  if (session.socket == -1) return complain("no way to the server: ", std::strerror(errno), 1);
+  if (visit.socket == -1) return complain("no way to the server: ", std::strerror(errno), 1);
   std::copy(options.name.begin(), options.name.end(), session.name.begin());
   const std::uint64_t round_trip_ms = join(visit);
   const bool has_joined = session.state != SessionState::JOINING;
@@ -156,7 +161,8 @@ int show_once(const ViewOptions& options, int stop_signals) {
     ask_for_all(visit, std::clamp(SILENCE_FACTOR * round_trip_ms, MIN_SILENCE_MS, JOIN_WAIT_MS));
   }
   session_leave(session);  // even without an answer: it may have been lost
-  close(session.socket);
+  send_outbox(visit.socket, session.outbox);
+  close(visit.socket);
   if (visit.signal != 0) return 128 + visit.signal;
   if (session.refusal[0] != '\0') return complain("", printable(session.refusal.data()), 3);
   if (!has_joined) return complain("nobody answers at ", options.server_text, 1);

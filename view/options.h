@@ -5,6 +5,10 @@
 
 #include <string>
 
+#include "client/server_connection.h"
+
+using namespace zol;
+
 struct ViewOptions {
   std::string name = "Spectator";  // in Latin-1
   const char* server_text = nullptr;

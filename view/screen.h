@@ -8,6 +8,7 @@
 #include "view/map.h"
 
 struct ViewState {
+  int socket = -1;
   ClientSession session;
   MapView map;
   std::string status;  // in Latin-1: what happened to the connection last

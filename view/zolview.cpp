@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "client/monotonic.h"
+#include "client/server_connection.h"
 #include "client/stop_signals.h"
 #include "view/once.h"
 #include "view/options.h"
@@ -41,7 +42,8 @@ static void show_event(ViewState& view, SessionEvent event) {
 // Takes one batch: datagrams may arrive faster than they are taken, and signals, keys and the
 // screen have their turns in between.
 static void take_datagrams(ViewState& view) {
-  const Batch& batch = receive_batch(view.session.socket);
+  static Batch batch;
+  receive_batch(view.socket, batch);
   for (std::size_t i = 0; i < batch.count; ++i) {
     show_event(view, session_hear(view.session, batch.datagrams[i], monotonic_ms()));
   }
@@ -58,7 +60,7 @@ static void run(ViewState& view, int stop_signals) {
   std::uint64_t drawn_ms = 0;
   while (take_stop_signal(stop_signals) == 0) {
     pollfd waits[] = {{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
-                      {.fd = view.session.socket, .events = POLLIN, .revents = 0},
+                      {.fd = view.socket, .events = POLLIN, .revents = 0},
                       {.fd = stop_signals, .events = POLLIN, .revents = 0}};
     poll(waits, std::size(waits), FRAME_MS);
     const bool has_terminal = (waits[0].revents & (POLLHUP | POLLERR)) == 0;
@@ -66,6 +68,7 @@ static void run(ViewState& view, int stop_signals) {
     take_datagrams(view);
     const std::uint64_t now_ms = monotonic_ms();
     show_event(view, session_step(view.session, now_ms));
+    send_outbox(view.socket, view.session.outbox);
     if (now_ms - drawn_ms < FRAME_MS) continue;
     drawn_ms = now_ms;
     screen_draw(view, now_ms);
@@ -74,8 +77,8 @@ static void run(ViewState& view, int stop_signals) {
 
 static int show_game(const ViewOptions& options, int stop_signals) {
   static ViewState view;
-  view.session.socket = open_client_socket(options.server);
-  if (view.session.socket == -1) {
+  view.socket = open_client_socket(options.server);
+  if (view.socket == -1) {
     std::perror("zolview: no way to the server");
     return EXIT_FAILURE;
   }
@@ -84,6 +87,7 @@ static int show_game(const ViewOptions& options, int stop_signals) {
   screen_open();
   run(view, stop_signals);
   session_leave(view.session);  // first: a stuck terminal holds up the rest
+  send_outbox(view.socket, view.session.outbox);
   screen_close();
   return EXIT_SUCCESS;
 }

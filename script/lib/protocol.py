@@ -57,12 +57,18 @@ def parse():
     if errors:
         fail("\n".join(errors))
     ours = {str(ROOT / name) for name in HEADERS}
-    return [node for node in unit.cursor.get_children()
-            if node.location.file and node.location.file.name in ours]
+    outer = [node for node in unit.cursor.get_children()
+             if node.location.file and node.location.file.name in ours]
+    spaces = [node for node in outer if node.kind == clang.CursorKind.NAMESPACE]
+    return outer + [node for space in spaces for node in space.get_children()]
+
+
+def type_name(node):
+    return node.type.spelling.removeprefix("zol::")
 
 
 def kind_of(field):
-    name = field.type.spelling
+    name = type_name(field)
     if name.startswith("Unused<"):
         return "bytes"
     if re.match(r"std::array<char,|char ?\[", name):
@@ -77,7 +83,7 @@ def fields_of(struct):
     return [Field(struct.type.get_offset(field.spelling) // 8, field.type.get_size(),
                   "unused" if field.spelling.startswith("unused_") else field.spelling,
                   kind_of(field))
-            for field in struct.get_children() if field.type.spelling not in SENDERS]
+            for field in struct.get_children() if type_name(field) not in SENDERS]
 
 
 def literal(node):
@@ -108,7 +114,7 @@ def read_headers():
             continue  # a view of any bytes
         if struct.spelling not in asserted:
             fail(f"{HEADERS[0]}: no all_have_size for {struct.spelling}")
-        sender = SENDERS.get(first.type.spelling)
+        sender = SENDERS.get(type_name(first))
         if not sender:
             blocks.append(Block(struct.spelling, struct.type.get_size(), fields_of(struct)))
             continue

@@ -1,0 +1,39 @@
+// Datagrams that wait to be sent to the server, oldest first. Used by one thread.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "server/protocol.h"
+
+namespace zol {
+
+inline constexpr std::size_t OUTBOX_SIZE = 64;  // datagrams
+
+struct Outbox {
+  std::array<std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>, OUTBOX_SIZE> datagrams{};
+  std::array<std::size_t, OUTBOX_SIZE> sizes{};  // bytes
+  std::size_t first = 0;
+  std::size_t count = 0;
+};
+
+// A full outbox drops the datagram, as a network might.
+inline void outbox_add(Outbox& outbox, Datagram datagram) {
+  if (outbox.count == OUTBOX_SIZE || datagram.size() > RECEIVE_BUFFER_SIZE) return;
+  const std::size_t place = (outbox.first + outbox.count++) % OUTBOX_SIZE;
+  std::copy(datagram.begin(), datagram.end(), outbox.datagrams[place].begin());
+  outbox.sizes[place] = datagram.size();
+}
+
+// Takes the oldest datagram out; empty when none waits. Its bytes are valid until the next
+// outbox_add.
+inline Datagram outbox_take(Outbox& outbox) {
+  if (outbox.count == 0) return {};
+  const std::size_t place = outbox.first;
+  outbox.first = (outbox.first + 1) % OUTBOX_SIZE;
+  --outbox.count;
+  return Datagram(outbox.datagrams[place]).first(outbox.sizes[place]);
+}
+
+}  // namespace zol
