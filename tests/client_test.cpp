@@ -15,6 +15,7 @@
 #include "tests/loopback.h"
 #include "text/latin1.h"
 #include "view/map.h"
+#include "view/role.h"
 
 namespace {
 
@@ -491,6 +492,30 @@ TEST(OutboxTest, DropsWhatDoesNotFit) {
     EXPECT_EQ(datagram[1], taken++);
   }
   EXPECT_EQ(taken, OUTBOX_SIZE + 5);
+}
+
+// When a spectator in slot 3 passes the role on; each step a second after the one before.
+TEST_F(SessionTest, PassesTheRoleOnToAGameThatIsPlayed) {
+  const std::pair<const char*, const char*> steps[] = {{"d1 03", ""},    {"2a 05 01 ..164", ""},
+                                                       {"dc 05 01", ""}, {"ce 05 63", "103 "},
+                                                       {"d1 05", ""},    {"d1 03", ""},
+                                                       {"01", ""},       {"01", ""},
+                                                       {"01", ""},       {"01", ""},
+                                                       {"01", ""},       {"01", ""},
+                                                       {"01", ""},       {"01", "103 "},
+                                                       {"3c 05", ""}};
+  std::uint64_t passed_ms = 0;
+  std::uint64_t now_ms = 20'000;
+  pass_role_on(session, passed_ms, now_ms);
+  EXPECT_EQ(sent(), "") << "not in the game";
+  play(1'000);
+  for (const auto& [words, expected] : steps) {
+    hear(words, now_ms += 1'000);
+    sent();
+    pass_role_on(session, passed_ms, now_ms);
+    EXPECT_EQ(sent(), expected) << words << " at " << now_ms;
+  }
+  EXPECT_EQ(latest, bytes_of("67 00"));
 }
 
 GamePicture crowd(const std::vector<MapPoint>& places) {

@@ -1,0 +1,44 @@
+"""The real example client on a real server.
+
+Usage: example_test.py ZOLSERVER ZOLEXAMPLE [TEST...]"""
+
+import os
+import struct
+import subprocess
+import sys
+import unittest
+
+from server_case import PATIENCE_S, ServerCase
+
+ZOLEXAMPLE = os.path.realpath(sys.argv.pop(1))
+
+
+class ExampleTest(ServerCase):
+    def test_drives_and_leaves(self):
+        self.start_and_wait()
+        other = self.enter_game()
+        with subprocess.Popen([ZOLEXAMPLE, f"127.0.0.1:{self.port}"], stdout=subprocess.PIPE,
+                              text=True) as example:  # fmt: skip
+            self.addCleanup(example.kill)
+            self.assertEqual(other.heard()[:11], b"\x2a\1\1Example\0", "it has entered")
+            self.assertEqual(other.heard()[0], 204, "it got into its car")
+            first, second = (struct.unpack("<Bxxxffxxxx", other.heard()) for _ in range(2))
+            self.assertEqual((first[0], second[0]), (200, 200))
+            self.assertNotEqual(first[1:], second[1:], "it moves")
+            example.terminate()
+            while (heard := other.heard())[0] != 60:
+                self.assertIn(heard[0], (200, 202, 203, 204, 207, 208))
+            self.assertEqual(example.communicate(timeout=PATIENCE_S)[0], "accepted\nin the game\n")
+            self.assertEqual(example.returncode, 0)
+
+    def test_wants_one_address(self):
+        for arguments, complaint in (((), "usage: zolexample HOST[:PORT]"),
+                                     (("127.0.0.1:x",), "a server is HOST or HOST:PORT")):
+            done = subprocess.run([ZOLEXAMPLE, *arguments], capture_output=True, text=True,
+                                  timeout=PATIENCE_S)
+            self.assertEqual(done.returncode, 2)
+            self.assertIn(complaint, done.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
