@@ -267,6 +267,7 @@ class ProcessTest(ServerCase):
         self.start_and_wait()
         with self.client(program) as client:
             self.assertEqual(client.stdout.readline()[:5], "17 0 ")
+            self.assertEqual(client.stdout.readline(), "41 0\n")
             self.assertEqual(client.stdout.readline()[:7], "16 0 0 ")  # and the game's minute
             self.assertEqual(self.read_to("\n"), "Example, Player [0] Connected!\n")
             self.server.send_signal(signal.SIGTERM)
