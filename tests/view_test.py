@@ -159,6 +159,10 @@ class ViewTest(ViewCase):
         bob.socket.send(b"\x67\x01")
         bob.socket.send(b"\x67\x02")
         view.until(lambda _: view.colour_of("Bob") == "green")
+        # It went to the view in slot 1, which passed it on.
+        while bob.heard_of(220) != b"\xdc\1\0":
+            pass
+        self.assertEqual(bob.heard_of(209), b"\xd1\2")
 
         bob.socket.send(b"\x1fat \x1b[2J\xe4!\0")
         view.until_text("Bob: at ?[2Jä!")

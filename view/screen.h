@@ -10,6 +10,7 @@
 struct ViewState {
   int socket = -1;
   ClientSession session;
+  std::uint64_t passed_ms = 0;  // when it passed the PinkPanther's role on last
   MapView map;
   std::string status;  // in Latin-1: what happened to the connection last
   bool is_typing = false;

@@ -15,6 +15,7 @@
 #include "client/stop_signals.h"
 #include "view/once.h"
 #include "view/options.h"
+#include "view/role.h"
 #include "view/screen.h"
 
 static constexpr int FRAME_MS = 100;
@@ -68,6 +69,7 @@ static void run(ViewState& view, int stop_signals) {
     take_datagrams(view);
     const std::uint64_t now_ms = monotonic_ms();
     show_event(view, session_step(view.session, now_ms));
+    pass_role_on(view.session, view.passed_ms, now_ms);
     send_outbox(view.socket, view.session.outbox);
     if (now_ms - drawn_ms < FRAME_MS) continue;
     drawn_ms = now_ms;
