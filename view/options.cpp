@@ -12,16 +12,18 @@
 static constexpr const char* HELP =
     "usage: zolview [--name NAME] HOST[:PORT]\n"
     "       zolview --once [--json] HOST[:PORT]\n"
+    "       zolview --alive HOST[:PORT]\n"
     "\n"
     "Shows a running game of a ZOL Server: a map of who is where, a list, the chat.\n"
     "\n"
     "  --name NAME  what the others see, \"Spectator\" by default\n"
     "  --once       prints one table of who is on, and ends\n"
     "  --json       prints it as one JSON object\n"
+    "  --alive      says whether a server answers there, without taking a slot\n"
     "\n"
     "In the view: Enter begins and sends a line of chat, Esc drops it, q ends.\n"
     "Exit status: 0 all was well, 1 nobody answers, 2 bad arguments, 3 the server refused,\n"
-    "128 + N: signal N came before the answers (with --once).\n";
+    "128 + N: signal N came before the answers (with --once and --alive).\n";
 
 static ParseResult complain(const std::string& text) {
   std::fprintf(stderr, "zolview: %s\n", text.c_str());
@@ -31,11 +33,15 @@ static ParseResult complain(const std::string& text) {
 static ParseResult check_options(ViewOptions& options) {
   if (options.server_text == nullptr) return complain("which server? see --help");
   if (options.json && !options.once) return complain("--json goes with --once");
+  if (options.alive && (options.once || options.name != ViewOptions{}.name)) {
+    return complain("--alive takes no other option");
+  }
   if (options.name.empty() || options.name.size() >= NAME_WIDTH) {
     return complain("a name has 1 to 63 characters");
   }
   std::string complaint;
-  if (!options.once && (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)) {
+  const bool needs_terminal = !options.once && !options.alive;
+  if (needs_terminal && (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)) {
     return complain("the view needs a terminal; --once prints a table anywhere");
   }
   if (!resolve_server(options.server_text, options.server, complaint)) return complain(complaint);
@@ -53,6 +59,8 @@ ParseResult parse_view_options(int count, char** arguments, ViewOptions& options
       options.once = true;
     } else if (argument == "--json") {
       options.json = true;
+    } else if (argument == "--alive") {
+      options.alive = true;
     } else if (argument == "--name") {
       if (++i == count) return complain("--name needs a value");
       options.name = latin1_of(arguments[i]);

@@ -14,6 +14,7 @@ struct ViewOptions {
   const char* server_text = nullptr;
   sockaddr_in server{};
   bool once = false;
+  bool alive = false;
   bool json = false;
 };
 

@@ -13,6 +13,7 @@
 #include "client/monotonic.h"
 #include "client/server_connection.h"
 #include "client/stop_signals.h"
+#include "view/alive.h"
 #include "view/once.h"
 #include "view/options.h"
 #include "view/role.h"
@@ -109,5 +110,6 @@ int main(int count, char** arguments) {
     std::perror("zolview: cannot take signals");
     return EXIT_FAILURE;
   }
+  if (options.alive) return ask_alive(options, stop_signals);
   return options.once ? show_once(options, stop_signals) : show_game(options, stop_signals);
 }

@@ -1,0 +1,134 @@
+"""Whether a server is up: zolview --alive, with real servers and with liars.
+
+Usage: alive_test.py ZOLSERVER ZOLVIEW [TEST...]"""
+
+import concurrent.futures
+import os
+import select
+import signal
+import subprocess
+import sys
+import threading
+import time
+import unittest
+
+from server_case import FULL_JOIN, PATIENCE_S, Player, ServerCase, bound_socket, free_port
+
+ZOLVIEW = os.path.realpath(sys.argv.pop(1))
+QUESTION = b"\n".ljust(68, b"\0")  # a join with version 0
+REFUSED = b"\x0eYou need Version 9".ljust(65, b"\0")
+SILENT = ": check the address, the server, and whether firewalls and routers let UDP through\n"
+
+
+def run(*command):
+    """The exit status, both outputs together, and the seconds it took."""
+    start = time.monotonic()
+    done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
+                          stderr=subprocess.STDOUT, timeout=PATIENCE_S)  # fmt: skip
+    return done.returncode, done.stdout, time.monotonic() - start
+
+
+def alive(port, *options):
+    return run(ZOLVIEW, "--alive", *options, f"127.0.0.1:{port}")
+
+
+class FakeServer:
+    """Answers the try of this number, and all later ones, with these datagrams."""
+
+    def __init__(self, answers, first_try=1, other_port=False):
+        self.answers, self.first_try, self.other_port = answers, first_try, other_port
+        self.questions = []
+
+    def serve(self, near, far):
+        while (heard := near.recvfrom(300))[0]:
+            self.questions.append(heard[0])
+            for answer in self.answers if len(self.questions) >= self.first_try else []:
+                (far if self.other_port else near).sendto(answer, heard[1])
+
+    def judged(self):
+        """What --alive says of it."""
+        near, port = bound_socket()
+        with near, bound_socket()[0] as far:
+            thread = threading.Thread(target=self.serve, args=(near, far))
+            thread.start()
+            try:
+                return port, alive(port)
+            finally:
+                far.sendto(b"", ("127.0.0.1", port))
+                thread.join()
+
+
+class AskTest(ServerCase):
+    def player(self, port):
+        player = Player(port)
+        self.addCleanup(player.socket.close)
+        return player
+
+    def test_fake_servers(self):
+        accepted, full = b"\x11".ljust(67, b"\0"), b"\x0c".ljust(65, b"\0")
+        once, three_times = (1, 2), (3,)  # a busy machine may make the first try late
+        cases = (  # the server, the exit status, how often it may be asked
+            (FakeServer([REFUSED]), 0, once),
+            (FakeServer([REFUSED], first_try=3), 0, three_times),
+            (FakeServer([full, REFUSED[:64], REFUSED]), 0, once),
+            (FakeServer([]), 1, three_times),
+            (FakeServer([REFUSED[:64], b"\x0e", REFUSED + b"\0"]), 1, three_times),
+            (FakeServer([accepted]), 1, three_times),
+            (FakeServer([full]), 1, three_times),
+            (FakeServer([REFUSED], other_port=True), 1, three_times),
+        )
+        with concurrent.futures.ThreadPoolExecutor(len(cases)) as pool:
+            results = list(pool.map(lambda case: case[0].judged(), cases))
+        for (server, status, tries), (port, result) in zip(cases, results):
+            with self.subTest(answers=server.answers, first_try=server.first_try):
+                said = (f"a server answers at 127.0.0.1:{port}\n" if status == 0
+                        else f"zolview: nobody answers at 127.0.0.1:{port}{SILENT}")  # fmt: skip
+                self.assertEqual(result[:2], (status, said))
+                self.assertEqual(set(server.questions), {QUESTION})
+                self.assertIn(len(server.questions), tries)
+                if status == 1:
+                    self.assertGreater(result[2], 1.5, "seconds")
+
+    def test_nobody_listens(self):
+        port = free_port()
+        status, said, seconds = alive(port)
+        self.assertEqual((status, said), (1, f"zolview: nobody listens at 127.0.0.1:{port}: "
+                                             "check the port, and that the server runs\n"))  # fmt: skip
+        self.assertLess(seconds, 2)
+        said = run(ZOLVIEW, "--alive", "255.255.255.255")
+        self.assertEqual(said[:2], (1, "zolview: cannot send to 255.255.255.255 (255.255.255.255:16309): "
+                                       "Permission denied\n"))  # fmt: skip
+
+    def test_asking_takes_no_slot_and_prints_nothing(self):
+        self.start_and_wait("maxClients=2\nGameType=1\n")
+        for slot in (0, 1, None):  # None: the server is full
+            self.assertEqual(alive(self.port)[:2], (0, f"a server answers at 127.0.0.1:{self.port}\n"))
+            player = self.player(self.port)
+            player.socket.send(FULL_JOIN)
+            self.assertEqual(player.heard()[:2], b"\x0cM" if slot is None else bytes([17, slot]))
+            if slot is not None:
+                self.assertEqual(self.read_to("\n"), f"Bob, Player [{slot}] Connected!\n")
+        self.server.send_signal(signal.SIGTERM)
+        self.assert_stopped_in_order()
+
+    def test_signals(self):
+        for stop in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM):
+            server, port = bound_socket()
+            with server, subprocess.Popen([ZOLVIEW, "--alive", f"127.0.0.1:{port}"]) as question:
+                self.assertTrue(select.select([server], [], [], PATIENCE_S)[0])
+                question.send_signal(stop)
+                self.assertEqual(question.wait(PATIENCE_S), 128 + stop)
+
+    def test_bad_arguments(self):
+        for arguments, complaint in (
+            (["--alive"], "which server? see --help"),
+            (["--alive", "--once", "x"], "--alive takes no other option"),
+            (["--alive", "--name", "n", "x"], "--alive takes no other option"),
+            (["--alive", "--json", "x"], "--json goes with --once"),
+            (["--alive", "x:0"], 'a server is HOST or HOST:PORT, not "x:0"'),
+        ):
+            self.assertEqual(run(ZOLVIEW, *arguments)[:2], (2, f"zolview: {complaint}\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()

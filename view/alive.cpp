@@ -1,0 +1,106 @@
+#include "view/alive.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "client/monotonic.h"
+#include "client/server_connection.h"
+#include "client/stop_signals.h"
+
+// Datagrams may be lost. Together the tries take less than two seconds.
+static constexpr int TRIES = 3;
+static constexpr std::uint64_t TRY_MS = 650;
+
+// No server has this version, so every server refuses it: a refusal takes no slot and prints
+// nothing.
+static constexpr std::uint16_t WRONG_VERSION = 0;
+static_assert(WRONG_VERSION != PROTOCOL_VERSION);
+
+enum class Answer { NONE, UP, NOBODY_LISTENS, CANNOT_SEND, SIGNAL };
+
+struct Question {
+  int socket = -1;
+  int stop_signals = -1;
+  int signal = 0;  // that ended the question
+};
+
+static bool is_refusal(Datagram datagram) {
+  constexpr auto CODE = static_cast<std::uint8_t>(ServerCommand::CMD_JOIN_REFUSED_VERSION);
+  return datagram.size() == sizeof(JoinRefusedVersion) && datagram.front() == CODE;
+}
+
+// Other datagrams do not count, and do not prolong the wait.
+static Answer await_refusal(Question& question, std::uint64_t end_ms) {
+  pollfd waits[] = {{.fd = question.stop_signals, .events = POLLIN, .revents = 0},
+                    {.fd = question.socket, .events = POLLIN, .revents = 0}};
+  for (std::uint64_t now_ms = monotonic_ms(); now_ms < end_ms; now_ms = monotonic_ms()) {
+    if (poll(waits, std::size(waits), static_cast<int>(end_ms - now_ms)) <= 0) break;
+    question.signal = take_stop_signal(question.stop_signals);
+    if (question.signal != 0) return Answer::SIGNAL;
+    // The only error of a connected socket here: an ICMP message says that the port is closed.
+    if ((waits[1].revents & POLLERR) != 0) return Answer::NOBODY_LISTENS;
+    const Batch& batch = receive_batch(question.socket);
+    const auto* end = batch.datagrams.begin() + batch.count;
+    if (std::any_of(batch.datagrams.begin(), end, is_refusal)) return Answer::UP;
+  }
+  return Answer::NONE;
+}
+
+static Answer ask(Question& question) {
+  Answer answer = Answer::NONE;
+  for (int i = 0; i < TRIES && answer == Answer::NONE; ++i) {
+    const std::uint64_t end_ms = monotonic_ms() + TRY_MS;
+    if (!send_datagram(question.socket, JoinRequest{.version = WRONG_VERSION})) {
+      return Answer::CANNOT_SEND;
+    }
+    answer = await_refusal(question, end_ms);
+  }
+  return answer;
+}
+
+// With the number that a name was resolved to and the port that was taken for none.
+static std::string address_of(const ViewOptions& options) {
+  char host[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &options.server.sin_addr, host, sizeof host);
+  const std::string address =
+      std::string(host) + ":" + std::to_string(ntohs(options.server.sin_port));
+  const std::string text = options.server_text;
+  return text == address ? text : text + " (" + address + ")";
+}
+
+static int complain(const char* problem, const std::string& address, const char* advice) {
+  std::fprintf(stderr, "zolview: %s %s: %s\n", problem, address.c_str(), advice);
+  return 1;
+}
+
+int ask_alive(const ViewOptions& options, int stop_signals) {
+  Question question{.socket = open_client_socket(options.server), .stop_signals = stop_signals};
+  const std::string address = address_of(options);
+  if (question.socket == -1) return complain("cannot send to", address, std::strerror(errno));
+  const Answer answer = ask(question);
+  const int error = errno;
+  close(question.socket);
+  switch (answer) {
+    case Answer::UP:
+      std::printf("a server answers at %s\n", address.c_str());
+      return 0;
+    case Answer::SIGNAL:
+      return 128 + question.signal;
+    case Answer::CANNOT_SEND:
+      return complain("cannot send to", address, std::strerror(error));
+    case Answer::NOBODY_LISTENS:
+      return complain("nobody listens at", address, "check the port, and that the server runs");
+    case Answer::NONE:
+      break;
+  }
+  return complain(
+      "nobody answers at", address,
+      "check the address, the server, and whether firewalls and routers let UDP through");
+}
