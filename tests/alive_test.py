@@ -1,11 +1,15 @@
-"""Whether a server is up: zolview --alive, with real servers and with liars.
+"""Whether a server is up: zolview --alive, which asks it, and zolalive, which looks at its port, with
+real servers and with liars.
 
 Usage: alive_test.py ZOLSERVER ZOLVIEW [TEST...]"""
 
 import concurrent.futures
+import contextlib
 import os
+import pathlib
 import select
 import signal
+import socket
 import subprocess
 import sys
 import threading
@@ -15,6 +19,7 @@ import unittest
 from server_case import FULL_JOIN, PATIENCE_S, Player, ServerCase, bound_socket, free_port
 
 ZOLVIEW = os.path.realpath(sys.argv.pop(1))
+ZOLALIVE = pathlib.Path(__file__).resolve().parent.parent / "packaging/zolalive"
 QUESTION = b"\n".ljust(68, b"\0")  # a join with version 0
 REFUSED = b"\x0eYou need Version 9".ljust(65, b"\0")
 SILENT = ": check the address, the server, and whether firewalls and routers let UDP through\n"
@@ -58,12 +63,14 @@ class FakeServer:
                 thread.join()
 
 
-class AskTest(ServerCase):
+class AliveCase(ServerCase):
     def player(self, port):
         player = Player(port)
         self.addCleanup(player.socket.close)
         return player
 
+
+class AskTest(AliveCase):
     def test_fake_servers(self):
         accepted, full = b"\x11".ljust(67, b"\0"), b"\x0c".ljust(65, b"\0")
         once, three_times = (1, 2), (3,)  # a busy machine may make the first try late
@@ -128,6 +135,74 @@ class AskTest(ServerCase):
             (["--alive", "x:0"], 'a server is HOST or HOST:PORT, not "x:0"'),
         ):
             self.assertEqual(run(ZOLVIEW, *arguments)[:2], (2, f"zolview: {complaint}\n"))
+
+
+class LookTest(AliveCase):
+    def port_with(self, datagrams, reads_per_second=0):
+        """A port at which these wait, and of which a slow reader takes some."""
+        reader, port = bound_socket()
+        self.addCleanup(reader.close)
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            for datagram in datagrams:
+                sender.sendto(datagram, ("127.0.0.1", port))
+        done = threading.Event()
+
+        def read():
+            with contextlib.suppress(OSError):
+                while not done.wait(1 / reads_per_second):
+                    reader.recv(300, socket.MSG_DONTWAIT)
+
+        if reads_per_second > 0:
+            thread = threading.Thread(target=read)
+            thread.start()
+            self.addCleanup(thread.join)
+            self.addCleanup(done.set)
+        return port
+
+    def stopped_server(self):
+        self.start_and_wait()
+        self.server.send_signal(signal.SIGSTOP)
+        os.waitpid(self.server.pid, os.WUNTRACED)
+        return self.port
+
+    def client_port(self):
+        """A port that only a client has, with an answer that it never reads."""
+        server, client = bound_socket()[0], bound_socket()[0]
+        self.addCleanup(server.close)
+        self.addCleanup(client.close)
+        client.connect(server.getsockname())
+        server.sendto(b"x", client.getsockname())
+        return client.getsockname()[1]
+
+    def test_looks(self):
+        idle = self.stopped_server()
+        stopped = self.stopped_server()
+        self.player(stopped).say(200)
+        hangs = "zolalive: the server on UDP port {} hangs: "
+        closed = "zolalive: no server has UDP port {} here\n"
+        cases = (  # the port, the exit status, the start of what it says
+            (self.port_with([]), 0, ""),
+            (idle, 0, ""),
+            (self.port_with([b"x"] * 100, reads_per_second=20), 0, ""),
+            (self.port_with([b"x"]), 1, hangs),
+            (self.port_with([b"x" * 9000] * 100), 1, hangs),
+            (stopped, 1, hangs),
+            (free_port(), 1, closed),
+            (self.client_port(), 1, closed),
+            ("", 2, "usage: zolalive PORT\n"),
+            ("127.0.0.1:1", 2, "usage: zolalive PORT\n"),
+        )
+        with concurrent.futures.ThreadPoolExecutor(len(cases)) as pool:
+            results = list(pool.map(lambda case: run("sh", ZOLALIVE, str(case[0])), cases))
+        for (port, status, start), (real_status, said, seconds) in zip(cases, results):
+            with self.subTest(port=port, start=start):
+                self.assertEqual((real_status, said[: len(start.format(port))]),
+                                 (status, start.format(port)))  # fmt: skip
+                self.assertEqual(said.count("\n"), min(status, 1))
+                if start == hangs:
+                    self.assertGreater(seconds, 1.9)
+        self.server.send_signal(signal.SIGCONT)  # the one with a datagram
+        self.assertEqual(run("sh", ZOLALIVE, str(stopped))[:2], (0, ""))
 
 
 if __name__ == "__main__":
