@@ -46,7 +46,8 @@ static Answer await_refusal(Question& question, std::uint64_t end_ms) {
     if (question.signal != 0) return Answer::SIGNAL;
     // The only error of a connected socket here: an ICMP message says that the port is closed.
     if ((waits[1].revents & POLLERR) != 0) return Answer::NOBODY_LISTENS;
-    const Batch& batch = receive_batch(question.socket);
+    static Batch batch;
+    receive_batch(question.socket, batch);
     const auto* end = batch.datagrams.begin() + batch.count;
     if (std::any_of(batch.datagrams.begin(), end, is_refusal)) return Answer::UP;
   }
