@@ -48,8 +48,8 @@ static Answer await_refusal(Question& question, std::uint64_t end_ms) {
     if ((waits[1].revents & POLLERR) != 0) return Answer::NOBODY_LISTENS;
     static Batch batch;
     receive_batch(question.socket, batch);
-    const auto* end = batch.datagrams.begin() + batch.count;
-    if (std::any_of(batch.datagrams.begin(), end, is_refusal)) return Answer::UP;
+    const Datagram* first = batch.datagrams.data();
+    if (std::any_of(first, first + batch.count, is_refusal)) return Answer::UP;
   }
   return Answer::NONE;
 }
