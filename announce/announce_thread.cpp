@@ -1,7 +1,6 @@
 #include "announce/announce_thread.h"
 
 #include "announce/master_requests.h"
-#include "config/server_config.h"
 #include "server/clock.h"
 #include "server/pinkpanther.h"
 #include "server/player_table.h"

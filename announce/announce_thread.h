@@ -18,6 +18,5 @@ bool announce_first(AnnounceState& state);
 // Announces again when the number of players has changed or the period is over. Announce thread.
 void announce_check(AnnounceState& state);
 
-// The thread's body: announces, then checks every ANNOUNCE_CHECK_PERIOD_US. It returns only when
-// the first announce failed.
+// The thread's body. It returns only when the first announce failed.
 void* announce_thread(void* unused);

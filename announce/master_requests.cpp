@@ -1,8 +1,6 @@
 #include "announce/master_requests.h"
 
 #include <algorithm>
-#include <array>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
@@ -12,7 +10,6 @@
 #include "net/sflsock.h"
 #include "server/clock.h"
 #include "server/player_table.h"
-#include "server/protocol.h"
 #include "util/console.h"
 
 namespace {

@@ -3,8 +3,6 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 

@@ -4,8 +4,6 @@
 // every thread may read it.
 #pragma once
 
-#include <cstdint>
-
 #include "server/protocol.h"
 
 using namespace zol;

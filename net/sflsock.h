@@ -3,10 +3,8 @@
 //
 // Threads: udp_open_port belongs to the main thread before any other thread exists. Everything
 // else may be called by any thread. A handle is a socket descriptor; -1 always means failure.
-// Addresses are 16-byte sockaddr_in records, kept and handed back exactly as they were received.
-//
-// Null pointers and empty texts, where a value is required, are programming errors: they end the
-// process through assertion_failed.
+// Addresses are 16-byte sockaddr_in records, kept and handed back exactly as they were received. A
+// null pointer or an empty text, where a value is required, ends the process: util/assertion.h.
 #pragma once
 
 #include <netinet/in.h>

@@ -5,7 +5,6 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <cstdint>
 #include <optional>
 
 #include "net/sflsock.h"

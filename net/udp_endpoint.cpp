@@ -1,9 +1,7 @@
 #include <arpa/inet.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/uio.h>
 
-#include <array>
 #include <cerrno>
 
 #include "net/socket_layer_state.h"
@@ -29,7 +27,6 @@ int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender) 
   return static_cast<int>(recvfrom(handle, buffer, length, 0, address, &sender_length));
 }
 
-// The longest that a call waits for room in the send buffer, in all.
 static constexpr int ROOM_WAIT_MS = 5;
 
 static bool is_full() {

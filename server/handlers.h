@@ -5,10 +5,6 @@
 
 #include <netinet/in.h>
 
-#include <array>
-#include <cstddef>
-#include <cstdint>
-
 #include "server/protocol.h"
 
 using namespace zol;

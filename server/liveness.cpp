@@ -8,6 +8,7 @@
 #include "server/sending.h"
 #include "util/console.h"
 
+static constexpr std::uint32_t PING_PERIOD_US = 10'000'000;
 static constexpr std::int32_t SILENCE_LIMIT_MS = 100'000;
 
 static void time_out(Slot slot, Seat seen) {

@@ -1,11 +1,7 @@
 // Pings, time-outs and the PinkPanther's two minutes: the ping thread.
 #pragma once
 
-#include <cstdint>
-
-inline constexpr std::uint32_t PING_PERIOD_US = 10'000'000;
-
-// The thread's body: one pass at once, then one every PING_PERIOD_US. It never returns.
+// The thread's body: one pass at once, then one every ten seconds. It never returns.
 void* ping_thread(void* unused);
 
 // Times out the players that were silent for too long, pings the others that are in the game, and

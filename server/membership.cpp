@@ -2,7 +2,6 @@
 
 #include <cstdio>
 
-#include "config/server_config.h"
 #include "net/sflsock.h"
 #include "server/clock.h"
 #include "server/handlers.h"

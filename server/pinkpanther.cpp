@@ -1,6 +1,5 @@
 #include "server/pinkpanther.h"
 
-#include "config/server_config.h"
 #include "server/clock.h"
 #include "server/sending.h"
 #include "server/server_state.h"

@@ -4,11 +4,6 @@
 // Any thread asks for a choice; the main thread makes it.
 #pragma once
 
-#include <netinet/in.h>
-
-#include <atomic>
-#include <cstdint>
-
 #include "server/player_table.h"
 
 // The PinkPanther, NO_SLOT for nobody. Main thread.

@@ -19,12 +19,9 @@
 
 #include <netinet/in.h>
 
-#include <array>
 #include <atomic>
-#include <cstdint>
 
 #include "config/server_config.h"
-#include "server/protocol.h"
 
 using namespace zol;
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <optional>
 
-#include "config/server_config.h"
 #include "server/clock.h"
 #include "server/game_clock.h"
 #include "server/handlers.h"

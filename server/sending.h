@@ -11,10 +11,7 @@
 
 #include <netinet/in.h>
 
-#include <array>
-
 #include "server/player_table.h"
-#include "server/protocol.h"
 
 using namespace zol;
 

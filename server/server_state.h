@@ -5,7 +5,6 @@
 
 #include <array>
 #include <atomic>
-#include <cstdint>
 
 #include "server/protocol.h"
 

@@ -2,10 +2,8 @@
 
 #include <poll.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 
 #include "server/server_state.h"
 
