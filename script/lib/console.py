@@ -21,14 +21,13 @@ import threading
 import time
 import tty
 
-from lib import BUILD, build, fail, free_port
+from lib import BUILD, Player, build, fail, free_port
 
 WEAPONS_PER_S = 1900
 POSITIONS_PER_S, SECONDS = 20, 15
 SETTLE_S = 2  # after the first second of patience, for datagrams that queued up meanwhile
 LEAST_SHARE, MOST_P90_S = 0.98, 0.030
 NOTICE = re.compile(rb"^\d+ lines are missing here$", re.M)
-JOIN, ENTER = b"\x0aPlayer" + bytes(59) + b"\x28\0", b"\x0f" + bytes(99)
 WEAPON, POSITION, RELAY = 122, 100, 200
 
 # Of each console the kind, what its reader takes in bytes a second, and whether the server may open
@@ -70,17 +69,6 @@ def read_slowly(reader, rate, log):
                 log += text
                 taken += due  # what a pause leaves is not caught up
             time.sleep(0.005)
-
-
-class Player:
-    def __init__(self, port):
-        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.socket.connect(("127.0.0.1", port))
-        for request, answer in ((JOIN, 17), (ENTER, 16)):
-            self.socket.send(request)
-            self.socket.settimeout(10)
-            while self.socket.recv(256)[0] != answer:
-                pass
 
 
 def change_weapons(player, done):
@@ -149,7 +137,7 @@ def try_console(program, name):
         reading.start()
         while b"---\n" not in log and server.poll() is None:
             time.sleep(0.01)
-        players = [Player(port) for _ in range(3)]
+        players = [Player(("127.0.0.1", port)) for _ in range(3)]
         flood = threading.Thread(target=change_weapons, args=(players[2], done))
         flood.start()
         is_slow = rate < 1_000_000

@@ -20,9 +20,8 @@ import subprocess
 import tempfile
 import time
 
-from lib import BUILD, ROOT, build, fail, free_port, wait_until_ready
+from lib import BUILD, ROOT, build, fail, free_port, start_server, wait_until_ready
 
-SERVER = BUILD / "zolserver"
 BOTS = BUILD / "zolbots"
 DISSECTOR = ROOT / "wireshark/zol.lua"
 
@@ -70,20 +69,14 @@ def killed_at_the_end(process):
         process.wait()
 
 
-def start(command, directory, sign):
-    """Starts a program and waits for the line that shows that it is ready. What it prints goes to
-    a file in the directory, which is returned too."""
-    log = directory / f"{pathlib.Path(command[0]).name}.log"
+def start_capture(port, directory):
+    """Returns the process and the file of what it prints."""
+    command = ["dumpcap", "-q", "-i", "lo", "-f", f"udp port {port}", "-B", "32", "-w", CAPTURE]
+    log = directory / "dumpcap.log"
     with log.open("w") as output:
         process = subprocess.Popen(command, cwd=directory, stdout=output, stderr=output)
-    wait_until_ready(process, log, sign)
+    wait_until_ready(process, log, "File:")
     return process, log
-
-
-def start_capture(port, directory):
-    # Who is not root has to be in the group wireshark, after dpkg-reconfigure wireshark-common.
-    command = ["dumpcap", "-q", "-i", "lo", "-f", f"udp port {port}", "-B", "32", "-w", CAPTURE]
-    return start(command, directory, "File:")
 
 
 def end_capture(process, log):
@@ -91,11 +84,6 @@ def end_capture(process, log):
     counts = re.search(r"received/dropped on interface .*: (\d+)/(\d+)", log.read_text())
     if not counts or counts[2] != "0":
         fail(f"the capture is not complete: {counts and counts[0]}")
-
-
-def start_server(port, settings, directory):
-    (directory / "zolserver.cfg").write_text(f"Port={port}\n" + settings)
-    return start([str(SERVER)], directory, "ONLINE")[0]
 
 
 def run(*command):
@@ -124,7 +112,8 @@ def record(settings, play, directory):
     port = free_port()
     capturing, log = start_capture(port, directory)
     with killed_at_the_end(capturing):
-        with killed_at_the_end(start_server(port, settings, directory)) as server:
+        server, _ = start_server(directory, f"Port={port}\n{settings}")
+        with killed_at_the_end(server):
             play(port)
             stop(server, signal.SIGTERM)
         time.sleep(SETTLE_SECONDS)

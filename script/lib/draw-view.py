@@ -17,7 +17,7 @@ import time
 
 import pyte
 
-from lib import BUILD, ROOT, build, free_port, wait_until_ready
+from lib import BUILD, ROOT, build, free_port, start_server
 
 COLUMNS, ROWS = 90, 26
 WIDTH, HEIGHT = 8, 17  # of a character, in pixels
@@ -73,10 +73,7 @@ def main():
     seconds = float(sys.argv[1]) if len(sys.argv) == 2 else 12
     build("zolserver", "zolbots", "zolview")
     with tempfile.TemporaryDirectory() as folder:
-        pathlib.Path(folder, "zolserver.cfg").write_text(SETTINGS)
-        with open(f"{folder}/console", "wb") as console:
-            server = subprocess.Popen([BUILD / "zolserver"], cwd=folder, stdout=console)
-        wait_until_ready(server, pathlib.Path(folder, "console"))
+        server, _ = start_server(pathlib.Path(folder), SETTINGS)
         bots = subprocess.Popen(
             [BUILD / "zolbots", "--server", f"127.0.0.1:{PORT}", "--seconds", "600"],
             stdout=subprocess.DEVNULL,

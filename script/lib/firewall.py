@@ -19,14 +19,14 @@ import sys
 import tempfile
 import time
 
-from lib import BUILD, ROOT, build, fail, wait_until_ready
+from lib import BUILD, ENTER, ROOT, Player, build, fail, start_server
 
 PORT = 16309
 SERVER, PLAYERS = "10.77.0.1", "10.78.0.1"  # the server's address to strangers and to players
 STRANGER, BANNED, VICTIM = "10.77.0.2", "10.77.66.6", "10.77.99.9"
 JOIN = b"\x0aStranger" + bytes(57) + b"\x28\0"
-JOIN_ACCEPTED, LEAVE = 17, 60
-ENTER, POSITION, UNKNOWN = b"\x0f" + bytes(99), b"\x64" + bytes(15), b"\xc8"
+LEAVE = 60
+POSITION, UNKNOWN = b"\x64" + bytes(15), b"\xc8"
 CHAT = b"\x1f" + b"\nExitting...\n" * 4 + b"\0"
 ACCEPTED_BYTES, REPLY_BYTES = 67 + 42, 4 + 42  # with the headers of UDP, IP and Ethernet
 LINK_BYTES = 1000  # what a link says of itself meanwhile, at most
@@ -111,22 +111,14 @@ def attack(name):
 
 def play():
     """In the players' namespace: 8 players at 150 Hz behind one address."""
-    players = []
-    for _ in range(8):
-        player = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        player.connect((PLAYERS, PORT))
-        player.send(JOIN)
-        if player.recv(256)[0] != JOIN_ACCEPTED:
-            fail("a player could not join")
-        player.send(ENTER)
-        players.append(player)
+    players = [Player((PLAYERS, PORT)) for _ in range(8)]
     start = time.monotonic()
     for step in range(3 * 150):
         for player in players:
-            player.send(POSITION)
+            player.socket.send(POSITION)
         time.sleep(max(0, start + step / 150 - time.monotonic()))
     for player in players:
-        player.send(bytes([LEAVE]))
+        player.socket.send(bytes([LEAVE]))
 
 
 def run(*command, **options):
@@ -169,9 +161,6 @@ class Server:
     """Fresh, with these rules or none."""
 
     def __init__(self, work, rules):
-        self.log = work / "log"
-        self.rules = rules
-        (work / "zolserver.cfg").write_text(f"maxClients=32\nPort={PORT}\n")
         run(*inside("server", "nft", "flush", "ruleset"))
         if rules:
             # Bans stay when the rules are loaded anew.
@@ -179,10 +168,8 @@ class Server:
                 run(*inside("server", "nft", "-f", "-"), input=rules)
                 run(*inside("server", "nft", "add", "element", "ip", "zolserver_bans", "banned",
                             f"{{ {BANNED}/31 }}"))
-        with open(self.log, "w", encoding="utf-8") as log:
-            self.process = subprocess.Popen(inside("server", BUILD / "zolserver"), cwd=work,
-                                            stdout=log)
-        wait_until_ready(self.process, self.log)
+        self.process, self.log = start_server(work, f"maxClients=32\nPort={PORT}\n",
+                                              inside("server", BUILD / "zolserver"))
 
     def text(self):
         return self.log.read_text(errors="replace")

@@ -16,30 +16,26 @@ import sys
 import tempfile
 import time
 
-from lib import BUILD, build, fail, free_port, wait_until_ready
+from lib import BUILD, build, fail, free_port, start_server
 
 RATE_HZ = 20  # position updates of a bot
 PLAYERS = 16
 
 
-def start_server(stack, folder):
+def add_server(stack, folder):
     """Returns the process and its port."""
     port = free_port()
     folder.mkdir()
-    (folder / "zolserver.cfg").write_text(f"Port={port}\nmaxClients={PLAYERS}\n")
-    log = folder / "log"
-    with open(log, "wb") as console:
-        server = subprocess.Popen([BUILD / "zolserver"], cwd=folder, stdout=console)
+    server, _ = start_server(folder, f"Port={port}\nmaxClients={PLAYERS}\n")
     stack.callback(server.wait)
     stack.callback(server.terminate)
-    wait_until_ready(server, log)
     return server, port
 
 
 @contextlib.contextmanager
 def fleet(count):
     with tempfile.TemporaryDirectory() as folder, contextlib.ExitStack() as stack:
-        yield [start_server(stack, pathlib.Path(folder, str(i))) for i in range(count)]
+        yield [add_server(stack, pathlib.Path(folder, str(i))) for i in range(count)]
 
 
 def memory_kib(servers, kind):

@@ -9,6 +9,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
+JOIN, ENTER = b"\x0aPlayer" + bytes(59) + b"\x28\0", b"\x0f" + bytes(99)
 READY_S = 30  # until a program that gives no sign counts as stuck
 
 
@@ -31,11 +32,34 @@ def build(*targets):
         subprocess.run(command, cwd=ROOT, check=True, stdout=subprocess.DEVNULL)
 
 
+class Player:
+    """In the game of the server at this address."""
+
+    def __init__(self, address):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.connect(address)
+        self.socket.settimeout(10)
+        for request, answer in ((JOIN, 17), (ENTER, 16)):
+            self.socket.send(request)
+            while self.socket.recv(256)[0] != answer:
+                pass
+
+
 def free_port():
     """A UDP port of the loopback interface that nobody has."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
+
+
+def start_server(folder, settings, command=(BUILD / "zolserver",)):
+    """Returns the process, once it is ready, and the file of what it prints."""
+    (folder / "zolserver.cfg").write_text(settings)
+    log = folder / "log"
+    with open(log, "wb") as console:
+        server = subprocess.Popen(command, cwd=folder, stdout=console)
+    wait_until_ready(server, log)
+    return server, log
 
 
 def wait_until_ready(process, log, sign="ONLINE"):
