@@ -120,11 +120,10 @@ def master_reply_inputs():
     for word, rest in (step for steps in sessions() for step in steps):
         if word != "master":
             continue
-        late, pieces = re.fullmatch(r"(?:late (\d+) ?)?(?:reset)?(.*)", rest).groups()
-        waits = min(int(late or 0), 1001)  # not all numbers of attempts can be written
+        pieces = re.sub(r"late \d+|reset", "", rest)
         reply, *others = map(bytes_of, pieces.split(" / "))
         split = min(max((len(reply) + 1) // 2 - 1, 0), 255)
-        yield bytes([1, 0, 0, waits // 333, min(waits % 333, 2), split]) + reply + b"".join(others)
+        yield bytes([split]) + reply + b"".join(others)
 
 
 def main():
