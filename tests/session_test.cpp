@@ -10,6 +10,7 @@
 //   join A B             A and B join; what that sends is not looked at
 //   seat A B             A and B join and enter as enter_on_foot has it; likewise
 //   twin B A             B sends from the port of A at another address
+//   cut A                nothing can be sent to A, as the system knows
 //   fail A               no answer can be sent to A, from here to the next server
 //   let NAME WORDS       $NAME stands for the words from here on
 //   master BYTES / BYTES the master server answers the next request with these pieces;
@@ -36,7 +37,6 @@
 #include "announce/announce_thread.h"
 #include "announce/master_requests.h"
 #include "net/socket_layer_state.h"
-#include "server/command_table.h"
 #include "server/liveness.h"
 #include "server/stop_signals.h"
 #include "tests/game.h"
@@ -99,22 +99,17 @@ const std::map<std::string, std::string> codes = [] {
     unsigned code = 0;
     char name[64];
     if (std::sscanf(line.c_str(), "### `%63[A-Z_]` (%u)", name, &code) != 2) continue;
-    std::ostringstream digits;
-    digits << std::hex << std::setfill('0') << std::setw(2) << code;
-    all[name] = digits.str();
+    all[name] = words_of({static_cast<std::uint8_t>(code)});
   }
   return all;
 }();
 
 // "P0..P9" is ten players, any other word one.
 std::vector<std::string> names_of(const std::string& word) {
-  const std::size_t dots = word.find("..");
-  if (dots == std::string::npos) return {word};
+  Number first = 0, last = 0;
+  if (std::sscanf(word.c_str(), "P%u..P%u", &first, &last) != 2) return {word};
   std::vector<std::string> names;
-  const Number last = number_of(word.substr(dots + 3));
-  for (Number i = number_of(word.substr(1, dots - 1)); i <= last; ++i) {
-    names.push_back(word[0] + std::to_string(i));
-  }
+  for (; first <= last; ++first) names.push_back("P" + std::to_string(first));
   return names;
 }
 
@@ -132,7 +127,7 @@ class SessionTest : public GameTest {
   }
 
   static SessionTest* playing;
-  std::set<in_port_t> failing;
+  std::set<in_port_t> failing, cut;
 
  protected:
   SessionTest() {
@@ -187,11 +182,11 @@ class SessionTest : public GameTest {
     } else if (word == "join" || word == "seat") {
       while (words >> name) admit(names_of(name), word == "seat");
     } else if (word == "let" && words >> name) {
-      std::getline(words, lets[name]);
+      lets["$" + name] = meaning_of(words);
     } else if (word == "twin" && words >> word >> name) {
       peers.try_emplace(word, "127.0.0.2", peers.at(name).address.sin_port);
-    } else if (word == "fail" && words >> name) {
-      failing.insert(peers.at(name).address.sin_port);
+    } else if ((word == "fail" || word == "cut") && words >> name) {
+      (word == "cut" ? cut : failing).insert(peers[name].address.sin_port);
     } else if (word == "master") {
       set_master(words);
     } else if (word == "announce" && words >> name) {
@@ -269,46 +264,27 @@ class SessionTest : public GameTest {
     }
   }
 
-  Bytes bytes_behind(std::istringstream& words) const {
-    std::string text;
-    std::getline(words, text);
-    for (std::size_t at = 0; (at = text.find('$')) != std::string::npos;) {
-      const std::size_t length = text.find(' ', at) - at;
-      text.replace(at, length, lets.at(text.substr(at + 1, length - 1)));
+  // With what names stand for. A run of blanks becomes one, in a text as well.
+  std::string meaning_of(std::istringstream& words) const {
+    std::string meaning;
+    for (std::string word; words >> word;) {
+      const auto known = lets.find(word);
+      meaning += (known == lets.end() ? word : known->second) + " ";
     }
-    if (const std::size_t at = text.find("CMD_"); at != std::string::npos) {
-      const std::size_t length = text.find(' ', at) - at;
-      text.replace(at, std::min(length, text.size() - at), codes.at(text.substr(at, length)));
-    }
-    return bytes_of(text);
+    return meaning;
   }
+
+  Bytes bytes_behind(std::istringstream& words) const { return bytes_of(meaning_of(words)); }
 
   Master master;
   std::map<std::string, Player> peers;
-  std::map<std::string, std::string> lets;
+  std::map<std::string, std::string> lets = codes;
   std::string place, step, happened, expected;
   int datagrams = 0;
   Number run_ms = 0;  // what a thread's sleeps may last altogether; 0: no thread runs
 };
 
 SessionTest* SessionTest::playing = nullptr;
-
-// Port 0 can be forged, and nothing can be sent there.
-TEST_F(GameTest, DropsAJoinThatCannotBeAnswered) {
-  const Bytes request = join_request("A");
-  std::copy(request.begin(), request.end(), receive_buffer.begin());
-  sockaddr_in sender{};
-  sender.sin_family = AF_INET;
-  sender.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  for (const bool has_port : {false, true}) {
-    sender.sin_port = has_port ? 9 : 0;
-    const ReceivedDatagram join{
-        .bytes = receive_buffer, .received = request.size(), .sender = sender};
-    const std::string printed = printed_by([&] { dispatch_datagram(join); });
-    EXPECT_EQ(printed, has_port ? "A, Player [0] Connected!\n" : "");
-    EXPECT_EQ(player_count, has_port ? 1 : 0);
-  }
-}
 
 TEST_F(SessionTest, TheWorkedSessionsAreTrue) {
   std::ifstream document(PROTOCOL_DOCUMENT);
@@ -353,7 +329,9 @@ ssize_t __wrap_sendto(int handle, const void* bytes, std::size_t size, int flags
                       const sockaddr* to, socklen_t length) {
   SessionTest* session = handle == server_socket ? SessionTest::playing : nullptr;
   const in_port_t port = reinterpret_cast<const sockaddr_in*>(to)->sin_port;
-  if (session != nullptr && size > 0 && session->failing.contains(port)) return errno = EINVAL, -1;
+  if (session != nullptr && (size == 0 ? session->cut : session->failing).contains(port)) {
+    return errno = EINVAL, -1;
+  }
   const ssize_t sent = __real_sendto(handle, bytes, size, flags, to, length);
   if (session != nullptr) session->print_arrivals();
   return sent;
