@@ -44,6 +44,11 @@ class RacesTest : public GameTest {
     drain_socket();
   }
 
+  static void come(const Player& player) {
+    arrive(player, join_request("New"));
+    arrive(player, enter_on_foot());
+  }
+
   // The first bytes of what a player was told, without the pings.
   static std::vector<Bytes> told_to(const Player& player) {
     std::vector<Bytes> all = player.received();
@@ -67,17 +72,40 @@ RacesTest* RacesTest::self = nullptr;
 Seam RacesTest::wanted;
 void (*RacesTest::work_at_seam)() = nullptr;
 
-TEST_F(RacesTest, ATimeOutMissesWhoTookTheSlotMeanwhile) {
-  at(Seam::TIME_OUT_DECIDED, [] {
+// The player is timed out, and this work is done at the seam.
+TEST_F(RacesTest, ATimeOutHitsThePlayerThatWasSilentAndNoOther) {
+  struct Case {
+    Seam seam;
+    Slot silent;
+    void (*work)();
+    std::vector<Bytes> told;
+    int player_count;
+  };
+  const auto two_join = [] {
+    come(self->newcomer);
+    arrive(self->players[1], join_request("Old"));
+  };
+  const auto take_slot_1 = [] {
+    arrive(self->newcomer, {60});
     arrive(self->players[1], {60});
-    arrive(self->newcomer, join_request("New"));
-    arrive(self->newcomer, enter_on_foot());
-  });
-  ping_pass();
-  EXPECT_EQ(find_slot_by_address(newcomer.address), 1);
-  EXPECT_EQ(state_of(1), SeatState::IN_GAME) << "as before, but it is another player's";
-  EXPECT_EQ(player_count, 3);
-  EXPECT_EQ(told(), (std::vector<Bytes>{Bytes{60, 1}, {42, 1, 1}}));
+    come(self->newcomer);
+  };
+  for (const Case& c : {
+           Case{Seam::TIME_OUT_DECIDED, 1, [] { arrive(self->players[1], {60}); }, {{60, 1}}, 2},
+           Case{Seam::TIMED_OUT, 2, [] { arrive(self->players[2], {60}); }, {{60, 2}}, 2},
+           // A join takes the slot only after the notice: the last free one is the newcomer's.
+           Case{Seam::TIMED_OUT, 1, two_join, {{42, 3, 1}, {60, 1}}, 3},
+           // Another player takes the slot, in the same state.
+           Case{Seam::TIME_OUT_DECIDED, 1, take_slot_1, {{60, 3}, {60, 1}, {42, 1, 1}}, 3},
+       }) {
+    silence(c.silent);
+    at(c.seam, c.work);
+    ping_pass();
+    EXPECT_EQ(told(), c.told);
+    EXPECT_EQ(player_count, c.player_count);
+    enter(players[c.silent], "P");
+    told();
+  }
 }
 
 TEST_F(RacesTest, APingMissesWhoTookTheSlotMeanwhile) {
@@ -89,35 +117,6 @@ TEST_F(RacesTest, APingMissesWhoTookTheSlotMeanwhile) {
   ping_pass();
   EXPECT_EQ(find_slot_by_address(newcomer.address), 0);
   EXPECT_EQ(newcomer.received().size(), 1U) << "the acceptance alone";
-}
-
-TEST_F(RacesTest, ATimeOutIsMadeOnceWhenThePlayerLeavesMeanwhile) {
-  at(Seam::TIME_OUT_DECIDED, [] { arrive(self->players[1], {60}); });
-  ping_pass();
-  EXPECT_EQ(player_count, 2);
-  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
-  at(Seam::TIMED_OUT, [] { arrive(self->players[2], {60}); });
-  silence(2);
-  ping_pass();
-  EXPECT_EQ(state_of(2), SeatState::FREE);
-  EXPECT_EQ(player_count, 1);
-  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 2})});
-}
-
-TEST_F(RacesTest, ASlotIsTakenOnlyAfterTheNoticeOfItsLastPlayer) {
-  at(Seam::TIMED_OUT, [] {
-    arrive(self->newcomer, join_request("New"));
-    arrive(self->newcomer, enter_on_foot());
-    arrive(self->players[1], join_request("Old"));
-  });
-  ping_pass();
-  EXPECT_EQ(told(), (std::vector<Bytes>{Bytes{42, 3, 1}, {60, 1}}));
-  EXPECT_EQ(state_of(1), SeatState::FREE);
-  EXPECT_EQ(state_of(3), SeatState::IN_GAME);
-  EXPECT_EQ(player_count, 3);
-  EXPECT_EQ(players[1].received()[0][0], 12) << "the last free slot was taken";
-  arrive(players[1], join_request("Old"));
-  EXPECT_EQ(find_slot_by_address(players[1].address), 1);
 }
 
 // As if they were timed out between the look-up of the sender and what is done for it.
@@ -134,56 +133,40 @@ TEST_F(RacesTest, WhoIsGoneNeitherLeavesNorReconnectsOnceMore) {
   EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
 }
 
-// The player who enters again is timed out at this seam.
-TEST_F(RacesTest, NobodyIsToldOfWhoTimesOutWhileEntering) {
-  at(Seam::ENTERING, ping_pass);
-  arrive(players[1], enter_on_foot());
-  EXPECT_EQ(state_of(1), SeatState::FREE);
-  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
-  EXPECT_EQ(player_count, 2);
-}
-
-// The sender is timed out before its report is relayed, so the notice that it left arrives first.
-TEST_F(RacesTest, ARelayOfAGonePlayerIsFollowedByAnotherNotice) {
-  for (const Bytes& report : {enter_on_foot(), bytes_of("64 ..16"), bytes_of("2b 01 ..80")}) {
-    at(Seam::RELAYING, ping_pass);
-    arrive(players[1], report);
-    EXPECT_EQ(state_of(1), SeatState::FREE);
-    const std::vector<Bytes> all = told();
-    ASSERT_EQ(all.size(), 3U);
-    EXPECT_EQ(all[1][1], 1) << "the relay";
-    EXPECT_EQ(all[0], (Bytes{60, 1}));
-    EXPECT_EQ(all[2], (Bytes{60, 1}));
-    EXPECT_EQ(player_count, 2);
-    enter(players[1], "P");
-    told();
-    silence(1);
-  }
-}
-
-// A player is timed out before the record about it is sent to a newcomer or to a player who asked.
-TEST_F(RacesTest, ARecordOfAGonePlayerIsFollowedByAnotherNotice) {
+// A player is timed out at this seam: before its own entering, before what it reports is relayed,
+// or before a record about it is sent. The notice that it left arrives before that datagram, so
+// another one follows.
+TEST_F(RacesTest, NobodyKeepsAGonePlayer) {
   struct Case {
-    const Player& receiver;
+    Seam seam;
+    Slot silent;
+    const Player &sender, &watcher;
     Bytes request;
     std::vector<Bytes> told;
   };
   arrive(newcomer, join_request("New"));
   newcomer.received();
-  const Bytes gone{60, 0};
+  const Bytes zero{60, 0}, one{60, 1};
+  const std::vector<Bytes> all{{16, 3, 6}, zero, {42, 0, 0}, zero, {42, 1, 0}, {42, 2, 0}};
+  const Player &first = players[0], &second = players[1];
   for (const Case& c : {
-           Case{newcomer,
-                enter_on_foot(),
-                {{16, 3, 6}, gone, {42, 0, 0}, gone, {42, 1, 0}, {42, 2, 0}}},
-           Case{players[1], {40, 0}, {gone, {42, 0, 0}, gone}},
-           Case{players[1], {41, 0}, {gone, {43, 0, 0}, gone}},
+           Case{Seam::ANSWERING, 0, newcomer, newcomer, enter_on_foot(), all},
+           Case{Seam::ANSWERING, 0, second, second, {40, 0}, {zero, {42, 0, 0}, zero}},
+           Case{Seam::ANSWERING, 0, second, second, {41, 0}, {zero, {43, 0, 0}, zero}},
+           // Entering is a sign of life for the slot that joined last, so that is another one here.
+           Case{Seam::ENTERING, 2, players[2], first, enter_on_foot(), {{60, 2}}},
+           Case{Seam::RELAYING, 1, second, first, enter_on_foot(), {one, {42, 1, 1}, one}},
+           Case{Seam::RELAYING, 1, second, first, bytes_of("64 ..16"), {one, {200, 1, 0}, one}},
+           Case{Seam::RELAYING, 1, second, first, bytes_of("2b 01 ..80"), {one, {204, 1, 0}, one}},
        }) {
-    silence(0);
-    at(Seam::ANSWERING, ping_pass);
-    told_to(c.receiver);
-    arrive(c.receiver, c.request);
-    EXPECT_EQ(told_to(c.receiver), c.told);
-    enter(players[0], "P");
+    silence(c.silent);
+    at(c.seam, ping_pass);
+    told_to(c.watcher);
+    arrive(c.sender, c.request);
+    EXPECT_EQ(told_to(c.watcher), c.told);
+    EXPECT_EQ(state_of(c.silent), SeatState::FREE);
+    EXPECT_EQ(player_count, 3);
+    enter(players[c.silent], "P");
   }
 }
 

@@ -14,6 +14,13 @@
 
 namespace {
 
+int option_of(int handle, int option) {
+  int value = 0;
+  socklen_t length = sizeof value;
+  EXPECT_EQ(getsockopt(handle, SOL_SOCKET, option, &value, &length), 0);
+  return value;
+}
+
 TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
   const int port = free_port();
   const std::string number = std::to_string(port);
@@ -29,10 +36,7 @@ TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
     EXPECT_EQ(ntohs(address.sin_port), port) << text;
     EXPECT_EQ(address.sin_addr.s_addr, INADDR_ANY);
     EXPECT_TRUE(fcntl(handle, F_GETFL) & O_NONBLOCK);
-    int reuse = 0;
-    socklen_t length = sizeof reuse;
-    getsockopt(handle, SOL_SOCKET, SO_REUSEADDR, &reuse, &length);
-    EXPECT_EQ(reuse, 1);
+    EXPECT_EQ(option_of(handle, SO_REUSEADDR), 1);
     EXPECT_EQ(socket_close(handle), 0);
     EXPECT_EQ(socket_close(handle), 0) << "no socket any more";
     EXPECT_EQ(socket_layer_state.open_sockets, 0);
@@ -47,10 +51,7 @@ TEST(SflsockTest, AsksForLargeBuffers) {
                                      std::pair(SO_SNDBUF, "/proc/sys/net/core/wmem_max")}) {
     int most = 0;
     std::ifstream(file) >> most;
-    int size = 0;
-    socklen_t length = sizeof size;
-    getsockopt(handle, SOL_SOCKET, option, &size, &length);
-    EXPECT_EQ(size, 2 * std::min(most, 4 << 20)) << file;
+    EXPECT_EQ(option_of(handle, option), 2 * std::min(most, 4 << 20)) << file;
   }
   socket_close(handle);
 }
@@ -77,18 +78,12 @@ TEST(SflsockTest, SaysWhyItCannotOpen) {
 }
 
 TEST(SflsockTest, HasATextForEachError) {
-  const std::string texts[] = {
-      "No errors",
-      "System does not support sockets",
-      "Host is not known",
-      "Service or port not known",
-      "Protocol not known",
-      "Connection failed on socket()",
-      "Connection failed on connect()",
-      "Port is already used by another server",
-      "Connection failed on listen()",
-  };
-  EXPECT_TRUE(std::ranges::equal(SOCKET_ERROR_TEXTS, texts));
+  std::string texts;
+  for (const char* text : SOCKET_ERROR_TEXTS) texts += std::string(text) + "; ";
+  EXPECT_EQ(texts,
+            "No errors; System does not support sockets; Host is not known; Service or port not "
+            "known; Protocol not known; Connection failed on socket(); Connection failed on "
+            "connect(); Port is already used by another server; Connection failed on listen(); ");
 }
 
 TEST(SflsockTest, ReceivesCutsAndSends) {
@@ -104,17 +99,15 @@ TEST(SflsockTest, ReceivesCutsAndSends) {
   EXPECT_EQ(errno, EAGAIN);
   EXPECT_STREQ(system_error_text(), "Resource temporarily unavailable");
   EXPECT_EQ(udp_send(one, std::string(300, 'x').data(), 300, &to), 300);
-  EXPECT_EQ(udp_send(one, "", 0, &to), 0);
   EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 256);
   EXPECT_EQ(sender.sin_port, local_address(one).sin_port);
-  EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), 0);
 
   sockaddr_in nowhere = to;
   nowhere.sin_port = 0;
   EXPECT_TRUE(udp_can_reach(one, &to));
   EXPECT_FALSE(udp_can_reach(one, &nowhere));
   nowhere = to;
-  nowhere.sin_addr.s_addr = inet_addr("0.0.0.5");
+  nowhere.sin_addr.s_addr = inet_addr("0.255.255.255");
   EXPECT_FALSE(udp_can_reach(one, &nowhere));
   EXPECT_EQ(udp_receive(two, buffer.data(), 256, &sender), -1) << "a probe sends nothing";
   socket_close(one);
@@ -172,7 +165,7 @@ TEST(SflsockTest, DropsRaisedRightsWithTheFirstBind) {
     EXPECT_EXIT(
         {
           if (setresuid(65534, 0, 0) != 0) _exit(1);
-          socket_layer_state.saved_real_user = socket_layer_state.saved_effective_user = -1U;
+          new (&socket_layer_state) SocketLayerState;
           const int result = *port == '1' ? drop_privileges() : raise_privileges();
           if (result != 0 || geteuid() != (*port == '1' ? 65534U : 0U)) _exit(4);
           const int handle = udp_open_port(port);
