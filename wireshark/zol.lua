@@ -1,12 +1,13 @@
 -- Wireshark dissector for the ZOL protocol, version 40 (docs/protocol.md).
 --
 --   wireshark -X lua_script:wireshark/zol.lua
---   tshark -X lua_script:wireshark/zol.lua -o zol.port:16309 -r capture.pcapng
+--   tshark -X lua_script:wireshark/zol.lua -o zol.port:16309 -r capture.pcap
 --
--- In ~/.local/lib/wireshark/plugins it is loaded by itself. Other servers in the same capture are
--- shown by "Decode As", or with -d udp.port==PORT,zol.
--- Who sent a datagram is told by its ports: what goes to the server's port comes from a client.
--- Where a client uses the server's port number too, its datagrams cannot be told apart.
+-- Wireshark 4.4 and later ignore Lua scripts when root runs them, and say nothing about it.
+-- In ~/.local/lib/wireshark/plugins the script is loaded by itself. For other servers in the same
+-- capture, use "Decode As" or -d udp.port==PORT,zol.
+-- The ports tell the sender: a datagram to the server's port comes from a client. If a client has
+-- the server's port number too, its datagrams cannot be told apart.
 
 -- Every layout as it lies on the wire, written by script/checks/protocol from server/protocol.h. A
 -- field is {offset, width, name, kind}; byte 0, the command, stands in no row.
@@ -227,6 +228,14 @@ local fields = {
   datagram = ProtoField.string("zol.datagram", "Datagram"),
   command = ProtoField.uint8("zol.command", "command"),
   ignored = ProtoField.bytes("zol.ignored", "behind the record, not read"),
+  client = ProtoField.uint8("zol.client", "Client's slot"),
+  player = ProtoField.uint8("zol.player", "Player"),
+  player_name = ProtoField.string("zol.player_name", "Name"),
+  response_in = ProtoField.framenum("zol.response_in", "Response in", base.NONE,
+                                    frametype.RESPONSE),
+  response_to = ProtoField.framenum("zol.response_to", "Response to", base.NONE,
+                                    frametype.REQUEST),
+  response_time = ProtoField.relative_time("zol.response_time", "Response time"),
 }
 
 local function declare_field(name, kind)
@@ -240,9 +249,8 @@ local function declare_field(name, kind)
   elseif kind == "text" then
     return ProtoField.string(abbreviation, name)
   elseif kind == "position" then
-    -- Three 32-bit patterns; their meaning is the clients' own.
     for i = 1, 3 do
-      fields[name .. i] = ProtoField.uint32(abbreviation .. "." .. i, name .. " " .. i, base.HEX)
+      fields[name .. i] = ProtoField.float(abbreviation .. "." .. i, name .. " " .. i)
     end
   end
   return ProtoField.bytes(abbreviation, name)
@@ -299,14 +307,25 @@ local function add_position(tree, name, range, notes)
   for i = 1, 3 do
     local part = range:range(4 * (i - 1), 4)
     places[i] = string.format("%g", part:le_float())
+    -- The bits too: clients may send any, and the server carries each NaN as it comes.
     subtree:add_le(fields[name .. i], part):append_text(
-        string.format(" (as a float: %g)", part:le_float()))
+        string.format(" (0x%08x)", part:le_uint()))
   end
   notes[#notes + 1] = name .. "=(" .. table.concat(places, ", ") .. ")"
 end
 
--- What is worth a place in the Info column goes to notes.
-local function add_rows(tree, tvb, start, rows, notes)
+local function add_value(seen, name, kind, range)
+  if kind == "u8" or kind == "u16" then
+    seen.values[name] = range:le_uint()
+    seen.notes[#seen.notes + 1] = string.format("%s=%d", name, range:le_uint())
+  elseif kind == "float" then
+    seen.notes[#seen.notes + 1] = string.format("%s=%g", name, range:le_float())
+  end
+end
+
+-- seen: what the datagram says, as notes for the Info column and as values by the fields' names. Of
+-- a block, only the position is noted.
+local function add_rows(tree, tvb, start, rows, seen)
   local has_car = true
   for _, row in ipairs(rows) do
     local offset, width, name, kind = start + row[1], row[2], row[3], row[4]
@@ -317,20 +336,17 @@ local function add_rows(tree, tvb, start, rows, notes)
       tree:add(fields[name], range):set_text(name .. ": none")
     elseif blocks[kind] then
       add_rows(tree:add(fields[name], range):set_text(name .. ": " .. kind), tvb, offset,
-               blocks[kind], {})
+               blocks[kind], {notes = seen.notes, in_block = true})
     elseif kind == "position" then
-      add_position(tree, name, range, notes)
+      add_position(tree, name, range, seen.notes)
     elseif kind == "text" then
       local text = read_text(range)
       tree:add(fields[name], range, text)
-      notes[#notes + 1] = name .. "=" .. quote(text)
+      seen.notes[#seen.notes + 1] = name .. "=" .. quote(text)
+      seen.values[name] = text
     else
       tree:add_le(fields[name], range)
-      if kind == "u8" or kind == "u16" then
-        notes[#notes + 1] = string.format("%s=%d", name, range:le_uint())
-      elseif kind == "float" then
-        notes[#notes + 1] = string.format("%s=%g", name, range:le_float())
-      end
+      if not seen.in_block then add_value(seen, name, kind, range) end
       -- Without a car its bytes are not read.
       if name == "in_car" or name == "got_in" then has_car = range:uint() ~= 0 end
     end
@@ -365,6 +381,306 @@ local function find_sender(pinfo)
   return nil
 end
 
+-- Earlier datagrams tell which request an answer belongs to, and which client has which slot. The
+-- first pass, which sees the frames in their order, finds that out and keeps it by frame number.
+
+-- The version that a join needs to be accepted, as in server/protocol.h.
+local VERSION = 40
+-- An answer that is later than this is taken for lost.
+local LATE_S = 2
+
+-- By command: the kind of request, and the kind of request that is answered.
+local REQUESTS = {
+  CMD_JOIN = "join", CMD_ENTER_GAME = "enter", CMD_GET_PLAYER_INFO = "info",
+  CMD_GET_PLAYER_STATE = "state", CMD_CAR_STATE = "clock", CMD_LEAVE_CAR = "clock",
+  CMD_STATE_FLOATS = "clock", CMD_CAR_BLOCK_A = "on_foot", CMD_CAR_BLOCK_B = "on_foot",
+  CMD_CAR_STATUS = "on_foot",
+}
+local ANSWERS = {
+  CMD_JOIN_ACCEPTED = "join", CMD_JOIN_REFUSED_FULL = "join", CMD_JOIN_REFUSED_VERSION = "join",
+  CMD_ENTER_GAME_REPLY = "enter", CMD_PLAYER_INFO = "info", CMD_PLAYER_STATE = "state",
+  CMD_GAME_CLOCK = "clock", CMD_NOT_IN_CAR = "on_foot",
+}
+-- A client that repeats one of these has got no answer, so the next one belongs to the latest.
+local REPEATABLE = {join = true, enter = true, info = true, state = true}
+
+-- Whether the player that sent this is in a car then. CMD_ENTER_GAME and CMD_VEHICLE say it.
+local IN_CAR_AFTER = {CMD_CAR_STATE = true, CMD_LEAVE_CAR = false, CMD_DIED = false,
+                      CMD_FOOT_UPDATE = false}
+
+-- What the server sends to one client about that client. The rest is relayed or goes to everyone.
+local PERSONAL = {
+  CMD_PING = true, CMD_JOIN_REFUSED_FULL = true, CMD_JOIN_REFUSED_VERSION = true,
+  CMD_ENTER_GAME_REPLY = true, CMD_JOIN_ACCEPTED = true, CMD_SERVER_SHUTDOWN = true,
+  CMD_NOT_IN_CAR = true, CMD_PLAYER_INFO = true, CMD_PLAYER_STATE = true, CMD_GAME_CLOCK = true,
+}
+
+local addresses      -- {address, id} by what Wireshark shows for it
+local all_addresses  -- the same in a list
+local servers        -- by address and port
+local found          -- by frame number, in a table for each thing found
+
+local function forget_all()
+  addresses, all_addresses, servers = {}, {}, {}
+  found = {response_in = {}, response_to = {}, response_time = {}, client = {}, client_name = {},
+           slot_name = {}}
+end
+zol.init = forget_all
+forget_all()
+
+local function find_address(list, address)
+  for _, entry in ipairs(list or {}) do
+    if entry.address == address then return entry end
+  end
+  return nil
+end
+
+-- The text of an address is no key: it changes when Wireshark resolves the name, and two addresses
+-- may have one name. The field ip.src is no key either: the first pass of tshark -2 has no fields.
+local function identify(address)
+  local text = tostring(address)
+  local entry = find_address(addresses[text], address)
+  if entry then return entry.id end
+  local is_name = text:find("[^%x.:]")
+  entry = is_name and find_address(all_addresses, address)
+  if not entry then
+    entry = {address = address, id = #all_addresses + 1}
+    all_addresses[entry.id] = entry
+  end
+  addresses[text] = addresses[text] or {}
+  table.insert(addresses[text], entry)
+  return entry.id
+end
+
+local function get_or_make(list, address, port, new)
+  local key = identify(address) .. ":" .. port
+  list[key] = list[key] or new
+  return list[key]
+end
+
+-- The server and the client of a datagram. in_car and died are nil until a datagram tells them.
+local function find_peers(pinfo, sender)
+  local client, client_port = pinfo.src, pinfo.src_port
+  local server, server_port = pinfo.dst, pinfo.dst_port
+  if sender == "server" then
+    client, client_port, server, server_port = server, server_port, client, client_port
+  end
+  local server_state = get_or_make(servers, server, server_port,
+                                   {clients = {}, holders = {}, names = {}})
+  return server_state, get_or_make(server_state.clients, client, client_port, {open = {}})
+end
+
+-- A run is the requests of one kind that wait for answers, and the answers that came so far.
+local function add_request(client, key, request, is_repeatable)
+  local run = client.open[key]
+  if is_repeatable or not run or request.time - run.time > LATE_S then
+    run = {requests = {}, answers = {}}
+    client.open[key] = run
+  end
+  run.time = request.time
+  table.insert(run.requests, request)
+end
+
+-- The server answers a client in the order of its requests: when a request is answered, none before
+-- it will be. If it was not known whether the server answers these, it does not.
+local function drop_requests(client, frame)
+  for key, run in pairs(client.open) do
+    local first = run.requests[1]
+    if first.frame <= frame then
+      if first.is_unsure and #run.answers == 0 then
+        if key == "clock" and client.died == nil then client.died = false end
+        if key == "on_foot" and client.in_car == nil then client.in_car = true end
+      end
+      local newer = {}
+      for _, request in ipairs(run.requests) do
+        if request.frame > frame then newer[#newer + 1] = request end
+      end
+      run.requests, run.answers = newer, {}
+      if #newer == 0 then client.open[key] = nil end
+    end
+  end
+end
+
+-- Answers carry no number. Once all requests of a run are answered, the first answer belongs to the
+-- first request. If an answer is lost, no other is linked, because it might be linked wrongly.
+local function add_answer(client, key, frame, time)
+  local run = client.open[key]
+  if not run then return nil end
+  table.insert(run.answers, {frame = frame, time = time})
+  run.time = time
+  if #run.answers < #run.requests then return nil end
+  for i, request in ipairs(run.requests) do
+    local answer = run.answers[i]
+    found.response_in[request.frame] = answer.frame
+    found.response_to[answer.frame] = request.frame
+    found.response_time[answer.frame] = answer.time - request.time
+  end
+  local last = run.requests[#run.requests]
+  client.open[key] = nil
+  if key ~= "ping" then drop_requests(client, last.frame) end
+  return last
+end
+
+local function give_slot(server, client, slot)
+  if client.slot and server.holders[client.slot] == client then
+    server.holders[client.slot] = nil
+  end
+  local holder = server.holders[slot]
+  if holder then holder.slot = nil end
+  server.holders[slot] = client
+  client.slot = slot
+end
+
+local function free_slot(server, slot)
+  local holder = server.holders[slot]
+  if holder then holder.slot = nil end
+  server.holders[slot] = nil
+end
+
+-- Whether the server answers it: true, false, or nil for not known.
+local function is_answered(client, kind, name)
+  if name == "CMD_STATE_FLOATS" then return client.died end
+  if kind == "on_foot" and client.in_car ~= nil then return not client.in_car end
+  if kind == "on_foot" then return nil end
+  return true
+end
+
+local function see_request(client, name, values, frame, time)
+  local kind = REQUESTS[name]
+  local answered = kind and is_answered(client, kind, name)
+  if not kind or answered == false then return end
+  local key = kind
+  if kind == "info" or kind == "state" then
+    if not values.slot then return end
+    key = kind .. values.slot
+  end
+  add_request(client, key, {frame = frame, time = time, is_unsure = answered == nil,
+                            name = values.name, version = values.version}, REPEATABLE[kind])
+end
+
+local function see_from_client(server, client, name, values, frame, time)
+  if name == "CMD_PING_REPLY" then add_answer(client, "ping", frame, time) end
+  see_request(client, name, values, frame, time)
+  if name == "CMD_DIED" then client.died = true end
+  if IN_CAR_AFTER[name] ~= nil then client.in_car = IN_CAR_AFTER[name] end
+  local reported = values.in_car or values.got_in
+  if reported then client.in_car = reported ~= 0 end
+  if name == "CMD_PLAYER_LEFT" and client.slot then free_slot(server, client.slot) end
+end
+
+-- Right after the reply to an entering come the records of the others, in the order of their slots.
+-- They look like answers to questions, and are none. The ping thread may send in between.
+local function is_record_of_entering(client, name, values)
+  if name == "CMD_PING" or name == "CMD_PLAYER_LEFT" then return false end
+  local entering = client.entering
+  client.entering = nil
+  if name == "CMD_ENTER_GAME_REPLY" then
+    client.entering = {slot = -1, left_out = values.last_join_slot}
+  end
+  if name ~= "CMD_PLAYER_INFO" or values.just_entered ~= 0 then return false end
+  if client.open.enter then return true end  -- the reply is lost or late
+  if not entering or values.slot <= entering.slot or values.slot == entering.left_out then
+    return false
+  end
+  entering.slot = values.slot
+  client.entering = entering
+  return true
+end
+
+-- The one answer that tells more of its request than the slot.
+local function fits_join(client, name)
+  local join = client.open.join and client.open.join.requests[1]
+  if not join or not join.version then return true end
+  return (name == "CMD_JOIN_REFUSED_VERSION") == (join.version ~= VERSION)
+end
+
+local function see_answer(client, name, values, frame, time)
+  local kind = ANSWERS[name]
+  local is_record = is_record_of_entering(client, name, values)
+  if not kind or is_record or values.just_entered == 1 then return nil end
+  if kind == "join" and not fits_join(client, name) then return nil end
+  local key = (kind == "info" or kind == "state") and kind .. values.slot or kind
+  -- An answer to nothing: the death was not captured, perhaps.
+  if kind == "clock" and not client.open.clock then client.died = nil end
+  return add_answer(client, key, frame, time)
+end
+
+local function see_from_server(server, client, name, values, frame, time)
+  local request = see_answer(client, name, values, frame, time)
+  if name == "CMD_PING" then
+    add_request(client, "ping", {frame = frame, time = time}, true)
+  elseif name == "CMD_JOIN_ACCEPTED" then
+    give_slot(server, client, values.slot)
+    client.in_car, client.died = false, false
+    server.names[values.slot] = request and request.name
+    if request then
+      found.client[request.frame] = found.client[request.frame] or values.slot
+      found.client_name[request.frame] = found.client_name[request.frame] or request.name
+    end
+  elseif name == "CMD_NOT_IN_CAR" then
+    client.in_car = false
+    if client.slot ~= values.slot then give_slot(server, client, values.slot) end
+  elseif name == "CMD_PLAYER_INFO" then
+    server.names[values.slot] = values.name
+  elseif name == "CMD_PLAYER_LEFT" then
+    free_slot(server, values.slot)
+  elseif name == "CMD_SERVER_SHUTDOWN" and client.slot then
+    free_slot(server, client.slot)
+  end
+end
+
+-- Of a client that leaves, the slot that it had counts. A slot keeps its name until the next join.
+local function see(pinfo, sender, name, values)
+  local server, client = find_peers(pinfo, sender)
+  local frame, time = pinfo.number, pinfo.rel_ts
+  local slot_before = client.slot
+  if sender == "client" then
+    see_from_client(server, client, name, values, frame, time)
+  elseif name then
+    see_from_server(server, client, name, values, frame, time)
+  end
+  local slot = client.slot or slot_before
+  found.client[frame] = slot
+  found.client_name[frame] = server.names[slot]
+  found.slot_name[frame] = server.names[values.slot]
+end
+
+local function add_player(tree, slot, name)
+  local item = tree:add(fields.player, slot):set_generated()
+  if name then item:add(fields.player_name, name):set_generated() end
+end
+
+local function add_found(tree, pinfo, sender, name, values)
+  local frame = pinfo.number
+  local client, slot = found.client[frame], values.slot
+  if client then
+    tree:add(fields.client, client):set_generated()
+    if sender == "client" or PERSONAL[name] and values.just_entered ~= 1 then
+      add_player(tree, client, found.client_name[frame])
+    else
+      client = nil
+    end
+  end
+  if slot and slot ~= client and not (name == "CMD_PINKPANTHER" and slot == NOBODY) then
+    add_player(tree, slot, found.slot_name[frame])
+  end
+  for _, link in ipairs({"response_in", "response_to"}) do
+    if found[link][frame] then tree:add(fields[link], found[link][frame]):set_generated() end
+  end
+  if found.response_time[frame] then
+    local seconds, rest = math.modf(found.response_time[frame])
+    local time = NSTime.new(seconds, math.floor(rest * 1e9 + 0.5))
+    tree:add(fields.response_time, time):set_generated()
+  end
+end
+
+-- A datagram that an ICMP error quotes was seen before, if it was captured.
+local function see_and_show(tree, pinfo, sender, name, values)
+  if pinfo.in_error_pkt then return end
+  if not pinfo.visited then see(pinfo, sender, name, values) end
+  add_found(tree, pinfo, sender, name, values)
+end
+
 function zol.dissector(tvb, pinfo, root)
   local sender = find_sender(pinfo)
   if not sender or tvb:len() == 0 then return 0 end
@@ -379,18 +695,22 @@ function zol.dissector(tvb, pinfo, root)
     tree:append_text(string.format(", unknown command %d", code))
     tree:add_proto_expert_info(unknown_command)
     set_info(pinfo, string.format("unknown command %d from %s", code, sender))
+    see_and_show(tree, pinfo, sender, nil, {})
     return tvb:len()
   end
 
   command:append_text(" (" .. layout.name .. ")")
   tree:append_text(", " .. layout.name)
   tree:add(fields.datagram, layout.name):set_generated()
-  local notes = {layout.name}
-  add_rows(tree, tvb, 0, layout.rows, notes)
+  local notes, values = {layout.name}, {}
+  add_rows(tree, tvb, 0, layout.rows, {notes = notes, values = values})
   if layout.name == "CMD_PINKPANTHER" and notes[2] == "slot=" .. NOBODY then
     notes[2] = notes[2] .. " (nobody)"
   end
-  if not check_length(tree, tvb, sender, layout) then notes[#notes + 1] = "[malformed]" end
+  local is_whole = check_length(tree, tvb, sender, layout)
+  if not is_whole then notes[#notes + 1] = "[malformed]" end
+  -- Clients ignore a malformed datagram of the server. The server reads every datagram.
+  see_and_show(tree, pinfo, sender, (is_whole or sender == "client") and layout.name or nil, values)
   set_info(pinfo, table.concat(notes, " "))
   return tvb:len()
 end

@@ -1,26 +1,35 @@
 #!/usr/bin/env python3
 """Captures real traffic of build/zolserver and checks that wireshark/zol.lua understands all of it.
 
-Usage: script/checks/dissector         (Debian packages: tshark, python3; takes about 15 seconds)
+Usage: script/checks/dissector         (Debian packages: tshark, python3; takes about 30 seconds)
 
 Two servers play the worked sessions of docs/protocol.md, one of them also serves build/zolbots.
 Every datagram must decode without complaint, every code must be seen in each of its directions, and
 three datagrams that are wrong on purpose must be the only ones complained of. Capturing on loopback
 needs root or membership in the group wireshark (dpkg-reconfigure wireshark-common).
+
+Written captures show that answers are linked with their requests and players with their datagrams,
+and that nothing hostile raises an error.
 """
 
+import concurrent.futures
 import contextlib
+import importlib
 import os
 import pathlib
+import random
 import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import time
 
 from lib import BUILD, ROOT, build, fail, free_port, start_server, wait_until_ready
+
+replay = importlib.import_module("replay-session")
 
 BOTS = BUILD / "zolbots"
 DISSECTOR = ROOT / "wireshark/zol.lua"
@@ -41,18 +50,210 @@ DECODED_AS = [
 ]
 
 # What the Info column must say somewhere.
-INFO = ["CMD_PLAYER_POSITION slot=0 position=(4, 2, 3)", "CMD_POSITION_UPDATE [malformed]"]
+INFO = ["CMD_PLAYER_POSITION slot=0 position=(4, 2, 3)", "CMD_POSITION_UPDATE [malformed]",
+        "CMD_ENTER_GAME position=(-1, 0.25, 8) in_car=0",
+        'CMD_PLAYER_INFO slot=1 just_entered=1 name="Bob" position=(-1, 0.25, 8) in_car=0']
 
 # What the sessions hold, as display filters; each must find something.
+FLOATS = "zol.position.1 == -1 && zol.position.2 == 0.25 && zol.position.3 == 8"
 VALUES = [
     'zol.datagram == "CMD_JOIN" && zol.name == "Alice" && zol.version == 40',
     'zol.datagram == "CMD_PLAYER_INFO" && zol.name == "Bob" && zol.state_f1 == 1.5',
     'zol.datagram == "CMD_PLAYER_GOT_CAR" && zol.car_type == 90 && zol.car_float == 7.5',
-    'zol.datagram == "CMD_PLAYER_POSITION" && zol.position.1 == 0x40800000',
+    f'zol.datagram == "CMD_ENTER_GAME" && {FLOATS}',
+    f'zol.datagram == "CMD_PLAYER_INFO" && {FLOATS}',
     'zol.datagram == "CMD_CHAT_LINE" && zol.text == "Alice: hi"',
     'zol.sender == "server" && zol.command == 41 && zol.slot == 0',
     'zol.datagram == "CMD_ENTER_GAME" && zol.in_car == 0 && !zol.car_type',
 ]
+
+
+# Written captures, with what the dissector must find in them. Each case has another server.
+#   a A> NAME bytes   client A sends this, which is named "a"; zeros up to the record's size follow
+#   A< NAME = a       A gets this, and it answers "a"; without "=" it is linked with nothing
+#   A< NAME ~ a       the same, but the answer is only known after the answers that follow
+#   A> NAME | 3:A 4   the players that it concerns and their names; "-" for none
+#   A< NAME @ 3       the slot of A; "-" for none
+#   A! NAME bytes     an ICMP error quotes this datagram of A to A
+#   A= 03             A joins as "A" and gets slot 3
+#   +3                three seconds go by
+CASES = {
+    "a newer join supersedes": """
+        A> CMD_JOIN 41 00*64 28
+        b A> CMD_JOIN 41 00*64 28
+        A< CMD_JOIN_ACCEPTED 00 = b
+        A< CMD_JOIN_ACCEPTED 01
+        A> CMD_JOIN 41 00*64 27
+        d A> CMD_JOIN 41 00*64 28
+        A< CMD_JOIN_REFUSED_VERSION
+        A< CMD_JOIN_REFUSED_FULL = d
+        e A> CMD_JOIN 41 00*64 27
+        A< CMD_JOIN_REFUSED_VERSION = e
+        A< CMD_JOIN_REFUSED_VERSION""",
+    "questions are told apart by slot and by what follows": """
+        A= 00
+        A> CMD_GET_PLAYER_INFO 01
+        b A> CMD_GET_PLAYER_INFO 02
+        c A> CMD_GET_PLAYER_STATE 01
+        A< CMD_PLAYER_INFO 02 = b
+        A< CMD_PLAYER_INFO 01
+        A< CMD_PLAYER_STATE 02
+        A< CMD_PLAYER_STATE 01 = c""",
+    "records of entering answer no question": """
+        A= 01
+        A> CMD_GET_PLAYER_INFO 02
+        b A> CMD_ENTER_GAME
+        A< CMD_ENTER_GAME_REPLY 03 = b
+        c A> CMD_GET_PLAYER_INFO 02
+        d A> CMD_GET_PLAYER_INFO 03
+        A< CMD_PLAYER_INFO 00
+        A< CMD_PING
+        A< CMD_PLAYER_INFO 02
+        A< CMD_PLAYER_INFO 02 = c
+        A< CMD_PLAYER_INFO 03 = d
+        e A> CMD_GET_PLAYER_INFO 00
+        A< CMD_PLAYER_INFO 00 01
+        A< CMD_PLAYER_INFO 00 = e
+        f A> CMD_ENTER_GAME
+        A< CMD_ENTER_GAME_REPLY 03 = f
+        A< CMD_PLAYER_INFO 00
+        g A> CMD_GET_PLAYER_INFO 03
+        A< CMD_PLAYER_INFO 03 = g
+        A> CMD_ENTER_GAME
+        A> CMD_GET_PLAYER_INFO 02
+        A< CMD_PLAYER_INFO 02""",
+    "answers without a slot are linked when none is lost": """
+        A= 00
+        a A> CMD_CAR_STATE
+        b A> CMD_LEAVE_CAR
+        A< CMD_GAME_CLOCK ~ a
+        A< CMD_GAME_CLOCK = b
+        A> CMD_CAR_STATE
+        A> CMD_CAR_STATE
+        A< CMD_GAME_CLOCK
+        e A> CMD_GET_PLAYER_STATE 01
+        A< CMD_PLAYER_STATE 01 = e
+        f A> CMD_CAR_STATE
+        A! CMD_CAR_STATE
+        A< CMD_GAME_CLOCK = f
+        A> CMD_CAR_STATE
+        +3
+        h A> CMD_CAR_STATE
+        B< CMD_GAME_CLOCK
+        A< CMD_GAME_CLOCK = h
+        A> CMD_CAR_STATE
+        i A> CMD_GET_PLAYER_STATE 01
+        j A> CMD_CAR_STATE
+        A< CMD_PLAYER_STATE 01 = i
+        A< CMD_GAME_CLOCK = j""",
+    "only some requests are answered": """
+        A= 00
+        A> CMD_STATE_FLOATS
+        a A> CMD_CAR_STATE
+        A< CMD_GAME_CLOCK = a
+        A> CMD_DIED 01
+        b A> CMD_STATE_FLOATS
+        A< CMD_GAME_CLOCK = b
+        c A> CMD_CAR_BLOCK_A
+        A< CMD_NOT_IN_CAR 00 = c
+        A> CMD_VEHICLE 01
+        A> CMD_CAR_BLOCK_A
+        A> CMD_FOOT_UPDATE
+        d A> CMD_CAR_BLOCK_B
+        A< CMD_NOT_IN_CAR 00 = d
+        A> CMD_VEHICLE 01
+        A= 01
+        A> CMD_STATE_FLOATS
+        e A> CMD_CAR_STATUS
+        A< CMD_NOT_IN_CAR 01 = e
+        g A> CMD_LEAVE_CAR
+        A< CMD_GAME_CLOCK = g
+        A> CMD_ENTER_GAME 00*31 01
+        A> CMD_CAR_STATUS
+        A> CMD_LEAVE_CAR
+        f A> CMD_CAR_STATUS
+        A< CMD_NOT_IN_CAR 01 = f""",
+    "a death and the end of a ride that were not captured": """
+        A= 00
+        A> CMD_STATE_FLOATS
+        A< CMD_GAME_CLOCK
+        a A> CMD_STATE_FLOATS
+        A< CMD_GAME_CLOCK = a
+        A> CMD_VEHICLE 01
+        A> CMD_CAR_STATUS
+        A< CMD_NOT_IN_CAR 00
+        b A> CMD_CAR_STATUS
+        A< CMD_NOT_IN_CAR 00 = b""",
+    "a capture from the middle of a game": """
+        A> CMD_STATE_FLOATS
+        A> CMD_CAR_STATE
+        A< CMD_GAME_CLOCK
+        B> CMD_STATE_FLOATS
+        B> CMD_CAR_BLOCK_A
+        a B> CMD_GET_PLAYER_STATE 01
+        B< CMD_PLAYER_STATE 01 = a
+        B> CMD_STATE_FLOATS
+        b B> CMD_LEAVE_CAR
+        B< CMD_GAME_CLOCK = b
+        c B> CMD_CAR_STATUS
+        B< CMD_NOT_IN_CAR 04 = c
+        C> CMD_STATE_FLOATS
+        C> CMD_STATE_FLOATS
+        C> CMD_CAR_BLOCK_A
+        C< CMD_GAME_CLOCK
+        d C> CMD_GET_PLAYER_STATE 01
+        C< CMD_PLAYER_STATE 01 = d
+        e C> CMD_STATE_FLOATS
+        C< CMD_GAME_CLOCK = e
+        C> CMD_CAR_BLOCK_A
+        C> CMD_FOOT_UPDATE
+        f C> CMD_CAR_BLOCK_A
+        C< CMD_NOT_IN_CAR 05 = f""",
+    "pings": """
+        a A< CMD_PING
+        A> CMD_PING_REPLY = a
+        A> CMD_PING_REPLY
+        A< CMD_PING
+        b A< CMD_PING
+        A> CMD_PING_REPLY = b""",
+    "the player of a datagram": """
+        A> CMD_WEAPON @ - | -
+        j A> CMD_JOIN 41 00*64 28 @ 3 | 3:A
+        A< CMD_JOIN_ACCEPTED 03 = j @ 3 | 3:A
+        B= 04
+        A> CMD_WEAPON @ 3 | 3:A
+        B< CMD_PLAYER_WEAPON 03 @ 4 | 3:A
+        B< CMD_PLAYER_STATE_FLOATS @ 4 | -
+        B< CMD_PING @ 4 | 4:B
+        B< CMD_PINKPANTHER 64 @ 4 | -
+        B< CMD_PLAYER_INFO 03 01 41 @ 4 | 3:A
+        a B> CMD_GET_PLAYER_INFO 03 @ 4 | 4:B 3:A
+        B< CMD_PLAYER_INFO 03 00 41 6c = a @ 4 | 4:B 3:Al
+        A> CMD_CHAT 68 @ 3 | 3:Al
+        A= 05
+        D= 03
+        A> CMD_WEAPON @ 5 | 5:A
+        B< CMD_PLAYER_LEFT 05 @ 4 | 5:A
+        A> CMD_WEAPON @ - | -
+        C= 04
+        B> CMD_WEAPON @ - | -
+        C> CMD_WEAPON @ 4 | 4:C
+        C> CMD_PLAYER_LEFT @ 4 | 4:C
+        C> CMD_WEAPON @ - | -""",
+    "a player whose join was not captured": """
+        A> CMD_WEAPON @ - | -
+        A< CMD_NOT_IN_CAR 06 @ 6 | 6
+        A> CMD_WEAPON @ 6 | 6
+        B< CMD_PLAYER_INFO 06 01 41 @ - | 6:A
+        A> CMD_WEAPON @ 6 | 6:A
+        A< CMD_SERVER_SHUTDOWN @ 6 | 6:A
+        A> CMD_WEAPON @ - | -""",
+}
+
+# Which command may answer which, for captures that are written at random.
+ANSWERS = {2: {1}, 12: {10}, 14: {10}, 17: {10}, 16: {15}, 42: {40}, 43: {41}, 72: {101, 102, 123},
+           41: {120, 121, 124}}
+HOSTILE = 2000  # datagrams
 
 
 def stop(process, how):
@@ -121,19 +322,21 @@ def record(settings, play, directory):
     return port, directory / CAPTURE
 
 
+def reader(*paths):
+    """The start of a command that reads these paths: root reads as nobody, because Wireshark 4.4
+    and later ignore Lua scripts for root."""
+    for path in paths:
+        os.chmod(path, 0o755 if path.is_dir() else 0o644)
+    if os.geteuid() != 0:
+        return []
+    return ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
+
+
 def tshark(port, capture, *options):
-    """The lines that tshark prints of a capture. Root reads as nobody: Wireshark may refuse to run
-    Lua scripts for root. All ports are given to ZOL, since a client's random port may be that of a
-    protocol that Wireshark knows."""
+    """The lines that tshark prints of a capture."""
     directory = capture.parent
-    script = shutil.copy(DISSECTOR, directory)
-    for path in (directory.parent, directory):
-        path.chmod(0o755)
-    for path in (script, capture):
-        os.chmod(path, 0o644)
-    prefix = []
-    if os.geteuid() == 0:
-        prefix = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups"]
+    script = pathlib.Path(shutil.copy(DISSECTOR, directory))
+    prefix = reader(directory.parent, directory, script, capture)
     environment = os.environ | {"HOME": str(directory), "WIRESHARK_CONFIG_DIR": str(directory)}
     result = subprocess.run(
         [*prefix, "tshark", "-n", "-r", capture, "-X", f"lua_script:{script}", "-o",
@@ -144,13 +347,31 @@ def tshark(port, capture, *options):
     return result.stdout.splitlines()
 
 
+def fields_of(port, capture, columns, *options):
+    """Of each datagram the columns, as text. All ports are given to ZOL, because a client's random
+    port may be that of a protocol that Wireshark knows."""
+    columns = [word for column in columns for word in ("-e", column)]
+    lines = tshark(port, capture, "-d", "udp.port==1-65535,zol", "-T", "fields",
+                   "-E", "separator=/t", "-E", "aggregator=|", *columns, *options)
+    return [line.split("\t") for line in lines]
+
+
+def check_found(port, capture, filters, *options):
+    """Each of the display filters must find a datagram."""
+    lines = tshark(port, capture, *options, "-q", "-z", ",".join(["io,stat,0", *filters]))
+    total = [line for line in lines if "<>" in line][-1]
+    counts = [int(number) for number in re.findall(r"\d+", total.split("|", 2)[2])][::2]
+    if len(counts) != len(filters):
+        fail(f"{len(filters)} filters, and tshark counts:\n" + "\n".join(lines))
+    for text, count in zip(filters, counts):
+        if count == 0:
+            fail(f"no datagram shows {text}")
+
+
 def decode(port, capture):
     """Per datagram: protocols, sender, code, complaints, Info column."""
-    columns = ["frame.protocols", "zol.sender", "zol.command", "_ws.expert.message", "_ws.col.Info"]
-    options = [word for column in columns for word in ("-e", column)]
-    lines = tshark(port, capture, "-d", "udp.port==1-65535,zol", "-T", "fields", "-E", "separator=/t",
-                   "-E", "aggregator=|", *options)
-    return [line.split("\t") for line in lines]
+    return fields_of(port, capture, ["frame.protocols", "zol.sender", "zol.command",
+                                     "_ws.expert.message", "_ws.col.Info"])
 
 
 def check_datagrams(rows):
@@ -179,26 +400,201 @@ def check_coverage(seen):
         fail(f"never seen: {sorted(missing)}")
 
 
+def layout_sizes():
+    rows = re.findall(r'^  \{"(client|server)", \d+, "(CMD_\w+)", (\d+)', DISSECTOR.read_text(),
+                      re.M)
+    return {(sender, name): int(size) for sender, name, size in rows}
+
+
+SIZES = layout_sizes()
+SERVER_PORT = 16309
+
+
+def client_address(client):
+    return bytes([10, 0, 0, ord(client) - 56]), ord(client) - 65 + 50000
+
+
+def ip_packet(source, destination, payload, protocol):
+    return struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(payload), 0, 0, 64, protocol, 0,
+                       source, destination) + payload
+
+
+def packet(client, direction, payload, server=0):
+    """A datagram between a client and a server, as an IP packet."""
+    peers = [client_address(client), (bytes([127, 0, 1, server]), SERVER_PORT)]
+    source, destination = peers if direction != "<" else reversed(peers)
+    udp = struct.pack("!HHHH", source[1], destination[1], 8 + len(payload), 0) + payload
+    quoted = ip_packet(source[0], destination[0], udp, 17)
+    if direction != "!":
+        return quoted
+    return ip_packet(destination[0], source[0], b"\3\3" + bytes(6) + quoted, 1)
+
+
+def write_capture(path, packets):
+    """Of (microseconds, IP packet)."""
+    path.parent.mkdir()
+    raw_ip = 101
+    with path.open("wb") as file:
+        file.write(struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, raw_ip))
+        for time_us, data in packets:
+            seconds, rest = divmod(time_us, 1000000)
+            file.write(struct.pack("<IIII", seconds, rest, len(data), len(data)) + data)
+
+
+def expand_joins(lines):
+    for line in lines.split("\n"):
+        if joined := re.match(r" *([A-Z])= (\S+)$", line):
+            client, slot = joined.groups()
+            number = int(slot, 16)
+            yield f"join{client}{slot} {client}> CMD_JOIN {ord(client):02x} 00*64 28"
+            yield f"{client}< CMD_JOIN_ACCEPTED {slot} = join{client}{slot} | {number}:{client}"
+        elif line.strip():
+            yield line
+
+
+LINE = re.compile(r" *(?:(?P<label>\w+) )?(?P<client>[A-Z])(?P<direction>[<>!]) "
+                  r"(?P<text>CMD_[^=~@|]*)"
+                  r"(?:(?P<sure>[=~]) (?P<request>\w+) ?)?(?:@ (?P<slot>\S+) ?)?"
+                  r"(?:\| (?P<players>.+))?$")
+
+
+def read_cases():
+    """The packets of all cases, and for each the match of its line and the frame it answers."""
+    packets, expected = [], []
+    time_us = 0
+    for server, lines in enumerate(CASES.values()):
+        frames = {}
+        for line in expand_joins(lines):
+            if line.strip()[0] == "+":
+                time_us += 1000000 * int(line.strip()[1:])
+                continue
+            parts = LINE.match(line) or fail(f"a case has the line {line}")
+            sender = "server" if parts["direction"] == "<" else "client"
+            datagram = replay.expand(parts["text"])
+            datagram = datagram.ljust(SIZES[sender, parts["text"].split()[0]], b"\0")
+            time_us += 1500
+            packets.append((time_us, packet(parts["client"], parts["direction"], datagram, server)))
+            frames[parts["label"]] = len(packets)
+            expected.append((parts, frames[parts["request"]] if parts["request"] else None))
+    return packets, expected
+
+
+def check_case(parts, answers, answered_in, row, packets):
+    """That one frame is shown as its line says."""
+    number, response_in, response_to, response_time, slot, players, names = row
+    wanted = {"response to": str(answers or ""), "response in": str(answered_in or "")}
+    shown = {"response to": response_to, "response in": response_in}
+    if answers:
+        wanted["time"] = f"{(packets[int(number) - 1][0] - packets[answers - 1][0]) / 1e6:.9f}"
+        shown["time"] = response_time
+    if parts["slot"]:
+        wanted["slot"], shown["slot"] = parts["slot"].strip("-"), slot
+    if parts["players"]:
+        pairs = [pair.partition(":") for pair in parts["players"].strip("-").split()]
+        wanted["players"] = ["|".join(pair[0] for pair in pairs),
+                             "|".join(pair[2] for pair in pairs if pair[2])]
+        shown["players"] = [players, names]
+    if shown != wanted:
+        fail(f"frame {number}, {parts[0].strip()}:\nwanted {wanted}\nshown  {shown}")
+
+
+LINK_COLUMNS = ["frame.number", "zol.response_in", "zol.response_to", "zol.response_time",
+                "zol.client", "zol.player", "zol.player_name"]
+
+
+def check_cases(directory):
+    packets, expected = read_cases()
+    capture = directory / CAPTURE
+    write_capture(capture, packets)
+    rows = fields_of(SERVER_PORT, capture, LINK_COLUMNS, "-2")
+    if len(rows) != len(expected):
+        fail(f"{len(expected)} datagrams were written, and {len(rows)} are shown")
+    answered_in = {answers: frame for frame, (_, answers) in enumerate(expected, 1)}
+    for frame, ((parts, answers), row) in enumerate(zip(expected, rows), 1):
+        check_case(parts, answers, answered_in.get(frame), row, packets)
+    # Here all servers have the same name, and only their addresses differ.
+    hosts = directory / "hosts"
+    hosts.write_text("".join(f"127.0.1.{server} server\n" for server in range(len(CASES))))
+    once = fields_of(SERVER_PORT, capture, [*LINK_COLUMNS, "_ws.col.Source"],
+                     "-N", "n", "-H", hosts)
+    if not any(row[-1] == "server" for row in once):
+        fail("the servers are not shown by their name")
+    for (parts, answers), row in zip(expected, once):
+        if row[2] != (str(answers) if answers and parts["sure"] == "=" else ""):
+            fail(f"frame {row[0]}, {parts[0].strip()}: on one pass a response to {row[2]}")
+        if parts["slot"] == "-" and row[4]:
+            fail(f"frame {row[0]}, {parts[0].strip()}: on one pass the slot {row[4]}")
+
+
+def hostile_packets():
+    """What players send, out of order, doubled, cut, changed and from any address, at any time."""
+    source = random.Random(40)
+    datagrams = [(direction, datagram) for name in ("session", "session-pinkpanther")
+                 for _, direction, datagram in replay.read_session(name)]
+    packets = []
+    while len(packets) < HOSTILE:
+        direction, datagram = source.choice(datagrams)
+        kind = source.randrange(10)
+        if kind == 0:
+            datagram = datagram[:source.randrange(len(datagram))]
+        elif kind == 1:
+            datagram = source.randbytes(source.randrange(300))
+        elif kind == 2:
+            datagram = datagram[:1] + source.randbytes(len(datagram) - 1)
+        elif kind == 3:
+            direction = source.choice("<>!")
+        data = packet(source.choice("ABC"), direction, datagram, source.randrange(2))
+        copies = [(source.randrange(1 << 50), data)] * source.choice([1, 1, 1, 2])
+        packets += copies
+    return packets
+
+
+def check_hostile(directory):
+    """No Lua error in either pass. Links are between one request and one later answer to the same
+    client."""
+    capture = directory / CAPTURE
+    write_capture(capture, hostile_packets())
+    for options in ((), ("-2",)):
+        columns = ["zol.response_in", "zol.response_to", "zol.command", "zol.sender", "ip.src",
+                   "ip.dst", "_ws.expert.message"]
+        rows = fields_of(SERVER_PORT, capture, columns, *options)
+        if any("Lua" in row[6] or "rror" in row[6] for row in rows):
+            fail("a hostile datagram raises an error:\n" +
+                 "\n".join(row[6] for row in rows if "rror" in row[6])[:2000])
+    links = 0
+    for frame, (_, response_to, command, sender, source, destination, _) in enumerate(rows, 1):
+        if not response_to:
+            continue
+        links += 1
+        request = rows[int(response_to) - 1]
+        if (int(request[2]) not in ANSWERS[int(command)] or int(response_to) >= frame or
+                request[0] != str(frame) or request[3] == sender or
+                (request[4], request[5]) != (destination, source)):
+            fail(f"frame {frame} is linked as an answer to {response_to}")
+    if links < HOSTILE // 100:
+        fail(f"only {links} hostile datagrams are linked")
+
+
 def main():
     build("zolserver", "zolbots")
     with tempfile.TemporaryDirectory() as name:
         directory = pathlib.Path(name)
-        default = record("", play_default, directory / "default")
-        pinkpanther = record("GameType=1\nmaxClients=2\n", play_pinkpanther,
-                             directory / "pinkpanther")
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            recording = pool.submit(record, "GameType=1\nmaxClients=2\n", play_pinkpanther,
+                                    directory / "pinkpanther")  # waits for a ping
+            check_cases(directory / "cases")
+            check_hostile(directory / "hostile")
+            default = record("", play_default, directory / "default")
+            pinkpanther = recording.result()
         rows = decode(*default) + decode(*pinkpanther)
         check_coverage(check_datagrams(rows))
         for text in INFO:
             if not any(info.endswith(text) for *_, info in rows):
                 fail(f"no Info column says {text}")
-        for value in VALUES:
-            if not tshark(*default, "-d", "udp.port==1-65535,zol", "-Y", value):
-                fail(f"no datagram shows {value}")
+        check_found(*default, VALUES, "-d", "udp.port==1-65535,zol")
         merged = directory / "merged.pcapng"
         run("mergecap", "-w", merged, default[1], pinkpanther[1])
-        for value in DECODED_AS:
-            if not tshark(default[0], merged, "-d", f"udp.port=={pinkpanther[0]},zol", "-Y", value):
-                fail(f"no datagram of the second server shows {value}")
+        check_found(default[0], merged, DECODED_AS, "-d", f"udp.port=={pinkpanther[0]},zol")
     print(f"{len(rows)} datagrams decoded, every command seen")
 
 
