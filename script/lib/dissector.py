@@ -9,7 +9,7 @@ three datagrams that are wrong on purpose must be the only ones complained of. C
 needs root or membership in the group wireshark (dpkg-reconfigure wireshark-common).
 
 Written captures show that answers are linked with their requests and players with their datagrams,
-and that nothing hostile raises an error.
+that nothing hostile raises an error, and that the commands of the documents work.
 """
 
 import concurrent.futures
@@ -254,6 +254,31 @@ CASES = {
 ANSWERS = {2: {1}, 12: {10}, 14: {10}, 17: {10}, 16: {15}, 42: {40}, 43: {41}, 72: {101, 102, 123},
            41: {120, 121, 124}}
 HOSTILE = 2000  # datagrams
+
+# The commands of each document begin as this user. The stand-in programs allow a user what Debian
+# allows: root may capture, and may not decode, because Wireshark ignores Lua scripts for root.
+STARTS_AS = {"docs/protocol.md": "user", "docs/operating.md": "root"}
+STAND_IN = """#!/bin/sh
+case ${0##*/} in
+sudo) ZOL_USER=root exec "$@" ;;
+runuser)
+  [ "$ZOL_USER $1 $2 $3" = "root -u nobody --" ] || exit 1
+  shift 3
+  ZOL_USER=nobody exec "$@" ;;
+dumpcap)
+  [ "$ZOL_USER" = root ] || exit 1
+  case " $* " in *" -w - "*) exec cat CAPTURE ;; *) exit 1 ;; esac ;;
+tshark | wireshark)
+  [ "$ZOL_USER" != root ] || exit 1
+  exec TSHARK "$@" ;;
+esac
+"""
+INSTALLED = "/usr/share/doc/zolserver/examples/zol.lua"
+# What each document's commands must print: lines that hold all of these.
+SHOWN = {
+    "docs/protocol.md": [["ZOL", "CMD_ENTER_GAME position=(1, 2, 3)"]],
+    "docs/operating.md": [["10.0.0.10", "50001", "Bob"], ["10.0.0.9", "50000", "Alice", "hi"]],
+}
 
 
 def stop(process, how):
@@ -575,6 +600,46 @@ def check_hostile(directory):
         fail(f"only {links} hostile datagrams are linked")
 
 
+def commands_of(document):
+    """The blocks of code that capture or decode."""
+    text = (ROOT / document).read_text()
+    blocks = re.findall(r"^```sh\n(.*?)^```$", text, re.M | re.S)
+    blocks += re.findall(r"(?:^    .*\n)+", text, re.M)
+    return [block for block in blocks if re.search(r"\b(tshark|wireshark|dumpcap) ", block)]
+
+
+def check_commands(directory):
+    """The documented commands must show the worked session, without tshark being run by root."""
+    capture = directory / CAPTURE
+    write_capture(capture, [(1000 * frame, packet(player, direction, datagram))
+                            for frame, (player, direction, datagram)
+                            in enumerate(replay.read_session("session"))])
+    programs, script = directory / "bin", directory / "wireshark" / DISSECTOR.name
+    programs.mkdir()
+    script.parent.mkdir()
+    shutil.copy(DISSECTOR, script)
+    for name in ("sudo", "runuser", "dumpcap", "tshark", "wireshark"):
+        text = STAND_IN.replace("CAPTURE", str(capture)).replace("TSHARK", shutil.which("tshark"))
+        (programs / name).write_text(text)
+        (programs / name).chmod(0o755)
+    prefix = reader(directory.parent, directory, script.parent, script, programs, capture)
+    directory.chmod(0o777)
+    for document, user in STARTS_AS.items():
+        shown = ""
+        for block in commands_of(document):
+            environment = os.environ | {"HOME": "/root", "ZOL_USER": user,
+                                        "PATH": f"{programs}:{os.environ['PATH']}"}
+            result = subprocess.run(
+                [*prefix, "sh", "-ec", block.replace(INSTALLED, str(script))], cwd=directory,
+                capture_output=True, text=True, errors="replace", env=environment, check=False)
+            if result.returncode != 0 or not result.stdout:
+                fail(f"{document}: this fails or prints nothing:\n{block}{result.stderr}")
+            shown += result.stdout
+        for words in SHOWN[document]:
+            if not any(all(word in line for word in words) for line in shown.splitlines()):
+                fail(f"{document}: no command prints a line with {words}:\n{shown}")
+
+
 def main():
     build("zolserver", "zolbots")
     with tempfile.TemporaryDirectory() as name:
@@ -584,6 +649,7 @@ def main():
                                     directory / "pinkpanther")  # waits for a ping
             check_cases(directory / "cases")
             check_hostile(directory / "hostile")
+            check_commands(directory / "commands")
             default = record("", play_default, directory / "default")
             pinkpanther = recording.result()
         rows = decode(*default) + decode(*pinkpanther)
