@@ -1,0 +1,405 @@
+"""The server and the network that script/check-client plays to a client, and what happens in each
+scenario.
+
+A stage has no socket and no clock. Its caller tells it the time and what the client sent, and gives
+it a function that delivers. So a test can play a scenario in milliseconds."""
+
+import collections
+import heapq
+import itertools
+import random
+import re
+import struct
+import types
+
+from lib import ROOT, command_codes
+
+C = types.SimpleNamespace(**{name[4:]: code for name, code in command_codes().items()})
+MAX_PLAYERS = 32
+# The sizes of the client's datagrams and of the server's, by code.
+SIZES_UP, SIZES_DOWN = (
+    {int(code): int(size) for code, size in re.findall(r"^### `CMD_\w+` \((\d+)\), (?:1 to )?(\d+)", part, re.M)}
+    for part in re.split(r"^## Server to client$", (ROOT / "docs/protocol.md").read_text(), flags=re.M))  # fmt: skip
+# The server's datagrams with a slot in their second byte.
+WITH_SLOT = (C.JOIN_ACCEPTED, C.NOT_IN_CAR, C.PLAYER_INFO, C.PLAYER_STATE, C.PLAYER_LEFT,
+             *range(C.PLAYER_POSITION, C.PLAYER_WEAPON + 1), C.PLAYER_DIED)  # fmt: skip
+START_S = 10  # a client that has not joined by then is not judged
+END_S = 3  # a client that has not ended so long after the signal is killed
+
+# What happened: at a time, in a way, a datagram or a text.
+#   ">" the client sent it    "<" the client got it    "stranger" it got it from another address
+#   "to stranger" it answered the other address        "mark" the stage or its caller notes something
+Event = collections.namedtuple("Event", "time way what")
+Scenario = collections.namedtuple("Scenario", "play seconds may_end about")
+
+
+def accepted(slot):
+    return bytes([C.JOIN_ACCEPTED, slot, 0]) + b"Welcome".ljust(64, b"\0")
+
+
+def refused(code):
+    text = b"Maximum allowed players: 4" if code == C.JOIN_REFUSED_FULL else b"You need Version 0.4"
+    return bytes([code]) + text.ljust(64, b"\0")
+
+
+def record(slot, just_entered=0):
+    head = bytes([C.PLAYER_INFO, slot, just_entered]) + b"Peer%d" % slot
+    return head.ljust(68, b"\0") + struct.pack("<3f", slot, 1, 0) + bytes(84)
+
+
+def position(slot, x):
+    return struct.pack("<BBxx3f", C.PLAYER_POSITION, slot, x, 1, 0)
+
+
+class Stage:
+    def __init__(self, scenario, seed, deliver):
+        """`deliver(datagram, from_stranger)` sends a datagram to the client."""
+        self.now, self.log, self.deliver = 0.0, [], deliver
+        self.random = random.Random(seed)
+        self.due, self.numbers = [], itertools.count()  # what is under way: time, number, action
+        self.loss = self.repeats = self.delays = 0.0  # shares of the datagrams
+        self.lost_last = set()
+        self.count = collections.Counter()  # of the client's datagrams, by code
+        self.slot, self.in_game, self.in_car, self.has_died = None, False, False, False
+        self.entry = None  # what the pings belong to
+        self.peers = {0}  # in the game
+        self.unanswered = set()  # codes of the client that the network loses
+        self.lose_next = collections.Counter()  # how many with this code it loses yet
+        self.pings = True
+        self.is_done = False
+        self.script = scenario.play(self)
+        self.wake = 0.0
+        self.step(0.0)
+
+    # For the caller.
+
+    def step(self, now):
+        """Does what is due."""
+        self.now = now
+        while self.due and self.due[0][0] <= now:
+            heapq.heappop(self.due)[2]()
+        while not self.is_done and self.wake <= now:
+            try:
+                self.wake = now + next(self.script)
+            except StopIteration:
+                self.is_done = True
+
+    def next_due(self):
+        return min(self.wake, self.due[0][0]) if self.due else self.wake
+
+    def hear(self, datagram, now):
+        self.now = now
+        self.note(">", datagram)
+        if datagram:
+            self.count[datagram[0]] += 1
+            self.carry("up", datagram, lambda: self.serve(datagram))
+
+    def note(self, way, what):
+        self.log.append(Event(self.now, way, what))
+
+    # The network.
+
+    def later(self, seconds, action):
+        heapq.heappush(self.due, (self.now + seconds, next(self.numbers), action))
+
+    def carry(self, direction, datagram, arrive):
+        """It never loses two in a row with the same code, so that each scenario gets on."""
+        key = (direction, datagram[:1])
+        if self.random.random() < self.loss and key not in self.lost_last:
+            self.lost_last.add(key)
+            return
+        self.lost_last.discard(key)
+        for _ in range(1 + (self.random.random() < self.repeats)):
+            is_late = self.random.random() < self.delays
+            if is_late:
+                self.later(self.random.uniform(0.01, 0.3), arrive)
+            else:
+                arrive()
+
+    def send(self, datagram):
+        def arrive():
+            self.note("<", datagram)
+            self.deliver(datagram, False)
+
+        self.carry("down", datagram, arrive)
+
+    def send_as_stranger(self, datagram):
+        self.note("stranger", datagram)
+        self.deliver(datagram, True)
+
+    # The server.
+
+    def serve(self, datagram):
+        code = datagram[0]
+        if code in self.unanswered:
+            return
+        if self.lose_next[code] > 0:
+            self.lose_next[code] -= 1
+            return
+        if code == C.JOIN:
+            self.serve_join()
+        elif self.slot is not None:
+            self.serve_player(code, datagram.ljust(256, b"\0"))
+
+    def serve_join(self):
+        if self.in_game:
+            self.note("mark", "the server moved the client")
+        # The first free slot that is not the old one.
+        self.put_into(next(slot for slot in (2, 3, 6) if slot not in {self.slot, *self.peers}))
+        self.send(accepted(self.slot))
+
+    def put_into(self, slot):
+        self.slot, self.in_game, self.in_car, self.has_died = slot, False, False, False
+
+    def serve_player(self, code, datagram):
+        if code == C.ENTER_GAME:
+            self.serve_entry(datagram)
+        elif code in (C.GET_PLAYER_INFO, C.GET_PLAYER_STATE) and datagram[1] in self.peers - {self.slot}:
+            state = struct.pack("<BBxx3f", C.PLAYER_STATE, datagram[1], datagram[1], 1, 0) + bytes(64)
+            self.send(record(datagram[1]) if code == C.GET_PLAYER_INFO else state)
+        elif code in (C.CAR_BLOCK_A, C.CAR_BLOCK_B, C.CAR_STATUS) and not self.in_car:
+            self.send(bytes([C.NOT_IN_CAR, self.slot]))
+        elif code == C.PLAYER_LEFT:
+            self.put_into(None)
+        else:
+            self.has_died |= code == C.DIED
+            self.in_car = is_in_car(datagram, self.in_car)
+            if code in (C.CAR_STATE, C.LEAVE_CAR) or code == C.STATE_FLOATS and self.has_died:
+                self.send(bytes([C.GAME_CLOCK, 1, 2]))
+
+    def serve_entry(self, datagram):
+        was_in_game, self.in_game = self.in_game, True
+        self.in_car = is_in_car(datagram, self.in_car)
+        self.send(bytes([C.ENTER_GAME_REPLY, self.slot, 1, 2]))
+        for peer in sorted(self.peers - {self.slot}):
+            self.send(record(peer))
+        if not was_in_game:
+            self.entry = entry = object()
+            self.later(2, lambda: self.ping(entry))
+
+    def ping(self, entry):
+        if entry is self.entry and self.in_game and self.pings:
+            self.send(bytes([C.PING]))
+            self.later(10, lambda: self.ping(entry))
+
+    # For the scenarios.
+
+    def until(self, is_so, limit_s):
+        """Waits for it. False when it was not so in time."""
+        end = self.now + limit_s
+        while not is_so():
+            if self.now >= end:
+                return False
+            yield 0.02
+        return True
+
+    def heard(self, code, count=1):
+        return lambda: self.count[code] >= count
+
+    def until_in_game(self):
+        return (yield from self.until(lambda: self.in_game, START_S))
+
+    def repeat(self, seconds, interval_s, act):
+        """Calls `act` with the number of the time, again and again."""
+        end = self.now + seconds
+        for number in itertools.count():
+            if self.now >= end:
+                return
+            act(number)
+            yield interval_s
+
+
+def is_in_car(datagram, before):
+    """Whether the sender sits in a car after this datagram, by the server's rules."""
+    code = datagram[0]
+    if code in (C.ENTER_GAME, C.VEHICLE):
+        return datagram[32 if code == C.ENTER_GAME else 1] != 0
+    if code == C.CAR_STATE:
+        return True
+    return before and code not in (C.LEAVE_CAR, C.DIED, C.FOOT_UPDATE, C.JOIN, C.PLAYER_LEFT)
+
+
+# The scenarios. Each yields the seconds until it wants to go on.
+
+
+def silent_server(stage):
+    stage.unanswered = set(range(256))
+    yield from stage.until(stage.heard(C.JOIN), START_S)
+    yield 16.5
+
+
+def full_server(stage):
+    """Full for three joins. Refusals of earlier joins come late, after the fourth was accepted."""
+    stage.unanswered = {C.JOIN}
+    for count in (1, 2, 3):
+        if not (yield from stage.until(stage.heard(C.JOIN, count), START_S)):
+            return
+        stage.send(refused(C.JOIN_REFUSED_FULL))
+    stage.unanswered = set()
+    if not (yield from stage.until(lambda: stage.slot is not None, 12)):
+        return
+    stage.note("mark", "refusals come late")
+    stage.send(refused(C.JOIN_REFUSED_FULL))
+    yield from stage.until_in_game()
+    yield 1
+    stage.send(refused(C.JOIN_REFUSED_FULL))
+    stage.send(refused(C.JOIN_REFUSED_VERSION))
+    yield 5
+
+
+def other_version(stage):
+    stage.unanswered = {C.JOIN}
+    yield from stage.until(stage.heard(C.JOIN), START_S)
+    answered = 0
+    end = stage.now + 8
+    while stage.now < end:
+        while answered < stage.count[C.JOIN]:
+            answered += 1
+            stage.send(refused(C.JOIN_REFUSED_VERSION))
+        yield 0.02
+
+
+def lost_entry(stage):
+    """Loses two questions for the own slot and three entries."""
+    stage.lose_next.update({C.CAR_BLOCK_A: 2, C.ENTER_GAME: 3})
+    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+        return
+    yield from stage.until(stage.heard(C.ENTER_GAME), 8)
+    yield from stage.until(lambda: stage.in_game, 9)
+    yield 3
+
+
+def long_game(stage):
+    """Slot 0 is in the game from the beginning. Slot 4 moves from the third second on, and its
+    record is lost twice. Nothing is ever heard of the others."""
+    # The first report of a car is lost, so the server takes the client for one on foot.
+    stage.lose_next.update({C.VEHICLE: 1, C.CAR_STATE: 1})
+    if not (yield from stage.until_in_game()):
+        return
+    yield 3
+    stage.later(4, lambda: stage.peers.add(4))
+
+    def act(number):
+        stage.send(position(4, number / 5))
+        stage.send(position(0, number / 5))
+        if number == 20:
+            for _ in range(3):
+                stage.send(bytes([C.PING]))
+
+    yield from stage.repeat(28.5, 0.2, act)
+
+
+def gone_server(stage):
+    if (yield from stage.until_in_game()):
+        yield 3
+        stage.unanswered, stage.pings = set(range(256)), False
+        stage.note("mark", "the server is gone")
+        yield 33
+
+
+def lost_pings(stage):
+    stage.pings = False
+    if not (yield from stage.until_in_game()):
+        return
+
+    def act(number):
+        stage.send(position(0, number))
+        if number % 5 == 0:
+            stage.send(bytes([C.CHAT_LINE]) + b"Peer0: hello".ljust(64, b"\0"))
+
+    yield from stage.repeat(31, 1, act)
+
+
+def stopped_server(stage):
+    if not (yield from stage.until_in_game()):
+        return
+    yield 2
+    stage.put_into(None)
+    stage.lose_next[C.JOIN] = 3
+    stage.send(bytes([C.SERVER_SHUTDOWN]))
+    joins = stage.count[C.JOIN]
+    yield from stage.until(stage.heard(C.JOIN, joins + 1), 12)
+    if (yield from stage.until(lambda: stage.slot is not None, 12)):
+        yield 3
+
+
+def moved_client(stage):
+    """Both answers to two joins come late and in the wrong order: the client is in slot 3, and
+    another player takes slot 2. Later the server moves it to slot 6."""
+    stage.unanswered = {C.JOIN}
+    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+        return
+    yield from stage.until(stage.heard(C.JOIN, 2), 5)
+    stage.unanswered = set()
+    stage.put_into(3)
+    stage.peers.add(2)
+    stage.send(accepted(3))
+    stage.send(accepted(2))
+    yield from stage.repeat(11, 0.2, lambda number: stage.send(position(2, number)))
+    if stage.in_game:
+        stage.put_into(6)
+        stage.send(accepted(6))
+        yield 6
+
+
+def hostile_datagrams(stage):
+    """Everything that a client must ignore, from the server's address and from another one."""
+    stage.lose_next[C.JOIN] = 1
+    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+        return
+    stage.send_as_stranger(accepted(7))
+    stage.send(accepted(7)[:-1])
+    if not (yield from stage.until_in_game()):
+        return
+    stage.send_as_stranger(accepted(7))
+    stage.send_as_stranger(bytes([C.SERVER_SHUTDOWN]))
+    stage.send_as_stranger(bytes([C.PING]))
+    datagrams = list(hostile(stage.random))
+    stage.random.shuffle(datagrams)
+    for number, datagram in enumerate(datagrams):
+        stage.send(datagram)
+        if number % 100 == 0:
+            stage.send(bytes([C.PING]))
+        yield 0.005
+    yield 1
+    stage.send(bytes([C.PING]))
+    yield 2
+
+
+def hostile(chance):
+    yield from [b""] * 3
+    for code, size in SIZES_DOWN.items():
+        for wrong in (size - 1, size + 1, 256, 257, 1500):
+            if wrong > 0:
+                yield bytes([code]) + chance.randbytes(wrong - 1)
+    for code in set(range(256)) - set(SIZES_DOWN):
+        yield bytes([code]) + chance.randbytes(chance.choice((0, 1, 63, 1400)))
+    for code in WITH_SLOT:
+        for slot in (MAX_PLAYERS, 100, 255):
+            yield bytes([code, slot]) + chance.randbytes(SIZES_DOWN[code] - 2)
+    # Of the right size, with bytes that are no text.
+    yield from (bytes([C.CHAT_LINE]) + chance.randbytes(64) for _ in range(5))
+
+
+def bad_network(stage):
+    stage.loss, stage.repeats, stage.delays = 0.25, 0.15, 0.2
+    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+        return
+    yield from stage.repeat(20, 0.2, lambda number: stage.in_game and stage.send(position(0, number)))
+    stage.loss = stage.repeats = stage.delays = 0.0
+    yield 4
+
+
+SCENARIOS = {
+    "silent-server": Scenario(silent_server, 17, False, "nothing is answered"),
+    "full-server": Scenario(full_server, 20, True, "three joins are refused, the fourth is accepted"),
+    "other-version": Scenario(other_version, 8, True, "joins are refused for their version"),
+    "lost-entry": Scenario(lost_entry, 16, False, "questions and entries are lost"),
+    "long-game": Scenario(long_game, 32, False, "other players move, some of them unknown"),
+    "gone-server": Scenario(gone_server, 37, False, "the server falls silent"),
+    "lost-pings": Scenario(lost_pings, 32, False, "the server's pings are lost, nothing else"),
+    "stopped-server": Scenario(stopped_server, 15, False, "the server stops and starts again"),
+    "moved-client": Scenario(moved_client, 20, False, "the answers to two joins swap places"),
+    "hostile-datagrams": Scenario(hostile_datagrams, 10, False, "wrong and forged datagrams"),
+    "bad-network": Scenario(bad_network, 26, False, "datagrams get lost, repeated and late"),
+}

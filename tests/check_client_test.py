@@ -1,0 +1,260 @@
+"""script/check-client judges a right client and liars. A liar breaks one rule, on a clock that the
+test sets. With --client this program is the right client, on a real socket.
+
+Usage: check_client_test.py [TEST...] | --client HOST PORT"""
+
+import importlib
+import pathlib
+import re
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+SCRIPT = pathlib.Path(__file__).resolve().parent.parent / "script"
+sys.path.insert(0, str(SCRIPT / "lib"))
+rules, stages = importlib.import_module("client_rules"), importlib.import_module("client_stage")
+C, SIZES_DOWN = stages.C, stages.SIZES_DOWN
+TICK_S = 0.05
+JOIN = b"\x0aExample".ljust(66, b"\0") + b"\x28\0"
+PEERS = range(32)
+
+
+class Client:
+    """Keeps all rules. A liar has other values for some of these."""
+
+    growth, silence_s, stop_wait_s, refused_wait_s, version_wait_s = 2, 25, 1, 0, 0
+    known_s, unknown_s, all_s, report_s, replies, chats = 5, 1, 20, 3, 1, 1
+    checks_size = checks_slot = checks_address = asks_slot = believes_slot = True
+    counts_pings_only = believes_late_refusals = dies_of_empty = joins_again = False
+    loses = frozenset()  # codes that it does not send
+    loses_second = frozenset()  # codes that it sends only once
+    join, enter = JOIN, b"\x0f" + bytes(99)
+
+    def __init__(self, **lies):
+        vars(self).update(lies)
+        self.out, self.heard_s, self.has_ended, self.slot, self.in_car = [], 0, False, None, False
+        self.begin("joining", 0)
+
+    def begin(self, state, due_s):
+        self.state, self.due_s, self.wait_s = state, due_s, 1
+
+    def send(self, datagram):
+        if datagram[0] not in self.loses:
+            self.out.append(datagram)
+        if datagram[0] in self.loses_second:
+            self.loses |= {datagram[0]}
+
+    def hear(self, datagram, now, from_stranger=False):
+        if datagram == b"" and self.dies_of_empty:
+            self.has_ended = True
+        if self.checks_address and from_stranger or not datagram:
+            return
+        code, slot = datagram[0], datagram[1] if len(datagram) > 1 else 0
+        if self.checks_size and len(datagram) != SIZES_DOWN.get(code):
+            return
+        if self.checks_slot and code in stages.WITH_SLOT and slot > 31:
+            return
+        if code == C.PING or not self.counts_pings_only:
+            self.heard_s = now
+        self.hear_right(code, slot, now)
+
+    def hear_right(self, code, slot, now):
+        if code == C.PING:
+            for _ in range(self.replies):
+                self.send(bytes([C.PING_REPLY]))
+        elif code == C.JOIN_ACCEPTED and (self.state != "playing" or slot != self.slot):
+            self.slot, self.heard_s = slot, now
+            self.begin("asking" if self.asks_slot else "entering", now)
+        elif code == C.NOT_IN_CAR:
+            if self.believes_slot:
+                self.slot = slot
+            if self.state == "asking":
+                self.begin("entering", now)
+            elif self.in_car:
+                self.send(bytes([C.CAR_STATE]) + bytes(79))
+        elif code == C.ENTER_GAME_REPLY and self.state == "entering":
+            self.begin("playing", now)
+            self.start_s, self.report_due_s = now, now + 1
+            self.asked, self.known, self.named = dict.fromkeys(PEERS, now - 15), set(), set()
+        elif code in (C.JOIN_REFUSED_FULL, C.JOIN_REFUSED_VERSION):
+            self.hear_refusal(code, now)
+        elif code == C.SERVER_SHUTDOWN:
+            self.begin("joining", now + self.stop_wait_s)
+        elif self.state == "playing" and code == C.PLAYER_INFO:
+            self.known.add(slot)
+        elif self.state == "playing" and code == C.PLAYER_POSITION:
+            self.named.add(slot)
+
+    def hear_refusal(self, code, now):
+        if self.state == "joining" or self.believes_late_refusals:
+            if code == C.JOIN_REFUSED_FULL:
+                self.send(bytes([C.PLAYER_LEFT]))
+            sooner = self.refused_wait_s if code == C.JOIN_REFUSED_FULL else self.version_wait_s
+            self.due_s = now + sooner if sooner else self.due_s
+
+    def step(self, now):
+        if self.state != "joining" and now - self.heard_s > self.silence_s:
+            self.begin("joining", now)
+        if self.state == "playing":
+            self.play(now)
+        elif now >= self.due_s:
+            self.send({"joining": self.join, "asking": bytes([C.CAR_BLOCK_A]) + bytes(31),
+                       "entering": self.enter}[self.state])  # fmt: skip
+            self.due_s, self.wait_s = now + self.wait_s, min(self.growth * self.wait_s, 30)
+
+    def play(self, now):
+        for slot in PEERS:
+            interval_s = (self.known_s if slot in self.known else
+                          self.unknown_s if slot in self.named else self.all_s)
+            if slot != self.slot and now >= self.asked[slot] + interval_s:
+                self.asked[slot] = now
+                self.send(bytes([C.GET_PLAYER_INFO, slot]))
+        if now >= self.report_due_s:
+            self.report_due_s += self.report_s
+            self.report(now - self.start_s)
+
+    def report(self, age_s):
+        """On foot, in a car from 9 to 18 seconds, then dead."""
+        if not self.in_car and 9 < age_s < 18:
+            self.send(bytes([C.VEHICLE, 1]) + bytes(78))
+        self.in_car = 9 < age_s < 18
+        self.send(struct.pack("<Bxxx3f", C.POSITION_UPDATE, age_s, 0, 0))
+        if self.in_car:
+            self.send(bytes([C.CAR_BLOCK_A]) + bytes(31))
+        else:
+            self.send(bytes([C.FOOT_UPDATE]) + bytes(7))
+            self.send(bytes([C.STATE_FLOATS]) + bytes(11))
+        if age_s > 18:
+            self.send(bytes([C.DIED, 1]))
+        for _ in range(self.chats):
+            self.send(bytes([C.CHAT]) + b"hello\0")
+        if self.joins_again and age_s > 5:
+            self.send(JOIN)
+
+
+# What a liar does, which rules it breaks, and what the kit says of one of them.
+LIARS = (
+    ({"enter": b"\x0f\1" + bytes(98)}, {"bytes"}, "CMD_ENTER_GAME with the unused byte 1 not zero"),
+    ({"join": JOIN[:66] + b"\x27\0"}, {"bytes"}, "CMD_JOIN with the version 39"),
+    ({"growth": 1}, {"joins", "refusals", "version", "stop", "rates"}, "CMD_JOIN after a wait of 1.0 s"),
+    ({"loses_second": {C.JOIN}}, None, "only 1 CMD_JOIN in 17 s"),
+    ({"loses": {C.PLAYER_LEFT}}, {"refusals", "leaving"}, "no CMD_PLAYER_LEFT after CMD_JOIN_REF"),
+    ({"loses": {C.PLAYER_LEFT}}, {"refusals", "leaving"}, "no CMD_PLAYER_LEFT after the signal"),
+    ({"refused_wait_s": 0.3}, {"refusals"}, "CMD_JOIN 0.4 s after CMD_JOIN_REFUSED_FULL"),
+    ({"believes_late_refusals": True}, {"refusals"}, "for a refusal that came after"),
+    ({"version_wait_s": 0.3}, {"version", "rates"}, "CMD_JOIN after a wait of 0.4 s"),
+    ({"loses_second": {C.ENTER_GAME}}, None, "1 CMD_ENTER_GAME in 8.5 s without an answer"),
+    ({"loses_second": {C.CAR_BLOCK_A}}, None, "an unanswered CMD_CAR_BLOCK_A is not repeated"),
+    ({"asks_slot": False}, {"own-slot"}, "it did not ask with CMD_CAR_BLOCK_A"),
+    ({"believes_slot": False}, {"own-slot"}, "it asks for slot 3, its own by CMD_NOT_IN_CAR"),
+    ({"loses": {C.PING_REPLY}}, {"pings"}, "0 CMD_PING_REPLY in 0.5 s to 1 CMD_PING"),
+    ({"replies": 2}, {"pings"}, "2 CMD_PING_REPLY in 0.5 s to 1 CMD_PING"),
+    ({"known_s": 9}, {"questions"}, "for slot 0, a known player, for 7.5 s"),
+    ({"unknown_s": 60}, {"questions"}, "for slot 4, which a relay named"),
+    ({"unknown_s": 0.3}, {"questions"}, "it asks for slot 4 again after 0.3 s"),
+    ({"all_s": 60}, {"questions"}, "for slot 1, 3, 5 and more in 30 s"),
+    ({"silence_s": 40}, {"silence"}, "no CMD_JOIN in 34 s of silence"),
+    ({"silence_s": 15}, {"silence"}, "CMD_JOIN after 15.0 s of silence"),
+    ({"counts_pings_only": True}, {"silence"}, "s after entering, though relays came"),
+    ({"stop_wait_s": 0}, {"stop"}, "CMD_JOIN 0.0 s after CMD_SERVER_SHUTDOWN"),
+    ({"stop_wait_s": 60}, {"stop"}, "no CMD_JOIN after CMD_SERVER_SHUTDOWN"),
+    ({"checks_size": False}, {"hostile"}, "it believes a CMD_JOIN_ACCEPTED that is too short"),
+    ({"checks_slot": False}, {"hostile"}, "because of a wrong datagram"),
+    ({"checks_address": False}, {"hostile"}, "it believes a CMD_JOIN_ACCEPTED that"),
+    ({"dies_of_empty": True}, {"hostile", "running"}, "it died with status 1"),
+    ({"joins_again": True}, None, "CMD_JOIN in the game"),
+    ({"report_s": 6}, {"reports"}, "no CMD_FOOT_UPDATE for 4.5 s"),
+    ({"loses": {C.STATE_FLOATS}}, {"reports"}, "no CMD_STATE_FLOATS for 4.5 s"),
+    ({"loses": {C.CAR_STATE}}, {"car"}, "no CMD_CAR_STATE in 2 s after CMD_NOT_IN_CAR"),
+    ({"loses_second": {C.DIED}}, {"deaths"}, "CMD_DIED 01 is not repeated"),
+    ({"chats": 12}, {"rates"}, "more CMD_CHAT than 10 at once"),
+)  # fmt: skip
+
+
+def play(scenario, client):
+    """What happens in a scenario, on a clock that goes on by ticks."""
+    arrived, now = [], 0
+    stage = stages.Stage(stages.SCENARIOS[scenario], 1, lambda *datagram: arrived.append(datagram))
+    while not (stage.is_done or client.has_ended):
+        now += TICK_S
+        stage.step(now)
+        heard, arrived[:] = arrived[:], []
+        for datagram, from_stranger in heard:
+            client.hear(datagram, now, from_stranger)
+            if from_stranger:
+                for answer in client.out:
+                    stage.note("to stranger", answer)
+                client.out.clear()
+        client.step(now)
+        for datagram in client.out:
+            stage.hear(datagram, now + 0.001)
+        client.out.clear()
+    if client.has_ended:
+        stage.note("mark", "died with status 1")
+        return stage.log
+    stage.note("mark", "stop in the game" if stage.in_game else "stop")
+    client.send(bytes([C.PLAYER_LEFT]))
+    for datagram in client.out:
+        stage.hear(datagram, now + 0.01)
+    stage.note("mark", "ended with status 0")
+    return stage.log
+
+
+def verdicts_on(**lies):
+    logs = {scenario: play(scenario, Client(**lies)) for scenario in stages.SCENARIOS}
+    return {name: rules.judge(rule, logs) for name, rule in rules.RULES.items()}
+
+
+class CheckClientTest(unittest.TestCase):
+    maxDiff = None
+
+    def test_right_client_keeps_all_rules(self):
+        self.assertEqual(verdicts_on(), dict.fromkeys(rules.RULES, ("kept", "")))
+
+    def test_names_what_is_wrong_with_a_datagram(self):
+        for datagram, wrong in (
+            (b"", "an empty datagram"), (b"\3", "the unknown code 3"), (b"\x0f", "CMD_ENTER_GAME of 1 bytes"),
+            (b"\x1f" + bytes(256), "CMD_CHAT of 257 bytes"), (b"\x1f", None), (b"\x1fhello", None),
+            (b"\x0f" + bytes(92) + b"\1" + bytes(6), "CMD_ENTER_GAME with the unused byte 93"),
+            (b"\x0a" + b"n" * 64 + b"\0\x28\0", "a name without a NUL"), (JOIN, None),
+        ):  # fmt: skip
+            self.assertIn(wrong or "None", str(rules.wrong_bytes(datagram)))
+
+    def test_each_lie_is_seen(self):
+        unseen = set(rules.RULES)
+        for lies, broken, text in LIARS:
+            with self.subTest(text):
+                verdicts = verdicts_on(**lies)
+                seen = {name for name, (verdict, _) in verdicts.items() if verdict == "broken"}
+                if broken:
+                    self.assertEqual(seen, broken)
+                self.assertIn(text, str(verdicts.values()))
+                unseen -= seen
+        self.assertEqual(unseen, set())
+
+
+def main():
+    client, start = Client(), time.monotonic()
+    signal.signal(signal.SIGTERM, lambda *_: vars(client).update(has_ended=True))
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as link:
+        link.connect((sys.argv[2], int(sys.argv[3])))
+        link.settimeout(TICK_S)
+        while not client.has_ended:
+            try:
+                client.hear(link.recv(2000), time.monotonic() - start)
+            except OSError:
+                pass
+            client.step(time.monotonic() - start)
+            for datagram in client.out:
+                link.send(datagram)
+            client.out.clear()
+        link.send(bytes([C.PLAYER_LEFT]))
+
+
+if __name__ == "__main__":
+    main() if sys.argv[1:2] == ["--client"] else unittest.main()
