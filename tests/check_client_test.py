@@ -5,7 +5,6 @@ Usage: check_client_test.py [TEST...] | --client HOST PORT"""
 
 import importlib
 import pathlib
-import re
 import signal
 import socket
 import struct
@@ -141,7 +140,7 @@ class Client:
 LIARS = (
     ({"enter": b"\x0f\1" + bytes(98)}, {"bytes"}, "CMD_ENTER_GAME with the unused byte 1 not zero"),
     ({"join": JOIN[:66] + b"\x27\0"}, {"bytes"}, "CMD_JOIN with the version 39"),
-    ({"growth": 1}, {"joins", "refusals", "version", "stop", "rates"}, "CMD_JOIN after a wait of 1.0 s"),
+    ({"growth": 1}, {"joins", "refusals", "version", "stop", "rates"}, "after a wait of 1.0 s"),
     ({"loses_second": {C.JOIN}}, None, "only 1 CMD_JOIN in 17 s"),
     ({"loses": {C.PLAYER_LEFT}}, {"refusals", "leaving"}, "no CMD_PLAYER_LEFT after CMD_JOIN_REF"),
     ({"loses": {C.PLAYER_LEFT}}, {"refusals", "leaving"}, "no CMD_PLAYER_LEFT after the signal"),
@@ -150,7 +149,7 @@ LIARS = (
     ({"version_wait_s": 0.3}, {"version", "rates"}, "CMD_JOIN after a wait of 0.4 s"),
     ({"loses_second": {C.ENTER_GAME}}, None, "1 CMD_ENTER_GAME in 8.5 s without an answer"),
     ({"loses_second": {C.CAR_BLOCK_A}}, None, "an unanswered CMD_CAR_BLOCK_A is not repeated"),
-    ({"asks_slot": False}, {"own-slot"}, "it did not ask with CMD_CAR_BLOCK_A"),
+    ({"asks_slot": False}, {"own-slot"}, "no CMD_CAR_BLOCK_A after two CMD_JOIN_ACCEPTED"),
     ({"believes_slot": False}, {"own-slot"}, "it asks for slot 3, its own by CMD_NOT_IN_CAR"),
     ({"loses": {C.PING_REPLY}}, {"pings"}, "0 CMD_PING_REPLY in 0.5 s to 1 CMD_PING"),
     ({"replies": 2}, {"pings"}, "2 CMD_PING_REPLY in 0.5 s to 1 CMD_PING"),
@@ -162,7 +161,7 @@ LIARS = (
     ({"silence_s": 15}, {"silence"}, "CMD_JOIN after 15.0 s of silence"),
     ({"counts_pings_only": True}, {"silence"}, "s after entering, though relays came"),
     ({"stop_wait_s": 0}, {"stop"}, "CMD_JOIN 0.0 s after CMD_SERVER_SHUTDOWN"),
-    ({"stop_wait_s": 60}, {"stop"}, "no CMD_JOIN after CMD_SERVER_SHUTDOWN"),
+    ({"stop_wait_s": 60}, {"stop"}, "no CMD_JOIN in 10 s after CMD_SERVER_SHUTDOWN"),
     ({"checks_size": False}, {"hostile"}, "it believes a CMD_JOIN_ACCEPTED that is too short"),
     ({"checks_slot": False}, {"hostile"}, "because of a wrong datagram"),
     ({"checks_address": False}, {"hostile"}, "it believes a CMD_JOIN_ACCEPTED that"),
@@ -210,15 +209,25 @@ def verdicts_on(**lies):
     return {name: rules.judge(rule, logs) for name, rule in rules.RULES.items()}
 
 
+def kit(*arguments):
+    command = [sys.executable, "-B", SCRIPT / "lib/check-client.py", *arguments]
+    return subprocess.Popen(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
 class CheckClientTest(unittest.TestCase):
-    maxDiff = None
+    @classmethod
+    def setUpClass(cls):
+        """It takes seconds, so the other tests run meanwhile."""
+        cls.right = kit("--only", "other-version", sys.executable, "-B", __file__, "--client",
+                        "HOST", "PORT")  # fmt: skip
+        cls.addClassCleanup(cls.right.wait)
 
     def test_right_client_keeps_all_rules(self):
         self.assertEqual(verdicts_on(), dict.fromkeys(rules.RULES, ("kept", "")))
 
     def test_names_what_is_wrong_with_a_datagram(self):
         for datagram, wrong in (
-            (b"", "an empty datagram"), (b"\3", "the unknown code 3"), (b"\x0f", "CMD_ENTER_GAME of 1 bytes"),
+            (b"", "an empty datagram"), (b"\3", "the unknown code 3"), (b"\x0f", "GAME of 1 byte"),
             (b"\x1f" + bytes(256), "CMD_CHAT of 257 bytes"), (b"\x1f", None), (b"\x1fhello", None),
             (b"\x0f" + bytes(92) + b"\1" + bytes(6), "CMD_ENTER_GAME with the unused byte 93"),
             (b"\x0a" + b"n" * 64 + b"\0\x28\0", "a name without a NUL"), (JOIN, None),
@@ -236,6 +245,40 @@ class CheckClientTest(unittest.TestCase):
                 self.assertIn(text, str(verdicts.values()))
                 unseen -= seen
         self.assertEqual(unseen, set())
+
+    def test_plays_to_real_programs(self):
+        dying = kit("--only", "hostile-datagrams", "sh", "-c",
+                    "echo 'PORT is\033[1m no good'; exit 3")  # fmt: skip
+        said, errors = dying.communicate()
+        self.assertEqual((dying.returncode, errors), (1, ""))
+        self.assertIn("\nrunning: broken: it died with status 3 (hostile-datagrams, 0.", said)
+        self.assertRegex(said, r"its last lines:\n  \d+ is no good\n")
+        for arguments, complaint in (
+            ((), "COMMAND must have the word PORT"), (("true", "PORTS"), "the word PORT"),
+            (("/nothing", "PORT"), "cannot start /nothing: No such file or directory"),
+            (("--record", "/nothing", "true", "PORT"), "/nothing is no directory"),
+            (("--only", "PORT", "true"), "invalid choice: 'PORT'"),
+        ):  # fmt: skip
+            wrong = kit(*arguments)
+            said, errors = wrong.communicate()
+            self.assertEqual((wrong.returncode, said), (2, ""))
+            self.assertIn(complaint, errors)
+        said, errors = self.right.communicate()
+        self.assertEqual((self.right.returncode, errors), (0, ""))
+        self.assertIn("\nversion: kept\n", said)
+        self.assertIn("\nstop: not tested: no scenario for it was played\n", said)
+
+    def test_ends_the_client_when_it_is_ended(self):
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        ended = kit("--only", "silent-server", "sh", "-c", f"trap '' TERM; echo $$ >{folder}/new; "
+                    f"mv {folder}/new {folder}/id; sleep 60; : PORT")  # fmt: skip
+        while not (folder / "id").exists():
+            self.assertIsNone(ended.poll())
+            time.sleep(0.02)
+        ended.terminate()
+        ended.communicate()
+        self.assertEqual(ended.returncode, 1)
+        self.assertFalse(pathlib.Path("/proc", (folder / "id").read_text().strip()).exists())
 
 
 def main():

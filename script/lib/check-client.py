@@ -1,4 +1,5 @@
-"""Plays a server and a bad network to a client, and says which rules of docs/protocol.md it keeps."""
+"""Plays a server and a bad network to a client, and says which rules of docs/protocol.md the client
+keeps."""
 
 import argparse
 import contextlib
@@ -27,8 +28,11 @@ scenario, all at the same time. Exit status: 0 when no rule is broken, 1 when on
 client cannot be started. Example: script/check-client python3 client.py HOST PORT"""
 SIGNALS = {"TERM": signal.SIGTERM, "INT": signal.SIGINT}
 PR_SET_PDEATHSIG = 1
-LAST_LINES = 5  # of what a client printed that died
+LAST_LINES, LINE_WIDTH = 5, 200  # of what a client printed that died
 POLL_S = 0.02
+MOST_AT_ONCE = 1000  # datagrams that are read before anything else is done
+MOST_EVENTS = 200_000  # of a client that floods
+STALL_S = 0.25  # a pause of the kit itself that is told
 LIBC = ctypes.CDLL(None)
 
 
@@ -40,14 +44,10 @@ def bound_socket():
 
 
 def receive(link):
-    """A datagram and its sender, or None."""
-    while True:
-        try:
-            return link.recvfrom(65536)
-        except BlockingIOError:
-            return None
-        except OSError:
-            continue  # nobody listened to an earlier datagram
+    """The datagrams that have come, with their senders."""
+    with contextlib.suppress(BlockingIOError):
+        for _ in range(MOST_AT_ONCE):
+            yield link.recvfrom(65536)
 
 
 def prepare_client():
@@ -64,7 +64,8 @@ class Run:
         self.client, self.output, self.stopped_s, self.is_over = None, b"", None, False
         self.stage = Stage(SCENARIOS[name], seed, self.deliver)
         host, port = self.server.getsockname()
-        words = [word.replace("HOST", host).replace("PORT", str(port)) for word in command]
+        words = [re.sub(r"\bHOST\b", host, word) for word in command]
+        words = [re.sub(r"\bPORT\b", str(port), word) for word in words]
         self.terminal, slave = pty.openpty()
         os.set_blocking(self.terminal, False)
         fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
@@ -78,9 +79,6 @@ class Run:
     def now(self):
         return time.monotonic() - self.start
 
-    def handles(self):
-        return [self.server, self.stranger, self.terminal]
-
     def deliver(self, datagram, from_stranger):
         if self.client:
             with contextlib.suppress(OSError):  # the client may have closed its socket
@@ -88,17 +86,16 @@ class Run:
 
     def hear(self):
         """Reads what has come."""
-        while (came := receive(self.server)) is not None:
-            datagram, sender = came
+        for datagram, sender in receive(self.server):
             if self.client not in (None, sender):
                 self.stage.note("mark", "another port")
             self.client = sender
             self.stage.hear(datagram, self.now())
-        while (came := receive(self.stranger)) is not None:
-            self.stage.note("to stranger", came[0])
+        for datagram, _ in receive(self.stranger):
+            self.stage.note("to stranger", datagram)
         with contextlib.suppress(OSError):  # the client may have closed its terminal
-            while text := os.read(self.terminal, 65536):
-                self.output = (self.output + text)[-65536:]
+            for _ in range(MOST_AT_ONCE):
+                self.output = (self.output + os.read(self.terminal, 65536))[-65536:]
 
     def step(self):
         """Goes on. Ends the client when its scenario is over."""
@@ -106,14 +103,15 @@ class Run:
         now = self.now()
         if end := os.waitid(os.P_PID, self.process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):
             self.hear()
+            what = "died" if self.stopped_s is None else "ended"
             how = "with status" if end.si_code == os.CLD_EXITED else "by signal"
-            self.stage.note("mark", f"{'died' if self.stopped_s is None else 'ended'} {how} {end.si_status}")
+            self.stage.note("mark", f"{what} {how} {end.si_status}")
             self.is_over = True
             return
         self.stage.step(now)
         if self.stopped_s is not None:
             self.is_over = now > self.stopped_s + END_S
-        elif self.stage.is_done:
+        elif self.stage.is_done or len(self.stage.log) > MOST_EVENTS:
             self.stage.note("mark", "stop in the game" if self.stage.in_game else "stop")
             self.stopped_s = now
             os.killpg(self.process.pid, self.stop_signal)
@@ -128,8 +126,8 @@ class Run:
 
 
 def play(names, command, options):
-    """Returns the runs of the scenarios after their end."""
-    runs = []
+    """Returns the runs of the scenarios after their end, and the kit's own longest pause."""
+    runs, longest_s = [], 0.0
     with contextlib.ExitStack() as stack:
         for name in names:
             try:
@@ -138,10 +136,12 @@ def play(names, command, options):
                 sys.exit(misuse(f"cannot start {command[0]}: {error.strerror}"))
             stack.callback(runs[-1].close)
         while active := [run for run in runs if not run.is_over]:
+            begin = time.monotonic()
             select.select([run.server for run in active], [], [], POLL_S)
             for run in active:
                 run.step()
-    return runs
+            longest_s = max(longest_s, time.monotonic() - begin)
+    return runs, longest_s
 
 
 def misuse(message):
@@ -151,26 +151,29 @@ def misuse(message):
 
 def last_lines(output):
     """The last lines of what a program printed on a terminal, without control sequences."""
-    text = re.sub(r"\x1b(\[[0-?]*[ -/]*[@-~]|\][^\x07]*\x07|.)", "", output.decode(errors="replace"))
-    lines = [re.sub(r"[\x00-\x08\x0b-\x1f\x7f-\x9f]", "", line).strip() for line in text.splitlines()]
-    return [line for line in lines if line][-LAST_LINES:]
+    sequences = r"\x1b(?:\[[0-?]*[ -/]*[@-~]|\][^\x07]*\x07|.)"
+    text = re.sub(sequences, "", output.decode(errors="replace"))
+    lines = [re.sub(r"[\x00-\x1f\x7f-\x9f]", "", line).strip() for line in text.splitlines()]
+    return [line[:LINE_WIDTH] for line in lines if line][-LAST_LINES:]
 
 
 def show_deaths(runs):
-    """Once for clients that printed the same."""
+    """Of clients that nobody refused; once for those that printed the same."""
     said = {}
     for run in runs:
         for event in run.stage.log:
-            if event.way == "mark" and event.what.startswith("died"):
+            is_refused = SCENARIOS[run.name].may_end and not run.stage.in_game
+            if event.way == "mark" and event.what.startswith("died") and not is_refused:
                 said.setdefault((event.what, *last_lines(run.output)), []).append(run.name)
     for (what, *lines), names in said.items():
         print(f"the client {what} in {', '.join(names)}; its last lines:", *lines, sep="\n  ")
 
 
 def write_record(directory, run):
-    lines = [f"{event.time:9.3f} {event.way:11} "
-             f"{event.what if event.way == 'mark' else event.what.hex(' ')}\n" for event in run.stage.log]
-    (directory / f"{run.name}.txt").write_text("".join(lines))
+    with open(directory / f"{run.name}.txt", "w") as file:
+        for event in run.stage.log:
+            what = event.what if event.way == "mark" else event.what.hex(" ")
+            file.write(f"{event.time:9.3f} {event.way:11} {what}\n")
     (directory / f"{run.name}.output").write_bytes(run.output)
 
 
@@ -180,21 +183,25 @@ def read_options():
     parser.add_argument("--rules", action="store_true", help="list the rules and the scenarios")
     parser.add_argument("--only", metavar="SCENARIO", action="append", choices=SCENARIOS,
                         help="play only this scenario; may be repeated")  # fmt: skip
+    parser.add_argument("--skip", metavar="RULE", action="append", choices=RULES, default=[],
+                        help="do not judge this rule; may be repeated")  # fmt: skip
     parser.add_argument("--stop-signal", choices=SIGNALS, default="TERM",
                         help="the signal that ends the client (default: TERM)")  # fmt: skip
-    parser.add_argument("--seed", type=int, default=1, help="of the bad network's choices (default: 1)")
+    parser.add_argument("--seed", type=int, default=1,
+                        help="of the bad network's choices (default: 1)")  # fmt: skip
     parser.add_argument("--record", metavar="DIRECTORY", type=pathlib.Path,
-                        help="write each scenario's datagrams and the client's output to it")  # fmt: skip
-    parser.add_argument("command", metavar="COMMAND", nargs=argparse.REMAINDER)
+                        help="write each scenario's datagrams and output there")  # fmt: skip
+    parser.add_argument("command", metavar="COMMAND", nargs=argparse.REMAINDER,
+                        help="the client, with the words HOST and PORT")  # fmt: skip
     return parser.parse_args()
 
 
 def show_rules():
     for name, rule in RULES.items():
         print(f"{name:14} {rule.about}")
-    print("\nScenarios:")
+    print("\nscenarios:")
     for name, scenario in SCENARIOS.items():
-        print(f"{name:18} {scenario.about}, about {scenario.seconds} s")
+        print(f"{name:18} {scenario.about}, {scenario.seconds} s")
 
 
 def main():
@@ -202,20 +209,22 @@ def main():
     if options.rules:
         show_rules()
         return 0
-    if not any("PORT" in word for word in options.command):
+    if not re.search(r"\bPORT\b", " ".join(options.command)):
         return misuse("COMMAND must have the word PORT, for the port of the server; see --help")
     if options.record and not options.record.is_dir():
         return misuse(f"{options.record} is no directory")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the clients are ended then, too
-    runs = play(options.only or list(SCENARIOS), options.command, options)
+    runs, longest_s = play(options.only or list(SCENARIOS), options.command, options)
     if options.record:
         for run in runs:
             write_record(options.record, run)
     logs = {run.name: run.stage.log for run in runs}
-    verdicts = {name: judge(rule, logs) for name, rule in RULES.items()}
+    verdicts = {name: judge(rule, logs) for name, rule in RULES.items() if name not in options.skip}
     for name, (verdict, seen) in verdicts.items():
         print(f"{name}: {verdict}{': ' if seen else ''}{seen}")
     show_deaths(runs)
+    if longest_s > STALL_S:
+        print(f"this machine is busy: the kit paused for {longest_s:.1f} s, so times may be wrong")
     return 1 if any(verdict == "broken" for verdict, _ in verdicts.values()) else 0
 
 

@@ -23,7 +23,7 @@ class NotTested(Exception):
     """The client gave no occasion."""
 
 
-def name(code):
+def name_of(code):
     return f"CMD_{NAMES_UP[code]}" if code in NAMES_UP else f"code {code}"
 
 
@@ -39,21 +39,30 @@ class Log:
 
     def __init__(self, events):
         self.events = events
-        self.end = next((event.time for event in self.marks("stop")), events[-1].time if events else 0)
+        stops = [event.time for event in self.marks("stop")]
+        self.end = (stops or [event.time for event in events[-1:]] or [0.0])[0]
         self.sent = [(event.time, event.what[0] if event.what else -1, event.what)
                      for event in events if event.way == ">"]
         self.got = [(event.time, event.what[0], event.what)
                     for event in events if event.way == "<" and is_right(event.what)]
 
     def marks(self, start):
-        return [event for event in self.events if event.way == "mark" and event.what.startswith(start)]
+        marks = [event for event in self.events if event.way == "mark"]
+        return [mark for mark in marks if mark.what.startswith(start)]
 
     def times(self, *codes, after=-1.0, until=float("inf")):
         """When the client sent these codes."""
         return [time for time, code, _ in self.sent if code in codes and after < time <= until]
 
-    def got_times(self, *codes):
-        return [time for time, code, _ in self.got if code in codes]
+    def times_about(self, slot, after=-1.0, until=float("inf")):
+        """When the client asked for this slot."""
+        return [time for time, code, datagram in self.sent if code == C.GET_PLAYER_INFO
+                and datagram[1:2] == bytes([slot]) and after < time <= until]  # fmt: skip
+
+    def got_times(self, *codes, slot=None):
+        """When the client got these codes, for this slot if one is given."""
+        return [time for time, code, datagram in self.got
+                if code in codes and (slot is None or datagram[1] == slot)]  # fmt: skip
 
     def first(self, code, why):
         """When the client first got this code."""
@@ -77,33 +86,30 @@ def waits(times):
 def too_fast(times, what):
     """Waits shorter than those of 1, 2, 4 and so on up to 30 seconds."""
     for number, (time, wait) in enumerate(zip(times[1:], waits(times))):
-        if wait < 0.7 * min(2**number, 30):
-            yield time, f"{what} after a wait of {wait:.1f} s, at least {min(2**number, 30)} s expected"
+        expected = min(2**number, 30)
+        if wait < 0.7 * expected:
+            yield time, f"{what} after a wait of {wait:.1f} s, {expected} s expected"
 
 
 # The bytes.
 
 
 def unused_bytes():
-    """The offsets of each datagram of the client that must be zero, by the document's tables."""
-    text = (ROOT / "docs/protocol.md").read_text()
-    sections = re.split(r"^###? ", text, flags=re.M)
-    rows = {}
-    for section in sections:
-        title = re.match(r"`(\w+)`(?: \((\d+)\))?,? ", section)
-        if title and (title[1] not in rows):
-            rows[title[1]] = re.findall(r"^\| (\d+) \| (\d+) \| `?(\w+)`? \| (\S+) \|", section + "\n", re.M)
-            rows[title[1]] += [(*pair, "unused", "") for pair in
-                               re.findall(r"^\| (\d+) \| (\d+) \| unused \|", section, re.M)]
+    """For each code of the client the offsets that must be zero, by the document's tables."""
+    rows, text = {}, (ROOT / "docs/protocol.md").read_text()
+    for title, table in re.findall(r"^### `(\w+)`.*\n((?:(?!#).*\n)*)", text, re.M):
+        # A name of both directions is the client's first.
+        rows.setdefault(title, re.findall(r"^\| (\d+) \| (\d+) \| (\S+) \| `?(\w*)", table, re.M))
 
-    def offsets(title, start=0):
+    def offsets(title, start):
         for offset, width, field, kind in rows[title]:
+            first = start + int(offset)
             if field == "unused":
-                yield from range(start + int(offset), start + int(offset) + int(width))
-            elif kind.strip("`") in rows:
-                yield from offsets(kind.strip("`"), start + int(offset))
+                yield from range(first, first + int(width))
+            elif kind in rows:
+                yield from offsets(kind, first)
 
-    return {code: sorted(set(offsets(f"CMD_{NAMES_UP[code]}"))) for code in SIZES_UP}
+    return {code: list(offsets(name_of(code), 0)) for code in SIZES_UP}
 
 
 UNUSED = unused_bytes()
@@ -117,9 +123,9 @@ def wrong_bytes(datagram):
     if code not in SIZES_UP:
         return f"the unknown code {code}"
     if size != SIZES_UP[code] and not (code == C.CHAT and size <= SIZES_UP[code]):
-        return f"{name(code)} of {size} bytes instead of {SIZES_UP[code]}"
+        return f"{name_of(code)} of {size} bytes instead of {SIZES_UP[code]}"
     if dirty := [offset for offset in UNUSED[code] if datagram[offset]]:
-        return f"{name(code)} with the unused byte {dirty[0]} not zero"
+        return f"{name_of(code)} with the unused byte {dirty[0]} not zero"
     if code == C.JOIN and 0 not in datagram[1:65]:
         return "CMD_JOIN with a name without a NUL"
     if code == C.JOIN and datagram[66:] != b"\x28\0":
@@ -180,56 +186,56 @@ def judge_entering(log):
     accepted = log.first(C.JOIN_ACCEPTED, "it was never accepted")
     enters = log.times(C.ENTER_GAME)
     asked = log.times(C.CAR_BLOCK_A, after=accepted, until=min(enters, default=log.end))
-    told = [time for time in log.got_times(C.NOT_IN_CAR) if not enters or time < enters[0]]
-    start = told[0] if told else accepted if not asked else enters[0] if enters else asked[-1]
-    if not enters and len(asked) == 1 and not told:
+    told = [time for time in log.got_times(C.NOT_IN_CAR) if time <= min(enters, default=log.end)]
+    if enters:
+        yield from judge_enters(enters, told[0] if told else enters[0] if asked else accepted)
+    elif len(asked) == 1 and not told:
         yield log.end, "an unanswered CMD_CAR_BLOCK_A is not repeated"
-    elif not enters:
-        yield log.end, "no CMD_ENTER_GAME after " + ("CMD_NOT_IN_CAR" if told else "CMD_JOIN_ACCEPTED")
-    elif enters[0] > start + 2:
-        yield enters[0], f"CMD_ENTER_GAME only {enters[0] - start:.1f} s after the answer"
+    else:
+        yield log.end, f"no CMD_ENTER_GAME after CMD_{'NOT_IN_CAR' if told else 'JOIN_ACCEPTED'}"
     if asked and asked[0] > accepted + 2:
-        yield asked[0], f"the first CMD_CAR_BLOCK_A {asked[0] - accepted:.1f} s after CMD_JOIN_ACCEPTED"
-    for what, times in (("CMD_CAR_BLOCK_A", asked), ("CMD_ENTER_GAME", enters)):
-        yield from ((time, f"{what} again after {wait:.1f} s")
+        yield asked[0], f"CMD_CAR_BLOCK_A {asked[0] - accepted:.1f} s after CMD_JOIN_ACCEPTED"
+    for times in (asked, enters):
+        yield from ((time, f"an unanswered datagram is repeated after {wait:.1f} s")
                     for time, wait in zip(times[1:], waits(times)) if wait < 0.7)  # fmt: skip
-    if enters and len(log.times(C.ENTER_GAME, until=enters[0] + 8.5)) < 3:
-        yield enters[0] + 8.5, f"{len(enters)} CMD_ENTER_GAME in 8.5 s without an answer, 3 expected"
-    yield from ((time, "CMD_JOIN while it waits to enter") for time in log.times(C.JOIN, after=accepted))
+    for time in log.times(C.JOIN, after=accepted):
+        yield time, "CMD_JOIN while it waits to enter"
 
 
-def is_about(log, code, slot, after, until):
-    return [time for time, sent, datagram in log.sent
-            if sent == code and datagram[1:2] == bytes([slot]) and after <= time <= until]
+def judge_enters(enters, start):
+    """The first three are lost. `start` is when the client could have sent the first."""
+    if enters[0] > start + 2:
+        yield enters[0], f"CMD_ENTER_GAME {enters[0] - start:.1f} s after the answer before it"
+    sent = [time for time in enters if time < enters[0] + 8.5]
+    if len(sent) < 3:
+        yield enters[0] + 8.5, f"{len(sent)} CMD_ENTER_GAME in 8.5 s without an answer, 3 expected"
 
 
 def judge_own_slot(log):
     answers = [(time, datagram[1]) for time, code, datagram in log.got if code == C.JOIN_ACCEPTED]
     if len({slot for _, slot in answers}) < 2:
-        raise NotTested("it never sent a second CMD_JOIN, or never entered")
+        raise NotTested("it never sent a second CMD_JOIN")
     first = answers[1][0]
     moves = [time for time, slot in answers if slot == 6]
-    end = moves[0] if moves else log.end
-    told = [time for time, code, datagram in log.got if code == C.NOT_IN_CAR and first <= time < end]
-    if not log.times(C.CAR_BLOCK_A, after=first, until=min(first + 5, end)):
-        yield first + 5, "two CMD_JOIN_ACCEPTED named two slots, and it did not ask with CMD_CAR_BLOCK_A"
+    yield from judge_belief(log, first, min(moves, default=log.end))
+    for moved in moves[:1]:
+        for code in (C.CAR_BLOCK_A, C.ENTER_GAME):
+            if not log.times(code, after=moved, until=moved + 5):
+                yield moved + 5, f"no {name_of(code)} in 5 s after the server named another slot"
+
+
+def judge_belief(log, begin, end):
+    """The client is in slot 3, and another player in slot 2."""
+    told = [time for time in log.got_times(C.NOT_IN_CAR) if begin <= time < end]
+    if not log.times(C.CAR_BLOCK_A, after=begin, until=min(begin + 5, end)):
+        yield begin + 5, "no CMD_CAR_BLOCK_A after two CMD_JOIN_ACCEPTED that name two slots"
     elif not log.times(C.GET_PLAYER_INFO):
         raise NotTested("it asks for nobody, so nobody can tell which slot it takes for its own")
     elif told:
-        for time in is_about(log, C.GET_PLAYER_INFO, 3, told[0] + 0.2, end):
+        for time in log.times_about(3, told[0] + 0.2, end):
             yield time, "it asks for slot 3, its own by CMD_NOT_IN_CAR"
-        if end > told[0] + 8 and not is_about(log, C.GET_PLAYER_INFO, 2, told[0], end):
+        if end > told[0] + 8 and not log.times_about(2, told[0], end):
             yield end, "it never asks for slot 2, another player's, as if that were its own"
-    if moves:
-        yield from judge_move(log, moves[0])
-
-
-def judge_move(log, moved):
-    asked = log.times(C.CAR_BLOCK_A, after=moved, until=moved + 4)
-    if not asked:
-        yield moved + 4, "no CMD_CAR_BLOCK_A after a CMD_JOIN_ACCEPTED for another slot in the game"
-    if not log.times(C.ENTER_GAME, after=moved, until=moved + 5):
-        yield moved + 5, "no CMD_ENTER_GAME after a CMD_JOIN_ACCEPTED for another slot in the game"
 
 
 # The game.
@@ -251,32 +257,37 @@ def judge_pings(log):
 
 def judge_questions(log):
     entered = log.first(C.ENTER_GAME_REPLY, "it was never in the game")
-    asked = {slot: is_about(log, C.GET_PLAYER_INFO, slot, entered, log.end)
-             for slot in range(256)}  # fmt: skip
-    for slot, times in asked.items():
-        for time, wait in zip(times[1:], waits(times)):
-            if wait < 0.7:
-                yield time, f"it asks for slot {slot} again after {wait:.1f} s"
-    relays = [time for time, code, datagram in log.got if code == C.PLAYER_POSITION and datagram[1] == 4]
-    if relays and not any(time < relays[0] + 2 for time in asked[4]):
-        yield relays[0] + 2, "no CMD_GET_PLAYER_INFO for slot 4, which a relay named 2 s ago"
-    known = [time for time, code, datagram in log.got if code == C.PLAYER_INFO and datagram[1] == 4]
-    times = [time for time in asked[4] if relays and time >= relays[0]]
-    for time, later in itertools.pairwise([*times, known[0] if known else log.end] if times else []):
-        if later > time + 6.5:
-            yield time + 6.5, "an unanswered CMD_GET_PLAYER_INFO for slot 4 is not repeated"
-    for time, later in itertools.pairwise([entered, *asked[0], log.end]):
+    for slot in range(256):
+        times = log.times_about(slot, entered)
+        yield from ((time, f"it asks for slot {slot} again after {wait:.1f} s")
+                    for time, wait in zip(times[1:], waits(times)) if wait < 0.7)  # fmt: skip
+    yield from judge_unknown(log)
+    for time, later in itertools.pairwise([entered, *log.times_about(0, entered), log.end]):
         if later > time + 7.5:
             yield time + 7.5, "no CMD_GET_PLAYER_INFO for slot 0, a known player, for 7.5 s"
     own = {datagram[1] for _, code, datagram in log.got if code == C.JOIN_ACCEPTED}
-    missing = [slot for slot in range(MAX_PLAYERS) if slot not in own and not asked[slot]]
+    missing = [str(slot) for slot in range(MAX_PLAYERS)
+               if slot not in own and not log.times_about(slot, entered, log.end)]  # fmt: skip
     if missing and log.end > entered + 30:
-        shown = ", ".join(map(str, missing[:3])) + (" and more" if len(missing) > 3 else "")
+        shown = ", ".join(missing[:3]) + (" and more" if len(missing) > 3 else "")
         yield log.end, f"no CMD_GET_PLAYER_INFO for slot {shown} in 30 s"
 
 
+def judge_unknown(log):
+    """Of slot 4, which a relay names before any record does. The client may just have asked."""
+    if not (relays := log.got_times(C.PLAYER_POSITION, slot=4)):
+        return
+    known = min(log.got_times(C.PLAYER_INFO, slot=4), default=log.end)
+    asked = log.times_about(4, relays[0] - 1, known)
+    if not asked or asked[0] > relays[0] + 2:
+        yield relays[0] + 2, "no CMD_GET_PLAYER_INFO for slot 4, which a relay named 2 s ago"
+    for time, later in itertools.pairwise([*asked, known]):
+        if later > time + 6.5:
+            yield time + 6.5, "an unanswered CMD_GET_PLAYER_INFO for slot 4 is not repeated"
+
+
 def judge_silence(log):
-    entered = log.first(C.ENTER_GAME_REPLY, "it was never in the game")
+    entered = log.first(C.JOIN_ACCEPTED, "it was never accepted")
     joins = log.times(C.JOIN, after=entered)
     if not log.marks("the server is gone"):
         yield from ((time, f"CMD_JOIN {time - entered:.0f} s after entering, though relays came")
@@ -291,13 +302,13 @@ def judge_silence(log):
 
 def judge_stop(log):
     stop = log.first(C.SERVER_SHUTDOWN, "it was never in the game")
-    joins = log.times(C.JOIN, after=stop)
-    answered = min((time for time in log.got_times(C.JOIN_ACCEPTED) if time > stop), default=log.end)
+    answers = [time for time in log.got_times(C.JOIN_ACCEPTED) if time > stop]
+    joins = log.times(C.JOIN, after=stop, until=min(answers, default=log.end))
     if not joins or joins[0] > stop + 10:
-        yield log.end, "no CMD_JOIN after CMD_SERVER_SHUTDOWN"
+        yield stop + 10, "no CMD_JOIN in 10 s after CMD_SERVER_SHUTDOWN"
     elif joins[0] < stop + 0.7:
         yield joins[0], f"CMD_JOIN {joins[0] - stop:.1f} s after CMD_SERVER_SHUTDOWN"
-    yield from too_fast([time for time in joins if time <= answered], "CMD_JOIN")
+    yield from too_fast(joins, "CMD_JOIN")
 
 
 def judge_hostile(log):
@@ -308,10 +319,9 @@ def judge_hostile(log):
         yield mark.time, f"it {mark.what}"
     for event in log.events:
         if event.way == "to stranger":
-            yield event.time, f"{name(event.what[0] if event.what else -1)} to another address"
-    for time, code, datagram in log.sent:
-        if code in (C.GET_PLAYER_INFO, C.GET_PLAYER_STATE) and datagram[1:2] >= bytes([MAX_PLAYERS]):
-            yield time, f"it asks for slot {datagram[1]}"
+            yield event.time, f"{name_of(event.what[0] if event.what else -1)} to another address"
+    for slot in range(MAX_PLAYERS, 256):
+        yield from ((time, f"it asks for slot {slot}") for time in log.times_about(slot))
     if not log.times(C.ENTER_GAME):
         raise NotTested("it was never in the game")
     entered = min(log.got_times(C.ENTER_GAME_REPLY), default=log.end)
@@ -333,56 +343,57 @@ def judge_leaving(log):
 
 
 def judge_running(log):
-    if not log.sent:
-        raise NotTested("it sent nothing")
     yield from ((mark.time, f"it {mark.what}") for mark in log.marks("died"))
 
 
 # Own state.
 
 
-def late(times, begin, end, what):
-    for time, later in itertools.pairwise([begin, *(each for each in times if begin < each < end), end]):
-        if later > time + 4.5:
-            yield time + 4.5, f"no {what} for 4.5 s"
+FOOT_GROUPS = [((code,), name_of(code))
+               for code in (C.POSITION_UPDATE, C.STATE_FLOATS, C.FOOT_UPDATE)]  # fmt: skip
+CAR_GROUPS = (((C.POSITION_UPDATE, C.CAR_STATE, C.VEHICLE), "position"),
+              ((*CAR_REPORTS, C.CAR_STATE, C.VEHICLE), "report of the car"))  # fmt: skip
+
+
+def rides_of(rides, begin, end):
+    """The phases in which the client sat in a car or did not: begin, end, and whether it sat."""
+    turns = []
+    for time, _, _, in_car in rides:
+        if time >= begin and (not turns or in_car != turns[-1][1]):
+            turns.append((time, in_car))
+    return [(time, later, in_car) for (time, in_car), (later, _) in
+            itertools.pairwise([*turns, (end, None)])]  # fmt: skip
 
 
 def judge_reports(log):
-    """The phases on foot and in a car from the first report on."""
+    """From the first report on."""
     rides = list(log.rides())
     entered = log.first(C.ENTER_GAME_REPLY, "it was never in the game")
-    reported = [time for time, code, _, in_car in rides if time >= entered
-                and (code in REPORTS or code in CAR_REPORTS and in_car)]
+    reported = [time for time, code, _, in_car in rides if entered <= time <= log.end
+                and (code in REPORTS or code in CAR_REPORTS and in_car)]  # fmt: skip
     if not reported:
         raise NotTested("it never reports a state of its own")
-    turns = [(reported[0], next(each[3] for each in rides if each[0] >= reported[0]))]
-    for time, _, _, in_car in rides:
-        if time > reported[0] and in_car != turns[-1][1]:
-            turns.append((time, in_car))
-    whole_car = (C.CAR_STATE, C.VEHICLE)
-    for (begin, in_car), (end, _) in itertools.pairwise([*turns, (log.end, None)]):
-        for codes, what in ((((C.POSITION_UPDATE, *whole_car), "position"),
-                             ((*CAR_REPORTS, *whole_car), "report of the car"))
-                            if in_car else
-                            (((C.POSITION_UPDATE,), "CMD_POSITION_UPDATE"),
-                             ((C.STATE_FLOATS,), "CMD_STATE_FLOATS"),
-                             ((C.FOOT_UPDATE,), "CMD_FOOT_UPDATE"))):  # fmt: skip
-            yield from late(log.times(*codes), begin, end, what)
+    for begin, end, in_car in rides_of(rides, reported[0], log.end):
+        for codes, what in CAR_GROUPS if in_car else FOOT_GROUPS:
+            times = [time for time in log.times(*codes) if begin < time < end]
+            for time, later in itertools.pairwise([begin, *times, end]):
+                if later > time + 4.5:
+                    yield time + 4.5, f"no {what} for 4.5 s"
 
 
 def judge_car(log):
     """Without a car, CMD_NOT_IN_CAR only answers the question for the own slot."""
-    rides, found = list(log.rides()), False
+    rides, has_driven = list(log.rides()), False
     for told in log.got_times(C.NOT_IN_CAR):
-        before = [each[3] for each in rides if each[0] < told]
-        if not before or not before[-1]:
+        before = [in_car for time, _, _, in_car in rides if time < told]
+        if not before or not before[-1] or told > log.end - 2:
             continue
-        found = True
-        after = [each for each in rides if told <= each[0] <= told + 2]
-        if told < log.end - 2 and not any(code == C.CAR_STATE or not in_car for _, code, _, in_car in after):
+        has_driven = True
+        after = [ride for ride in rides if told <= ride[0] <= told + 2]
+        if not any(code == C.CAR_STATE or not in_car for _, code, _, in_car in after):
             yield told + 2, "no CMD_CAR_STATE in 2 s after CMD_NOT_IN_CAR in a car"
-    if not found:
-        raise NotTested("it never drives")
+    if not has_driven:
+        raise NotTested("no report of its car was lost")
 
 
 def judge_deaths(log):
@@ -396,7 +407,7 @@ def judge_deaths(log):
             yield time + 4.5, f"CMD_DIED {count.hex()} is not repeated"
 
 
-# The limits.
+# The limits of packaging/zolserver.nft: a code or all of them, how many at once, how many a second.
 
 
 def over(times, burst, per_s):
@@ -411,14 +422,14 @@ def over(times, burst, per_s):
     return None
 
 
-LIMITS = (("datagrams", None, 300, 300), ("CMD_CHAT", C.CHAT, 10, 1),
-          ("CMD_ENTER_GAME", C.ENTER_GAME, 16, 6 / 60), ("CMD_JOIN", C.JOIN, 8, 2 / 60))  # fmt: skip
+LIMITS = ((None, 300, 300), (C.CHAT, 10, 1), (C.ENTER_GAME, 16, 6 / 60), (C.JOIN, 8, 2 / 60))
 
 
 def judge_rates(log):
     if not log.sent:
         raise NotTested("it sent nothing")
-    for what, code, burst, per_s in LIMITS:
+    for code, burst, per_s in LIMITS:
+        what = name_of(code) if code else "datagrams"
         times = log.times(code) if code else [time for time, _, _ in log.sent]
         if (time := over(times, burst, per_s)) is not None:
             yield time, f"more {what} than {burst} at once and {per_s:.2g} a second"
@@ -433,7 +444,8 @@ def judge_bad_network(log):
     else:
         yield from ((time, "CMD_JOIN in the game") for time in log.times(C.JOIN, after=replies[0]))
     # A repeated CMD_JOIN may arrive after the entry. A client that does not hear of it is excused.
-    if log.marks("stop") and not log.marks("stop in the game") and not log.marks("the server moved"):
+    is_out = log.marks("stop") and not log.marks("stop in the game")
+    if is_out and not log.marks("the server moved"):
         yield log.end, "it was not in the game in the end"
 
 
@@ -457,14 +469,16 @@ RULES = {
                       "all slots now and then, and for none more than once a second.",
                       judge_questions, ("long-game",)),
     "silence": Rule("It joins again after 25 seconds without any datagram, and only then.",
-                    judge_silence, ("gone-server", "lost-pings")),
-    "stop": Rule("After CMD_SERVER_SHUTDOWN it waits and joins again.", judge_stop, ("stopped-server",)),
+                    judge_silence, ("gone-server", "vanished-server", "lost-pings")),
+    "stop": Rule("After CMD_SERVER_SHUTDOWN it waits and joins again.", judge_stop,
+                 ("stopped-server",)),
     "hostile": Rule("It ignores wrong datagrams and other addresses.", judge_hostile,
                     ("hostile-datagrams",)),
     "bad-network": Rule("It gets in through loss, repeats and delays, and stays in.",
                         judge_bad_network, ("bad-network",)),
     "reports": Rule("It repeats its own state every three seconds.", judge_reports, ("long-game",)),
-    "car": Rule("When the server takes it for one on foot, it reports its car again.", judge_car, CALM),
+    "car": Rule("When the server takes it for one on foot, it reports its car again.", judge_car,
+                CALM),
     "deaths": Rule("It repeats CMD_DIED with the same count.", judge_deaths, ("long-game",)),
     "rates": Rule("It stays below the limits of the sample firewall.", judge_rates, EACH),
     "running": Rule("It runs until it is stopped. It may end when the server refuses it.",

@@ -16,10 +16,18 @@ from lib import ROOT, command_codes
 
 C = types.SimpleNamespace(**{name[4:]: code for name, code in command_codes().items()})
 MAX_PLAYERS = 32
-# The sizes of the client's datagrams and of the server's, by code.
-SIZES_UP, SIZES_DOWN = (
-    {int(code): int(size) for code, size in re.findall(r"^### `CMD_\w+` \((\d+)\), (?:1 to )?(\d+)", part, re.M)}
-    for part in re.split(r"^## Server to client$", (ROOT / "docs/protocol.md").read_text(), flags=re.M))  # fmt: skip
+EVERYTHING = frozenset(range(256))
+
+
+def sizes():
+    """Of the client's datagrams and of the server's, by code; of a CMD_CHAT the most."""
+    text = (ROOT / "docs/protocol.md").read_text()
+    heading = re.compile(r"^### `CMD_\w+` \((\d+)\), (?:1 to )?(\d+) byte", re.M)
+    return [{int(code): int(size) for code, size in heading.findall(part)}
+            for part in text.split("\n## Server to client\n")]  # fmt: skip
+
+
+SIZES_UP, SIZES_DOWN = sizes()
 # The server's datagrams with a slot in their second byte.
 WITH_SLOT = (C.JOIN_ACCEPTED, C.NOT_IN_CAR, C.PLAYER_INFO, C.PLAYER_STATE, C.PLAYER_LEFT,
              *range(C.PLAYER_POSITION, C.PLAYER_WEAPON + 1), C.PLAYER_DIED)  # fmt: skip
@@ -27,8 +35,8 @@ START_S = 10  # a client that has not joined by then is not judged
 END_S = 3  # a client that has not ended so long after the signal is killed
 
 # What happened: at a time, in a way, a datagram or a text.
-#   ">" the client sent it    "<" the client got it    "stranger" it got it from another address
-#   "to stranger" it answered the other address        "mark" the stage or its caller notes something
+#   ">" the client sent it    "<" the client got it    "mark" a note of the stage or its caller
+#   "stranger" it got it from another address          "to stranger" it sent it there
 Event = collections.namedtuple("Event", "time way what")
 Scenario = collections.namedtuple("Scenario", "play seconds may_end about")
 
@@ -45,6 +53,10 @@ def refused(code):
 def record(slot, just_entered=0):
     head = bytes([C.PLAYER_INFO, slot, just_entered]) + b"Peer%d" % slot
     return head.ljust(68, b"\0") + struct.pack("<3f", slot, 1, 0) + bytes(84)
+
+
+def place(slot):
+    return struct.pack("<BBxx3f", C.PLAYER_STATE, slot, slot, 1, 0) + bytes(64)
 
 
 def position(slot, x):
@@ -110,8 +122,7 @@ class Stage:
             return
         self.lost_last.discard(key)
         for _ in range(1 + (self.random.random() < self.repeats)):
-            is_late = self.random.random() < self.delays
-            if is_late:
+            if self.random.random() < self.delays:
                 self.later(self.random.uniform(0.01, 0.3), arrive)
             else:
                 arrive()
@@ -154,9 +165,9 @@ class Stage:
     def serve_player(self, code, datagram):
         if code == C.ENTER_GAME:
             self.serve_entry(datagram)
-        elif code in (C.GET_PLAYER_INFO, C.GET_PLAYER_STATE) and datagram[1] in self.peers - {self.slot}:
-            state = struct.pack("<BBxx3f", C.PLAYER_STATE, datagram[1], datagram[1], 1, 0) + bytes(64)
-            self.send(record(datagram[1]) if code == C.GET_PLAYER_INFO else state)
+        elif code in (C.GET_PLAYER_INFO, C.GET_PLAYER_STATE):
+            if (asked := datagram[1]) in self.peers - {self.slot}:
+                self.send(record(asked) if code == C.GET_PLAYER_INFO else place(asked))
         elif code in (C.CAR_BLOCK_A, C.CAR_BLOCK_B, C.CAR_STATUS) and not self.in_car:
             self.send(bytes([C.NOT_IN_CAR, self.slot]))
         elif code == C.PLAYER_LEFT:
@@ -223,7 +234,7 @@ def is_in_car(datagram, before):
 
 
 def silent_server(stage):
-    stage.unanswered = set(range(256))
+    stage.unanswered = EVERYTHING
     yield from stage.until(stage.heard(C.JOIN), START_S)
     yield 16.5
 
@@ -251,7 +262,7 @@ def other_version(stage):
     stage.unanswered = {C.JOIN}
     yield from stage.until(stage.heard(C.JOIN), START_S)
     answered = 0
-    end = stage.now + 8
+    end = stage.now + 5
     while stage.now < end:
         while answered < stage.count[C.JOIN]:
             answered += 1
@@ -270,8 +281,8 @@ def lost_entry(stage):
 
 
 def long_game(stage):
-    """Slot 0 is in the game from the beginning. Slot 4 moves from the third second on, and its
-    record is lost twice. Nothing is ever heard of the others."""
+    """Slot 0 is in the game from the beginning. Slot 4 moves from the third second on, and enters
+    four seconds later. Nothing is ever heard of the others."""
     # The first report of a car is lost, so the server takes the client for one on foot.
     stage.lose_next.update({C.VEHICLE: 1, C.CAR_STATE: 1})
     if not (yield from stage.until_in_game()):
@@ -292,7 +303,16 @@ def long_game(stage):
 def gone_server(stage):
     if (yield from stage.until_in_game()):
         yield 3
-        stage.unanswered, stage.pings = set(range(256)), False
+        stage.unanswered, stage.pings = EVERYTHING, False
+        stage.note("mark", "the server is gone")
+        yield 33
+
+
+def vanished_server(stage):
+    """Silent as soon as it has accepted the client."""
+    stage.unanswered = EVERYTHING - {C.JOIN}
+    if (yield from stage.until(stage.heard(C.JOIN), START_S)):
+        stage.unanswered = EVERYTHING
         stage.note("mark", "the server is gone")
         yield 33
 
@@ -329,7 +349,8 @@ def moved_client(stage):
     stage.unanswered = {C.JOIN}
     if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
         return
-    yield from stage.until(stage.heard(C.JOIN, 2), 5)
+    if not (yield from stage.until(stage.heard(C.JOIN, 2), 5)):
+        return
     stage.unanswered = set()
     stage.put_into(3)
     stage.peers.add(2)
@@ -385,18 +406,24 @@ def bad_network(stage):
     stage.loss, stage.repeats, stage.delays = 0.25, 0.15, 0.2
     if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
         return
-    yield from stage.repeat(20, 0.2, lambda number: stage.in_game and stage.send(position(0, number)))
+
+    def act(number):
+        if stage.in_game:
+            stage.send(position(0, number))
+
+    yield from stage.repeat(20, 0.2, act)
     stage.loss = stage.repeats = stage.delays = 0.0
     yield 4
 
 
 SCENARIOS = {
     "silent-server": Scenario(silent_server, 17, False, "nothing is answered"),
-    "full-server": Scenario(full_server, 20, True, "three joins are refused, the fourth is accepted"),
-    "other-version": Scenario(other_version, 8, True, "joins are refused for their version"),
+    "full-server": Scenario(full_server, 20, True, "three joins are refused, the next is accepted"),
+    "other-version": Scenario(other_version, 5, True, "joins are refused for their version"),
     "lost-entry": Scenario(lost_entry, 16, False, "questions and entries are lost"),
     "long-game": Scenario(long_game, 32, False, "other players move, some of them unknown"),
     "gone-server": Scenario(gone_server, 37, False, "the server falls silent"),
+    "vanished-server": Scenario(vanished_server, 34, False, "the server falls silent after a join"),
     "lost-pings": Scenario(lost_pings, 32, False, "the server's pings are lost, nothing else"),
     "stopped-server": Scenario(stopped_server, 15, False, "the server stops and starts again"),
     "moved-client": Scenario(moved_client, 20, False, "the answers to two joins swap places"),
