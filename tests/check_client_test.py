@@ -174,6 +174,36 @@ LIARS = (
     ({"chats": 12}, {"rates"}, "more CMD_CHAT than 10 at once"),
 )  # fmt: skip
 
+# What no liar above does, as what happened: a rule, events, and what the kit says.
+ACCEPTED, ENTER, ASK = stages.accepted(2), b"\x0f" + bytes(99), bytes([C.CAR_BLOCK_A]) + bytes(31)
+IN_GAME = ((0, ">", JOIN), (0, "<", ACCEPTED), (0.1, ">", ENTER),
+           (0.2, "<", bytes([C.ENTER_GAME_REPLY, 2, 0, 0])))  # fmt: skip
+MOVED = ((0, "<", stages.accepted(3)), (0, "<", ACCEPTED), (1, ">", ASK),
+         (1, "<", bytes([C.NOT_IN_CAR, 3])), (9, ">", bytes([C.GET_PLAYER_INFO, 5])),
+         (12, "<", stages.accepted(6)), (13, ">", ASK))  # fmt: skip
+STOP = (30, "mark", "stop")
+TRANSCRIPTS = (
+    ("bytes", (*IN_GAME, (1, "mark", "another port")), "another source port"),
+    ("joins", (STOP,), "no CMD_JOIN"),
+    ("refusals", ((0, "<", stages.refused(C.JOIN_REFUSED_FULL)), (1, "<", ACCEPTED),
+                  (1, "mark", "refusals come late"), (2, "mark", "died")), "it died for a refusal"),
+    ("entering", ((0, "<", ACCEPTED), STOP), "no CMD_ENTER_GAME after CMD_JOIN_ACCEPTED"),
+    ("entering", ((0, "<", ACCEPTED), (3, ">", ASK)), "CMD_CAR_BLOCK_A 3.0 s after"),
+    ("entering", ((0, "<", ACCEPTED), (3, ">", ENTER)), "CMD_ENTER_GAME 3.0 s after the answer"),
+    ("entering", (*IN_GAME, (0.3, ">", ENTER)), "an unanswered datagram is repeated after 0.2 s"),
+    ("entering", (*IN_GAME, (4, ">", JOIN)), "CMD_JOIN while it waits to enter"),
+    ("own-slot", (*MOVED, STOP), "no CMD_ENTER_GAME in 5 s after the server named another slot"),
+    ("own-slot", (*MOVED, STOP), "it never asks for slot 2"),
+    ("questions", (*IN_GAME, (3, "<", stages.position(4, 0)),
+                   (4, ">", bytes([C.GET_PLAYER_INFO, 4])), STOP),
+     "an unanswered CMD_GET_PLAYER_INFO for slot 4 is not repeated"),
+    ("hostile", ((0, "to stranger", b"\2"),), "CMD_PING_REPLY to another address"),
+    ("hostile", ((0, ">", bytes([C.GET_PLAYER_INFO, 32])),), "it asks for slot 32"),
+    ("leaving", ((0, "mark", "stop"),), "it runs on 3 s after the signal"),
+    ("bad-network", ((0, ">", JOIN),), "it did not get into the game"),
+    ("bad-network", (*IN_GAME, STOP), "it was not in the game in the end"),
+)  # fmt: skip
+
 
 def play(scenario, client):
     """What happens in a scenario, on a clock that goes on by ticks."""
@@ -233,6 +263,11 @@ class CheckClientTest(unittest.TestCase):
             (b"\x0a" + b"n" * 64 + b"\0\x28\0", "a name without a NUL"), (JOIN, None),
         ):  # fmt: skip
             self.assertIn(wrong or "None", str(rules.wrong_bytes(datagram)))
+
+    def test_each_transcript_is_judged(self):
+        for name, events, text in TRANSCRIPTS:
+            events = [stages.Event(*event) for event in events]
+            self.assertIn(text, str(rules.findings(rules.RULES[name].judge, events)))
 
     def test_each_lie_is_seen(self):
         unseen = set(rules.RULES)

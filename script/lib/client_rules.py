@@ -165,7 +165,7 @@ def judge_refusals(log):
         raise NotTested("it never joined")
     for refusal in refusals:
         join = min(log.times(C.JOIN, after=refusal), default=log.end)
-        if join > refusal + 0.5 and not log.times(C.PLAYER_LEFT, after=refusal, until=join):
+        if not log.times(C.PLAYER_LEFT, after=refusal, until=join):
             yield join, "no CMD_PLAYER_LEFT after CMD_JOIN_REFUSED_FULL"
         if join < log.end and join < refusal + 0.7:
             yield join, f"CMD_JOIN {join - refusal:.1f} s after CMD_JOIN_REFUSED_FULL"
@@ -450,7 +450,6 @@ def judge_bad_network(log):
 
 
 EACH = tuple(SCENARIOS)
-CALM = tuple(name for name in EACH if name != "bad-network")
 RULES = {
     "bytes": Rule("Every datagram has a known code and its full size, with zeros in unused bytes, "
                   "and comes from one port.", judge_bytes, EACH),
@@ -478,7 +477,7 @@ RULES = {
                         judge_bad_network, ("bad-network",)),
     "reports": Rule("It repeats its own state every three seconds.", judge_reports, ("long-game",)),
     "car": Rule("When the server takes it for one on foot, it reports its car again.", judge_car,
-                CALM),
+                ("long-game",)),
     "deaths": Rule("It repeats CMD_DIED with the same count.", judge_deaths, ("long-game",)),
     "rates": Rule("It stays below the limits of the sample firewall.", judge_rates, EACH),
     "running": Rule("It runs until it is stopped. It may end when the server refuses it.",

@@ -34,7 +34,7 @@ WITH_SLOT = (C.JOIN_ACCEPTED, C.NOT_IN_CAR, C.PLAYER_INFO, C.PLAYER_STATE, C.PLA
 START_S = 10  # a client that has not joined by then is not judged
 END_S = 3  # a client that has not ended so long after the signal is killed
 
-# What happened: at a time, in a way, a datagram or a text.
+# An event: at a time, in a way, a datagram or a text.
 #   ">" the client sent it    "<" the client got it    "mark" a note of the stage or its caller
 #   "stranger" it got it from another address          "to stranger" it sent it there
 Event = collections.namedtuple("Event", "time way what")
@@ -68,7 +68,7 @@ class Stage:
         """`deliver(datagram, from_stranger)` sends a datagram to the client."""
         self.now, self.log, self.deliver = 0.0, [], deliver
         self.random = random.Random(seed)
-        self.due, self.numbers = [], itertools.count()  # what is under way: time, number, action
+        self.due, self.numbers = [], itertools.count()  # actions that come later: time, number, action
         self.loss = self.repeats = self.delays = 0.0  # shares of the datagrams
         self.lost_last = set()
         self.count = collections.Counter()  # of the client's datagrams, by code
