@@ -174,6 +174,16 @@ LIARS = (
     ({"chats": 12}, {"rates"}, "more CMD_CHAT than 10 at once"),
 )  # fmt: skip
 
+# Sends from two ports, answers every address, and does not leave.
+REAL_LIAR = """if True:
+    import socket, sys
+    one, two = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
+    join, enter = (bytes.fromhex(word) for word in sys.argv[3:])
+    for link, datagram in (one, join), (two, join), (two, enter):
+        link.sendto(datagram, (sys.argv[1], int(sys.argv[2])))
+    while True:
+        two.sendto(b"\\2", two.recvfrom(2000)[1])"""
+
 # What no liar above does, as what happened: a rule, events, and what the kit says.
 ACCEPTED, ENTER, ASK = stages.accepted(2), b"\x0f" + bytes(99), bytes([C.CAR_BLOCK_A]) + bytes(31)
 IN_GAME = ((0, ">", JOIN), (0, "<", ACCEPTED), (0.1, ">", ENTER),
@@ -247,10 +257,13 @@ def kit(*arguments):
 class CheckClientTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        """It takes seconds, so the other tests run meanwhile."""
+        """They take seconds, so the other tests run meanwhile."""
         cls.right = kit("--only", "other-version", sys.executable, "-B", __file__, "--client",
                         "HOST", "PORT")  # fmt: skip
-        cls.addClassCleanup(cls.right.wait)
+        cls.lying = kit("--only", "hostile-datagrams", sys.executable, "-c", REAL_LIAR,
+                        "HOST", "PORT", JOIN.hex(), ENTER.hex())  # fmt: skip
+        for each in (cls.right, cls.lying):
+            cls.addClassCleanup(each.wait)
 
     def test_right_client_keeps_all_rules(self):
         self.assertEqual(verdicts_on(), dict.fromkeys(rules.RULES, ("kept", "")))
@@ -301,6 +314,11 @@ class CheckClientTest(unittest.TestCase):
         said, errors = self.right.communicate()
         self.assertEqual((self.right.returncode, errors), (0, ""))
         self.assertIn("\nversion: kept\n", said)
+        lies, errors = self.lying.communicate()
+        self.assertEqual((self.lying.returncode, errors), (1, ""))
+        self.assertIn("bytes: broken: a datagram from another source port (", lies)
+        self.assertIn("\nhostile: broken: CMD_PING_REPLY to another address (", lies)
+        self.assertIn("\nleaving: broken: no CMD_PLAYER_LEFT after the signal (", lies)
         self.assertIn("\nstop: not tested: no scenario for it was played\n", said)
 
     def test_ends_the_client_when_it_is_ended(self):

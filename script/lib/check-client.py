@@ -51,6 +51,8 @@ def receive(link):
 
 
 def prepare_client():
+    for number in SIGNALS.values():
+        signal.signal(number, signal.SIG_DFL)  # a shell ignores some for its background jobs
     fcntl.ioctl(0, termios.TIOCSCTTY, 0)
     LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
 
@@ -213,7 +215,8 @@ def main():
         return misuse("COMMAND must have the word PORT, for the port of the server; see --help")
     if options.record and not options.record.is_dir():
         return misuse(f"{options.record} is no directory")
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the clients are ended then, too
+    for number in SIGNALS.values():
+        signal.signal(number, lambda *_: sys.exit(1))  # the clients are ended then, too
     runs, longest_s = play(options.only or list(SCENARIOS), options.command, options)
     if options.record:
         for run in runs:

@@ -92,7 +92,8 @@ class Stage:
             heapq.heappop(self.due)[2]()
         while not self.is_done and self.wake <= now:
             try:
-                self.wake = now + next(self.script)
+                # The caller may come late, but a long pause must not end in a burst.
+                self.wake = max(self.wake, now - 0.1) + next(self.script)
             except StopIteration:
                 self.is_done = True
 
