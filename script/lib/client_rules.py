@@ -393,7 +393,8 @@ def judge_car(log):
         if not any(code == C.CAR_STATE or not in_car for _, code, _, in_car in after):
             yield told + 2, "no CMD_CAR_STATE in 2 s after CMD_NOT_IN_CAR in a car"
     if not has_driven:
-        raise NotTested("no report of its car was lost")
+        drives = any(in_car for *_, in_car in rides)
+        raise NotTested("it reports no block of its car" if drives else "it never drives")
 
 
 def judge_deaths(log):
