@@ -390,7 +390,8 @@ def judge_car(log):
             continue
         has_driven = True
         after = [ride for ride in rides if told <= ride[0] <= told + 2]
-        if not any(code == C.CAR_STATE or not in_car for _, code, _, in_car in after):
+        # A client that was moved enters again, with its car.
+        if not any(code in (C.CAR_STATE, C.ENTER_GAME) or not in_car for _, code, _, in_car in after):
             yield told + 2, "no CMD_CAR_STATE in 2 s after CMD_NOT_IN_CAR in a car"
     if not has_driven:
         drives = any(in_car for *_, in_car in rides)
