@@ -97,6 +97,9 @@ void report_on_foot(ClientSession& session, FloatBits state_f1) {
 
 void report_death(ClientSession& session, std::uint8_t death_count) {
   session.own.death_count = death_count;
+  // It costs the role. Until the server says so, the role would hold up the repeats.
+  GamePicture& picture = session.picture;
+  if (picture.pinkpanther == picture.own_slot) picture.pinkpanther = NOBODY;
   step_out(session);
   start_repeats(session, session.own.death, DEATH_REPEATS);
   send_report(session, Died{.death_count = death_count});

@@ -168,7 +168,8 @@ TEST(PictureTest, GuessesWhoseValuesTheseAre) {
   };
   for (const Case& each : cases) {
     GamePicture picture{.own_slot = 7};
-    for (const char* words : each.heard) hear_words(picture, words, 5'000 + words[0] / 'c');
+    std::uint64_t now_ms = 5'000;
+    for (const char* words : each.heard) hear_words(picture, words, now_ms++);
     EXPECT_EQ(picture.players[5].state.state_f2, each.state_f2) << each.heard.back();
     EXPECT_EQ(picture.players[6].car.car_byte, each.car_byte) << each.heard.back();
     EXPECT_EQ(picture.unnamed_ms > 0, each.are_in_doubt) << each.heard.back();
@@ -433,6 +434,8 @@ TEST_F(SessionTest, RepeatsItsState) {
       {[](auto& s) { report_got_in(s, PLACE, CAR); }, "48 00 00", in_car},
       {[](auto& s) { report_car(s, PLACE, CAR), report_on_foot(s, 0); }, "01", after_a_ride},
       {[](auto& s) { report_death(s, 0); }, "01", with(on_foot, "103", deaths)},
+      {[](auto& s) { s.picture.pinkpanther = 3, report_death(s, 0); }, "01",
+       with(on_foot, "103", deaths)},
       {[](auto& s) { report_death(s, 0); }, "d1 03", on_foot},  // it would lose the role
       {[](auto& s) { report_death(s, 0), report_car(s, PLACE, CAR); }, "48 00 00",
        with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 "), "101",
