@@ -33,7 +33,7 @@ class OnceTest(ViewCase):
             view.until(lambda rows: rows[MAP_ROWS].startswith(f"── joining 127.0.0.1:{self.port} ─"))
             self.assertEqual(view.rows()[0][42:], "--:--  Deathmatch, 0 players")
         for option in ([], ["--once"]):
-            broadcast = Terminal(self, *option, server="255.255.255.255")
+            broadcast = Terminal(self, *option, server="127.255.255.255")
             broadcast.until_text("zolview: no way to the server: ")
             self.assertEqual(broadcast.process.wait(PATIENCE_S), 1)
 
