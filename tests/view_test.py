@@ -195,6 +195,9 @@ class ViewTest(ViewCase):
             view.read(0.2)
         view.resize(24, 50)
         view.until(lambda rows: re.match(r"\D\d\d:\d\d  Deathmatch", rows[0][24:]))
+        # The status is cut within its line, and nothing of it is in the line of chat below.
+        view.until(lambda rows: re.fullmatch(f"[q─]{{2}} {TITLE[:45]}[q─]{{2}}", rows[MAP_ROWS])
+                   and not rows[MAP_ROWS + 1])
         view.resize(38, 132)
         view.until_text("and 2 more")
         view.resize(39, 132)
