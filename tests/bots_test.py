@@ -2,16 +2,20 @@
 
 Usage: bots_test.py ZOLSERVER ZOLBOTS [TEST...]"""
 
+import cmath
 import concurrent.futures
 import contextlib
+import functools
 import multiprocessing
 import os
 import re
 import select
 import signal
 import socket
+import struct
 import subprocess
 import sys
+import time
 import unittest
 
 from server_case import PATIENCE_S, RULE, ServerCase, bound_socket
@@ -54,6 +58,8 @@ UNNOTICED = [(209, ("dropped", "repeated", 1))]
 HONEST = [(12, ()), (200, ())]
 # Bots miss a datagram that does not come without --alone, too.
 NOT_ALONE = [*HONEST, *((code, ("dropped", "swapped")) for code in (201, 42, ENTERED))]
+MOVES = 3  # joins of bots in the game, until an honest run ends
+DELAY_S = 0.01  # of the second bot's datagrams on a network; the third one's take twice as long
 
 PLAYING = multiprocessing.Semaphore(16)  # runs at once; more would overflow the sockets
 BEFORE = 50  # datagrams to the bots before the first lie: by then they play
@@ -73,8 +79,10 @@ def order_of(datagram):
 
 
 class Liar:
-    def __init__(self, port, code, ways):
+    def __init__(self, port, delay_s, code, ways):
         self.port, self.code, self.ways = port, code, list(ways)
+        self.delay_s, self.delayed = delay_s, []  # when, and the call that sends
+        self.in_game, self.moves = set(), 0
         self.front, self.front_port = bound_socket()
         self.poll = select.poll()
         self.poll.register(self.front, select.POLLIN)
@@ -118,17 +126,36 @@ class Liar:
             self.poll.register(upstream, select.POLLIN)
             self.upstream[address] = upstream
             self.address[upstream.fileno()] = address
-        self.upstream[address].send(datagram)
+        if datagram[0] == 15:
+            self.in_game.add(address)
+        elif datagram[0] in (10, 60):
+            self.moves += datagram[0] == 10 and address in self.in_game
+            self.in_game.discard(address)
+        self.delay(address, self.upstream[address].send, datagram)
+
+    def delay(self, address, *call):
+        wait_s = list(self.upstream).index(address) * self.delay_s
+        self.delayed.append((time.monotonic() + wait_s, functools.partial(*call)))
 
     def pass_down(self, address):
         datagram = self.upstream[address].recv(300)
         self.passed += 1
         for each in self.tell(address, datagram):
-            self.front.sendto(each, address)
+            self.delay(address, self.front.sendto, each, address)
+
+    def send_delayed(self):
+        """Sends what is due. Returns the milliseconds until more is due, None for no end."""
+        now = time.monotonic()
+        due = sorted((each for each in self.delayed if each[0] <= now), key=lambda each: each[0])
+        self.delayed = [each for each in self.delayed if each[0] > now]
+        for _, send in due:
+            with contextlib.suppress(ConnectionRefusedError):
+                send()
+        return min((1000 * (when - now) for when, _ in self.delayed), default=None)
 
     def pass_some(self):
         """False when the bots have ended."""
-        for handle, _ in self.poll.poll():
+        for handle, _ in self.poll.poll(self.send_delayed()):
             # When the server has stopped, the next call fails, and nothing waits for the one after.
             with contextlib.suppress(ConnectionRefusedError, BlockingIOError):
                 if handle == self.front.fileno():
@@ -150,7 +177,7 @@ class Liar:
 
 def lie_to_bots(run, options, port, server):
     """The bots' exit status and table. CMD_SERVER_SHUTDOWN comes when the server is stopped."""
-    with contextlib.closing(Liar(port, *run)) as liar:
+    with contextlib.closing(Liar(port, 0, *run)) as liar:
         command = [ZOLBOTS, "--server", f"127.0.0.1:{liar.front_port}", "--players", "3",
                    "--rate", "200", "--seconds", str(PATIENCE_S), *options]  # fmt: skip
         with PLAYING:
@@ -193,6 +220,51 @@ class BotsTest(ServerCase):
                 self.assertEqual(status, 1 if lies else 0)
                 self.assertGreaterEqual(wrong, len(lies) - lies.count("dropped"))
                 self.assertGreaterEqual(lost, lies.count("dropped"))
+
+    def test_bots_that_join_again_report_nothing(self):
+        """On a network the datagrams of two bots overtake each other. Bots count on their order at
+        loopback addresses only; 0.0.0.0 is this machine, too."""
+        self.start_and_wait("maxClients=8\n")
+        self.console.close()
+        for host, delay_s in (("127.0.0.1", 0), ("0.0.0.0", DELAY_S)):
+            with contextlib.closing(Liar(self.port, delay_s, 200, ())) as liar:
+                command = [ZOLBOTS, "--server", f"{host}:{liar.front_port}", "--players", "3",
+                           "--rate", "100", "--seconds", str(PATIENCE_S), "--alone"]  # fmt: skip
+                bots = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+                self.addCleanup(bots.kill)
+                liar.poll.register(bots.stdout, 0)  # its end
+                while liar.moves < MOVES and liar.pass_some():
+                    pass
+                bots.terminate()
+                while liar.pass_some():
+                    pass
+                table = bots.communicate()[0]
+            with self.subTest(host, table=table):
+                self.assertGreaterEqual(liar.moves, MOVES)
+                self.assertEqual(bots.returncode, 0)
+
+    def test_walks_and_drives_in_curves(self):
+        self.start_and_wait()
+        self.console.close()
+        watcher, places = self.enter_game(), []
+        command = [ZOLBOTS, "--server", f"127.0.0.1:{self.port}", "--players", "1", "--rate", "200"]
+        with subprocess.Popen(command, stdout=subprocess.DEVNULL) as bot:
+            self.addCleanup(bot.kill)
+            while len(places) < 400:
+                if (heard := watcher.heard())[0] == 200:
+                    places.append(complex(*struct.unpack("<ff", heard[4:12])))
+            bot.terminate()
+        steps = [after - before for before, after in zip(places, places[1:])]
+        lengths = [abs(step) for step in steps]
+        self.assertAlmostEqual(min(lengths), 8 / 200, 3)
+        # It makes up to two more steps before the next position: it enters, gets in or gets out.
+        self.assertLess(max(lengths), 3.1 * 30 / 200)
+        self.assertIn(round(30 / 200, 3), [round(length, 3) for length in lengths])
+        turns = [cmath.phase(after / before) for before, after in zip(steps, steps[1:])]
+        self.assertLess(max(map(abs, turns)), 3.1 * 2 / 200)
+        self.assertGreater(max(map(abs, turns)), 0.9 * 2 / 200)
+        # Its first way is a straight line after the first curve.
+        self.assertLess(len([turn for turn in turns if abs(turn) > 0.001]), 200)
 
     def test_other_players_are_judged_only_when_the_bots_are_alone(self):
         self.start_and_wait()
