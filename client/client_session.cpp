@@ -79,7 +79,6 @@ static SessionEvent start_over(ClientSession& session, std::uint64_t due_ms, Ses
   session.state = SessionState::JOINING;
   session.due_ms = due_ms;
   session.back_off_ms = 0;
-  session.slot_questions_left = 0;
   return event;
 }
 
