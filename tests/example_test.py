@@ -8,7 +8,7 @@ import subprocess
 import sys
 import unittest
 
-from server_case import PATIENCE_S, ServerCase
+from server_case import PATIENCE_S, ServerCase, bound_socket
 
 ZOLEXAMPLE = os.path.realpath(sys.argv.pop(1))
 
@@ -30,6 +30,20 @@ class ExampleTest(ServerCase):
                 self.assertIn(heard[0], (200, 202, 203, 204, 207, 208))
             self.assertEqual(example.communicate(timeout=PATIENCE_S)[0], "accepted\nin the game\n")
             self.assertEqual(example.returncode, 0)
+
+    def test_says_why_it_does_not_play(self):
+        server, port = bound_socket()
+        server.settimeout(PATIENCE_S)
+        with server, subprocess.Popen([ZOLEXAMPLE, f"127.0.0.1:{port}"], stdout=subprocess.PIPE,
+                                      text=True) as example:  # fmt: skip
+            self.addCleanup(example.kill)
+            for expected, answer in ((10, b"\x0cFull".ljust(65, b"\0")), (60, b"\x11".ljust(67, b"\0")),
+                                     (120, b"\x13"), (10, b"")):  # fmt: skip
+                heard, client = server.recvfrom(300)
+                self.assertEqual(heard[0], expected)
+                server.sendto(answer, client)
+            example.terminate()
+            self.assertEqual(example.communicate(timeout=PATIENCE_S)[0], "Full\naccepted\nit stopped\n")
 
     def test_wants_one_address(self):
         for arguments, complaint in (((), "usage: zolexample HOST[:PORT]"),
