@@ -111,6 +111,9 @@ std::string questions(GamePicture& picture, std::uint64_t from_ms, std::uint64_t
 
 TEST(PictureTest, AsksForWhatItMisses) {
   GamePicture picture{.own_slot = 2};
+  hear_words(picture, "c8 09 ..16", 100);  // the clock may start at 0
+  EXPECT_EQ(questions(picture, 100, 1'200), "100:9 1100:9 ");
+  picture = {.own_slot = 2};
   hear_words(picture, "2a 02 00 ..164");  // its own, which is never asked for
   hear_words(picture, BOB, 5'000);
   EXPECT_EQ(questions(picture, 5'000, 9'900), "") << "known, and young enough";
@@ -122,8 +125,11 @@ TEST(PictureTest, AsksForWhatItMisses) {
   EXPECT_EQ(questions(picture, 13'100, 16'000), "13100:9 14100:9 15100:9 ");
   EXPECT_EQ(questions(picture, 16'100, 17'000), "16100:5 16100:9 ");
   EXPECT_EQ(line_of(picture, 9), "heard of");
-  questions(picture, 17'100, 50'000);
+  questions(picture, 17'100, 22'100);
+  EXPECT_EQ(line_of(picture, 9), "heard of");
+  EXPECT_EQ(questions(picture, 23'100, 23'100, false), "23100:8 ") << "not one more question";
   EXPECT_EQ(line_of(picture, 9), "") << "ten questions without an answer";
+  questions(picture, 23'200, 50'000);
   EXPECT_EQ(line_of(picture, 5), "");
 }
 
@@ -178,16 +184,22 @@ TEST(PictureTest, GuessesWhoseValuesTheseAre) {
   }
 }
 
+// Whether it plays, and when it did something last; each step a second after the one before.
 TEST(PictureTest, KnowsWhoPlays) {
   GamePicture picture;
-  const std::pair<const char*, bool> steps[] = {{BOB, false},
-                                                {"dc 05 01", false},
-                                                {"ce 05 63", true},
-                                                {BOB, true},
-                                                {"2a 05 01 ..164", false}};
-  for (const auto& [words, is_playing] : steps) {
-    hear_words(picture, words);
+  const std::tuple<const char*, bool, std::uint64_t> steps[] = {
+      {BOB, false, 1'000},
+      {"dc 05 01", false, 2'000},
+      {"ce 05 63", true, 3'000},
+      {BOB, true, 3'000},
+      {"2a 05 01 \"Bob\" ..164", false, 5'000},
+      {"ce 05 63", true, 6'000},
+      {"2a 05 00 \"Rob\" ..164", false, 7'000}};
+  std::uint64_t now_ms = 0;
+  for (const auto& [words, is_playing, heard_ms] : steps) {
+    hear_words(picture, words, now_ms += 1'000);
     EXPECT_EQ(picture.players[5].is_playing, is_playing) << words;
+    EXPECT_EQ(picture.players[5].heard_ms, heard_ms) << words;
   }
 }
 
@@ -295,10 +307,11 @@ TEST_F(SessionTest, KnowsSignsOfLife) {
 TEST_F(SessionTest, MakesRoomForItselfOnAFullServer) {
   pass(1'000, 1'000);
   for (const std::uint64_t now_ms : {1'100U, 2'100U}) {
-    EXPECT_EQ(hear("0c \"Full\" ..65", now_ms), SessionEvent::REFUSED);
-    EXPECT_STREQ(session.refusal.data(), "Full");
+    const bool is_first = now_ms < 2'000;
+    EXPECT_EQ(hear(is_first ? "0c 78*64" : "0c \"Full\" ..65", now_ms), SessionEvent::REFUSED);
+    EXPECT_EQ(session.refusal.data(), is_first ? std::string(64, 'x') : "Full");
     EXPECT_EQ(sent(), "60 ");
-    EXPECT_EQ(pass(2'000, 2'000), now_ms < 2'000 ? "2000 join " : "");
+    EXPECT_EQ(pass(2'000, 2'000), is_first ? "2000 join " : "");
   }
   play(4'000);
   EXPECT_EQ(hear("0c \"Full\" ..65", 5'500), SessionEvent::NONE) << "an old refusal";
@@ -331,6 +344,15 @@ TEST_F(SessionTest, FindsItsSlot) {
     EXPECT_EQ(sent(), each.sent) << each.heard.back();
     EXPECT_EQ(session.picture.own_slot, each.own_slot) << each.heard.back();
   }
+}
+
+// A server that has it in a car does not answer these questions.
+TEST_F(SessionTest, ADriverGivesUpAskingForItsSlot) {
+  play(1'000);
+  session.own.in_car = true;
+  hear("11 05 01 ..67", 2'500);
+  EXPECT_EQ(pass(2'500, 15'500),
+            "2500 120 3500 120 4500 120 5500 120 6500 120 14000 101 15000 101 ");
 }
 
 TEST_F(SessionTest, TakesNoDatagramOfAnotherSize) {
@@ -437,6 +459,7 @@ TEST_F(SessionTest, RepeatsItsState) {
       {[](auto& s) { s.picture.pinkpanther = 3, report_death(s, 0); }, "01",
        with(on_foot, "103", deaths)},
       {[](auto& s) { report_death(s, 0); }, "d1 03", on_foot},  // it would lose the role
+      {[](auto& s) { report_death(s, 0); }, "d1 01", with(on_foot, "103", deaths)},
       {[](auto& s) { report_death(s, 0), report_car(s, PLACE, CAR); }, "48 00 00",
        with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 "), "101",
             "4000 4000 6000 6000 8000 8000 10000 10000 12000 12000 14000 14000 16000 ")},
@@ -580,6 +603,26 @@ TEST(TextTest, ShowsAnyBytes) {
                               "\xC3\xB6\xF5\xBF\xBF\xBF"}) {
     EXPECT_EQ(latin1_of(no_utf8), no_utf8);
   }
+}
+
+TEST(ConnectionTest, CutsWhatIsTooLong) {
+  const int server = bind_loopback(SOCK_DGRAM);
+  const int client = open_client_socket(local_address(server));
+  const sockaddr_in to = local_address(client);
+  const Bytes sent[] = {Bytes(2 * RECEIVE_BUFFER_SIZE, 'a'), {'b'}, {'c'}};
+  for (const Bytes& each : sent) {
+    sendto(server, each.data(), each.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+  }
+  Batch batch;
+  receive_batch(client, batch, 2);
+  ASSERT_EQ(batch.count, 2U);
+  EXPECT_EQ(batch.datagrams[0].size(), RECEIVE_BUFFER_SIZE);
+  EXPECT_EQ(batch.datagrams[1][0], 'b');
+  receive_batch(client, batch);
+  receive_batch(client, batch);
+  EXPECT_EQ(batch.count, 0U) << "nothing waits any more";
+  close(client);
+  close(server);
 }
 
 TEST(ConnectionTest, ReadsHostAndPort) {

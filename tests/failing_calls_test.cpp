@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "announce/master_server.h"
+#include "client/server_connection.h"
 #include "config/server_config.h"
 #include "net/sflsock.h"
 #include "net/socket_layer_state.h"
@@ -381,11 +382,12 @@ TEST_F(FailingCallsTest, ARefusedConnectionIsTriedThreeTimes) {
   EXPECT_TRUE(connects_after(2));
   EXPECT_FALSE(connects_after(3));
   EXPECT_EQ(socket_error_code(), SOCKERR_CONNECT_FAILED);
-  sockets = {-EMFILE, -EMFILE};
+  sockets = {-EMFILE, -EMFILE, -EMFILE};
   EXPECT_EQ(tcp_connect("127.0.0.1", "80"), -1) << "without a socket there is no further attempt";
   EXPECT_EQ(socket_error_code(), SOCKERR_SOCKET_FAILED);
   EXPECT_EQ(udp_open_port("80"), -1);
   EXPECT_EQ(socket_error_code(), SOCKERR_SOCKET_FAILED);
+  EXPECT_EQ(open_client_socket(sockaddr_in{}), -1);
   EXPECT_EQ(socket_layer_state.open_sockets, 0);
   close(listener);
 }
