@@ -35,7 +35,7 @@ static int answer_argument(const char* argument) {
     return EXIT_SUCCESS;
   }
   if (std::strcmp(argument, "--version") == 0) {
-    std::printf("ZOL Server %s\n", SERVER_VERSION);
+    std::printf("ZOL Server %s (%s)\n", SERVER_VERSION, ZOL_COMMIT);
     return EXIT_SUCCESS;
   }
   std::fprintf(stderr, "zolserver: takes no argument like \"%s\"; see --help\n", argument);

@@ -252,7 +252,7 @@ class ProcessTest(ServerCase):
 
     def test_options_start_no_server(self):
         for argument, status, out, err in (
-            ("--version", 0, f"ZOL Server {VERSION}\n", ""), ("--help", 0, "usage: zolserver\n", ""),
+            ("--version", 0, f"ZOL Server {VERSION} (", ""), ("--help", 0, "usage: zolserver\n", ""),
             ("-p", 2, "", 'zolserver: takes no argument like "-p"; see --help\n'),
             ("", 2, "", 'zolserver: takes no argument like ""; see --help\n'),
         ):

@@ -22,9 +22,8 @@ FIREWALL = "packaging/zolserver.nft"
 SESSIONS = "tests/sessions"
 CHANGES = "CHANGELOG.md"
 # The files that repeat the version, and what is before it there.
-VERSIONED = ("docs/listing.md", "docs/operating.md", DOCUMENT, "packaging/kubernetes.yaml",
-             "tests/sessions/joining.session")
-VERSION = re.compile(r"(zol(?:list_|server[_:])|You need Version )\d+(?:\.\d+)*")
+VERSIONED = (DOCUMENT, "packaging/kubernetes.yaml", "tests/sessions/joining.session")
+VERSION = re.compile(r"(zolserver:|You need Version )\d+(?:\.\d+)*")
 HEADERS = ("server/protocol.h", "config/server_config.h")
 
 SENDERS = {"ClientCommand": "client", "ServerCommand": "server"}
