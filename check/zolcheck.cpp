@@ -32,6 +32,7 @@ static constexpr const char* HELP =
 static bool is_start;
 static bool must_have_settings;
 static std::string directory;  // under check now
+static bool has_closed_file;   // its settings cannot be read
 static Status status;          // the worst so far
 
 static void say(Status found, const std::string& where, const std::string& what) {
@@ -40,7 +41,10 @@ static void say(Status found, const std::string& where, const std::string& what)
 }
 
 static void complain_of_file(const char* name, const char* reason) {
-  say(BAD, directory + "/" + name, reason);
+  has_closed_file = true;
+  const bool is_denied = std::strcmp(reason, std::strerror(EACCES)) == 0;
+  const char* advice = is_denied ? "; make it readable for the user that runs the server" : "";
+  say(BAD, directory + "/" + name, std::string(reason) + advice);
 }
 
 // 0, or why the port cannot be opened now. The server shares its port with whoever allows it; this
@@ -81,7 +85,9 @@ static void print_settings(const std::string& port) {
 
 static void check_directory(std::map<in_port_t, std::string>& ports) {
   server_config = {};
+  has_closed_file = false;
   std::FILE* file = open_settings(complain_of_file);
+  if (file == nullptr && has_closed_file) return;
   if (file == nullptr) {
     say(must_have_settings ? BAD : DOUBTFUL, directory,
         "no zolserver.cfg and no zolserver.conf; a server would run on the defaults");

@@ -15,6 +15,7 @@ from server_case import PATIENCE_S, RULE, ServerCase, free_port
 
 ZOLCHECK = os.path.realpath(sys.argv.pop(1))
 LIBC, PR_CAPBSET_DROP, CAP_NET_BIND_SERVICE = ctypes.CDLL(None), 24, 10
+CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH = 1, 2
 FIRST_FREE_PORT = int(pathlib.Path("/proc/sys/net/ipv4/ip_unprivileged_port_start").read_text())
 SAMPLE = pathlib.Path(__file__).resolve().parent.parent / "packaging/zolserver.cfg"
 
@@ -63,18 +64,30 @@ class CheckTest(ServerCase):
         # A server on the default port of this machine would add a line.
         status, _, complaints = self.check("--start", "empty")
         self.assertEqual((status, complaints.splitlines(True)[0]), (2, no_settings))
-        few_descriptors = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32))
+        self.directory("closed", "Port=5000\n")
+        (self.folder / "closed/zolserver.cfg").chmod(0)
+        self.directory("loop", None)
+        (self.folder / "loop/zolserver.cfg").symlink_to("zolserver.cfg")
+
+        def limits():
+            resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32))  # 40 directories need no more
+            for right in CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH:
+                LIBC.prctl(PR_CAPBSET_DROP, right)
+
         for arguments, complaint in (
             (["two"] * 40, "two: port 5000 is the port of two, too\n" * 39),
             (["one", "two"], "two: port 5000 is the port of one, too\n"),
             (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" gives no port\n'
              "wrong: the server does not start: no port\n"),
             (["bare"], "bare/zolserver.cfg: Is a directory\n"),
+            (["closed"], "closed/zolserver.cfg: Permission denied; make it readable for the user that"
+             " runs the server\n"),
+            (["--start", "loop"], "loop/zolserver.cfg: Too many levels of symbolic links\n"),
             (["missing"], "missing: No such file or directory\n"),
             (["--stop"], 'zolcheck: takes no option like "--stop"; see --help\n'),
         ):  # fmt: skip
             with self.subTest(arguments):
-                status, _, complaints = self.check(*arguments, preexec_fn=few_descriptors)
+                status, _, complaints = self.check(*arguments, preexec_fn=limits)
                 self.assertEqual((status, complaints), (2, complaint))
 
     def test_explains_the_longest_lines_in_time(self):
