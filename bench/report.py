@@ -92,7 +92,7 @@ set key below
 set multiplot layout 1,2
 do for [metric in "cpu delay"] {
   set title (metric eq "cpu" ? "Processor time per relay, µs" : "Delay of a lone update, µs")
-  plot "$".metric using 2:3:4:xtic(1) title "floor" linecolor rgb "#9aa7b3", \\
+  plot "$".metric using 2:3:4:xtic(1) title "floor: a minimal relay" linecolor rgb "#9aa7b3", \\
        "$".metric using 5:6:7 title "zolserver" linecolor rgb "#b3261e"
 }
 """
@@ -114,7 +114,8 @@ does the least that a relay can do (`bench/relay_floor.cpp`). Figures are median
 {rounds} rounds with their quartiles in brackets; a ratio is the server's figure by the floor's of
 the same round, so that 1 is as good as the floor. Processor time is the scheduler's account, the
 kernel's work included, while players on loopback send 2000 updates a second, one at a time; a relay
-is one datagram to one other player. Where a bound stands, `script/bench` fails when it is not met;
+is one datagram to one other player. The bound of a ratio is on its median over all rounds, because
+single rounds vary more than that, as the quartiles show. `script/bench` fails when a bound is not met;
 rows without one tell what to expect. Car states, and floats after a death, cost more because the
 server answers each with the time of day in the game, for which it reads the clock twice.
 

@@ -19,23 +19,26 @@
 enum Status { GOOD = 0, DOUBTFUL = 1, BAD = 2 };
 
 static constexpr const char* HELP =
-    "usage: zolcheck [--start] [DIRECTORY...]\n"
+    "usage: zolcheck [--start | --port] [DIRECTORY...]\n"
     "\n"
     "Says what a ZOL Server in each directory, by default this one, will make of its settings: on\n"
     "standard output what it will use, on standard error every doubtful line.\n"
     "\n"
     "  --start  for right before a start: a port that is in use is a failure, and so is a named\n"
     "           directory without settings; a doubtful line is none; standard output stays empty\n"
+    "  --port   prints only the number of the port, for scripts, and no doubts\n"
     "\n"
     "Exit status: 0 all is well, 1 there are doubts, 2 a server would not start or not as meant.\n";
 
 static bool is_start;
+static bool wants_port;
 static bool must_have_settings;
 static std::string directory;  // under check now
 static bool has_closed_file;   // its settings cannot be read
 static Status status;          // the worst so far
 
 static void say(Status found, const std::string& where, const std::string& what) {
+  if (wants_port && found != BAD) return;
   std::fprintf(stderr, "%s: %s\n", where.c_str(), what.c_str());
   status = std::max(status, found);
 }
@@ -101,7 +104,9 @@ static void check_directory(std::map<in_port_t, std::string>& ports) {
   const std::optional<in_port_t> port = port_to_bind(server_config.Port, "udp");
   if (port) check_port(*port, ports);
   if (!port) say(BAD, directory, "the server does not start: no port");
-  if (!is_start) print_settings(port ? "port " + std::to_string(ntohs(*port)) : "no port");
+  if (port && wants_port) std::printf("%d\n", ntohs(*port));
+  if (!is_start && !wants_port)
+    print_settings(port ? "port " + std::to_string(ntohs(*port)) : "no port");
 }
 
 static int complain_of_argument(const char* argument) {
@@ -114,8 +119,8 @@ int main(int count, char** arguments) {
   for (int i = 1; i < count; ++i) {
     const std::string_view argument = arguments[i];
     if (argument == "--help") return std::fputs(HELP, stdout) < 0 ? BAD : GOOD;
-    if (argument == "--start") {
-      is_start = true;
+    if (argument == "--start" || argument == "--port") {
+      (argument == "--start" ? is_start : wants_port) = true;
     } else if (argument.starts_with('-')) {
       return complain_of_argument(arguments[i]);
     } else {

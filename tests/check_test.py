@@ -50,7 +50,7 @@ class CheckTest(ServerCase):
                                             "it stays false\n"))
 
         status, said, _ = self.check("--help")
-        self.assertEqual((status, said[:40]), (0, "usage: zolcheck [--start] [DIRECTORY...]"))
+        self.assertEqual((status, said[:40]), (0, "usage: zolcheck [--start | --port] [DIRE"))
 
     def test_says_what_would_go_wrong(self):
         self.directory("one", "Port=5000\n")
@@ -74,6 +74,8 @@ class CheckTest(ServerCase):
             for right in CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH:
                 LIBC.prctl(PR_CAPBSET_DROP, right)
 
+        self.assertEqual(self.check("--port", "one", "two")[:2], (2, "5000\n5000\n"))
+        self.assertEqual(self.check("--port", "empty"), (0, "16309\n", ""))
         for arguments, complaint in (
             (["two"] * 40, "two: port 5000 is the port of two, too\n" * 39),
             (["one", "two"], "two: port 5000 is the port of one, too\n"),

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Checks packaging/zolserver.nft: what strangers do to a server is cut, players pass untouched.
+"""Checks packaging/zolserver.nft, loaded by packaging/zollimits: what strangers do to a server is cut,
+players pass untouched.
 
 Usage: script/checks/firewall [RULES]         (default: packaging/zolserver.nft; about a minute)
 
@@ -164,8 +165,16 @@ class Server:
         run(*inside("server", "nft", "flush", "ruleset"))
         if rules:
             # Bans stay when the rules are loaded anew.
+            settings = work / "servers/attacked/zolserver.cfg"
+            settings.parent.mkdir(parents=True, exist_ok=True)
+            settings.write_text(f"Port={PORT}\n")
+            (work / "rules").write_text(rules.replace(f"{{ {PORT} }}", "{ 9 }"))
+            places = {"ZOL_SERVERS": work / "servers", "ZOL_RULES": work / "rules",
+                      "PATH": f"{BUILD}:{os.environ['PATH']}"}
             for _ in range(2):
-                run(*inside("server", "nft", "-f", "-"), input=rules)
+                said = run(*inside("server", ROOT / "packaging/zollimits", "load"), env=places)
+                if said != f"limits are loaded for UDP port {PORT}\n":
+                    fail(f"zollimits says {said}")
                 run(*inside("server", "nft", "add", "element", "ip", "zolserver_bans", "banned",
                             f"{{ {BANNED}/31 }}"))
         self.process, self.log = start_server(work, f"maxClients=32\nPort={PORT}\n",
@@ -268,7 +277,7 @@ def check(rules_file):
 
 def enter(rules_file):
     """Whatever still runs at the end ends with its namespace."""
-    build("zolserver", "zolbots")
+    build("zolserver", "zolbots", "zolcheck")
     spaces = ["--map-root-user", "--net", "--mount", "--pid", "--fork", "--kill-child"]
     os.execvp("unshare", ["unshare", *spaces, sys.executable, "-B", __file__, "check", rules_file])
 
