@@ -188,16 +188,18 @@ TEST(PictureTest, GuessesWhoseValuesTheseAre) {
 TEST(PictureTest, KnowsWhoPlays) {
   GamePicture picture;
   const std::tuple<const char*, bool, std::uint64_t> steps[] = {
-      {BOB, false, 1'000},
-      {"dc 05 01", false, 2'000},
-      {"ce 05 63", true, 3'000},
-      {BOB, true, 3'000},
-      {"2a 05 01 \"Bob\" ..164", false, 5'000},
-      {"ce 05 63", true, 6'000},
-      {"2a 05 00 \"Rob\" ..164", false, 7'000}};
-  std::uint64_t now_ms = 0;
+      {BOB, false, 100},
+      {"dc 05 01", false, 1'100},
+      {"ce 05 63", true, 2'100},
+      {BOB, true, 2'100},
+      {"2a 05 01 \"Bob\" ..164", false, 4'100},
+      {"ce 05 63", true, 5'100},
+      {"2a 05 00 \"Rob\" ..164", false, 6'100}};
+  std::uint64_t now_ms = 100;
   for (const auto& [words, is_playing, heard_ms] : steps) {
-    hear_words(picture, words, now_ms += 1'000);
+    hear_words(picture, words, now_ms);
+    now_ms += 1'000;
+    EXPECT_TRUE(picture.players[5].is_here) << words;
     EXPECT_EQ(picture.players[5].is_playing, is_playing) << words;
     EXPECT_EQ(picture.players[5].heard_ms, heard_ms) << words;
   }
@@ -241,6 +243,17 @@ class SessionTest : public testing::Test {
   }
   SessionEvent hear(const std::string& words, std::uint64_t now_ms) {
     return session_hear(session, bytes_of(words), now_ms);
+  }
+  // The times at which each code is sent, while others are heard: nothing else is due then.
+  std::map<std::string, std::string> repeats(std::uint64_t from_ms, std::uint64_t to_ms) {
+    std::map<std::string, std::string> times;
+    for (std::uint64_t now_ms = from_ms; now_ms <= to_ms; now_ms += 500) {
+      hear("c8 04 ..16", now_ms);
+      session_step(session, now_ms);
+      std::istringstream codes(sent());
+      for (std::string code; codes >> code;) times[code] += std::to_string(now_ms) + " ";
+    }
+    return times;
   }
   void play(std::uint64_t now_ms) {
     pass(now_ms, now_ms);
@@ -426,6 +439,11 @@ TEST_F(SessionTest, EntersWithWhatWasReportedBefore) {
   EXPECT_EQ(pass(1'000, 1'000), "1000 enter ");
   EXPECT_EQ(latest,
             bytes_of("0f 00*3" PLACE_WORDS "04 00*3 09 00*3 01 00*3 02 00*3 01 00*3" CAR_WORDS));
+  hear(ENTERED, 1'000);
+  hear(PLACED, 1'000);
+  sent();
+  EXPECT_EQ(repeats(1'000, 62'000)["101"], "61000 ") << "the entry has told it";
+  EXPECT_EQ(repeats(62'000, 122'000)["122"], "121000 ");
 }
 
 // The times of the repeats in 100 seconds, of each code.
@@ -470,15 +488,20 @@ TEST_F(SessionTest, RepeatsItsState) {
     each.report(session);
     hear(each.heard, 2'000);
     sent();
-    std::map<std::string, std::string> repeats;
-    for (std::uint64_t now_ms = 2'000; now_ms <= 18'000; now_ms += 500) {
-      hear("c8 04 ..16", now_ms);  // nothing else is due while others are heard
-      session_step(session, now_ms);
-      std::istringstream codes(sent());
-      for (std::string code; codes >> code;) repeats[code] += std::to_string(now_ms) + " ";
-    }
-    EXPECT_EQ(repeats, each.repeats);
+    EXPECT_EQ(repeats(2'000, 18'000), each.repeats);
   }
+}
+
+// The server logs each of these, so a report that it has or has been told often is rare.
+TEST_F(SessionTest, RepeatsWhatIsLoggedEveryMinute) {
+  play(1'000);
+  report_weapon(session, 9);
+  report_car(session, PLACE, CAR);
+  hear("48 00 00", 2'000);
+  sent();
+  auto times = repeats(2'000, 124'000);
+  EXPECT_EQ(times["101"], "62000 122000 ");
+  EXPECT_EQ(times["122"], "4000 6000 8000 10000 70000 ");
 }
 
 TEST_F(SessionTest, TellsTheServerItsCarOnceMore) {
@@ -492,10 +515,10 @@ TEST_F(SessionTest, TellsTheServerItsCarOnceMore) {
 }
 
 TEST_F(SessionTest, SaysWhatOthersSee) {
-  session_say(session, std::string(100, 'x'));
+  session_say(session, "Hi" + std::string(100, 'x'));
   sent();
-  EXPECT_EQ(latest.size(), 62U) << "the code, 60 letters, NUL";
-  EXPECT_EQ(session.picture.chat[0].data(), "Me: " + std::string(60, 'x'));
+  EXPECT_EQ(latest, bytes_of("1f \"Hi\" 78*58 00"));
+  EXPECT_EQ(session.picture.chat[0].data(), "Me: Hi" + std::string(58, 'x'));
   session.name.fill('n');
   session.name.back() = '\0';
   session_say(session, "x");
@@ -636,6 +659,7 @@ TEST(ConnectionTest, ReadsHostAndPort) {
     EXPECT_FALSE(resolve_server(text, server, complaint)) << text;
     EXPECT_NE(complaint.find(std::string(text).substr(0, 9)), std::string::npos) << complaint;
   }
+  EXPECT_FALSE(resolve_server("::1:5", server, complaint)) << "only IPv4";
 }
 
 }  // namespace
