@@ -202,14 +202,12 @@ static void expect_state(const Bot& bot, Slot slot) {
 }
 
 // The server answers only about players in the game, and not about the one who asks. Bots ask about
-// slots that do not exist too, but not about a bot that may or may not be in the game, nor about a
-// free slot that a bot may take before the question arrives.
+// slots that do not exist too, but not about a bot that may or may not be in the game.
 static void query(Bot& bot) {
   const bool asks_info = random_below(bot, 2) == 0;
   auto slot = static_cast<Slot>(random_below(bot, fleet.size + 2));
   if (slot > fleet.size) slot = random_byte(bot) | 32U;
   const std::uint8_t target = slot < SLOTS ? fleet.slots[slot].bot : NO_BOT;
-  if (target == NO_BOT && slot < SLOTS && !fleet.in_order_delivery) return;
   if (target != NO_BOT && target != bot.number) {
     const BotSet target_bit = bot_bit(target);
     if ((fleet.maybe_in_game & target_bit) != 0) return;

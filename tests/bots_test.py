@@ -59,7 +59,7 @@ HONEST = [(12, ()), (200, ())]
 # Bots miss a datagram that does not come without --alone, too.
 NOT_ALONE = [*HONEST, *((code, ("dropped", "swapped")) for code in (201, 42, ENTERED))]
 MOVES = 3  # joins of bots in the game, until an honest run ends
-DELAY_S = 0.01  # of the second bot's datagrams on a network; the third one's take twice as long
+DELAY_S = 0.02  # of the second bot's datagrams on a network; the third one's take twice as long
 
 PLAYING = multiprocessing.Semaphore(16)  # runs at once; more would overflow the sockets
 BEFORE = 50  # datagrams to the bots before the first lie: by then they play
@@ -226,10 +226,10 @@ class BotsTest(ServerCase):
         loopback addresses only; 0.0.0.0 is this machine, too."""
         self.start_and_wait("maxClients=8\n")
         self.console.close()
-        for host, delay_s in (("127.0.0.1", 0), ("0.0.0.0", DELAY_S)):
+        for host, delay_s, alone in (("127.0.0.1", 0, ["--alone"]), ("0.0.0.0", DELAY_S, [])):
             with contextlib.closing(Liar(self.port, delay_s, 200, ())) as liar:
                 command = [ZOLBOTS, "--server", f"{host}:{liar.front_port}", "--players", "3",
-                           "--rate", "100", "--seconds", str(PATIENCE_S), "--alone"]  # fmt: skip
+                           "--rate", "100", "--seed", "7", "--seconds", str(PATIENCE_S), *alone]  # fmt: skip
                 bots = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
                 self.addCleanup(bots.kill)
                 liar.poll.register(bots.stdout, 0)  # its end
