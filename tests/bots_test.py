@@ -221,6 +221,25 @@ class BotsTest(ServerCase):
                 self.assertGreaterEqual(wrong, len(lies) - lies.count("dropped"))
                 self.assertGreaterEqual(lost, lies.count("dropped"))
 
+    def test_a_lost_notice_of_a_bot_that_moves_is_reported(self):
+        self.start_and_wait("maxClients=8\n")
+        self.console.close()
+        with contextlib.closing(Liar(self.port, 0, 60, ())) as liar:
+            command = [ZOLBOTS, "--server", f"127.0.0.1:{liar.front_port}", "--players", "3",
+                       "--rate", "100", "--seed", "7", "--seconds", str(PATIENCE_S)]  # fmt: skip
+            bots = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
+            self.addCleanup(bots.kill)
+            liar.poll.register(bots.stdout, 0)  # its end
+            while liar.moves == 0 and liar.pass_some():
+                pass
+            liar.ways = ["dropped"]
+            while liar.has_more_to_tell() and liar.pass_some():
+                pass
+            bots.terminate()
+            while liar.pass_some():
+                pass
+            self.assertRegex(bots.communicate()[0], r"\nrelays +\d+ +\d+ +1 +0\n")
+
     def test_bots_that_join_again_report_nothing(self):
         """On a network the datagrams of two bots overtake each other. Bots count on their order at
         loopback addresses only; 0.0.0.0 is this machine, too."""
@@ -239,7 +258,11 @@ class BotsTest(ServerCase):
                 while liar.pass_some():
                     pass
                 table = bots.communicate()[0]
+            delays = re.search(r"delay of a relay: p50 ([\d.]+) ms, p99 ([\d.]+) ms, max ([\d.]+) ms", table)
             with self.subTest(host, table=table):
+                p50, p99, most = map(float, delays.groups())
+                self.assertTrue(0 < p50 <= p99 <= most < 1000 * PATIENCE_S)
+                self.assertGreater(most, 1000 * delay_s)
                 self.assertGreaterEqual(liar.moves, MOVES)
                 self.assertEqual(bots.returncode, 0)
 
@@ -248,12 +271,28 @@ class BotsTest(ServerCase):
         self.console.close()
         watcher, places = self.enter_game(), []
         command = [ZOLBOTS, "--server", f"127.0.0.1:{self.port}", "--players", "1", "--rate", "200"]
-        with subprocess.Popen(command, stdout=subprocess.DEVNULL) as bot:
+        with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as bot:
             self.addCleanup(bot.kill)
             while len(places) < 400:
                 if (heard := watcher.heard())[0] == 200:
                     places.append(complex(*struct.unpack("<ff", heard[4:12])))
+            bot.send_signal(signal.SIGSTOP)
+            watcher.socket.settimeout(0.5)
+            with contextlib.suppress(TimeoutError):
+                while True:
+                    watcher.heard()
+            bot.send_signal(signal.SIGCONT)
+            watcher.socket.settimeout(PATIENCE_S)
+            while watcher.heard()[0] != 200:
+                pass
             bot.terminate()
+            table = bot.communicate()[0]
+        seconds, positions, skipped = (
+            float(re.search(expression, table)[1])
+            for expression in (r" for ([\d.]+) s,", r" (\d+) of them pos", r"\n(\d+) position updates sk")
+        )  # fmt: skip
+        self.assertLess(positions + skipped, 200 * (seconds + 0.1), "it does not catch up")
+        self.assertGreater(skipped, 90)
         steps = [after - before for before, after in zip(places, places[1:])]
         lengths = [abs(step) for step in steps]
         self.assertAlmostEqual(min(lengths), 8 / 200, 3)

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "bots/histogram.h"
 #include "client/reports.h"
 #include "client/server_connection.h"
 #include "tests/bytes.h"
@@ -625,6 +626,21 @@ TEST(TextTest, ShowsAnyBytes) {
   for (const char* no_utf8 : {"J\xF6", "J\xF6 x", "\xC3", "\xFF\xFF", "\xC3\xB6\x80", "\xC1\xBF",
                               "\xC3\xB6\xF5\xBF\xBF\xBF"}) {
     EXPECT_EQ(latin1_of(no_utf8), no_utf8);
+  }
+}
+
+TEST(HistogramTest, KnowsPercentiles) {
+  EXPECT_EQ(histogram_percentile(Histogram(), 50), 0U);
+  for (const std::uint64_t scale : {1U, 1'000U, 1'000'000'000U}) {
+    Histogram histogram;
+    for (std::uint64_t i = 1; i <= 101; ++i) histogram_add(histogram, i * scale);
+    for (const unsigned percent : {1U, 30U, 50U, 62U, 99U, 100U}) {
+      const std::uint64_t exact = (percent + 1) * scale;
+      const std::uint64_t found = histogram_percentile(histogram, percent);
+      EXPECT_GE(found, exact) << percent;
+      EXPECT_LE(found, exact < 64 ? exact : exact + exact / 32) << percent;
+    }
+    EXPECT_EQ(histogram.max_ns, 101 * scale);
   }
 }
 
