@@ -178,6 +178,7 @@ class ViewTest(ViewCase):
             bob.socket.send(b"\x1f" + line[5:].encode() + b"\0")
         view.until(lambda rows: rows[MAP_ROWS + 1 :] == [*lines[-5:], "Enter: chat   q: quit"])
         view.until(lambda rows: 2 <= int(re.fullmatch(r".* (\d+)s", rows[2])[1]) < 100)
+        view.until(lambda rows: re.match(r"00:(?!00)\d\d", rows[0][42:]))
         self.assertNotIn(b"\x1b]0", view.bytes)
         self.assertEqual(len(view.bytes.split(b"\x1b[2J")), len(view.bytes.split(b"\x1b[H\x1b[2J")))
 
