@@ -4,7 +4,7 @@
 
 #include "client/reports.h"
 #include "fuzz/check.h"
-#include "text/latin1.h"
+#include "text/names.h"
 #include "view/map.h"
 
 static void check_picture(const GamePicture& picture, std::uint64_t now_ms) {

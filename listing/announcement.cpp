@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
-#include "text/latin1.h"
+#include "text/names.h"
 
 static constexpr int PROTOCOL = 40;  // the version that listed servers speak
 static constexpr int MIN_PLAYERS = 2;
@@ -60,7 +60,7 @@ std::optional<Announcement> read_announcement(std::string_view query) {
     return std::nullopt;
   }
   return Announcement{
-      .name = printable(decoded(value_of(query, "name")).substr(0, MAX_NAME)),
+      .name = printable(decoded(value_of(query, "name")).substr(0, MAX_NAME), MAX_NAME),
       .os = printable(decoded(value_of(query, "os")).substr(0, MAX_OS)),
       .players = *players,
       .max_players = *max_players,

@@ -10,7 +10,7 @@
 
 using namespace zol;
 
-inline constexpr std::size_t MAX_NAME = 31;  // characters, as servers cut their own
+inline constexpr std::size_t MAX_NAME = 31;  // bytes, as servers cut their own
 inline constexpr std::size_t MAX_OS = 8;
 
 struct Announcement {

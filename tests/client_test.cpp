@@ -14,7 +14,7 @@
 #include "client/server_connection.h"
 #include "tests/bytes.h"
 #include "tests/loopback.h"
-#include "text/latin1.h"
+#include "text/names.h"
 #include "view/map.h"
 #include "view/role.h"
 
@@ -622,6 +622,7 @@ TEST(TextTest, ShowsAnyBytes) {
   const std::string any("J\xF6 \x1B[2J\x7F\x9F\xA0\xAD\"\\\n\0x", 17);
   EXPECT_EQ(printable(any), "Jö ?[2J??\u00A0?\"\\?");
   EXPECT_EQ(json_string(any), "\"Jö \\u001b[2J\\u007f\\u009f\u00A0\\u00ad\\\"\\\\\\u000a\"");
+  EXPECT_EQ(json_string("車\u202E\U000E0041🚗"), "\"車\\u202e\\udb40\\udc41🚗\"");
   EXPECT_EQ(latin1_of("Jö Ā\u0800€\xF0\x9F\x9A\x97 ÿ"), "J\xF6 ???? \xFF");
   for (const char* no_utf8 : {"J\xF6", "J\xF6 x", "\xC3", "\xFF\xFF", "\xC3\xB6\x80", "\xC1\xBF",
                               "\xC3\xB6\xF5\xBF\xBF\xBF"}) {
@@ -662,6 +663,64 @@ TEST(ConnectionTest, CutsWhatIsTooLong) {
   EXPECT_EQ(batch.count, 0U) << "nothing waits any more";
   close(client);
   close(server);
+}
+
+// Every text here is taken for one that is cut at its last byte.
+TEST(TextTest, TakesValidUtf8AsSuchAndTheRestAsLatin1) {
+  struct Case {
+    const char* bytes;
+    const char* shown;
+  };
+  const Case cases[] = {
+      {"Jörg 車 🚗 \u0800\uFFFD\U0010FFFD", "Jörg 車 🚗 \u0800\uFFFD\U0010FFFD"},
+      // Halves of characters of 2, 3 and 4 bytes, at the end and elsewhere.
+      {"J\xC3", "J"},
+      {"J\xE8\xBB", "J"},
+      {"J\xE8", "J"},
+      {"J\xE0\xA0", "J"},
+      {"J\xED\x9F", "J"},
+      {"J\xF0\x9F\x9A", "J"},
+      {"J\xF0\x90", "J"},
+      {"J\xF4\x8F", "J"},
+      {"J\xF0", "J"},
+      {"J\xC3ö", "JÃÃ¶"},
+      {"J\xC3 ", "JÃ "},
+      // Overlong forms, surrogates and values past the last character, whole and cut.
+      {"\xC1\xA1", "Á¡"},
+      {"\xE0\x9F\xBF", "à?¿"},
+      {"\xE0\x9F", "à?"},
+      {"\xF0\x8F\xBF\xBF", "ð?¿¿"},
+      {"\xF0\x8F", "ð?"},
+      {"\xED\xA0\xA1", "í\u00A0¡"},
+      {"\xED\xA0", "í\u00A0"},
+      {"\xF4\xBF\xBF\xBF", "ô¿¿¿"},
+      {"\xF5\xA1", "õ¡"},
+      {"\xBF", "¿"},
+      // Controls, and characters that hide or turn a line around.
+      {"a\u0080\u009Bb\u00ADc", "a??b?c"},
+      {"\uFEFFa\u061C\u200B\u200E\u200F\u2028\u202A\u202Eb\u2066\u2069", "?a???????b??"},
+      {"\U000E0001\uFFFE\uFDD0\u2060\u3164", "?????"},
+      {"می\u200Cخ ❤\uFE0F👩\u200D🚀", "می\u200Cخ ❤\uFE0F👩\u200D🚀"},
+  };
+  for (const Case& each : cases) {
+    EXPECT_EQ(printable(each.bytes, std::strlen(each.bytes)), each.shown) << each.bytes;
+  }
+}
+
+// A name in Latin-1 may end like half a character.
+TEST(TextTest, DropsHalfACharacterOnlyWhereATextWasCut) {
+  EXPECT_EQ(printable("Caf\xE9"), "Café");
+  EXPECT_EQ(printable("Caf\xE9", 31), "Café");
+  EXPECT_EQ(printable("Caf\xE9", 4), "Caf");
+  EXPECT_EQ(printable("車\xE9"), "車") << "the text before is UTF-8";
+  EXPECT_EQ(shown("車\xE8\xBB"), L"車");
+}
+
+TEST(TextTest, KnowsWhatLooksLikeNothing) {
+  for (const char* blank : {"", " ", "  \u00A0", "\u2003\u3000\u200D\u2800"}) {
+    EXPECT_TRUE(is_blank(blank)) << blank;
+  }
+  for (const char* text : {".", " a ", "?", "\u3000車"}) EXPECT_FALSE(is_blank(text)) << text;
 }
 
 TEST(ConnectionTest, ReadsHostAndPort) {

@@ -98,6 +98,8 @@ class ListTest(unittest.TestCase):
             "": "", "A%20b%2Bc+d": "A b+c d", "100%": "100%", "%4": "%4", "%zz%41": "%zzA",
             "%C3%B6\udcf6": "Ã¶ö", "%00%1b%7f%9b%0a": "?????", "x" * 40: "x" * 31,
             "%E4" * 40: "ä" * 31, '"\\</td><script>&p=1': '"\\</td><script>', "a=b;c": "a=b;c",
+            "%c3%b6%20%E8%BB%8A\udcf0": "ö 車", "x" * 30 + "ö": "x" * 30, "Caf%E9": "Café",
+            "A%e2%80%aeB%ef%bb%bf": "A?B?",
         }.items():  # fmt: skip
             self.announce(name=sent)
             self.assertEqual(self.listed()[0]["name"], shown, sent)

@@ -131,6 +131,14 @@ class ViewCase(ServerCase):
 
 
 class ViewTest(ViewCase):
+    def test_keeps_its_columns_with_wide_names(self):
+        self.start_and_wait("")
+        self.guest("車".encode() * 9, 0, 0, 7)
+        self.guest("e\u0301é\u202e".encode() + b"\xe8\xbb", 0, 0, 7)
+        view = Terminal(self)
+        view.until_equal(view.list, ["0 車車車車車車車 foot      7   -",
+                                     "1 éé?" + " " * 12 + "foot      7   -"])  # fmt: skip
+
     def test_shows_a_played_session(self):
         self.start_and_wait("GameType=1\n")
         bob = self.guest(b"Bob", 0, 0, 7)

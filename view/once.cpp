@@ -15,7 +15,7 @@
 #include "client/monotonic.h"
 #include "client/server_connection.h"
 #include "client/stop_signals.h"
-#include "text/latin1.h"
+#include "text/names.h"
 
 // Datagrams may be lost: a join is tried so often, and questions are asked until so many rounds in
 // a row have brought nobody new.
@@ -136,7 +136,7 @@ static void print_table(const GamePicture& picture) {
     char line[64];
     std::snprintf(line, sizeof line, "%2u  %-8s weapon %-3u  ", unsigned{slot}, ride.c_str(),
                   unsigned{player.state.state_b});
-    lines += line + printable(player.name.data()) + "\n";
+    lines += line + printable(player.name.data(), NAME_WIDTH - 1) + "\n";
   }
   std::printf("%s, %s, %d %s\n%s", printable(picture.welcome.data()).c_str(),
               game_type_name(picture.game_type), count, count == 1 ? "player" : "players",

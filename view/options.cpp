@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "client/server_connection.h"
-#include "text/latin1.h"
+#include "text/names.h"
 
 static constexpr const char* HELP =
     "usage: zolview [--name NAME] HOST[:PORT]\n"

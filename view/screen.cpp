@@ -6,8 +6,9 @@
 #include <clocale>
 #include <cstdarg>
 #include <cstdio>
+#include <cwchar>
 
-#include "text/latin1.h"
+#include "text/names.h"
 
 // From left to right and from top to bottom: the map, one column between, and the list with the
 // game's clock above it; then the status in a line across, the chat, and the line to type in.
@@ -62,12 +63,26 @@ static bool is_shown(const GamePicture& picture, Slot slot) {
   return picture.players[slot].has_record && slot != picture.own_slot;
 }
 
+// The beginning of a text that fits so many columns: a character of East Asia takes two, an accent
+// that follows its letter takes none. What the terminal's locale lacks becomes '?'.
+static std::wstring fitted(const std::wstring& text, int columns) {
+  std::wstring fitting;
+  for (const wchar_t each : text) {
+    const int width = wcwidth(each);
+    if (width == 0 && fitting.empty()) continue;  // it would change the column before
+    columns -= width < 0 ? 1 : width;
+    if (columns < 0) break;
+    fitting += width < 0 ? L'?' : each;
+  }
+  return fitting;
+}
+
 // Puts text into at most so many columns, in an ncurses style.
 static void put(int row, int column, int columns, const std::wstring& text,
                 attr_t style = A_NORMAL) {
   if (columns <= 0) return;
   attrset(static_cast<int>(style));
-  mvaddnwstr(row, column, text.c_str(), columns);
+  mvaddwstr(row, column, fitted(text, columns).c_str());
   attrset(A_NORMAL);
 }
 
@@ -110,7 +125,7 @@ static void draw_row(const GamePicture& picture, Slot slot, int row, int column,
   const std::uint64_t silent_s = std::min<std::uint64_t>((now_ms - player.heard_ms) / 1'000, 999);
   const attr_t style = style_of(picture, slot);
   put(row, column, 1, {mark_of(slot)}, style);
-  put(row, column + 2, NAME_COLUMNS, shown(player.name.data()), style);
+  put(row, column + 2, NAME_COLUMNS, shown(player.name.data(), NAME_WIDTH - 1), style);
   const int rest = column + 3 + NAME_COLUMNS;
   put(row, rest, COLS - rest,
       text_of("%-7s %3u %3s %3us", ride.c_str(), unsigned{player.state.state_b}, deaths.c_str(),
