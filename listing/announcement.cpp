@@ -19,8 +19,7 @@ static std::optional<int> number_of(std::string_view text, int least, int most) 
   return number;
 }
 
-// The raw value of the last pair with this key; empty without one.
-static std::string_view value_of(std::string_view query, std::string_view key) {
+std::string_view value_of(std::string_view query, std::string_view key) {
   std::string_view value;
   while (!query.empty()) {
     const std::string_view pair = query.substr(0, query.find('&'));

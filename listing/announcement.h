@@ -27,3 +27,6 @@ struct Announcement {
 // Nothing when a value is missing or not allowed. Where a key is given twice, the last one counts:
 // servers do not escape their name, which comes first, so a '&' in it may bring in keys of its own.
 std::optional<Announcement> read_announcement(std::string_view query);
+
+// The raw value of the last pair with this key; empty without one.
+std::string_view value_of(std::string_view query, std::string_view key);

@@ -2,6 +2,8 @@
 
 #include <ctime>
 
+#include "text/names.h"
+
 static constexpr const char* HEAD = R"(<!DOCTYPE html>
 <html lang="en">
 <head>
@@ -12,18 +14,25 @@ static constexpr const char* HEAD = R"(<!DOCTYPE html>
 <style>
 :root { color-scheme: light dark; font: 16px/1.5 system-ui, sans-serif; }
 body { max-width: 60rem; margin: 0 auto; padding: 1rem; }
-table { width: 100%; border-collapse: collapse; }
-th, td { padding: .4rem .6rem; text-align: left; border-bottom: 1px solid #8886; }
-td { overflow-wrap: anywhere; }
-td.count { white-space: nowrap; }
+nav { display: flex; flex-wrap: wrap; gap: 0 1.5rem; }
+table { width: 100%; margin-top: 1rem; border-collapse: collapse; }
+th, td { padding: .4rem .6rem; text-align: left; border-bottom: 1px solid #8886;
+  white-space: nowrap; }
+td:first-child { white-space: normal; overflow-wrap: anywhere; }
 code { user-select: all; }
 .free { opacity: .6; }
 p { max-width: 40rem; }
-@media (max-width: 40rem) {
+@media (max-width: 50rem) {
   thead { display: none; }
-  tr { display: block; padding: .5rem 0; border-bottom: 1px solid #8886; }
-  td { display: inline-block; padding: 0 .8rem 0 0; border: 0; }
-  td:first-child { display: block; font-weight: bold; }
+  tr { display: flex; flex-wrap: wrap; gap: 0 1.2rem; padding: .5rem 0;
+    border-bottom: 1px solid #8886; }
+  td { padding: 0; border: 0; }
+  td:first-child { width: 100%; font-weight: bold; }
+  td::before { margin-right: .4em; font-size: .85em; opacity: .7; }
+  td:nth-child(2)::before { content: "Address"; }
+  td:nth-child(3)::before { content: "Players"; }
+  td:nth-child(4)::before { content: "Game"; }
+  td:nth-child(5)::before { content: "Seen"; }
 }
 </style>
 </head>
@@ -36,11 +45,13 @@ static constexpr const char* TABLE = R"(<table>
 <tbody>
 )";
 
+static constexpr const char* NONE_WANTED = "<p>No listed server matches this choice.</p>\n";
+
 static constexpr const char* EMPTY = R"(<p>No server is listed now.</p>
-<p>A server lists itself here when <code>AnnounceServer=true</code> stands in its
+<p>A server lists itself here when <code>AnnounceServer=true</code> is in its
 <code>zolserver.cfg</code> and it was built, or its machine was told, to announce to this host. It
-appears within seconds of its start and disappears when it stops, or 11 minutes after it was last
-heard of.</p>
+appears within seconds of its start. It disappears when it stops, or 11 minutes after its last
+announce.</p>
 )";
 
 static constexpr const char* END = "</body>\n</html>\n";
@@ -90,23 +101,97 @@ static std::string ago(std::int64_t seconds) {
   return std::to_string(seconds / 60) + " min ago";
 }
 
+// A name that nobody could see gives way to the address.
 static std::string row_of(const Entry& entry, std::int64_t now_s) {
   const Announcement& server = entry.server;
   const std::string count =
       std::to_string(server.players) + " of " + std::to_string(server.max_players);
+  const std::string address = escaped_html(entry.address) + ":" + std::to_string(server.port);
   std::string row = server.players == 0 ? "<tr class=\"free\">" : "<tr>";
-  row += "<td>" + escaped_html(server.name) + "</td>";
-  row += "<td><code>" + escaped_html(entry.address) + ":" + std::to_string(server.port) +
-         "</code></td>";
-  row += "<td class=\"count\">" + count + "</td><td>" + game_of(server) + "</td>";
+  row += "<td>" + (is_blank(server.name) ? address : escaped_html(server.name)) + "</td>";
+  row += "<td><code>" + address + "</code></td>";
+  row += "<td>" + count + "</td><td>" + game_of(server) + "</td>";
   return row + "<td>" + ago(now_s - entry.last_seen_s) + "</td></tr>\n";
 }
 
-std::string html_of(const std::vector<Entry>& entries, std::int64_t now_s) {
+static std::string query_of(const Filter& filter) {
+  std::string query = filter.hides_empty ? "empty=no" : "";
+  if (filter.game_type) {
+    if (!query.empty()) query += '&';
+    query += "game=" + std::to_string(*filter.game_type);
+  }
+  return query;
+}
+
+// To the page with this filter. Relative, so that the list may have a path before it. The filter
+// that is in force is no link.
+static std::string link_to(const Filter& filter, const Filter& current, const char* text) {
+  const std::string query = query_of(filter);
+  if (query == query_of(current)) return std::string(" <b aria-current=\"true\">") + text + "</b>";
+  const std::string target = query.empty() ? "./" : "?" + escaped_html(query);
+  return " <a href=\"" + target + "\">" + text + "</a>";
+}
+
+static std::string links_of(const Filter& current) {
+  std::string links = "<nav>\n<span>Servers:";
+  links += link_to({false, current.game_type}, current, "all");
+  links += link_to({true, current.game_type}, current, "with players");
+  links += "</span>\n<span>Game:" + link_to({current.hides_empty, std::nullopt}, current, "any");
+  for (const int type : {DEATHMATCH, CATCH_PINKPANTHER}) {
+    links += link_to({current.hides_empty, type}, current, game_type_name(type));
+  }
+  return links + "</span>\n</nav>\n";
+}
+
+static bool is_wanted(const Entry& entry, const Filter& filter) {
+  if (filter.hides_empty && entry.server.players == 0) return false;
+  return !filter.game_type || entry.server.game_type == *filter.game_type;
+}
+
+struct Totals {
+  std::size_t players = 0;
+  std::size_t servers = 0;
+};
+
+static Totals totals_of(const std::vector<Entry>& entries, const Filter& filter) {
+  Totals totals;
+  for (const Entry& entry : entries) {
+    if (!is_wanted(entry, filter)) continue;
+    totals.players += static_cast<std::size_t>(entry.server.players);
+    ++totals.servers;
+  }
+  return totals;
+}
+
+static std::string counted(std::size_t count, const char* thing) {
+  return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
+}
+
+// "3 players on 2 servers", or "3 players on 2 of 40 servers" where some are hidden.
+static std::string sum_of(const Totals& totals, std::size_t listed) {
+  std::string sum = "<p>" + counted(totals.players, "player") + " on ";
+  if (totals.servers != listed) sum += std::to_string(totals.servers) + " of ";
+  return sum + counted(listed, "server") + "</p>\n";
+}
+
+Filter read_filter(std::string_view query) {
+  Filter filter{.hides_empty = value_of(query, "empty") == "no"};
+  for (const int type : {DEATHMATCH, CATCH_PINKPANTHER}) {
+    if (value_of(query, "game") == std::to_string(type)) filter.game_type = type;
+  }
+  return filter;
+}
+
+std::string html_of(const std::vector<Entry>& entries, const Filter& filter, std::int64_t now_s) {
   std::string page = HEAD;
   if (entries.empty()) return page + EMPTY + END;
+  const Totals totals = totals_of(entries, filter);
+  page += sum_of(totals, entries.size()) + links_of(filter);
+  if (totals.servers == 0) return page + NONE_WANTED + END;
   page += TABLE;
-  for (const Entry& entry : entries) page += row_of(entry, now_s);
+  for (const Entry& entry : entries) {
+    if (is_wanted(entry, filter)) page += row_of(entry, now_s);
+  }
   return page + "</tbody>\n</table>\n" + END;
 }
 
@@ -135,11 +220,15 @@ static std::string object_of(const Entry& entry) {
   return object + ",\"last_seen\":" + quoted_time(entry.last_seen_s) + "}";
 }
 
-std::string json_of(const std::vector<Entry>& entries) {
-  std::string array = "[";
+std::string json_of(const std::vector<Entry>& entries, const Filter& filter) {
+  const Totals totals = totals_of(entries, filter);
+  std::string object = "{\"total_players\":" + std::to_string(totals.players);
+  object += ",\"total_servers\":" + std::to_string(totals.servers) + ",\"servers\":[";
+  const char* separator = "\n";
   for (const Entry& entry : entries) {
-    array += array.size() == 1 ? "\n" : ",\n";
-    array += object_of(entry);
+    if (!is_wanted(entry, filter)) continue;
+    object += separator + object_of(entry);
+    separator = ",\n";
   }
-  return array + "\n]\n";
+  return object + "\n]}\n";
 }

@@ -62,11 +62,12 @@ static void answer_server(sqlite3* list, std::int64_t now_s) {
 
 static void answer_reader(sqlite3* list, std::int64_t now_s, bool wants_json) {
   const auto entries = list == nullptr ? std::nullopt : read_list(list, now_s);
+  const Filter filter = read_filter(variable("QUERY_STRING"));
   if (wants_json) {
-    entries ? answer("200 OK", JSON, json_of(*entries))
+    entries ? answer("200 OK", JSON, json_of(*entries, filter))
             : answer("503 Service Unavailable", PLAIN, "unavailable\n");
   } else {
-    entries ? answer("200 OK", HTML, html_of(*entries, now_s))
+    entries ? answer("200 OK", HTML, html_of(*entries, filter, now_s))
             : answer("503 Service Unavailable", HTML, html_of_failure());
   }
 }

@@ -6,6 +6,7 @@ import contextlib
 import json
 import os
 import pathlib
+import re
 import resource
 import sqlite3
 import subprocess
@@ -51,7 +52,10 @@ class ListTest(unittest.TestCase):
         return body[4:5].decode()
 
     def listed(self):
-        return json.loads(self.ask("/servers.json")[2])
+        return json.loads(self.ask("/servers.json")[2])["servers"]
+
+    def page(self, query=""):
+        return self.ask("/", query)[2].decode()
 
     def age(self, seconds):
         with contextlib.closing(sqlite3.connect(self.path)) as database, database:
@@ -106,8 +110,54 @@ class ListTest(unittest.TestCase):
         self.announce(name="&mp=1&p=99&port=7&v=1&gt=9")
         self.assertEqual(self.listed()[0]["port"], 16309, "the last one of a key counts")
         self.announce(name="<b>'\"&amp")
-        page = self.ask()[2].decode()
-        self.assertIn("<td>&lt;b&gt;&#39;&quot;</td>", page)
+        self.assertIn("<td>&lt;b&gt;&#39;&quot;</td>", self.page())
+
+    def test_shows_the_address_for_a_name_that_is_blank(self):
+        for name in ("", "+", "%20%C2%A0+", "%E3%80%80"):
+            self.announce(name=name)
+            self.assertIn("<tr class=\"free\"><td>192.0.2.1:16309</td><td><code>", self.page(), name)
+
+    def test_counts_and_filters(self):
+        """The page and JSON give the same servers for each query."""
+        self.assertEqual(json.loads(self.ask("/servers.json")[2]),
+                         {"total_players": 0, "total_servers": 0, "servers": []})  # fmt: skip
+        self.assertIn("No server is listed now", self.page("empty=no"))
+        self.announce(name="Quiet")
+        self.assertIn("<p>0 players on 1 server</p>", self.page())
+        self.assertIn("<p>0 players on 0 of 1 server</p>", self.page("empty=no"))
+        self.assertIn("No listed server matches", self.page("empty=no"))
+        self.announce(name="Solo", port="1", p="1")
+        self.assertIn("<p>1 player on 2 servers</p>", self.page())
+        self.announce(name="Pink", port="2", gt="1", p="3")
+        self.announce(name="Calm", port="3", gt="1")
+        for query, count, names in (
+            ("", "4 players on 4 servers", "Pink Solo Calm Quiet"),
+            ("empty=no", "4 players on 2 of 4 servers", "Pink Solo"),
+            ("game=0", "1 player on 2 of 4 servers", "Solo Quiet"),
+            ("game=1", "3 players on 2 of 4 servers", "Pink Calm"),
+            ("empty=no&game=0", "1 player on 1 of 4 servers", "Solo"),
+            ("game=1&empty=no", "3 players on 1 of 4 servers", "Pink"),
+            ("empty=yes&game=2", "4 players on 4 servers", "Pink Solo Calm Quiet"),
+            ("empty&game=&game=01&x=<b>", "4 players on 4 servers", "Pink Solo Calm Quiet"),
+        ):
+            with self.subTest(query):
+                page, answer = self.page(query), json.loads(self.ask("/servers.json", query)[2])
+                self.assertIn(f"<p>{count}</p>", page)
+                self.assertEqual(re.findall(r"<tr[^>]*><td>(.*?)</td>", page), names.split())
+                self.assertEqual([each["name"] for each in answer["servers"]], names.split())
+                self.assertEqual(answer["total_servers"], len(answer["servers"]))
+                self.assertEqual(answer["total_players"], int(count.split()[0]))
+
+    def test_links_keep_the_other_choice(self):
+        self.announce()
+        for query, links in (
+            ("", ["?empty=no", "?game=0", "?game=1"]),
+            ("x=1", ["?empty=no", "?game=0", "?game=1"]),
+            ("empty=no", ["./", "?empty=no&amp;game=0", "?empty=no&amp;game=1"]),
+            ("game=1", ["?empty=no&amp;game=1", "./", "?game=0"]),
+            ("empty=no&game=0", ["?game=0", "?empty=no", "?empty=no&amp;game=1"]),
+        ):
+            self.assertEqual(re.findall('href="(.*?)"', self.page(query)), links, query)
 
     def test_forgets_who_is_silent(self):
         self.announce()

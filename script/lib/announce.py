@@ -65,7 +65,7 @@ def await_that(holds, what, clock=None, limit_s=PATIENCE_S):
 
 def listed():
     with urllib.request.urlopen(f"{LIST}/servers.json", timeout=PATIENCE_S) as answer:
-        return json.load(answer)
+        return json.load(answer)["servers"]
 
 
 def count_of(port):
