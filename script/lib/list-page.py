@@ -1,25 +1,56 @@
 #!/usr/bin/python3
-"""Looks at the list's page in a real browser: with names that are markup, with 300 servers, and
-with none; on a wide screen, on a phone, in the light and in the dark. Leaves pictures in
-build/list-page.
+"""Looks at the list's page in a real browser: names that are markup, long names, 300 servers, and
+none; on a phone, a tablet and desktops, in the light and in the dark. Follows the filters' links, and
+waits for the page's own refresh. Leaves pictures in build/list-page.
 
-    script/checks/list-page [--write-docs]      also draws docs/listing.svg anew"""
+    script/checks/list-page [--write-docs]      also draws docs/listing.svg again"""
 
+import contextlib
+import http.server
 import re
 import shutil
 import subprocess
 import sys
 import tempfile
+import threading
+import urllib.parse
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import WebDriverWait
 
 from lib import BUILD, ROOT, build, fail
 
+PATIENCE_S = 30
 PICTURES = BUILD / "list-page"
-WIDTHS = {"wide": 1000, "phone": 360}
+# On both sides of the width at which the table becomes blocks, too.
+WIDTHS = {"phone": 360, "phone-wide": 641, "tablet": 800, "tablet-wide": 801, "wide": 1280,
+          "desktop": 1920}  # fmt: skip
+PICTURED = ("phone", "tablet", "desktop")
 MARKUP = ["<script>window.hit=1</script>", '"><img src=x onerror=hit=1>', "</table></body>&amp;", "'"]
+LONG = ["W" * 31, "W" * 15 + " " + "m" * 15, "Thirty characters in this name", "車" * 10, "i"]
 SAMPLE = [("Friday Garage", 7, 16, 1), ("Harn Tor Nights", 3, 32, 0), ("Rookies welcome", 0, 8, 0)]
+FULL_ADDRESS = "255.255.255.255"
+
+# The texts that take more than one line. Only a server's name may.
+BROKEN = """
+return [...document.querySelectorAll('td:not(:first-child), th, nav a, nav b')].filter(cell => {
+  const range = document.createRange();
+  range.selectNodeContents(cell);
+  return new Set([...range.getClientRects()].map(box => Math.round(box.bottom / 8))).size > 1;
+}).map(cell => cell.textContent)
+"""
+# Every cell has its column's header above it or its label in it. A label is seen, too.
+LABELS = """
+const head = document.querySelector('thead');
+if (head.getBoundingClientRect().height > 0) return [...head.querySelectorAll('th')].map(
+  cell => cell.textContent).slice(1);
+return [...document.querySelectorAll('tbody tr:first-child td:not(:first-child)')].map(cell => {
+  const style = getComputedStyle(cell, '::before');
+  return style.display === 'none' ? '' : style.content.replaceAll('"', '');
+})
+"""
 
 
 def zollist(folder, path, query="", address="192.0.2.1"):
@@ -31,16 +62,43 @@ def zollist(folder, path, query="", address="192.0.2.1"):
     return done.stdout.split(b"\r\n\r\n", 1)[1].decode()
 
 
-def page_of(servers):
-    """The page of a list of (name, players, most, game type), as the program writes it."""
+def fill(folder, servers, first=(FULL_ADDRESS, 65485)):
+    """Servers are (name, players, most, game type). The first ones are at this address."""
+    for i, (name, players, most, game_type) in enumerate(servers):
+        name = urllib.parse.quote_plus(name.encode()[:31])
+        port = first[1] + i % 50
+        query = f"name={name}&p={players}&mp={most}&gt={game_type}&port={port}&v=40&os=lin"
+        address = f"192.0.2.{i // 50}" if i >= 50 else first[0]
+        if "1" not in zollist(folder, "/cgi-bin/zol.pl", query, address):
+            fail(f"not listed: {query}")
+
+
+@contextlib.contextmanager
+def served(servers, refresh_s=None):
+    """Their list on a port of this machine, and the paths that it was asked for."""
+    asked = []
+
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_GET(self):
+            asked.append(self.path)
+            path, _, query = self.path.partition("?")
+            page = zollist(folder, path, query) if path == "/" else ""
+            if refresh_s:
+                page = page.replace('"refresh" content="30"', f'"refresh" content="{refresh_s}"')
+            self.send_response(200 if page else 404)
+            self.send_header("Content-Type", "text/html; charset=utf-8")
+            self.end_headers()
+            self.wfile.write(page.encode())
+
+        def log_message(self, *_):
+            pass
+
     with tempfile.TemporaryDirectory() as folder:
-        for i, (name, players, most, game_type) in enumerate(servers):
-            name = "".join(f"%{byte:02x}" for byte in name.encode("latin-1"))
-            port = 16309 + i % 50
-            query = f"name={name}&p={players}&mp={most}&gt={game_type}&port={port}&v=40&os=lin"
-            if "1" not in zollist(folder, "/cgi-bin/zol.pl", query, f"192.0.2.{1 + i // 50}"):
-                fail(f"not listed: {query}")
-        return zollist(folder, "/")
+        fill(folder, servers)
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        yield f"http://127.0.0.1:{server.server_port}/", asked
+        server.shutdown()
 
 
 def browser():
@@ -55,37 +113,117 @@ def command(driver, name, **parameters):
     driver.execute_cdp_cmd(f"Emulation.{name}", parameters)
 
 
-def look(driver, case, servers, shade):
-    file = PICTURES / f"{case}.html"
-    if not file.exists():
-        file.write_text(page_of(servers))
-    driver.get(file.as_uri())
-    command(driver, "setEmulatedMedia", features=[{"name": "prefers-color-scheme", "value": shade}])
-    for name, width in WIDTHS.items():
-        command(driver, "setDeviceMetricsOverride", width=width, height=800, deviceScaleFactor=1,
-                mobile=name == "phone")  # fmt: skip
-        across = driver.execute_script("return document.documentElement.scrollWidth")
-        if across > width:
-            fail(f"{case} takes {across} pixels of {width} ({name})")
-        driver.save_screenshot(str(PICTURES / f"{case}-{name}-{shade}.png"))
-    if driver.execute_script("return window.hit !== undefined"):
-        fail(f"a name has run as a script in {case}")
-    cells = "[...document.querySelectorAll('td:first-child')]"
-    names = driver.execute_script(f"return {cells}.map(cell => cell.textContent)")
-    wanted = [name[:31] for name, *_ in servers]
-    if sorted(names) != sorted(wanted):
-        fail(f"{case} shows {names}")
+def names_on(driver):
+    return [cell.text for cell in driver.find_elements(By.CSS_SELECTOR, "td:first-child")]
+
+
+def faults_of(driver, width):
+    """What is wrong with the page at this width."""
+    faults = []
+    across = driver.execute_script("return document.documentElement.scrollWidth")
+    if across > width:
+        faults.append(f"it takes {across} pixels")
+    if broken := driver.execute_script(BROKEN):
+        faults.append(f"these take several lines: {broken[:3]}")
+    if driver.find_elements(By.TAG_NAME, "table"):
+        labels = driver.execute_script(LABELS)
+        if labels != ["Address", "Players", "Game", "Seen"]:
+            faults.append(f"the values have the labels {labels}")
+    return faults
+
+
+def set_width(driver, width):
+    command(driver, "setDeviceMetricsOverride", width=width, height=800, deviceScaleFactor=1,
+            mobile=width < 700)  # fmt: skip
+
+
+def look(driver, case, servers):
+    with served(servers) as (address, _):
+        driver.get(address)
+        if driver.execute_script("return window.hit !== undefined"):
+            fail(f"a name has run as a script in {case}")
+        names = driver.execute_script(
+            "return [...document.querySelectorAll('td:first-child')].map(cell => cell.textContent)"
+        )
+        wanted = [name.encode()[:31].decode(errors="ignore") for name, *_ in servers]
+        if sorted(names) != sorted(wanted):
+            fail(f"{case} shows {names}")
+        for name, width in WIDTHS.items():
+            set_width(driver, width)
+            if faults := faults_of(driver, width):
+                fail(f"{case}, {width} pixels wide: {'; '.join(faults)}")
+            for shade in ("light", "dark"):
+                if name not in PICTURED:
+                    continue
+                media = [{"name": "prefers-color-scheme", "value": shade}]
+                command(driver, "setEmulatedMedia", features=media)
+                ground = driver.execute_script("return matchMedia('(prefers-color-scheme: dark)').matches")
+                if ground != (shade == "dark"):
+                    fail(f"the browser is not {shade}")
+                driver.save_screenshot(str(PICTURES / f"{case}-{name}-{shade}.png"))
+
+
+def check_the_judge(driver):
+    """A page that breaks its lines, is too wide and has no labels must be found."""
+    with served([(name, 1, 16, 1) for name in LONG]) as (address, _):
+        driver.get(address)
+        for style, width, fault in (
+            ("table { width: 9rem } td { white-space: normal }", 1280, "several lines"),
+            ("table { width: 2000px }", 1280, "pixels"),
+            ("td::before { display: none }", 360, "labels"),
+            ("thead { display: none }", 1280, "labels"),
+        ):
+            set_width(driver, width)
+            if faults_of(driver, width):
+                fail(f"faults before a change: {faults_of(driver, width)}")
+            driver.execute_script(
+                "const style = document.createElement('style'); style.id = 'liar';"
+                "style.textContent = arguments[0]; document.head.append(style)", style)  # fmt: skip
+            if not any(fault in found for found in faults_of(driver, width)):
+                fail(f"does not see {style}")
+            driver.execute_script("document.getElementById('liar').remove()")
+
+
+def check_filters(driver):
+    """As a reader: click, and wait for the page's own refresh."""
+    servers = [("Pink", 3, 16, 1), ("Solo", 1, 16, 0), ("Calm", 0, 16, 1), ("Quiet", 0, 16, 0)]
+    with served(servers, refresh_s=2) as (address, asked):
+        driver.get(address)
+        for link, names, count in (
+            (None, "Pink Solo Calm Quiet", "4 players on 4 servers"),
+            ("with players", "Pink Solo", "4 players on 2 of 4 servers"),
+            ("CatchPinkPanther", "Pink", "3 players on 1 of 4 servers"),
+            ("all", "Pink Calm", "3 players on 2 of 4 servers"),
+            ("Deathmatch", "Solo Quiet", "1 player on 2 of 4 servers"),
+            ("any", "Pink Solo Calm Quiet", "4 players on 4 servers"),
+            ("with players", "Pink Solo", "4 players on 2 of 4 servers"),
+        ):
+            if link:
+                driver.find_element(By.LINK_TEXT, link).click()
+            WebDriverWait(driver, PATIENCE_S).until(
+                lambda _: names_on(driver) == names.split(),
+                f"\"{link}\" shows {names_on(driver)}, not {names}",
+            )
+            if count not in driver.find_element(By.TAG_NAME, "body").text:
+                fail(f'"{link}" does not say {count}')
+        before = len(asked)
+        WebDriverWait(driver, PATIENCE_S).until(lambda _: len(asked) > before, "no refresh")
+        if asked[-1] != "/?empty=no" or names_on(driver) != ["Pink", "Solo"]:
+            fail(f"the refresh asks for {asked[-1]} and shows {names_on(driver)}")
 
 
 def draw_document():
     """The page itself inside an SVG, in the light."""
-    page = page_of(SAMPLE)
+    with tempfile.TemporaryDirectory() as folder:
+        fill(folder, SAMPLE, ("192.0.2.7", 16309))
+        page = zollist(folder, "/")
     style = re.search(r"<style>.*?</style>", page, re.S)[0].replace("light dark", "light")
+    style = style.replace("<style>", "<style><![CDATA[").replace("</style>", "]]></style>")
     body = re.search(r"<body>(.*)</body>", page, re.S)[1]
     (ROOT / "docs/listing.svg").write_text(
-        '<svg xmlns="http://www.w3.org/2000/svg" width="860" height="260">\n'
-        '<rect width="860" height="260" rx="6" fill="#fff" stroke="#8886"/>\n'
-        '<foreignObject width="860" height="260"><div xmlns="http://www.w3.org/1999/xhtml" '
+        '<svg xmlns="http://www.w3.org/2000/svg" width="860" height="340">\n'
+        '<rect width="860" height="340" rx="6" fill="#fff" stroke="#8886"/>\n'
+        '<foreignObject width="860" height="340"><div xmlns="http://www.w3.org/1999/xhtml" '
         f'style="padding:0 1rem;color:#111;font:16px/1.5 sans-serif">\n{style}\n{body}</div>'
         "</foreignObject>\n</svg>\n"
     )
@@ -97,15 +235,17 @@ def main():
     PICTURES.mkdir()
     driver = browser()
     try:
-        for shade in ("light", "dark"):
-            look(driver, "markup", [(name, 0, 16, 0) for name in MARKUP], shade)
-            look(driver, "many", [(f"Server {i}", i % 17, 16, i % 2) for i in range(300)], shade)
-            look(driver, "none", [], shade)
+        check_the_judge(driver)
+        look(driver, "markup", [(name, 0, 16, 0) for name in MARKUP])
+        look(driver, "long", [(name, 32 - 32 * (i % 2), 32, i % 2) for i, name in enumerate(LONG)])
+        look(driver, "many", [(f"Server {i}", i % 17, 16, i % 2) for i in range(300)])
+        look(driver, "none", [])
+        check_filters(driver)
     finally:
         driver.quit()
     if sys.argv[1:] == ["--write-docs"]:
         draw_document()
-    print(f"list-page: well; the pictures are in {PICTURES.relative_to(ROOT)}")
+    print(f"list-page: all is well; the pictures are in {PICTURES.relative_to(ROOT)}")
 
 
 main()
