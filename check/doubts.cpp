@@ -9,7 +9,9 @@
 #include <string_view>
 
 #include "config/config_reader.h"
+#include "listing/announcement.h"
 #include "net/sflsock.h"
+#include "text/names.h"
 #include "util/number.h"
 #include "util/sflstr.h"
 
@@ -21,6 +23,7 @@ constexpr std::size_t MAX_DOUBTS = 100;
 constexpr std::size_t MAX_TEXT = 1 << 20;  // bytes of a file that is explained
 constexpr std::string_view BLANKS = " \t\n\v\f\r";
 constexpr std::string_view LINE_ENDS = "\r\n";
+constexpr std::string_view UNESCAPED = "&+%";  // of the announce; a name cannot have a '#'
 constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
 
 std::string_view trimmed(std::string_view text) {
@@ -65,6 +68,7 @@ struct Reading {
   const ConfigKey* key_before = nullptr;            // null when it was unknown
   std::size_t counted = 0;                          // bytes whose lines are counted
   std::size_t line = 1;                             // at the end of those
+  std::string server_name{};                        // in force, and not cut
 };
 
 // A key and its value, each as long as the server read on.
@@ -155,6 +159,7 @@ void explain_text(Reading& reading, const Step& step) {
     doubt(reading, step.begin,
           std::string(step.known->name) + " is cut to " + value_of(*step.known));
   }
+  if (step.is_taken && step.known->field == server_config.ServerName) reading.server_name = text;
   if (hash != line.npos && BLANKS.find(line.substr(hash + 1, 1)) == BLANKS.npos) {
     doubt(reading, step.begin,
           "a # begins a comment, so " + quoted(line.substr(hash)) + " is left out of " +
@@ -243,6 +248,28 @@ void explain(Reading& reading, const Step& step) {
   line = line_at(reading, step.begin);
 }
 
+// The name on a server list, from the announce that the server will send.
+std::string listed_name() {
+  std::string name = server_config.ServerName;
+  std::ranges::replace(name, ' ', '+');
+  const auto announcement = read_announcement("name=" + name + "&p=0&mp=2&gt=0&port=1&v=40");
+  return announcement ? announcement->name : "";
+}
+
+// Which settings are announced is known only at the end of the file.
+void explain_announced_name(Reading& reading) {
+  const std::string& name = reading.server_name;
+  if (server_config.AnnounceServer == 0 || name.empty()) return;
+  const std::string listed = listed_name();
+  const bool is_same = listed == printable(name);
+  if (is_same && name.find_first_of(UNESCAPED) == name.npos) return;
+  const std::string effect = is_same ? "a server list may show ServerName in another way"
+                                     : "a server list shows ServerName as " + quoted(listed);
+  const std::size_t line = reading.lines[key_named("ServerName")];
+  const auto next = std::ranges::upper_bound(reading.doubts, line, {}, &Doubt::line);
+  reading.doubts.insert(next, {line, effect + "; avoid & + % and more than 31 bytes"});
+}
+
 // At most one byte more than MAX_TEXT.
 std::string text_of(std::FILE* file) {
   std::string text(MAX_TEXT + 1, '\0');
@@ -290,5 +317,6 @@ std::vector<Doubt> read_with_doubts(std::FILE* file) {
     explain(reading, step);
     reading.key_before = step.known;
   }
+  if (reading.doubts.size() < MAX_DOUBTS) explain_announced_name(reading);
   return reading.doubts;
 }

@@ -92,6 +92,36 @@ class CheckTest(ServerCase):
                 status, _, complaints = self.check(*arguments, preexec_fn=limits)
                 self.assertEqual((status, complaints), (2, complaint))
 
+    def test_says_what_a_list_makes_of_a_name(self):
+        """Only a server that announces itself is listed."""
+        advice = "; avoid & + % and more than 31 bytes\n"
+        for i, (name, doubts) in enumerate((
+            ("A plain name", ""),
+            ("Jörg 車", ""),
+            (b"J\xf6rg Caf\xe9", ""),
+            ("x" * 31, ""),
+            ("A & B", 'a server list shows ServerName as "A "'),
+            ("A+B", 'a server list shows ServerName as "A B"'),
+            ("A%42", 'a server list shows ServerName as "AB"'),
+            ("A&name=B", 'a server list shows ServerName as "B"'),
+            ("100%", "a server list may show ServerName in another way"),
+            ("x" * 32, f'a server list shows ServerName as "{"x" * 31}"'),
+            ("x" * 30 + "ö", f'a server list shows ServerName as "{"x" * 30}"'),
+            ("車" * 11, f'a server list shows ServerName as "{"車" * 10}"'),
+        )):  # fmt: skip
+            name = name if isinstance(name, bytes) else name.encode()
+            for announces in (b"true", b"false"):
+                directory = f"{i}-{announces.decode()}"
+                self.directory(directory, "")
+                (self.folder / directory / "zolserver.cfg").write_bytes(
+                    b"Port=2000\nServerName=" + name + b"\nGameType=1\nAnnounceServer=" + announces
+                )
+                with self.subTest(directory, name=name):
+                    _, _, found = self.check(directory, errors="replace")
+                    found = [line for line in found.splitlines(True) if "cut to" not in line]
+                    expected = f"{directory}/zolserver.cfg:2: {doubts}{advice}"
+                    self.assertEqual(found, [expected] if doubts and announces == b"true" else [])
+
     def test_explains_the_longest_lines_in_time(self):
         for key, count, last in (("a=", 1, '1: unknown key "a"'),
                                  ("maxClients=", 100, "1: and so on")):
