@@ -111,6 +111,8 @@ def config_inputs():
 
 def announcement_inputs():
     yield b"name=A+%41%C3%B6%00%1b%zz%4&p=32&mp=32&gt=1&port=65535&v=40&os=lin"
+    yield b"name=%E8%BB%8A%E2%80%AE%F0%9F%9A%97%ED%A0%80&p=0&mp=2&gt=0&port=1&v=40&os=%EF%BB%BF"
+    yield b"name=1234567890123456789012345678%E8%BB%8A&p=0&mp=2&gt=0&port=1&v=40"
     for word, rest in (step for steps in sessions() for step in steps):
         if word == "M|":
             yield rest.partition("?")[2].encode()

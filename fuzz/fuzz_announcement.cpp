@@ -3,17 +3,20 @@
 
 #include "fuzz/check.h"
 #include "listing/announcement.h"
+#include "text/names.h"
 
 static void check_text(const std::string& text, std::size_t most) {
   std::size_t characters = 0;
-  for (const char each : text) {
-    const auto byte = static_cast<unsigned char>(each);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
     check(byte >= ' ' && byte != 0x7F, "no control characters");
-    check(byte < 0x80 || (byte & 0xC0U) == 0x80 || byte == 0xC2 || byte == 0xC3,
-          "Latin-1 in UTF-8");
+    const bool is_c1 = byte == 0xC2 && static_cast<unsigned char>(text[i + 1]) < 0xA0;
+    check(!is_c1, "no control characters of C1");
     characters += (byte & 0xC0U) != 0x80 ? 1 : 0;
   }
   check(characters <= most, "a text of limited length");
+  check(text.find("\u202E") == std::string::npos, "nothing changes the direction");
+  check(printable(text) == text, "valid UTF-8 that needs no change");
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
