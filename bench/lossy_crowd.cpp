@@ -144,9 +144,10 @@ void act(ClientSession& session) {
   const unsigned choice = below(100);
   if (choice < 3) return report_weapon(session, static_cast<std::uint8_t>(below(256)));
   if (choice < 10) return report_state_floats(session, any_float(), any_float());
-  if (choice < 11)
-    return report_death(session,
-                        static_cast<std::uint8_t>(session.own.death_count.value_or(0) + 1));
+  if (choice < 11) {
+    const int deaths = session.own.death_count.value_or(0) + 1;
+    return report_death(session, static_cast<std::uint8_t>(deaths));
+  }
   if (choice < 20 && session.own.in_car) return act_in_car(session, place);
   if (choice < 15) return report_got_in(session, place, any_car());
   if (choice < 20) return report_on_foot(session, any_float());
@@ -228,6 +229,7 @@ unsigned judge_pictures(const std::vector<Client>& clients) {
 Result run(const Scenario& scenario, std::vector<Client>& clients) {
   Result result;
   std::vector<pollfd> waits;
+  waits.reserve(clients.size());
   for (Client& client : clients) waits.push_back({client.socket, POLLIN, 0});
   const unsigned room = std::strcmp(scenario.name, "full") == 0 ? SLOTS_OF_FULL : scenario.clients;
   const std::uint64_t start_ms = monotonic_ms();
