@@ -43,6 +43,9 @@ appears within seconds of its start and disappears when it stops, or 11 minutes 
 heard of.</p>
 )";
 
+static constexpr const char* NOBODY_ASKS =
+    "<p>New servers do not appear now: the program that asks them, zolask, does not run.</p>\n";
+
 static constexpr const char* END = "</body>\n</html>\n";
 
 static const char* game_of(const Announcement& server) {
@@ -102,8 +105,9 @@ static std::string row_of(const Entry& entry, std::int64_t now_s) {
   return row + "<td>" + ago(now_s - entry.last_seen_s) + "</td></tr>\n";
 }
 
-std::string html_of(const std::vector<Entry>& entries, std::int64_t now_s) {
+std::string html_of(const std::vector<Entry>& entries, std::int64_t now_s, bool nobody_asks) {
   std::string page = HEAD;
+  if (nobody_asks) page += NOBODY_ASKS;
   if (entries.empty()) return page + EMPTY + END;
   page += TABLE;
   for (const Entry& entry : entries) page += row_of(entry, now_s);

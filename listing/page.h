@@ -6,7 +6,8 @@
 
 #include "listing/database.h"
 
-std::string html_of(const std::vector<Entry>& entries, std::int64_t now_s);
+// nobody_asks: new servers do not appear, since the asker does not run.
+std::string html_of(const std::vector<Entry>& entries, std::int64_t now_s, bool nobody_asks);
 std::string json_of(const std::vector<Entry>& entries);
 // The page in place of the list when the database fails.
 std::string html_of_failure();
