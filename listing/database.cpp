@@ -10,10 +10,10 @@
 static constexpr int PAUSE_MS = 5;
 static constexpr std::int64_t SCHEMA_VERSION = 2;
 
-// What is known about the server of an entry. The numbers are in the file.
+// The numbers are in the file.
 enum State : std::int64_t {
   UNKNOWN = -1,  // there is no entry
-  OPEN = 0,      // it is to be asked
+  OPEN = 0,      // zolask will ask it
   SILENT = 1,    // it did not answer
   SEEN = 2,      // it answered, or need not
 };
@@ -70,7 +70,7 @@ static bool is_full(int system_error) {
   return system_error == ENOSPC || system_error == EDQUOT || system_error == EFBIG;
 }
 
-// What happened and what to do. SQLite keeps the system's error for these two results only.
+// Names the failure and the remedy. SQLite keeps the system's error for these two results only.
 static std::string reason_of(const List& list) {
   sqlite3* database = list.database;
   const int result = sqlite3_errcode(database) & 0xFF;
@@ -237,9 +237,10 @@ static std::optional<bool> drop_of_crowd(List& list, State state, std::int64_t m
               state, more_than);
 }
 
-// Makes room for one more entry of this address, whose server nobody has seen yet. Entries go that
-// nobody sees: first those that were silent, then those of the address that asks for most. With
-// visible entries alone it goes by share, so that no address keeps the others out.
+// Makes room for one more entry of this address, whose server nobody has seen yet. Silent entries
+// go first. Then an address gives one up that has more than this one will have, where it can an
+// entry that nobody sees. So no crowd keeps a newcomer out, and no newcomer drives out the only
+// server of an address. Last, a newcomer takes the place of an older one.
 static std::optional<bool> make_room(List& list, const std::string& address, int most) {
   const auto own = number(list, "SELECT count(*) FROM server WHERE address = ?", address);
   if (!own) return std::nullopt;
@@ -254,8 +255,9 @@ static std::optional<bool> make_room(List& list, const std::string& address, int
   if (*all < MAX_ENTRIES) return true;
   auto has_room = drop(
       list, "SELECT address, port FROM server WHERE state = ? ORDER BY last_seen LIMIT 1", SILENT);
-  if (has_room == false) has_room = drop_of_crowd(list, OPEN, *own);
+  if (has_room == false) has_room = drop_of_crowd(list, OPEN, *own + 1);
   if (has_room == false) has_room = drop_of_crowd(list, SEEN, *own + 1);
+  if (has_room == false) has_room = drop_of_crowd(list, OPEN, *own);
   return has_room;
 }
 

@@ -56,7 +56,7 @@ static void let_go(Asker& asker) {
   asker.lock = -1;
 }
 
-// False when somebody deleted or replaced the file: what is written to it is lost.
+// False when somebody deleted or replaced the file: writes to it would be lost.
 static bool is_list_in_place(const Asker& asker) {
   struct stat now {};
   return stat(asker.path.c_str(), &now) == 0 && now.st_dev == asker.file.st_dev &&

@@ -135,7 +135,7 @@ static void open_named_list(List& list) {
   }
 }
 
-// What needs no list. False for a request that does.
+// Answers requests that need no list. False for the others.
 static bool answer_at_once(const std::string& method, const std::string& path, bool is_server) {
   const bool is_known = is_server || path == "/servers.json" || path == "/";
   // HEAD asks for an answer that changes nothing.

@@ -25,7 +25,8 @@ SAMPLE = [("Friday Garage", 7, 16, 1), ("Harn Tor Nights", 3, 32, 0), ("Rookies 
 def zollist(folder, path, query="", address="192.0.2.1"):
     environment = {
         "REQUEST_METHOD": "GET", "SCRIPT_NAME": path, "QUERY_STRING": query, "REMOTE_ADDR": address,
-        "ZOLLIST_DATABASE": f"{folder}/list.sqlite",
+        "ZOLLIST_DATABASE": f"{folder}/list.sqlite", "ZOLLIST_ASK": "no",
+        "HTTP_USER_AGENT": "ZOL/0.1 (master.example)",
     }  # fmt: skip
     done = subprocess.run([BUILD / "zollist"], env=environment, stdout=subprocess.PIPE, check=True)
     return done.stdout.split(b"\r\n\r\n", 1)[1].decode()
