@@ -14,7 +14,7 @@ static std::string text_of(std::uint32_t address) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  const Bans found = read_bans(text);
+  const Bans found = read_bans(text, "bans");
   const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
   check(found.bans.size() + found.complaints.size() <= lines, "one result a line");
   for (const std::string& complaint : found.complaints) {

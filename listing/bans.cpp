@@ -45,7 +45,7 @@ static std::string_view stripped(std::string_view line) {
   return line.substr(first, line.find_last_not_of(BLANKS) - first + 1);
 }
 
-Bans read_bans(std::string_view text) {
+Bans read_bans(std::string_view text, const std::string& file) {
   Bans found;
   for (int number = 1; !text.empty(); ++number) {
     const std::string_view whole = text.substr(0, text.find('\n'));
@@ -55,7 +55,7 @@ Bans read_bans(std::string_view text) {
     if (const auto ban = ban_of(line)) {
       found.bans.push_back(*ban);
     } else {
-      found.complaints.push_back(std::to_string(number) + ": \"" +
+      found.complaints.push_back(file + ":" + std::to_string(number) + ": \"" +
                                  printable(line.substr(0, MAX_SHOWN)) +
                                  "\" is no ADDRESS, ADDRESS/BITS or ADDRESS:PORT; ignored");
     }

@@ -18,9 +18,10 @@ struct Ban {
 
 struct Bans {
   std::vector<Ban> bans;
-  std::vector<std::string> complaints;  // one for each line that is ignored, "LINE: ..."
+  std::vector<std::string> complaints;  // one for each line that is ignored
 };
 
-Bans read_bans(std::string_view text);
+// file: its name, for the complaints.
+Bans read_bans(std::string_view text, const std::string& file);
 // False for text that is no IPv4 address.
 bool is_banned(const std::vector<Ban>& bans, const std::string& address, int port);

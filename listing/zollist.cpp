@@ -75,8 +75,8 @@ static std::string content_of(const std::string& path) {
 static std::vector<Ban> bans() {
   const std::string path = variable("ZOLLIST_BANS");
   if (path.empty()) return {};
-  const Bans found = read_bans(content_of(path));
-  for (const std::string& complaint : found.complaints) complain(path + ":" + complaint);
+  const Bans found = read_bans(content_of(path), path);
+  for (const std::string& complaint : found.complaints) complain(complaint);
   return found.bans;
 }
 
