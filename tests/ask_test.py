@@ -8,6 +8,7 @@ import select
 import signal
 import socket
 import sqlite3
+import struct
 import subprocess
 import sys
 import time
@@ -16,6 +17,7 @@ import unittest
 from list_case import LIMIT, OPEN, PATIENCE_S, SEEN, SILENT, ListCase
 
 ZOLASK = os.path.realpath(sys.argv.pop(1))
+SO_TIMESTAMPNS = 35
 QUESTION = b"\n".ljust(68, b"\0")  # a join with version 0
 REFUSED = b"\x0eYou need Version 9".ljust(65, b"\0")
 
@@ -31,11 +33,13 @@ class FakeServer:
             case.addCleanup(each.close)
         self.address, self.port = self.near.getsockname()
         self.answer, self.first_try, self.other_port = answer, first_try, other_port
-        self.questions = []
+        self.questions, self.times = [], []
+        self.near.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
 
     def serve(self):
-        heard, asker = self.near.recvfrom(300)
+        heard, ((_, _, time_of_arrival),), _, asker = self.near.recvmsg(300, 100)
         self.questions.append(heard)
+        self.times.append(struct.unpack("qq", time_of_arrival))
         if self.answer is not None and len(self.questions) >= self.first_try:
             (self.far if self.other_port else self.near).sendto(self.answer, asker)
 
@@ -114,17 +118,19 @@ class AskTest(ListCase):
     def test_a_crowd_does_not_delay_the_others(self):
         """As many as the list holds, of 200 addresses, and then 20 servers of another address."""
         self.announce()
-        crowd = [(f"127.9.{i % 200}.1", 1 + i // 200, OPEN, 0) for i in range(LIMIT - 1)]
-        self.fill(crowd)
+        last = FakeServer(self, address="127.9.0.1")
+        self.fill((f"127.9.{i % 200}.1", 1 + i // 200, OPEN, 0) for i in range(LIMIT - 2))
+        self.fill([(last.address, last.port, OPEN, -1)])
+        self.change("UPDATE server SET last_seen = last_seen - 9 WHERE first_seen = -1")
         honest = [FakeServer(self, address="127.9.200.1") for _ in range(20)]
         self.assertEqual({self.announced(each) for each in honest}, {"1"})
         self.assertEqual(self.change("SELECT count(*) FROM server"), [(LIMIT,)])
         self.start_asker()
         started = time.monotonic()
-        self.serve_until_answered(honest)
+        self.serve_until_answered([*honest, last])
         self.assertLess(time.monotonic() - started, 10)
+        self.assertLess(max(each.times[0] for each in honest), last.times[0], "the oldest of 50 comes last")
         self.assertEqual({self.state_of(each) for each in honest}, {SEEN})
-        self.assertGreater(self.change("SELECT count(*) FROM server WHERE state = 0")[0][0], LIMIT / 2)
 
     def test_what_nobody_sees_goes_first(self):
         def left(address):
