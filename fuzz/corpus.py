@@ -118,6 +118,11 @@ def announcement_inputs():
             yield rest.partition("?")[2].encode()
 
 
+def bans_inputs():
+    yield b"# these\n198.51.100.7 # and why\n203.0.113.0/24\r\n192.0.2.80:16309\n0.0.0.0/0\n"
+    yield b"1.2.3\n1.2.3.4/33\n1.2.3.4:0\n1.2.3.4/8:1\n::1\nexample.org\n"
+
+
 def master_reply_inputs():
     for word, rest in (step for steps in sessions() for step in steps):
         if word != "master":

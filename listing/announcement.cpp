@@ -3,21 +3,11 @@
 #include <algorithm>
 #include <charconv>
 
+#include "listing/number.h"
 #include "text/names.h"
 
 static constexpr int PROTOCOL = 40;  // the version that listed servers speak
 static constexpr int MIN_PLAYERS = 2;
-static constexpr int MAX_PORT = 65'535;
-
-// Digits alone, so many at most that nothing overflows.
-static std::optional<int> number_of(std::string_view text, int least, int most) {
-  int number = 0;
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, number);
-  const bool is_number = error == std::errc() && stop == end && text[0] != '-';
-  if (!is_number || number < least || number > most) return std::nullopt;
-  return number;
-}
 
 std::string_view value_of(std::string_view query, std::string_view key) {
   std::string_view value;

@@ -2,12 +2,35 @@
 
 #include <sqlite3.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <memory>
 
-static constexpr int BUSY_MS = 5'000;  // a server waits ten seconds for its answer
 static constexpr int PAUSE_MS = 5;
-static constexpr std::int64_t SCHEMA_VERSION = 1;
+static constexpr std::int64_t SCHEMA_VERSION = 2;
+
+// The numbers are in the file.
+enum State : std::int64_t {
+  UNKNOWN = -1,  // there is no entry
+  OPEN = 0,      // zolask will ask it
+  SILENT = 1,    // it did not answer
+  SEEN = 2,      // it answered, or need not
+};
+
+// The version of the list in this file: 0 for an empty file, -1 for another program's. 0x5A4F4C4C
+// is "ZOLL". Lists of version 1 have no application_id, so their columns tell them. One statement
+// sees one moment, whatever other processes do.
+static constexpr const char* VERSION_OF_LIST = R"(
+SELECT CASE
+  WHEN application_id = 0x5A4F4C4C THEN user_version
+  WHEN application_id <> 0 THEN -1
+  WHEN user_version = 0 AND NOT EXISTS (SELECT 1 FROM sqlite_schema) THEN 0
+  WHEN user_version = 1 AND (SELECT group_concat(name) FROM pragma_table_info('server')) =
+    'address,port,name,os,players,max_players,game_type,version,first_seen,last_seen' THEN 1
+  ELSE -1 END
+FROM pragma_application_id, pragma_user_version
+)";
 
 static constexpr const char* CREATE = R"(
 CREATE TABLE server (
@@ -21,16 +44,69 @@ CREATE TABLE server (
   version INTEGER NOT NULL,
   first_seen INTEGER NOT NULL,
   last_seen INTEGER NOT NULL,
+  state INTEGER NOT NULL DEFAULT 2,
   PRIMARY KEY (address, port)
 ) STRICT, WITHOUT ROWID;
 CREATE INDEX server_last_seen ON server (last_seen);
-PRAGMA user_version = 1;
+CREATE INDEX server_state ON server (state, last_seen);
+PRAGMA application_id = 0x5A4F4C4C;
+PRAGMA user_version = 2;
+)";
+
+// Version 1 asked nobody, so its entries count as seen.
+static constexpr const char* UPGRADE = R"(
+ALTER TABLE server ADD COLUMN state INTEGER NOT NULL DEFAULT 2;
+CREATE INDEX server_state ON server (state, last_seen);
+PRAGMA application_id = 0x5A4F4C4C;
+PRAGMA user_version = 2;
 )";
 
 struct Finalize {
   void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 };
 using Statement = std::unique_ptr<sqlite3_stmt, Finalize>;
+
+static bool is_full(int system_error) {
+  return system_error == ENOSPC || system_error == EDQUOT || system_error == EFBIG;
+}
+
+// Names the failure and the remedy. SQLite keeps the system's error for these two results only.
+static std::string reason_of(const List& list) {
+  sqlite3* database = list.database;
+  const int result = sqlite3_errcode(database) & 0xFF;
+  const bool has_system_error = result == SQLITE_IOERR || result == SQLITE_CANTOPEN;
+  const int system_error = has_system_error ? sqlite3_system_errno(database) : 0;
+  if (result == SQLITE_FULL || is_full(system_error)) {
+    return "the disk or the quota is full: free some space, nothing else is needed";
+  }
+  std::string text = sqlite3_errmsg(database);
+  if (system_error != 0) text += std::string(" (") + std::strerror(system_error) + ")";
+  switch (result) {
+    case SQLITE_BUSY:
+      return text + ": another process held its lock for " + std::to_string(list.patience_ms) +
+             " ms; find that process with fuser(1)";
+    case SQLITE_NOTADB:
+      return text + ": name another file in ZOLLIST_DATABASE, or move this one away";
+    case SQLITE_CORRUPT:
+      return text +
+             ": the file is damaged; stop the list and delete the file, and the servers that "
+             "run list themselves again within five minutes";
+    case SQLITE_CANTOPEN:
+    case SQLITE_PERM:
+    case SQLITE_READONLY:
+      return text + ": this program's user must be able to write the file and its directory";
+    default:
+      return text;
+  }
+}
+
+// The first failure of a call counts. Those that follow from it say less.
+static bool fail(List& list) {
+  if (!list.complaint.empty()) return false;
+  list.complaint = list.path + ": " + reason_of(list);
+  list.is_locked = (sqlite3_errcode(list.database) & 0xFF) == SQLITE_BUSY;
+  return false;
+}
 
 static void bind(sqlite3_stmt* statement, int index, std::int64_t value) {
   sqlite3_bind_int64(statement, index, value);
@@ -43,128 +119,194 @@ static void bind(sqlite3_stmt* statement, int index, const std::string& value) {
 
 // Null when the database fails.
 template <typename... Values>
-static Statement prepare(sqlite3* list, const char* text, const Values&... values) {
+static Statement prepare(List& list, const char* text, const Values&... values) {
   sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(list, text, -1, &statement, nullptr) != SQLITE_OK) return nullptr;
+  if (sqlite3_prepare_v2(list.database, text, -1, &statement, nullptr) != SQLITE_OK) {
+    fail(list);
+    return nullptr;
+  }
   int index = 0;
   (bind(statement, ++index, values), ...);
   return Statement(statement);
 }
 
 template <typename... Values>
-static bool run(sqlite3* list, const char* text, const Values&... values) {
+static bool run(List& list, const char* text, const Values&... values) {
   const Statement statement = prepare(list, text, values...);
-  int result = SQLITE_ROW;
-  while (statement && result == SQLITE_ROW) result = sqlite3_step(statement.get());
-  return result == SQLITE_DONE;
+  int result = statement ? SQLITE_ROW : SQLITE_ERROR;
+  while (result == SQLITE_ROW) result = sqlite3_step(statement.get());
+  return result == SQLITE_DONE || fail(list);
 }
 
-// The first column of the first row.
+// The first column of the first row, which each of these queries has.
 template <typename... Values>
-static std::optional<std::int64_t> number(sqlite3* list, const char* text,
-                                          const Values&... values) {
+static std::optional<std::int64_t> number(List& list, const char* text, const Values&... values) {
   const Statement statement = prepare(list, text, values...);
-  if (!statement || sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
-  return sqlite3_column_int64(statement.get(), 0);
+  if (statement && sqlite3_step(statement.get()) == SQLITE_ROW) {
+    return sqlite3_column_int64(statement.get(), 0);
+  }
+  fail(list);
+  return std::nullopt;
 }
 
 // Ends the transaction: for good when all was well, else as if it had not been.
-static bool end_transaction(sqlite3* list, bool is_well) {
+static bool end_transaction(List& list, bool is_well) {
   if (is_well && run(list, "COMMIT")) return true;
-  run(list, "ROLLBACK");
+  sqlite3_exec(list.database, "ROLLBACK", nullptr, nullptr, nullptr);
   return false;
 }
 
-// Two processes may find an empty file at once: the second looks again when it is its turn.
-static bool create_if_empty(sqlite3* list) {
-  const auto version = number(list, "PRAGMA user_version");
-  if (!version || *version != 0) return version == SCHEMA_VERSION;
+// Two processes may find an old or empty file at once: the second looks again when it is its turn.
+static bool create_or_upgrade(List& list) {
   if (!run(list, "BEGIN IMMEDIATE")) return false;
-  const bool is_empty = number(list, "PRAGMA user_version") == 0;
+  const auto version = number(list, VERSION_OF_LIST);
+  const char* text = version == 0 ? CREATE : version == 1 ? UPGRADE : "";
   const bool is_well =
-      !is_empty || sqlite3_exec(list, CREATE, nullptr, nullptr, nullptr) == SQLITE_OK;
-  return end_transaction(list, is_well) && number(list, "PRAGMA user_version") == SCHEMA_VERSION;
+      version &&
+      (sqlite3_exec(list.database, text, nullptr, nullptr, nullptr) == SQLITE_OK || fail(list));
+  return end_transaction(list, is_well);
+}
+
+static bool refuse(List& list, std::int64_t version) {
+  list.complaint = list.path;
+  list.complaint += version < 0 ? ": another program's database, left as it is: name another file "
+                                  "in ZOLLIST_DATABASE"
+                                : ": version " + std::to_string(version) +
+                                      " of the list, and this program knows no later one than " +
+                                      std::to_string(SCHEMA_VERSION) + ": install a newer zollist";
+  return false;
 }
 
 // A verdict must survive a power failure, too, so each commit is synced.
-static bool prepare_list(sqlite3* list) {
+static bool prepare_list(List& list) {
+  const auto version = number(list, VERSION_OF_LIST);
+  if (!version) return false;
+  if (*version < 0 || *version > SCHEMA_VERSION) return refuse(list, *version);
   return run(list, "PRAGMA journal_mode = WAL") && run(list, "PRAGMA synchronous = FULL") &&
-         create_if_empty(list);
+         (*version == SCHEMA_VERSION || create_or_upgrade(list));
 }
 
 // The time-out does not count while another process turns an empty file into a list.
-static bool prepare_when_free(sqlite3* list) {
+static bool prepare_when_free(List& list) {
   const auto begin = std::chrono::steady_clock::now();
   bool is_ready = prepare_list(list);
-  while (!is_ready && sqlite3_errcode(list) == SQLITE_BUSY &&
-         std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(BUSY_MS)) {
+  while (!is_ready && sqlite3_errcode(list.database) == SQLITE_BUSY &&
+         std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(list.patience_ms)) {
     sqlite3_sleep(PAUSE_MS);
+    list.complaint.clear();
     is_ready = prepare_list(list);
   }
   return is_ready;
 }
 
-sqlite3* open_list(const char* path, std::string& complaint) {
-  sqlite3* list = nullptr;
+bool open_list(List& list, const std::string& path) {
+  list.path = path;
+  list.complaint.clear();
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
-  const bool is_open = sqlite3_open_v2(path, &list, flags, nullptr) == SQLITE_OK;
+  const bool is_open = sqlite3_open_v2(path.c_str(), &list.database, flags, nullptr) == SQLITE_OK;
   if (is_open) {
-    sqlite3_busy_timeout(list, BUSY_MS);
-    if (prepare_when_free(list)) return list;
+    sqlite3_busy_timeout(list.database, list.patience_ms);
+    if (prepare_when_free(list)) return true;
   }
-  complaint = std::string(path) + ": " + (list == nullptr ? "no memory" : sqlite3_errmsg(list));
-  if (is_open && sqlite3_errcode(list) == SQLITE_OK) {
-    complaint = std::string(path) + ": made by another version of this program";
+  fail(list);
+  close_list(list);
+  return false;
+}
+
+void close_list(List& list) {
+  sqlite3_close(list.database);
+  list.database = nullptr;
+}
+
+// Deletes what this query gives. Nothing when the database fails, else whether there was anything.
+template <typename... Values>
+static std::optional<bool> drop(List& list, const std::string& query, const Values&... values) {
+  const std::string text = "DELETE FROM server WHERE (address, port) IN (" + query + ")";
+  if (!run(list, text.c_str(), values...)) return std::nullopt;
+  return sqlite3_changes(list.database) > 0;
+}
+
+// The newest entry in a state of the address that has most of them, which must be more than so
+// many.
+static std::optional<bool> drop_of_crowd(List& list, State state, std::int64_t more_than) {
+  return drop(list,
+              "SELECT address, port FROM server WHERE state = ?1 AND address = ("
+              "  SELECT address FROM server WHERE state = ?1 GROUP BY address"
+              "  HAVING count(*) > ?2 ORDER BY count(*) DESC, min(last_seen) LIMIT 1)"
+              " ORDER BY first_seen DESC, last_seen DESC, port DESC LIMIT 1",
+              state, more_than);
+}
+
+// Makes room for one more entry of this address, whose server nobody has seen yet. Silent entries
+// go first. Then an address gives one up that has more than this one will have, where it can an
+// entry that nobody sees. So no crowd keeps a newcomer out, and no newcomer drives out the only
+// server of an address. Last, a newcomer takes the place of an older one.
+static std::optional<bool> make_room(List& list, const std::string& address, int most) {
+  const auto own = number(list, "SELECT count(*) FROM server WHERE address = ?", address);
+  if (!own) return std::nullopt;
+  if (*own >= most) {
+    return drop(list,
+                "SELECT address, port FROM server WHERE address = ? AND state = ?"
+                " ORDER BY last_seen LIMIT 1",
+                address, SILENT);
   }
-  sqlite3_close(list);
-  return nullptr;
+  const auto all = number(list, "SELECT count(*) FROM server");
+  if (!all) return std::nullopt;
+  if (*all < MAX_ENTRIES) return true;
+  auto has_room = drop(
+      list, "SELECT address, port FROM server WHERE state = ? ORDER BY last_seen LIMIT 1", SILENT);
+  if (has_room == false) has_room = drop_of_crowd(list, OPEN, *own + 1);
+  if (has_room == false) has_room = drop_of_crowd(list, SEEN, *own + 1);
+  if (has_room == false) has_room = drop_of_crowd(list, OPEN, *own);
+  return has_room;
 }
 
-void close_list(sqlite3* list) {
-  sqlite3_close(list);
-}
-
-static bool has_room(sqlite3* list, const std::string& address, int ports_per_address) {
-  const auto of_address = number(list, "SELECT count(*) FROM server WHERE address = ?", address);
-  const auto of_all = number(list, "SELECT count(*) FROM server");
-  return of_address && of_all && *of_address < ports_per_address && *of_all < MAX_ENTRIES;
-}
-
-static bool write_entry(sqlite3* list, const std::string& address, const Announcement& server,
-                        std::int64_t now_s) {
+static bool write_entry(List& list, const std::string& address, const Announcement& server,
+                        std::int64_t now_s, State state) {
   return run(list,
-             "INSERT INTO server VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?9)"
+             "INSERT INTO server VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?9, ?10)"
              " ON CONFLICT DO UPDATE SET name = ?3, os = ?4, players = ?5, max_players = ?6,"
-             " game_type = ?7, version = ?8, last_seen = ?9",
+             " game_type = ?7, version = ?8, last_seen = ?9, state = ?10",
              address, server.port, server.name, server.os, server.players, server.max_players,
-             server.game_type, server.version, now_s);
+             server.game_type, server.version, now_s, state);
 }
 
 // In a transaction. Nothing when the database fails.
-static std::optional<ListVerdict> change(sqlite3* list, const std::string& address,
-                                         const Announcement& server, std::int64_t now_s,
-                                         int ports_per_address) {
-  const std::int64_t port = server.port;
+static std::optional<ListVerdict> enter(List& list, const std::string& address,
+                                        const Announcement& server, std::int64_t now_s,
+                                        const ListRules& rules) {
   const auto known =
-      number(list, "SELECT count(*) FROM server WHERE address = ? AND port = ?", address, port);
+      number(list, "SELECT ifnull((SELECT state FROM server WHERE address = ? AND port = ?), -1)",
+             address, server.port);
   if (!known) return std::nullopt;
-  if (server.is_removal) {
-    const bool is_well =
-        run(list, "DELETE FROM server WHERE address = ? AND port = ?", address, port);
-    return is_well ? std::optional(ListVerdict::UPDATED) : std::nullopt;
+  if (*known == UNKNOWN) {
+    const auto has_room = make_room(list, address, rules.ports_per_address);
+    if (!has_room) return std::nullopt;
+    if (!*has_room) return ListVerdict::REFUSED;
   }
-  if (*known == 0 && !has_room(list, address, ports_per_address)) return ListVerdict::REFUSED;
-  if (!write_entry(list, address, server, now_s)) return std::nullopt;
-  return *known == 0 ? ListVerdict::LISTED : ListVerdict::UPDATED;
+  // A server that did not answer is asked once more for each announce.
+  const State state = rules.asks && *known != SEEN ? OPEN : SEEN;
+  if (!write_entry(list, address, server, now_s, state)) return std::nullopt;
+  if (*known == UNKNOWN) return ListVerdict::LISTED;
+  return rules.asks && *known == SILENT ? ListVerdict::REFUSED : ListVerdict::UPDATED;
 }
 
-std::optional<ListVerdict> take_announcement(sqlite3* list, const std::string& address,
+static std::optional<ListVerdict> remove(List& list, const std::string& address, int port) {
+  const bool is_well =
+      run(list, "DELETE FROM server WHERE address = ? AND port = ?", address, port);
+  return is_well ? std::optional(ListVerdict::UPDATED) : std::nullopt;
+}
+
+std::optional<ListVerdict> take_announcement(List& list, const std::string& address,
                                              const Announcement& announcement, std::int64_t now_s,
-                                             int ports_per_address) {
+                                             const ListRules& rules) {
+  list.complaint.clear();
   if (!run(list, "BEGIN IMMEDIATE")) return std::nullopt;
   std::optional<ListVerdict> verdict;
-  if (run(list, "DELETE FROM server WHERE last_seen <= ?", now_s - ENTRY_LIFE_S)) {
-    verdict = change(list, address, announcement, now_s, ports_per_address);
+  if (run(list, "DELETE FROM server WHERE last_seen <= ? OR last_seen > ?", now_s - ENTRY_LIFE_S,
+          now_s + CLOCK_SLACK_S)) {
+    verdict = announcement.is_removal ? remove(list, address, announcement.port)
+                                      : enter(list, address, announcement, now_s, rules);
   }
   return end_transaction(list, verdict.has_value()) ? verdict : std::nullopt;
 }
@@ -174,29 +316,67 @@ static std::string text_at(sqlite3_stmt* statement, int column) {
   return text == nullptr ? "" : reinterpret_cast<const char*>(text);
 }
 
-std::optional<std::vector<Entry>> read_list(sqlite3* list, std::int64_t now_s) {
-  const Statement rows = prepare(
+// What take_row makes of each row of entries that are in this state and have not expired.
+template <typename Record, typename TakeRow>
+static std::optional<std::vector<Record>> read_rows(List& list, const char* text, State state,
+                                                    std::int64_t now_s, TakeRow take_row) {
+  list.complaint.clear();
+  const Statement rows = prepare(list, text, state, now_s - ENTRY_LIFE_S, now_s + CLOCK_SLACK_S);
+  if (!rows) return std::nullopt;
+  std::vector<Record> records;
+  int result = 0;
+  while ((result = sqlite3_step(rows.get())) == SQLITE_ROW) records.push_back(take_row(rows.get()));
+  if (result == SQLITE_DONE) return records;
+  fail(list);
+  return std::nullopt;
+}
+
+std::optional<std::vector<Entry>> read_list(List& list, std::int64_t now_s) {
+  return read_rows<Entry>(
       list,
       "SELECT address, port, name, os, players, max_players, game_type, version, first_seen,"
-      " last_seen FROM server WHERE last_seen > ? ORDER BY players DESC, name, address, port",
-      now_s - ENTRY_LIFE_S);
-  if (!rows) return std::nullopt;
-  std::vector<Entry> entries;
-  int result = 0;
-  while ((result = sqlite3_step(rows.get())) == SQLITE_ROW) {
-    const auto integer = [&](int column) { return sqlite3_column_int(rows.get(), column); };
-    entries.push_back({
-        .address = text_at(rows.get(), 0),
-        .server = {.name = text_at(rows.get(), 2),
-                   .os = text_at(rows.get(), 3),
-                   .players = integer(4),
-                   .max_players = integer(5),
-                   .game_type = integer(6),
-                   .port = integer(1),
-                   .version = integer(7)},
-        .first_seen_s = sqlite3_column_int64(rows.get(), 8),
-        .last_seen_s = sqlite3_column_int64(rows.get(), 9),
-    });
+      " last_seen FROM server WHERE state = ? AND last_seen > ? AND last_seen <= ?"
+      " ORDER BY players DESC, name, address, port",
+      SEEN, now_s, [](sqlite3_stmt* row) {
+        const auto integer = [&](int column) { return sqlite3_column_int(row, column); };
+        return Entry{
+            .address = text_at(row, 0),
+            .server = {.name = text_at(row, 2),
+                       .os = text_at(row, 3),
+                       .players = integer(4),
+                       .max_players = integer(5),
+                       .game_type = integer(6),
+                       .port = integer(1),
+                       .version = integer(7)},
+            .first_seen_s = sqlite3_column_int64(row, 8),
+            .last_seen_s = sqlite3_column_int64(row, 9),
+        };
+      });
+}
+
+std::optional<std::vector<OpenQuestion>> read_open_questions(List& list, std::int64_t now_s) {
+  return read_rows<OpenQuestion>(
+      list,
+      "SELECT address, port, first_seen FROM server"
+      " WHERE state = ? AND last_seen > ? AND last_seen <= ?"
+      " ORDER BY row_number() OVER (PARTITION BY address ORDER BY last_seen DESC), last_seen DESC",
+      OPEN, now_s, [](sqlite3_stmt* row) {
+        return OpenQuestion{.address = text_at(row, 0),
+                            .port = sqlite3_column_int(row, 1),
+                            .first_seen_s = sqlite3_column_int64(row, 2)};
+      });
+}
+
+bool write_answers(List& list, const std::vector<Answer>& answers) {
+  list.complaint.clear();
+  if (!run(list, "BEGIN IMMEDIATE")) return false;
+  bool is_well = true;
+  for (const auto& [question, was_given] : answers) {
+    is_well = is_well && run(list,
+                             "UPDATE server SET state = ? WHERE address = ? AND port = ?"
+                             " AND first_seen = ? AND state = ?",
+                             was_given ? SEEN : SILENT, question.address, question.port,
+                             question.first_seen_s, OPEN);
   }
-  return result == SQLITE_DONE ? std::optional(std::move(entries)) : std::nullopt;
+  return end_transaction(list, is_well);
 }

@@ -54,6 +54,9 @@ appears within seconds of its start. It disappears when it stops, or 11 minutes 
 announce.</p>
 )";
 
+static constexpr const char* NOBODY_ASKS =
+    "<p>New servers do not appear now: the program that asks them, zolask, does not run.</p>\n";
+
 static constexpr const char* END = "</body>\n</html>\n";
 
 static const char* game_of(const Announcement& server) {
@@ -182,8 +185,10 @@ Filter read_filter(std::string_view query) {
   return filter;
 }
 
-std::string html_of(const std::vector<Entry>& entries, const Filter& filter, std::int64_t now_s) {
+std::string html_of(const std::vector<Entry>& entries, const Filter& filter, std::int64_t now_s,
+                    bool nobody_asks) {
   std::string page = HEAD;
+  if (nobody_asks) page += NOBODY_ASKS;
   if (entries.empty()) return page + EMPTY + END;
   const Totals totals = totals_of(entries, filter);
   page += sum_of(totals, entries.size()) + links_of(filter);

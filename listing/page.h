@@ -17,7 +17,9 @@ struct Filter {
 // From "empty=no" and "game=0" or "game=1". Other keys and values change nothing.
 Filter read_filter(std::string_view query);
 
-std::string html_of(const std::vector<Entry>& entries, const Filter& filter, std::int64_t now_s);
+// nobody_asks: new servers do not appear, since the asker does not run.
+std::string html_of(const std::vector<Entry>& entries, const Filter& filter, std::int64_t now_s,
+                    bool nobody_asks);
 std::string json_of(const std::vector<Entry>& entries, const Filter& filter);
 // The page in place of the list when the database fails.
 std::string html_of_failure();

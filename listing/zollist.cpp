@@ -3,17 +3,23 @@
 //
 //   ZOLLIST_DATABASE            the file of the list; its directory must be writable
 //   ZOLLIST_PORTS_PER_ADDRESS   how many servers one address may list; 64 by default
+//   ZOLLIST_ASK                 "no" shows servers that zolask has not asked
+//   ZOLLIST_BANS                the file of the addresses to keep off the list
 
 #include <arpa/inet.h>
 
+#include <cerrno>
 #include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <string_view>
 
+#include "listing/asker_lock.h"
+#include "listing/bans.h"
 #include "listing/database.h"
 #include "listing/page.h"
 
@@ -38,71 +44,133 @@ static constexpr const char* JSON =
     "Cache-Control: public, max-age=15\r\n"
     "Access-Control-Allow-Origin: *\r\n";
 
-static int ports_per_address() {
+static void complain(const std::string& complaint) {
+  std::fprintf(stderr, "zollist: %s\n", complaint.c_str());
+}
+
+static ListRules rules() {
+  ListRules rules{.asks = variable("ZOLLIST_ASK") != "no"};
   const std::string text = variable("ZOLLIST_PORTS_PER_ADDRESS");
-  int number = DEFAULT_PORTS_PER_ADDRESS;
-  std::from_chars(text.data(), text.data() + text.size(), number);
-  return number;
+  std::from_chars(text.data(), text.data() + text.size(), rules.ports_per_address);
+  return rules;
+}
+
+// Without the file nobody is banned.
+static std::string content_of(const std::string& path) {
+  std::string content;
+  std::FILE* file = std::fopen(path.c_str(), "re");
+  if (file == nullptr && errno == ENOENT) return content;
+  char block[4096];
+  std::size_t size = 0;
+  while (file != nullptr && (size = std::fread(block, 1, sizeof block, file)) > 0) {
+    content.append(block, size);
+  }
+  if (file == nullptr || std::ferror(file) != 0) {
+    complain(path + ": " + std::strerror(errno) + ": nobody is banned; make the file readable");
+  }
+  if (file != nullptr) std::fclose(file);
+  return content;
+}
+
+static std::vector<Ban> bans() {
+  const std::string path = variable("ZOLLIST_BANS");
+  if (path.empty()) return {};
+  const Bans found = read_bans(content_of(path), path);
+  for (const std::string& complaint : found.complaints) complain(complaint);
+  return found.bans;
+}
+
+// A page can make its readers' browsers send any query, but not this header.
+static bool is_from_server() {
+  return variable("HTTP_USER_AGENT").starts_with("ZOL/0.1 (");
 }
 
 // Servers look for the digit behind a line that ends in two blanks. Without one they take the list
 // for unreachable.
-static void answer_server(sqlite3* list, std::int64_t now_s) {
+static void answer_server(List& list, std::int64_t now_s) {
   const std::string address = variable("REMOTE_ADDR");
   const std::string query = variable("QUERY_STRING");
   const auto announcement = read_announcement(query);
   in_addr parsed{};
   std::optional<ListVerdict> verdict = ListVerdict::REFUSED;
-  if (announcement && inet_pton(AF_INET, address.c_str(), &parsed) == 1) {
-    verdict = take_announcement(list, address, *announcement, now_s, ports_per_address());
+  if (announcement && inet_pton(AF_INET, address.c_str(), &parsed) == 1 &&
+      !is_banned(bans(), address, announcement->port)) {
+    verdict = take_announcement(list, address, *announcement, now_s, rules());
   }
-  if (!verdict) return answer("503 Service Unavailable", PLAIN, "unavailable\n");
+  if (!verdict) {
+    complain(list.complaint);
+    return answer("503 Service Unavailable", PLAIN, "unavailable\n");
+  }
   answer("200 OK", PLAIN, "  \r\n" + std::string(1, static_cast<char>(*verdict)) + "\n");
 }
 
-static void answer_reader(sqlite3* list, std::int64_t now_s, bool wants_json) {
-  const auto entries = list == nullptr ? std::nullopt : read_list(list, now_s);
+static std::optional<std::vector<Entry>> entries_without_bans(List& list, std::int64_t now_s) {
+  auto entries = read_list(list, now_s);
+  if (!entries) complain(list.complaint);
+  if (!entries || entries->empty()) return entries;
+  std::erase_if(*entries, [banned = bans()](const Entry& entry) {
+    return is_banned(banned, entry.address, entry.server.port);
+  });
+  return entries;
+}
+
+static void answer_reader(List& list, std::int64_t now_s, bool wants_json) {
+  const auto entries = list.database ? entries_without_bans(list, now_s) : std::nullopt;
+  const bool nobody_asks = rules().asks && !does_asker_run(list.path);
   const Filter filter = read_filter(variable("QUERY_STRING"));
   if (wants_json) {
     entries ? answer("200 OK", JSON, json_of(*entries, filter))
             : answer("503 Service Unavailable", PLAIN, "unavailable\n");
   } else {
-    entries ? answer("200 OK", HTML, html_of(*entries, filter, now_s))
+    entries ? answer("200 OK", HTML, html_of(*entries, filter, now_s, nobody_asks))
             : answer("503 Service Unavailable", HTML, html_of_failure());
   }
 }
 
-static sqlite3* open_named_list() {
-  std::string complaint = "ZOLLIST_DATABASE is not set";
+static void open_named_list(List& list) {
   const std::string path = variable("ZOLLIST_DATABASE");
-  sqlite3* list = path.empty() ? nullptr : open_list(path.c_str(), complaint);
-  if (list == nullptr) std::fprintf(stderr, "zollist: %s\n", complaint.c_str());
-  return list;
+  if (path.empty()) {
+    complain("ZOLLIST_DATABASE is not set: name the file of the list");
+  } else if (!open_list(list, path)) {
+    complain(list.complaint);
+  }
+}
+
+// Answers requests that need no list. False for the others.
+static bool answer_at_once(const std::string& method, const std::string& path, bool is_server) {
+  const bool is_known = is_server || path == "/servers.json" || path == "/";
+  // HEAD asks for an answer that changes nothing.
+  if (method != "GET" && (method != "HEAD" || is_server)) {
+    answer("405 Method Not Allowed",
+           is_server ? "Content-Type: text/plain\r\nAllow: GET\r\n"
+                     : "Content-Type: text/plain\r\nAllow: GET, HEAD\r\n",
+           "GET alone\n");
+  } else if (!is_known) {
+    answer("404 Not Found", PLAIN, "not found\n");
+  } else if (is_server && !is_from_server()) {
+    answer(
+        "403 Forbidden", PLAIN,
+        "Only servers announce themselves here: the User-Agent must start with \"ZOL/0.1 (\".\n");
+  } else {
+    return false;
+  }
+  return true;
 }
 
 int main() {
   std::signal(SIGXFSZ, SIG_IGN);  // a file at its size limit is a full disk, and no end
-  const std::string method = variable("REQUEST_METHOD");
   const std::string path = variable("SCRIPT_NAME") + variable("PATH_INFO");
   const bool is_server = path == "/cgi-bin/zol.pl";
-  const bool wants_json = path == "/servers.json";
-  if (method != "GET" && method != "HEAD") {
-    answer("405 Method Not Allowed", "Content-Type: text/plain\r\nAllow: GET, HEAD\r\n",
-           "GET alone\n");
-    return EXIT_SUCCESS;
-  }
-  if (!is_server && !wants_json && path != "/") {
-    answer("404 Not Found", PLAIN, "not found\n");
-    return EXIT_SUCCESS;
-  }
-  sqlite3* list = open_named_list();
+  if (answer_at_once(variable("REQUEST_METHOD"), path, is_server)) return EXIT_SUCCESS;
+  List list;
+  open_named_list(list);
   const std::int64_t now_s = std::time(nullptr);
   if (!is_server) {
-    answer_reader(list, now_s, wants_json);
-  } else if (list == nullptr) {
-    answer("503 Service Unavailable", PLAIN, "unavailable\n");
-  } else {
+    answer_reader(list, now_s, path == "/servers.json");
+  } else if (list.database != nullptr) {
     answer_server(list, now_s);
+  } else {
+    answer("503 Service Unavailable", PLAIN, "unavailable\n");
   }
   close_list(list);
   return EXIT_SUCCESS;

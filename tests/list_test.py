@@ -1,65 +1,20 @@
-"""The server list, called as a web server calls it.
+"""The server list without its asker.
 
 Usage: list_test.py ZOLLIST [TEST...]"""
 
 import contextlib
 import json
-import os
-import pathlib
 import re
 import resource
 import sqlite3
-import subprocess
-import sys
-import tempfile
 import threading
 import unittest
 
-PATIENCE_S = 60
-ZOLLIST = os.path.realpath(sys.argv.pop(1))
-GOOD = {"name": "A", "p": "0", "mp": "16", "gt": "0", "port": "16309", "v": "40", "os": "lin"}
+from list_case import AGENT, ANNOUNCE, LIMIT, SEEN, ListCase, query_of
 
 
-def query_of(**changes):
-    return "&".join(f"{key}={value}" for key, value in (GOOD | changes).items() if value is not None)
-
-
-class ListTest(unittest.TestCase):
-    def setUp(self):
-        folder = self.enterContext(tempfile.TemporaryDirectory())
-        self.path = pathlib.Path(folder, "list.sqlite")
-
-    def ask(self, path="/", query="", address="192.0.2.1", method="GET", ports=None, **options):
-        """The status, the headers and the body."""
-        environment = {
-            "REQUEST_METHOD": method, "SCRIPT_NAME": path, "QUERY_STRING": query,
-            "REMOTE_ADDR": address, "ZOLLIST_DATABASE": str(self.path),
-        } | ({"ZOLLIST_PORTS_PER_ADDRESS": ports} if ports else {})  # fmt: skip
-        done = subprocess.run(
-            [ZOLLIST], env=environment, capture_output=True, timeout=PATIENCE_S, **options
-        )
-        self.assertEqual(done.returncode, 0, done.stderr)
-        head, body = done.stdout.split(b"\r\n\r\n", 1)
-        headers = dict(line.split(": ", 1) for line in head.decode().split("\r\n"))
-        if method != "HEAD":
-            self.assertEqual(int(headers["Content-Length"]), len(body))
-        return headers["Status"][:3], headers, body
-
-    def announce(self, address="192.0.2.1", ports=None, **changes):
-        """The digit that a server reads."""
-        status, _, body = self.ask("/cgi-bin/zol.pl", query_of(**changes), address, ports=ports)
-        self.assertEqual((status, body[:4], body[5:]), ("200", b"  \r\n", b"\n"))
-        return body[4:5].decode()
-
-    def listed(self):
-        return json.loads(self.ask("/servers.json")[2])["servers"]
-
-    def page(self, query=""):
-        return self.ask("/", query)[2].decode()
-
-    def age(self, seconds):
-        with contextlib.closing(sqlite3.connect(self.path)) as database, database:
-            database.execute("UPDATE server SET last_seen = last_seen - ?", (seconds,))
+class ListTest(ListCase):
+    asks = "no"
 
     def test_enters_refreshes_and_removes(self):
         self.assertEqual(self.announce(), "1")
@@ -174,14 +129,11 @@ class ListTest(unittest.TestCase):
         self.assertEqual(self.announce("192.0.2.2", ports="3"), "1")
         self.announce(port="1000", disconnect="1")
         self.assertEqual(self.announce(port="1003", ports="3"), "1")
-        with contextlib.closing(sqlite3.connect(self.path)) as database, database:
-            database.executemany(
-                "INSERT INTO server SELECT ?, port, name, os, players, max_players, game_type, version,"
-                " first_seen, last_seen FROM server WHERE address = '192.0.2.2'",
-                [(f"10.0.{i // 256}.{i % 256}",) for i in range(9996)],
-            )
-        self.assertEqual(self.announce("198.51.100.1"), "0", "10,000 entries")
+        self.fill((f"10.0.{i // 256}.{i % 256}", 1, SEEN, 0) for i in range(LIMIT - 4))
+        self.assertEqual(self.announce("198.51.100.1"), "1", "10,000 entries: one with three goes")
+        self.assertEqual(self.announce("198.51.100.1", port="1"), "0", "an address has two at most")
         self.assertEqual(self.announce("192.0.2.2"), "2")
+        self.assertEqual(self.change("SELECT count(*) FROM server"), [(LIMIT,)])
 
     def test_pages(self):
         self.announce()
@@ -196,29 +148,125 @@ class ListTest(unittest.TestCase):
         self.assertEqual(self.ask("/x")[0], "404")
         self.assertEqual(self.ask("/", method="POST")[0], "405")
 
-    def assert_unavailable(self, **options):
-        for path, query in (("/", ""), ("/servers.json", ""), ("/cgi-bin/zol.pl", query_of(port="1"))):
-            status, _, body = self.ask(path, query, **options)
+    def test_takes_announces_of_servers_only(self):
+        self.announce(port="7")
+        for method, agent, status in (
+            ("GET", "Mozilla/5.0", "403"), ("GET", "", "403"), ("GET", "ZOL/0.1", "403"),
+            ("GET", " ZOL/0.1 (x)", "403"), ("HEAD", AGENT, "405"), ("POST", AGENT, "405"),
+        ):  # fmt: skip
+            for changes in ({}, {"port": "7", "disconnect": "1"}):
+                answer = self.ask(ANNOUNCE, query_of(**changes), method=method, agent=agent)
+                self.assertEqual(answer[0], status, (method, agent))
+                self.assertNotIn(b"  \r\n", answer[2])
+        self.assertIn(b"User-Agent", self.ask(ANNOUNCE, query_of(), agent="x")[2])
+        self.assertEqual([each["port"] for each in self.listed()], [7])
+
+    def test_drops_entries_of_the_future(self):
+        self.announce()
+        self.age(-5)
+        self.assertEqual(len(self.listed()), 1, "a process may have read the clock a moment ago")
+        self.age(-60)
+        self.assertEqual(self.listed(), [])
+        self.assertEqual(self.announce(), "1", "it is new again")
+        self.assertEqual(len(self.listed()), 1)
+
+    def test_bans(self):
+        def listed(*bans):
+            self.bans.write_text("\n".join(bans))
+            return [f"{each['address'][8:]}:{each['port']}" for each in self.listed()]
+
+        for address, port in (("192.0.2.1", "1"), ("192.0.2.1", "2"), ("192.0.2.9", "1")):
+            self.announce(address, port=port)
+        every = ["1:1", "1:2", "9:1"]
+        for ban, rest in {
+            "192.0.2.1": ["9:1"], "192.0.2.1:2": ["1:1", "9:1"], "192.0.2.0/29": ["9:1"],
+            "192.0.2.7/24": [], "0.0.0.0/0": [], " 192.0.2.9\t# why\r": ["1:1", "1:2"],
+            "192.0.2.9/32": ["1:1", "1:2"], "#192.0.2.1": every, "": every, "192.0.3.0/24": every,
+        }.items():  # fmt: skip
+            self.assertEqual((listed(ban), self.said), (rest, ""), ban)
+        for wrong in ("192.0.2", "192.0.2.1/33", "192.0.2.1/", "192.0.2.1:0", "192.0.2.1:65536", "::1",
+                      "192.0.2.1/24:1", "192.0.2.1 192.0.2.9", "example.org", "192.0.2.1/-1"):  # fmt: skip
+            self.assertEqual(listed("192.0.2.9", "", wrong + " # x"), ["1:1", "1:2"], wrong)
+            self.assertEqual(self.said, f'zollist: {self.bans}:3: "{wrong}" is no ADDRESS, ADDRESS/BITS '
+                                        "or ADDRESS:PORT; ignored\n")  # fmt: skip
+        self.assertNotIn(b"192.0.2.9", self.ask()[2])
+        self.assertEqual(self.announce("192.0.2.9", port="3"), "0")
+        self.assertEqual(self.announce("192.0.2.1", port="3"), "1")
+        self.bans.unlink()
+        self.assertEqual([each["port"] for each in self.listed()], [1, 2, 3, 1])
+        self.bans.mkdir()
+        self.assertEqual(len(self.listed()), 4)
+        self.assertIn(f"zollist: {self.bans}: Is a directory: nobody is banned", self.said)
+
+    def assert_unavailable(self, reason, paths=("/", "/servers.json", ANNOUNCE), **options):
+        for path in paths:
+            status, _, body = self.ask(path, query_of(port="1", name="x" * 31), **options)
             self.assertEqual(status, "503", path)
             self.assertIn(b"unavailable", body)
             self.assertNotIn(b"  \r\n", body)
+            self.assertRegex(self.said, rf"^zollist: {self.path}: {reason}.*\n$")
 
-    def test_says_when_it_is_unavailable(self):
+    def foreign(self, *statements):
+        self.path.unlink(missing_ok=True)
+        with contextlib.closing(sqlite3.connect(self.path)) as database, database:
+            for statement in statements:
+                database.execute(statement)
+
+    def test_refuses_other_files_and_leaves_them_alone(self):
+        other = "another program's database, left as it is: name another file in ZOLLIST_DATABASE"
+        table = "CREATE TABLE server (name)"
+        for statements, reason in (
+            ([table], other),
+            ([table, "PRAGMA user_version = 1"], other),
+            (["PRAGMA user_version = 1"], other),
+            ([table, "PRAGMA user_version = 2", "PRAGMA application_id = 7"], other),
+            (["PRAGMA user_version = 3", f"PRAGMA application_id = {0x5A4F4C4C}"],
+             "version 3 of the list, and this program knows no later one than 2: install a newer"),
+        ):  # fmt: skip
+            self.foreign(*statements)
+            before = self.path.read_bytes()
+            self.assert_unavailable(reason)
+            self.assertEqual(self.path.read_bytes(), before, statements)
         self.path.write_bytes(b"this is no database, but it is long enough to look like one" * 20)
-        self.assert_unavailable()
-        self.path.unlink()
+        self.assert_unavailable("file is not a database: name another file")
+        self.path = self.path / "no" / "folder"
+        self.assert_unavailable("unable to open database file .*: this program's user must be able to")
+
+    def test_upgrades_a_list_of_version_1(self):
+        self.announce()
+        text = self.change("SELECT sql FROM sqlite_schema WHERE name = 'server'")[0][0]
+        columns = [row[1] for row in self.change("PRAGMA table_info(server)")][:-1]
+        (row,) = self.change(f"SELECT {', '.join(columns)} FROM server")
+        self.foreign(text.replace("  state INTEGER NOT NULL DEFAULT 2,\n", ""),
+                     "CREATE INDEX server_last_seen ON server (last_seen)",
+                     f"INSERT INTO server VALUES {row}", "PRAGMA user_version = 1")  # fmt: skip
+        self.asks = "yes"
+        self.assertEqual([each["name"] for each in self.listed()], ["A"], "it counts as seen")
+        self.assertEqual(self.announce(), "2")
+        self.assertEqual(self.change("PRAGMA user_version"), [(2,)])
+
+    def test_says_why_it_fails_after_it_was_opened(self):
+        self.announce()
+        page = self.change("SELECT rootpage FROM sqlite_schema WHERE name = 'server'")[0][0] - 1
+        size = self.change("PRAGMA page_size")[0][0]
+        self.change("PRAGMA journal_mode = DELETE")
+        content = self.path.read_bytes()
+        self.path.write_bytes(content[: page * size] + b"\x55" * size + content[(page + 1) * size :])
+        self.assert_unavailable("database disk image is malformed: the file is damaged; stop the list")
+
+    def test_says_who_is_in_the_way(self):
         self.announce()
         with contextlib.closing(sqlite3.connect(self.path)) as database:
-            database.execute("PRAGMA user_version = 2")
-        self.assert_unavailable()
-        self.path = self.path / "no" / "folder"
-        self.assert_unavailable()
+            database.execute("BEGIN IMMEDIATE")
+            self.assert_unavailable("database is locked: another process held its lock for 5000 ms",
+                                    [ANNOUNCE])  # fmt: skip
+            self.assertEqual(len(self.listed()), 1)
 
     def test_keeps_what_it_has_when_the_disk_is_full(self):
         self.announce()
         limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (8192, 8192))
-        status, _, body = self.ask("/cgi-bin/zol.pl", query_of(port="1", name="x" * 31), preexec_fn=limit)
-        self.assertEqual((status, body), ("503", b"unavailable\n"))
+        reason = "the disk or the quota is full: free some space"
+        self.assert_unavailable(reason, [ANNOUNCE], preexec_fn=limit)
         self.assertEqual([each["port"] for each in self.listed()], [16309])
 
     def test_many_at_once_lose_nothing(self):

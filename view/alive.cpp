@@ -10,18 +10,10 @@
 #include <cstring>
 #include <string>
 
+#include "client/alive.h"
 #include "client/monotonic.h"
 #include "client/server_connection.h"
 #include "client/stop_signals.h"
-
-// Datagrams may be lost. Together the tries take less than two seconds.
-static constexpr int TRIES = 3;
-static constexpr std::uint64_t TRY_MS = 650;
-
-// No server has this version, so every server refuses it: a refusal takes no slot and prints
-// nothing.
-static constexpr std::uint16_t WRONG_VERSION = 0;
-static_assert(WRONG_VERSION != PROTOCOL_VERSION);
 
 enum class Answer { NONE, UP, NOBODY_LISTENS, CANNOT_SEND, SIGNAL };
 
@@ -30,11 +22,6 @@ struct Question {
   int stop_signals = -1;
   int signal = 0;  // that ended the question
 };
-
-static bool is_refusal(Datagram datagram) {
-  constexpr auto CODE = static_cast<std::uint8_t>(ServerCommand::CMD_JOIN_REFUSED_VERSION);
-  return datagram.size() == sizeof(JoinRefusedVersion) && datagram.front() == CODE;
-}
 
 // Other datagrams do not count, and do not prolong the wait.
 static Answer await_refusal(Question& question, std::uint64_t end_ms) {
@@ -49,16 +36,16 @@ static Answer await_refusal(Question& question, std::uint64_t end_ms) {
     static Batch batch;
     receive_batch(question.socket, batch);
     const Datagram* first = batch.datagrams.data();
-    if (std::any_of(first, first + batch.count, is_refusal)) return Answer::UP;
+    if (std::any_of(first, first + batch.count, is_alive_answer)) return Answer::UP;
   }
   return Answer::NONE;
 }
 
 static Answer ask(Question& question) {
   Answer answer = Answer::NONE;
-  for (int i = 0; i < TRIES && answer == Answer::NONE; ++i) {
-    const std::uint64_t end_ms = monotonic_ms() + TRY_MS;
-    if (!send_datagram(question.socket, JoinRequest{.version = WRONG_VERSION})) {
+  for (int i = 0; i < ALIVE_TRIES && answer == Answer::NONE; ++i) {
+    const std::uint64_t end_ms = monotonic_ms() + ALIVE_TRY_MS;
+    if (!send_datagram(question.socket, ALIVE_QUESTION)) {
       return Answer::CANNOT_SEND;
     }
     answer = await_refusal(question, end_ms);

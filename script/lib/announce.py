@@ -1,21 +1,26 @@
 #!/usr/bin/python3
-"""Runs real servers against the real list, behind nginx: they are listed, counted, removed, refused,
-and come back when the list does. Then many announces at once, and a master server that is silent.
+"""Runs real servers against the real list, behind nginx: they are asked, listed, counted, removed,
+refused, and come back when the list does. Then many announces at once, a flood of servers that are
+not there, a disk that is full, and a master server that is silent.
 
 All of it in a network of its own, in which the master server's name means this machine, on a clock
 that can be put forward."""
 
 import concurrent.futures
 import contextlib
+import itertools
 import json
 import os
 import pathlib
 import re
+import select
 import signal
 import socket
+import sqlite3
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import urllib.request
 
@@ -23,6 +28,11 @@ from lib import BUILD, ROOT, build
 
 PATIENCE_S = 30
 LIST = "http://127.0.0.1:80"
+SOON_S = 10  # a server waits so long for its verdict, and a reader for a new server
+AGENT = "ZOL/0.1 (list)"
+REFUSED = b"\x0eYou need Version 9".ljust(65, b"\0")
+IP_PKTINFO = 8  # the local address of a datagram
+FLOOD = [(f"127.2.{i % 200}.1", 3000 + i // 200) for i in range(200 * 64)]
 
 
 def fail(message):
@@ -32,7 +42,7 @@ def fail(message):
 
 
 def enter_namespace():
-    build("zolserver", "zolbots", "zollist")
+    build("zolserver", "zolbots", "zollist", "zolask")
     os.execvp("unshare", ["unshare", "--map-root-user", "--net", "--mount", sys.executable, "-B",
                            __file__, "inside"])
 
@@ -150,24 +160,108 @@ def announce(source, port):
     """The verdict, as a server reads it: from the first 512 bytes that come."""
     with socket.create_connection(("127.0.0.1", 80), PATIENCE_S, source_address=(source, 0)) as to:
         query = f"name=Burst&p=0&mp=16&gt=0&port={port}&v=40&os=lin"
-        to.send(f"GET /cgi-bin/zol.pl?{query} HTTP/1.1\nHost: list\nConnection: keep-alive\n\n".encode())
+        to.send(f"GET /cgi-bin/zol.pl?{query} HTTP/1.1\nHost: list\nUser-Agent: {AGENT}\n\n".encode())
         found = re.search(rb"  \r\n(.)", to.recv(512))
         return found and found[1].decode()
+
+
+def answer_questions(ports, stop):
+    """Plays the servers of these ports at all addresses of this machine, until somebody sends stop."""
+    sockets = []
+    for port in ports:
+        each = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        each.bind(("", port))
+        each.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
+        sockets.append(each)
+    while stop not in (ready := select.select([*sockets, stop], [], [])[0]):
+        for each in ready:
+            _, control, _, asker = each.recvmsg(300, 100)
+            # It answers from the address that was asked.
+            each.sendmsg([REFUSED], control, 0, asker)
+    for each in sockets:
+        each.close()
 
 
 def check_burst():
     """1,000 announces over 50 connections at a time: each that was answered 1 or 2 is on the list."""
     wanted = [(f"127.0.1.{1 + i % 50}", 2000 + i // 50) for i in range(1000)]
+    here, there = socket.socketpair()
+    servers = threading.Thread(target=answer_questions, args=(range(2000, 2020), there))
+    servers.start()
     start = time.monotonic()
     with concurrent.futures.ThreadPoolExecutor(50) as pool:
         verdicts = list(pool.map(lambda each: announce(*each), wanted))
     seconds = time.monotonic() - start
     answered = {each for each, verdict in zip(wanted, verdicts) if verdict in ("1", "2")}
-    entries = lambda: {(entry["address"], entry["port"]) for entry in listed()}
-    await_that(lambda: answered <= entries(), "all that were answered are on the list")
     if len(answered) < 900:
         fail(f"only {len(answered)} of 1,000 were answered 1 or 2")
-    print(f"{len(answered)} of 1,000 announces taken in {seconds:.1f} s, and on the list")
+
+    def are_listed():
+        return answered <= {(entry["address"], entry["port"]) for entry in listed()}
+
+    await_that(are_listed, "servers that were answered 1 or 2 are on the list", limit_s=SOON_S)
+    print(f"{len(answered)} of 1,000 announces taken in {seconds:.1f} s, and on the list "
+          f"{time.monotonic() - start - seconds:.1f} s later")  # fmt: skip
+    here.close()
+    servers.join()
+
+
+class Flood:
+    """Announces of servers that are not there, over 50 connections at a time, until it is stopped."""
+
+    def __init__(self):
+        self.next, self.count, self.ends = itertools.cycle(FLOOD), itertools.count(), False
+        self.lock = threading.Lock()
+        self.threads = [threading.Thread(target=self.work) for _ in range(50)]
+        for each in self.threads:
+            each.start()
+
+    def work(self):
+        while not self.ends:
+            with self.lock:
+                source, port = next(self.next)
+            with contextlib.suppress(OSError):
+                if announce(source, port):
+                    next(self.count)
+
+    def stop(self):
+        self.ends = True
+        for each in self.threads:
+            each.join()
+
+
+def check_flood(stack, clock):
+    """An honest server is heard and seen in a full list, and so are twenty that start at once."""
+    # Announces would take a minute or more to fill the list.
+    now = int(time.time())
+    with contextlib.closing(sqlite3.connect("list/list.sqlite", timeout=PATIENCE_S)) as database:
+        with database:
+            database.executemany(
+                "INSERT INTO server VALUES (?1, ?2, 'x', 'lin', 0, 16, 0, 40, ?3, ?3, 0)"
+                " ON CONFLICT DO NOTHING", [(*each, now) for each in FLOOD[:10_000]],
+            )  # fmt: skip
+        flood = Flood()
+        stack.callback(flood.stop)
+        count = database.execute("SELECT count(*) FROM server").fetchone()[0]
+    if count < 10_000:
+        fail(f"the list has only {count} entries")
+    for ports in (range(20000, 20001), range(20001, 20021)):
+        begin = time.monotonic()
+        servers = [Server(port, f"Honest {port}") for port in ports]
+        for each in servers:
+            stack.callback(each.process.kill)
+        await_that(lambda: all(each.says("This server is now listed") for each in servers),
+                   "honest servers are told that they are listed", clock, SOON_S)  # fmt: skip
+        told = time.monotonic()
+        await_that(lambda: set(ports) <= {entry["port"] for entry in listed()},
+                   "honest servers are listed in a flood", clock, SOON_S)  # fmt: skip
+        print(f"{len(ports)} honest servers: told after {told - begin:.1f} s, seen after "
+              f"{time.monotonic() - begin:.1f} s")  # fmt: skip
+    flood.stop()
+    print(f"{next(flood.count)} announces of the flood were taken meanwhile")
+    ghosts = [entry for entry in listed() if entry["address"].startswith("127.2.")]
+    if ghosts:
+        fail(f"servers are listed that are not there: {ghosts[:3]}")
 
 
 def check_servers(stack, clock):
@@ -194,7 +288,8 @@ def check_servers(stack, clock):
     clock.ahead_s += 301
     # It tries to write a thousand times, ten milliseconds and more apart.
     await_that(lambda: server.says("Could not connect"), "the list is missed", clock, 90)
-    pathlib.Path("list/list.sqlite").unlink()
+    for file in pathlib.Path("list").glob("list.sqlite*"):
+        file.unlink()
     start_list(stack)
     if count_of(16309) is not None:
         fail("a new list knows a server")
@@ -205,6 +300,35 @@ def check_servers(stack, clock):
     await_that(lambda: count_of(16309) is None, "a server that stopped is not listed")
     if not server.says("Removing server from master list: success"):
         fail("the removal does not end in success")
+    check_flood(stack, clock)
+
+
+def check_full_disk():
+    """Nothing is written, and the reason is said."""
+    disk = pathlib.Path("disk")
+    disk.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=200k", "tmpfs", disk], check=True)
+
+    def announced(port):
+        query = f"name=Disk&p=0&mp=16&gt=0&port={port}&v=40"
+        environment = {"REQUEST_METHOD": "GET", "SCRIPT_NAME": "/cgi-bin/zol.pl", "REMOTE_ADDR": "127.0.0.1",
+                       "QUERY_STRING": query, "HTTP_USER_AGENT": AGENT,
+                       "ZOLLIST_DATABASE": f"{disk}/list.sqlite"}  # fmt: skip
+        done = subprocess.run([BUILD / "zollist"], env=environment, capture_output=True, text=True)
+        return done.stdout.split()[1], done.stderr
+
+    if announced(1) != ("200", ""):
+        fail("an announce fails with room on the disk")
+    with contextlib.suppress(OSError), open(disk / "filler", "wb", buffering=0) as filler:
+        while filler.write(bytes(4096)):
+            pass
+    status, said = announced(2)
+    if status != "503" or "the disk or the quota is full" not in said:
+        fail(f"a full disk gives {status}: {said}")
+    (disk / "filler").unlink()
+    if announced(3) != ("200", ""):
+        fail("the list does not go on after a full disk")
+    subprocess.run(["umount", disk], check=True)
 
 
 def check_silent_master():
@@ -238,8 +362,9 @@ def main():
             check_script(stack)
             check_servers(stack, clock)
         subprocess.run(["umount", "/proc/uptime"], check=True)
+        check_full_disk()
         check_silent_master()
-    print("announce: listed, counted, removed, refused and listed again; undisturbed by silence")
+    print("announce: listed, counted, removed, refused and listed again; undisturbed by floods and silence")
 
 
 main()
