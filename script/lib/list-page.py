@@ -6,8 +6,8 @@ waits for the page's own refresh. Leaves pictures in build/list-page.
     script/checks/list-page [--write-docs]      also draws docs/listing.svg again"""
 
 import contextlib
+import html
 import http.server
-import re
 import shutil
 import subprocess
 import sys
@@ -75,7 +75,7 @@ def fill(folder, servers, first=(FULL_ADDRESS, 65485)):
 
 
 @contextlib.contextmanager
-def served(servers, refresh_s=None):
+def served(servers, refresh_s=None, first=(FULL_ADDRESS, 65485)):
     """Their list on a port of this machine, and the paths that it was asked for."""
     asked = []
 
@@ -95,7 +95,7 @@ def served(servers, refresh_s=None):
             pass
 
     with tempfile.TemporaryDirectory() as folder:
-        fill(folder, servers)
+        fill(folder, servers, first)
         server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         threading.Thread(target=server.serve_forever, daemon=True).start()
         yield f"http://127.0.0.1:{server.server_port}/", asked
@@ -213,21 +213,44 @@ def check_filters(driver):
             fail(f"the refresh asks for {asked[-1]} and shows {names_on(driver)}")
 
 
-def draw_document():
-    """The page itself inside an SVG, in the light."""
-    with tempfile.TemporaryDirectory() as folder:
-        fill(folder, SAMPLE, ("192.0.2.7", 16309))
-        page = zollist(folder, "/")
-    style = re.search(r"<style>.*?</style>", page, re.S)[0].replace("light dark", "light")
-    style = style.replace("<style>", "<style><![CDATA[").replace("</style>", "]]></style>")
-    body = re.search(r"<body>(.*)</body>", page, re.S)[1]
-    (ROOT / "docs/listing.svg").write_text(
-        '<svg xmlns="http://www.w3.org/2000/svg" width="860" height="340">\n'
-        '<rect width="860" height="340" rx="6" fill="#fff" stroke="#8886"/>\n'
-        '<foreignObject width="860" height="340"><div xmlns="http://www.w3.org/1999/xhtml" '
-        f'style="padding:0 1rem;color:#111;font:16px/1.5 sans-serif">\n{style}\n{body}</div>'
-        "</foreignObject>\n</svg>\n"
-    )
+# Each piece of text with its place and looks, and the lines below the rows.
+PIECES = """
+const pieces = [];
+const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
+while (walker.nextNode()) {
+  const range = document.createRange();
+  range.selectNodeContents(walker.currentNode);
+  const box = range.getClientRects()[0];
+  const text = walker.currentNode.textContent.trim();
+  if (!text || !box) continue;
+  const style = getComputedStyle(walker.currentNode.parentElement);
+  const row = walker.currentNode.parentElement.closest('tr');
+  pieces.push([text, box.left, box.bottom - box.height * 0.25, style.fontSize, style.fontWeight,
+               style.fontFamily, style.textDecorationLine, row ? getComputedStyle(row).opacity : 1]);
+}
+const lines = [...document.querySelectorAll('tr')].map(row => row.getBoundingClientRect())
+  .map(box => [box.left, box.right, box.bottom]);
+return [pieces, lines, document.querySelector('table').getBoundingClientRect().bottom];
+"""
+
+
+def draw_document(driver):
+    """The page as plain SVG, which programs other than browsers show, too."""
+    set_width(driver, 860)
+    with served(SAMPLE, first=("192.0.2.7", 16309)) as (url, _):
+        driver.get(url)
+        pieces, lines, bottom = driver.execute_script(PIECES)
+    height = round(bottom) + 20
+    drawn = ['<svg xmlns="http://www.w3.org/2000/svg" width="860" height="%d">' % height,
+             '<rect width="860" height="%d" rx="6" fill="#fff" stroke="#888"/>' % height]
+    for left, right, y in lines:
+        drawn.append('<path d="M%.0f %.0fH%.0f" stroke="#bbb"/>' % (left, y, right))
+    for text, left, y, size, weight, family, decoration, opacity in pieces:
+        kind = "monospace" if "mono" in family else "sans-serif"
+        drawn.append(f'<text x="{left:.0f}" y="{y:.0f}" font-family="{kind}" font-size="{size}" '
+                     f'font-weight="{weight}" text-decoration="{decoration}" fill="#111" '
+                     f'opacity="{opacity}">{html.escape(text)}</text>')
+    (ROOT / "docs/listing.svg").write_text("\n".join([*drawn, "</svg>", ""]))
 
 
 def main():
@@ -242,10 +265,10 @@ def main():
         look(driver, "many", [(f"Server {i}", i % 17, 16, i % 2) for i in range(300)])
         look(driver, "none", [])
         check_filters(driver)
+        if sys.argv[1:] == ["--write-docs"]:
+            draw_document(driver)
     finally:
         driver.quit()
-    if sys.argv[1:] == ["--write-docs"]:
-        draw_document()
     print(f"list-page: all is well; the pictures are in {PICTURES.relative_to(ROOT)}")
 
 
