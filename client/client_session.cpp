@@ -122,7 +122,7 @@ SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
 // the latest move. So it makes us ask, and does not decide.
 static SessionEvent hear_accepted(ClientSession& session, Datagram datagram) {
   const auto accepted = record_of<JoinAccepted>(datagram);
-  if (datagram.size() != sizeof accepted || accepted.slot >= MAX_CLIENTS) return SessionEvent::NONE;
+  if (accepted.slot >= MAX_CLIENTS) return SessionEvent::NONE;
   if (session.state != SessionState::JOINING) {
     if (accepted.slot != session.picture.own_slot) doubt_own_slot(session, session.now_ms);
     return SessionEvent::NONE;
@@ -137,23 +137,16 @@ static SessionEvent hear_accepted(ClientSession& session, Datagram datagram) {
 // A full server also refuses a client that has a slot already because the answer that said so was
 // lost. Leaving makes room for the next try. A refusal after an acceptance is an old one.
 static SessionEvent hear_refusal(ClientSession& session, Datagram datagram) {
-  if (session.state != SessionState::JOINING || datagram.size() != sizeof(JoinRefusedFull)) {
-    return SessionEvent::NONE;
-  }
+  if (session.state != SessionState::JOINING) return SessionEvent::NONE;
   session.refusal = {};
   std::copy(datagram.begin() + 1, datagram.end(), session.refusal.begin());
   send_code(session, ClientCommand::CMD_PLAYER_LEFT);
   return SessionEvent::REFUSED;
 }
 
-static SessionEvent hear_shutdown(ClientSession& session, Datagram datagram) {
-  if (datagram.size() != sizeof(ServerShutdown)) return SessionEvent::NONE;
-  return start_over(session, session.now_ms + FIRST_BACK_OFF_MS, SessionEvent::STOPPED);
-}
-
 static void hear_not_in_car(ClientSession& session, Datagram datagram) {
   const auto answer = record_of<NotInCar>(datagram);
-  if (datagram.size() != sizeof answer || answer.slot >= MAX_CLIENTS) return;
+  if (answer.slot >= MAX_CLIENTS) return;
   const bool is_placing = session.state == SessionState::PLACING;
   if (is_placing || answer.slot != session.picture.own_slot) return enter(session, answer.slot);
   session.slot_questions_left = 0;
@@ -194,14 +187,28 @@ static SessionEvent hear_from_game(ClientSession& session, Datagram datagram) {
   const ServerCommand command{datagram[0]};
   if (command == CMD_NOT_IN_CAR) hear_not_in_car(session, datagram);
   if (command == CMD_GAME_CLOCK) hear_clock_answer(session);
-  const bool is_entry =
-      command == CMD_ENTER_GAME_REPLY && datagram.size() == sizeof(EnterGameReply);
-  return is_entry ? hear_entered(session) : SessionEvent::NONE;
+  return command == CMD_ENTER_GAME_REPLY ? hear_entered(session) : SessionEvent::NONE;
+}
+
+template <typename... Records>
+static bool is_one_of(Datagram datagram) {
+  const ServerCommand command{datagram[0]};
+  return ((command == Records{}.command && datagram.size() == sizeof(Records)) || ...);
+}
+
+// False of what a server does not send; it must not count as a sign of life.
+static bool is_from_server(Datagram datagram) {
+  return !datagram.empty() &&
+         is_one_of<Ping, JoinRefusedFull, JoinRefusedVersion, EnterGameReply, JoinAccepted,
+                   ServerShutdown, ChatLine, NotInCar, PlayerInfo, PlayerStateReply, PlayerLeft,
+                   GameClock, PlayerPosition, PlayerFootUpdate, PlayerCarBlockA, PlayerCarBlockB,
+                   PlayerGotCar, PlayerLeftCar, PlayerWeapon, PlayerStateFloats, PlayerCarStatus,
+                   PinkPanther, PlayerDied>(datagram);
 }
 
 SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64_t now_ms) {
   session.now_ms = now_ms;
-  if (datagram.empty()) return SessionEvent::NONE;
+  if (!is_from_server(datagram)) return SessionEvent::NONE;
   switch (ServerCommand{datagram[0]}) {
     case CMD_JOIN_ACCEPTED:
       return hear_accepted(session, datagram);
@@ -209,9 +216,9 @@ SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64
     case CMD_JOIN_REFUSED_VERSION:
       return hear_refusal(session, datagram);
     case CMD_SERVER_SHUTDOWN:
-      return hear_shutdown(session, datagram);
+      return start_over(session, now_ms + FIRST_BACK_OFF_MS, SessionEvent::STOPPED);
     case CMD_PING:
-      if (datagram.size() == sizeof(Ping)) send_code(session, ClientCommand::CMD_PING_REPLY);
+      send_code(session, ClientCommand::CMD_PING_REPLY);
       return hear_from_game(session, datagram);
     default:
       return hear_from_game(session, datagram);

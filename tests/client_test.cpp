@@ -308,7 +308,8 @@ TEST_F(SessionTest, KnowsSignsOfLife) {
   const std::tuple<const char*, bool, bool> signs[] = {
       {"01", true, true},          {"c8 04 ..16", true, true},     {"1e ..65", true, true},
       {"29 03", true, false},      {"48 00 00", true, false},      {"2a 05 00 ..164", true, false},
-      {"2b 05 ..80", true, false}, {"2a 05 01 ..164", true, true}, {"0c ..65", false, false}};
+      {"2b 05 ..80", true, false}, {"2a 05 01 ..164", true, true}, {"0c ..65", false, false},
+      {"63", false, false},        {"c8 04", false, false},        {"01 00", false, false}};
   play(1'000);
   std::uint64_t now_ms = 3'000;
   for (const auto& [words, has_slot, is_in_game] : signs) {
