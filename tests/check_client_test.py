@@ -21,6 +21,10 @@ C, SIZES_DOWN = stages.C, stages.SIZES_DOWN
 TICK_S = 0.05
 JOIN = b"\x0aExample".ljust(66, b"\0") + b"\x28\0"
 PEERS = range(32)
+BLOCK = b"\5" * 28
+CAR = bytes(4) + BLOCK + bytes(32)
+ASK = bytes([C.CAR_BLOCK_A]) + bytes(31)
+ENTER = b"\x0f" + bytes(19) + b"\3" + bytes(79)
 
 
 class Client:
@@ -28,15 +32,20 @@ class Client:
 
     growth, silence_s, stop_wait_s, refused_wait_s, version_wait_s = 2, 25, 1, 0, 0
     known_s, unknown_s, all_s, report_s, replies, chats = 5, 1, 20, 3, 1, 1
-    checks_size = checks_slot = checks_address = asks_slot = believes_slot = True
-    counts_pings_only = believes_late_refusals = dies_of_empty = joins_again = False
+    entry_growth, proof_s, most_asked, old_s, weapon_s = 2, 22, 10, 2, 9
+    car_wait_s, car_repeats = 0.5, 7
+    checks_size = checks_slot = checks_address = asks_slot = asks_again = believes_slot = True
+    asks_named = believes_role = doubts_clock = drives_on = True
+    counts_pings_only = counts_junk = counts_answers = believes_late_refusals = joins_again = False
     loses = frozenset()  # codes that it does not send
     loses_second = frozenset()  # codes that it sends only once
-    join, enter = JOIN, b"\x0f" + bytes(99)
+    join, enter, block_asked = JOIN, ENTER, BLOCK
 
     def __init__(self, **lies):
-        vars(self).update(lies)
+        vars(self).update({"dies_of": lambda datagram: False} | lies)
         self.out, self.heard_s, self.has_ended, self.slot, self.in_car = [], 0, False, None, False
+        self.proved_s = self.questions = self.car_left = self.slot_due_s = self.car_sent_s = 0
+        self.has_role = self.has_died = False
         self.begin("joining", 0)
 
     def begin(self, state, due_s):
@@ -48,46 +57,74 @@ class Client:
         if datagram[0] in self.loses_second:
             self.loses |= {datagram[0]}
 
+    def send_car(self, now):
+        self.send(bytes([C.CAR_STATE]) + bytes(15) + CAR)
+        self.car_sent_s = now
+
+    def doubt_slot(self, due_s):
+        if self.asks_slot and self.asks_again:
+            self.questions, self.slot_due_s = 5, due_s
+
     def hear(self, datagram, now, from_stranger=False):
-        if datagram == b"" and self.dies_of_empty:
-            self.has_ended = True
+        self.has_ended |= self.dies_of(datagram)
         if self.checks_address and from_stranger or not datagram:
             return
         code, slot = datagram[0], datagram[1] if len(datagram) > 1 else 0
+        self.heard_s = now if self.counts_junk else self.heard_s
         if self.checks_size and len(datagram) != SIZES_DOWN.get(code):
             return
         if self.checks_slot and code in stages.WITH_SLOT and slot > 31:
             return
         if code == C.PING or not self.counts_pings_only:
             self.heard_s = now
+        if code in rules.PROOFS or self.counts_answers:
+            self.proved_s = now
         self.hear_right(code, slot, now)
 
     def hear_right(self, code, slot, now):
         if code == C.PING:
             for _ in range(self.replies):
                 self.send(bytes([C.PING_REPLY]))
-        elif code == C.JOIN_ACCEPTED and (self.state != "playing" or slot != self.slot):
+        elif code == C.JOIN_ACCEPTED and self.state == "joining":
             self.slot, self.heard_s = slot, now
             self.begin("asking" if self.asks_slot else "entering", now)
+        elif code == C.JOIN_ACCEPTED and slot != self.slot:
+            self.slot = self.slot if self.believes_slot else slot
+            self.doubt_slot(now)
         elif code == C.NOT_IN_CAR:
-            if self.believes_slot:
-                self.slot = slot
-            if self.state == "asking":
+            self.questions = 0
+            if self.state == "asking" or slot != self.slot and self.believes_slot:
+                self.slot = slot if self.believes_slot else self.slot
                 self.begin("entering", now)
-            elif self.in_car:
-                self.send(bytes([C.CAR_STATE]) + bytes(79))
+            elif self.in_car and now >= self.car_sent_s + self.car_wait_s:
+                self.send_car(now)
         elif code == C.ENTER_GAME_REPLY and self.state == "entering":
             self.begin("playing", now)
             self.start_s, self.report_due_s = now, now + 1
             self.asked, self.known, self.named = dict.fromkeys(PEERS, now - 15), set(), set()
+            self.unanswered, self.record_s = dict.fromkeys(PEERS, 0), {}
+            self.named |= {slot} if self.asks_named else set()
         elif code in (C.JOIN_REFUSED_FULL, C.JOIN_REFUSED_VERSION):
             self.hear_refusal(code, now)
         elif code == C.SERVER_SHUTDOWN:
             self.begin("joining", now + self.stop_wait_s)
-        elif self.state == "playing" and code == C.PLAYER_INFO:
+        elif code == C.GAME_CLOCK and not (self.has_died and self.doubts_clock):
+            self.car_left = 0
+        elif code == C.PINKPANTHER:
+            self.has_role = slot == self.slot and self.believes_role
+        elif self.state == "playing":
+            self.hear_about(code, slot, now)
+
+    def hear_about(self, code, slot, now):
+        if code == C.PLAYER_INFO:
             self.known.add(slot)
-        elif self.state == "playing" and code == C.PLAYER_POSITION:
+            self.record_s[slot], self.unanswered[slot] = now, 0
+        elif code == C.PLAYER_POSITION:
             self.named.add(slot)
+        elif code == C.PLAYER_STATE_FLOATS:
+            for each in self.known:
+                if now > self.record_s[each] + self.old_s:
+                    self.asked[each] = min(self.asked[each], now - 5)
 
     def hear_refusal(self, code, now):
         if self.state == "joining" or self.believes_late_refusals:
@@ -101,35 +138,57 @@ class Client:
             self.begin("joining", now)
         if self.state == "playing":
             self.play(now)
-        elif now >= self.due_s:
-            self.send({"joining": self.join, "asking": bytes([C.CAR_BLOCK_A]) + bytes(31),
-                       "entering": self.enter}[self.state])  # fmt: skip
-            self.due_s, self.wait_s = now + self.wait_s, min(self.growth * self.wait_s, 30)
+        is_unproved = now > self.proved_s + self.proof_s
+        if now >= self.due_s and (self.state != "playing" or is_unproved):
+            if self.state == "entering" and self.wait_s == 1:
+                self.doubt_slot(now + 1)
+            self.send({"joining": self.join, "asking": ASK}.get(self.state, self.enter))
+            growth = {"joining": self.growth, "asking": 1}.get(self.state, self.entry_growth)
+            self.due_s, self.wait_s = now + self.wait_s, min(growth * self.wait_s, 30)
 
     def play(self, now):
         for slot in PEERS:
-            interval_s = (self.known_s if slot in self.known else
-                          self.unknown_s if slot in self.named else self.all_s)
+            is_quick = slot in self.named | self.known and self.unanswered[slot]
+            interval_s = (self.unknown_s if is_quick or slot in self.named - self.known else
+                          self.known_s if slot in self.known else self.all_s)
             if slot != self.slot and now >= self.asked[slot] + interval_s:
                 self.asked[slot] = now
+                self.unanswered[slot] += 1
                 self.send(bytes([C.GET_PLAYER_INFO, slot]))
+                if self.unanswered[slot] == self.most_asked:
+                    self.known.discard(slot)
+                    self.named.discard(slot)
+        if self.questions and now >= self.slot_due_s:
+            self.questions, self.slot_due_s = self.questions - 1, now + 1
+            self.send(bytes([C.CAR_BLOCK_A, 0, 0, 0]) + self.block_asked)
+        if self.in_car and self.car_left and now >= self.car_sent_s + 2:
+            self.car_left -= 1
+            self.send_car(now)
         if now >= self.report_due_s:
             self.report_due_s += self.report_s
-            self.report(now - self.start_s)
+            self.report(now - self.start_s, now)
 
-    def report(self, age_s):
-        """On foot, in a car from 9 to 18 seconds, then dead."""
-        if not self.in_car and 9 < age_s < 18:
-            self.send(bytes([C.VEHICLE, 1]) + bytes(78))
-        self.in_car = 9 < age_s < 18
+    def report(self, age_s, now):
+        """On foot, in a car from 9 to 18 seconds, then dead, and in a car again from 21 to 33."""
+        was_in_car, self.in_car = self.in_car, 9 < age_s < 18 or 21 < age_s < 33
+        if self.in_car > was_in_car:
+            self.send(bytes([C.VEHICLE, 1]) + bytes(14) + CAR)
+            self.car_left, self.car_sent_s = self.car_repeats, now
         self.send(struct.pack("<Bxxx3f", C.POSITION_UPDATE, age_s, 0, 0))
+        self.send(bytes([C.STATE_FLOATS]) + bytes(11))
+        if age_s < self.weapon_s:
+            self.send(bytes([C.WEAPON, 3]))
         if self.in_car:
-            self.send(bytes([C.CAR_BLOCK_A]) + bytes(31))
+            self.send(bytes([C.CAR_BLOCK_A, 0, 0, 0]) + BLOCK)
+            self.send(bytes([C.CAR_BLOCK_B]) + bytes(27))
+            self.send(bytes([C.CAR_STATUS]) + bytes(7))
         else:
             self.send(bytes([C.FOOT_UPDATE]) + bytes(7))
-            self.send(bytes([C.STATE_FLOATS]) + bytes(11))
-        if age_s > 18:
+        if 18 < age_s < 26 and not self.has_role:
+            self.has_died = True
             self.send(bytes([C.DIED, 1]))
+            if self.in_car and self.drives_on:
+                self.send_car(now)
         for _ in range(self.chats):
             self.send(bytes([C.CHAT]) + b"hello\0")
         if self.joins_again and age_s > 5:
@@ -144,17 +203,17 @@ LIARS = (
     ({"loses_second": {C.JOIN}}, None, "only 1 CMD_JOIN in 17 s"),
     ({"loses": {C.PLAYER_LEFT}}, {"refusals", "leaving"}, "no CMD_PLAYER_LEFT after CMD_JOIN_REF"),
     ({"loses": {C.PLAYER_LEFT}}, {"refusals", "leaving"}, "no CMD_PLAYER_LEFT after the signal"),
-    ({"refused_wait_s": 0.3}, {"refusals"}, "CMD_JOIN 0.4 s after CMD_JOIN_REFUSED_FULL"),
+    ({"refused_wait_s": 0.3}, {"refusals"}, "CMD_JOIN after a wait of 0.4 s, 1 s expected"),
     ({"believes_late_refusals": True}, {"refusals"}, "for a refusal that came after"),
     ({"version_wait_s": 0.3}, {"version", "rates"}, "CMD_JOIN after a wait of 0.4 s"),
     ({"loses_second": {C.ENTER_GAME}}, None, "1 CMD_ENTER_GAME in 8.5 s without an answer"),
     ({"loses_second": {C.CAR_BLOCK_A}}, None, "an unanswered CMD_CAR_BLOCK_A is not repeated"),
-    ({"asks_slot": False}, {"own-slot"}, "no CMD_CAR_BLOCK_A after two CMD_JOIN_ACCEPTED"),
+    ({"asks_slot": False}, {"own-slot", "slot-again"}, "no CMD_CAR_BLOCK_A after two"),
     ({"believes_slot": False}, {"own-slot"}, "it asks for slot 3, its own by CMD_NOT_IN_CAR"),
     ({"loses": {C.PING_REPLY}}, {"pings"}, "0 CMD_PING_REPLY in 0.5 s to 1 CMD_PING"),
     ({"replies": 2}, {"pings"}, "2 CMD_PING_REPLY in 0.5 s to 1 CMD_PING"),
-    ({"known_s": 9}, {"questions"}, "for slot 0, a known player, for 7.5 s"),
-    ({"unknown_s": 60}, {"questions"}, "for slot 4, which a relay named"),
+    ({"known_s": 9}, {"questions", "others"}, "for slot 0, a known player, for 7.5 s"),
+    ({"unknown_s": 60}, {"questions", "others"}, "for slot 4, which a relay named"),
     ({"unknown_s": 0.3}, {"questions"}, "it asks for slot 4 again after 0.3 s"),
     ({"all_s": 60}, {"questions"}, "for slot 1, 3, 5 and more in 30 s"),
     ({"silence_s": 40}, {"silence"}, "no CMD_JOIN in 34 s of silence"),
@@ -162,14 +221,31 @@ LIARS = (
     ({"counts_pings_only": True}, {"silence"}, "s after entering, though relays came"),
     ({"stop_wait_s": 0}, {"stop"}, "CMD_JOIN 0.0 s after CMD_SERVER_SHUTDOWN"),
     ({"stop_wait_s": 60}, {"stop"}, "no CMD_JOIN in 10 s after CMD_SERVER_SHUTDOWN"),
-    ({"checks_size": False}, {"hostile"}, "it believes a CMD_JOIN_ACCEPTED that is too short"),
+    ({"checks_size": False}, {"hostile", "silence"}, "a CMD_JOIN_ACCEPTED that is too short"),
     ({"checks_slot": False}, {"hostile"}, "because of a wrong datagram"),
     ({"checks_address": False}, {"hostile"}, "it believes a CMD_JOIN_ACCEPTED that"),
-    ({"dies_of_empty": True}, {"hostile", "running"}, "it died with status 1"),
+    ({"dies_of": lambda datagram: datagram == b""}, {"hostile", "running"}, "it died with status"),
+    ({"dies_of": lambda datagram: len(datagram) == 2 and datagram[0] == C.PLAYER_INFO}, None,
+     "it died with status 1 (hostile-datagrams"),
+    ({"counts_junk": True}, {"silence"}, "no CMD_JOIN in 34 s of silence (gone"),
+    ({"asks_again": False}, None, "the question for its slot, after CMD_ENTER_GAME"),
+    ({"block_asked": bytes(28)}, {"slot-again"}, "with an empty block instead of its own"),
+    ({"counts_answers": True}, {"re-entry"}, "no CMD_ENTER_GAME for 31 s without proof"),
+    ({"enter": b"\x0f" + bytes(23) + b"\1" + bytes(75)}, {"re-entry"}, "STATE_FLOATS before and"),
+    ({"entry_growth": 1}, {"entering"}, "after waits of 1.0 s and 1.0 s, not twice"),
+    ({"asks_named": False}, {"others"}, "for the slot of CMD_ENTER_GAME_REPLY"),
+    ({"most_asked": 3}, {"others"}, "for slot 7 for 3.5 s after 2 without an answer"),
+    ({"old_s": 60}, {"others"}, "for a record 2.3 s old, after unknown floats"),
+    ({"weapon_s": 60}, {"repeats"}, "CMD_WEAPON is repeated 11 times in 33 s"),
+    ({"car_repeats": 0}, {"rides"}, "no CMD_CAR_STATE for 4 s in a new car"),
+    ({"doubts_clock": False}, {"rides"}, "no CMD_CAR_STATE for 4 s in a new car"),
+    ({"car_wait_s": 0}, {"car"}, "five CMD_CAR_STATE in a second"),
+    ({"drives_on": False}, {"deaths"}, "no CMD_CAR_STATE after a repeated CMD_DIED of a driver"),
+    ({"believes_role": False}, {"deaths"}, "after a CMD_PINKPANTHER that names the client"),
     ({"joins_again": True}, None, "CMD_JOIN in the game"),
-    ({"report_s": 6}, {"reports"}, "no CMD_FOOT_UPDATE for 4.5 s"),
-    ({"loses": {C.STATE_FLOATS}}, {"reports"}, "no CMD_STATE_FLOATS for 4.5 s"),
-    ({"loses": {C.CAR_STATE}}, {"car"}, "no CMD_CAR_STATE in 2 s after CMD_NOT_IN_CAR"),
+    ({"report_s": 6}, {"reports", "deaths"}, "no CMD_FOOT_UPDATE for 3.8 s"),
+    ({"loses": {C.STATE_FLOATS}}, {"reports"}, "no CMD_STATE_FLOATS for 3.8 s"),
+    ({"loses": {C.CAR_STATE}}, {"car", "rides", "reports"}, "no CMD_CAR_STATE in 2.5 s after"),
     ({"loses_second": {C.DIED}}, {"deaths"}, "CMD_DIED 01 is not repeated"),
     ({"chats": 12}, {"rates"}, "more CMD_CHAT than 10 at once"),
 )  # fmt: skip
@@ -185,7 +261,7 @@ REAL_LIAR = """if True:
         two.sendto(b"\\2", two.recvfrom(2000)[1])"""
 
 # What no liar above does, as what happened: a rule, events, and what the kit says.
-ACCEPTED, ENTER, ASK = stages.accepted(2), b"\x0f" + bytes(99), bytes([C.CAR_BLOCK_A]) + bytes(31)
+ACCEPTED = stages.accepted(2)
 IN_GAME = ((0, ">", JOIN), (0, "<", ACCEPTED), (0.1, ">", ENTER),
            (0.2, "<", bytes([C.ENTER_GAME_REPLY, 2, 0, 0])))  # fmt: skip
 MOVED = ((0, "<", stages.accepted(3)), (0, "<", ACCEPTED), (1, ">", ASK),
@@ -219,6 +295,11 @@ TRANSCRIPTS = (
     ("hostile", ((0, "to stranger", b"\2"),), "CMD_PING_REPLY to another address"),
     ("hostile", ((0, ">", bytes([C.GET_PLAYER_INFO, 32])),), "it asks for slot 32"),
     ("leaving", ((0, "mark", "stop"),), "it runs on 3 s after the signal"),
+    *(("repeats", [(2 * count, ">", bytes([code, 1]).ljust(size, b"\0")) for count in range(11)],
+       f"CMD_{name} is repeated 10 times in 20 s") for name, code, size in
+      (("CAR_STATE", C.CAR_STATE, 80), ("DIED", C.DIED, 2))),
+    ("re-entry", (*IN_GAME, (3, "mark", "the server forgets the entry"), (9, ">", JOIN)),
+     "CMD_JOIN while the server answers"),
     ("bad-network", ((0, ">", JOIN),), "it did not get into the game"),
     ("bad-network", (*IN_GAME, STOP), "it was not in the game in the end"),
 )  # fmt: skip
@@ -276,6 +357,15 @@ class CheckClientTest(unittest.TestCase):
 
     def test_right_client_keeps_all_rules(self):
         self.assertEqual(verdicts_on(), dict.fromkeys(rules.RULES, ("kept", "")))
+
+    def test_excuses_a_busy_machine(self):
+        """The kit's pause and the client's delay of a reply, 0.2 s, both widen the tolerance."""
+        for pause_s, text in ((0.1, "JOIN after a wait of 0.3 s"), (0.3, "[]")):
+            events = ((0, ">", JOIN), (0.1, "mark", f"paused {pause_s}"), (0.3, ">", JOIN),
+                      (1, "<", b"\1"), (1.2, ">", b"\2"), (1, "<", bytes([C.SERVER_SHUTDOWN])),
+                      (0.2, "<", bytes([C.JOIN_REFUSED_VERSION]) + bytes(64)))  # fmt: skip
+            events = [stages.Event(*event) for event in events]
+            self.assertIn(text, str(rules.findings(rules.RULES["version"].judge, events)))
 
     def test_names_what_is_wrong_with_a_datagram(self):
         for datagram, wrong in (

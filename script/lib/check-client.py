@@ -33,21 +33,30 @@ POLL_S = 0.02
 MOST_AT_ONCE = 1000  # datagrams that are read before anything else is done
 MOST_EVENTS = 200_000  # of a client that floods
 STALL_S = 0.25  # a pause of the kit itself that is told
+NOTED_STALL_S = 0.1  # one that widens the tolerances
+SO_TIMESTAMPNS = 35  # Python has no name for it; also the kind of its ancillary data
 LIBC = ctypes.CDLL(None)
 
 
 def bound_socket():
     bound = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     bound.bind(("127.0.0.1", 0))
+    bound.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
     bound.setblocking(False)
     return bound
 
 
 def receive(link):
-    """The datagrams that have come, with their senders."""
+    """The datagrams that have come, with their senders and the times of their arrival, which the
+    kernel notes: the kit may read them late."""
+    offset_s = time.monotonic() - time.time()
     with contextlib.suppress(BlockingIOError):
         for _ in range(MOST_AT_ONCE):
-            yield link.recvfrom(65536)
+            datagram, notes, _, sender = link.recvmsg(65536, 256)
+            stamps = [data for level, kind, data in notes
+                      if (level, kind) == (socket.SOL_SOCKET, SO_TIMESTAMPNS)]  # fmt: skip
+            seconds, nanoseconds = struct.unpack("ll", stamps[0])
+            yield datagram, sender, seconds + nanoseconds / 1e9 + offset_s
 
 
 def prepare_client():
@@ -88,12 +97,12 @@ class Run:
 
     def hear(self):
         """Reads what has come."""
-        for datagram, sender in receive(self.server):
+        for datagram, sender, arrival in receive(self.server):
             if self.client not in (None, sender):
                 self.stage.note("mark", "another port")
             self.client = sender
-            self.stage.hear(datagram, self.now())
-        for datagram, _ in receive(self.stranger):
+            self.stage.hear(datagram, arrival - self.start)
+        for datagram, *_ in receive(self.stranger):
             self.stage.note("to stranger", datagram)
         with contextlib.suppress(OSError):  # the client may have closed its terminal
             for _ in range(MOST_AT_ONCE):
@@ -142,7 +151,11 @@ def play(names, command, options):
             select.select([run.server for run in active], [], [], POLL_S)
             for run in active:
                 run.step()
-            longest_s = max(longest_s, time.monotonic() - begin)
+            paused_s = time.monotonic() - begin
+            if paused_s > NOTED_STALL_S:
+                for run in active:
+                    run.stage.note("mark", f"paused {paused_s:.2f}")
+            longest_s = max(longest_s, paused_s)
     return runs, longest_s
 
 

@@ -5,89 +5,21 @@ import collections
 import itertools
 import re
 
-from client_stage import (
-    END_S, MAX_PLAYERS, SCENARIOS, SIZES_DOWN, SIZES_UP, WITH_SLOT, C, is_in_car,
-)  # fmt: skip
+import client_state_rules as state
+from client_log import Log, NotTested, gaps, name_of, waits
+from client_stage import END_S, MAX_PLAYERS, SCENARIOS, SIZES_UP, C
 from lib import ROOT
 
 Rule = collections.namedtuple("Rule", "about judge scenarios")
-
-NAMES_UP = {code: name for name, code in sorted(vars(C).items()) if code in SIZES_UP
-            and name not in ("NOT_IN_CAR", "PLAYER_STATE")}  # fmt: skip
-REPORTS = {C.POSITION_UPDATE, C.CAR_STATE, C.LEAVE_CAR, C.DIED, C.FOOT_UPDATE, C.WEAPON,
-           C.STATE_FLOATS, C.VEHICLE}  # fmt: skip
-CAR_REPORTS = {C.CAR_BLOCK_A, C.CAR_BLOCK_B, C.CAR_STATUS}
+# These datagrams prove that the client is in the game.
+PROOFS = (C.PING, C.ENTER_GAME_REPLY, C.CHAT_LINE, C.PLAYER_LEFT, *range(200, 210), C.PLAYER_DIED)
 
 
-class NotTested(Exception):
-    """The client gave no occasion."""
-
-
-def name_of(code):
-    return f"CMD_{NAMES_UP[code]}" if code in NAMES_UP else f"code {code}"
-
-
-def is_right(datagram):
-    """Whether a client may believe a datagram of the server."""
-    return (datagram != b"" and len(datagram) == SIZES_DOWN.get(datagram[0])
-            and (datagram[0] not in WITH_SLOT or datagram[1] < MAX_PLAYERS))  # fmt: skip
-
-
-class Log:
-    """What happened in a scenario. Of the server's datagrams it has those that are right. An empty
-    datagram of the client has the code -1."""
-
-    def __init__(self, events):
-        self.events = events
-        stops = [event.time for event in self.marks("stop")]
-        self.end = (stops or [event.time for event in events[-1:]] or [0.0])[0]
-        self.sent = [(event.time, event.what[0] if event.what else -1, event.what)
-                     for event in events if event.way == ">"]
-        self.got = [(event.time, event.what[0], event.what)
-                    for event in events if event.way == "<" and is_right(event.what)]
-
-    def marks(self, start):
-        marks = [event for event in self.events if event.way == "mark"]
-        return [mark for mark in marks if mark.what.startswith(start)]
-
-    def times(self, *codes, after=-1.0, until=float("inf")):
-        """When the client sent these codes."""
-        return [time for time, code, _ in self.sent if code in codes and after < time <= until]
-
-    def times_about(self, slot, after=-1.0, until=float("inf")):
-        """When the client asked for this slot."""
-        return [time for time, code, datagram in self.sent if code == C.GET_PLAYER_INFO
-                and datagram[1:2] == bytes([slot]) and after < time <= until]  # fmt: skip
-
-    def got_times(self, *codes, slot=None):
-        """When the client got these codes, for this slot if one is given."""
-        return [time for time, code, datagram in self.got
-                if code in codes and (slot is None or datagram[1] == slot)]  # fmt: skip
-
-    def first(self, code, why):
-        """When the client first got this code."""
-        if not (times := self.got_times(code)):
-            raise NotTested(why)
-        return times[0]
-
-    def rides(self):
-        """Each datagram that the client sent, and whether it sat in a car by its own reports."""
-        in_car = False
-        for time, code, datagram in self.sent:
-            if datagram:
-                in_car = is_in_car(datagram.ljust(256, b"\0"), in_car)
-            yield time, code, datagram, in_car
-
-
-def waits(times):
-    return [later - time for time, later in itertools.pairwise(times)]
-
-
-def too_fast(times, what):
+def too_fast(times, what, late_s):
     """Waits shorter than those of 1, 2, 4 and so on up to 30 seconds."""
     for number, (time, wait) in enumerate(zip(times[1:], waits(times))):
         expected = min(2**number, 30)
-        if wait < 0.7 * expected:
+        if wait < 0.7 * expected - late_s:
             yield time, f"{what} after a wait of {wait:.1f} s, {expected} s expected"
 
 
@@ -151,7 +83,8 @@ def judge_joins(log):
     if not joins:
         yield log.end, "no CMD_JOIN"
     for time, before, wait in zip(joins[1:], [0.5, *waits(joins)], waits(joins)):
-        if not min(1.4 * before, 25) <= wait <= max(2.5 * before, 3):
+        shortest, longest = min(1.4 * before, 25), max(2.5 * before, 3)
+        if not shortest - 2 * log.late_s <= wait <= longest + 2 * log.late_s:
             yield time, f"CMD_JOIN after a wait of {wait:.1f} s"
     if joins and len(joins) < 4:
         yield log.end, f"only {len(joins)} CMD_JOIN in {log.end - joins[0]:.0f} s"
@@ -167,9 +100,7 @@ def judge_refusals(log):
         join = min(log.times(C.JOIN, after=refusal), default=log.end)
         if not log.times(C.PLAYER_LEFT, after=refusal, until=join):
             yield join, "no CMD_PLAYER_LEFT after CMD_JOIN_REFUSED_FULL"
-        if join < log.end and join < refusal + 0.7:
-            yield join, f"CMD_JOIN {join - refusal:.1f} s after CMD_JOIN_REFUSED_FULL"
-    yield from too_fast(log.times(C.JOIN, until=accepted), "CMD_JOIN")
+    yield from too_fast(log.times(C.JOIN, until=accepted), "CMD_JOIN", log.late_s)
     for mark in log.marks("refusals come late"):
         for time in log.times(C.PLAYER_LEFT, C.JOIN, after=mark.time, until=log.end):
             yield time, "it left or joined for a refusal that came after CMD_JOIN_ACCEPTED"
@@ -179,7 +110,7 @@ def judge_refusals(log):
 
 def judge_version(log):
     log.first(C.JOIN_REFUSED_VERSION, "it never joined")
-    yield from too_fast(log.times(C.JOIN), "CMD_JOIN")
+    yield from too_fast(log.times(C.JOIN), "CMD_JOIN", log.late_s)
 
 
 def judge_entering(log):
@@ -188,27 +119,32 @@ def judge_entering(log):
     asked = log.times(C.CAR_BLOCK_A, after=accepted, until=min(enters, default=log.end))
     told = [time for time in log.got_times(C.NOT_IN_CAR) if time <= min(enters, default=log.end)]
     if enters:
-        yield from judge_enters(enters, told[0] if told else enters[0] if asked else accepted)
+        start = told[0] if told else enters[0] if asked else accepted
+        yield from judge_enters(enters, start, log.late_s)
     elif len(asked) == 1 and not told:
         yield log.end, "an unanswered CMD_CAR_BLOCK_A is not repeated"
     else:
         yield log.end, f"no CMD_ENTER_GAME after CMD_{'NOT_IN_CAR' if told else 'JOIN_ACCEPTED'}"
-    if asked and asked[0] > accepted + 2:
+    if asked and asked[0] > accepted + 2 + log.late_s:
         yield asked[0], f"CMD_CAR_BLOCK_A {asked[0] - accepted:.1f} s after CMD_JOIN_ACCEPTED"
     for times in (asked, enters):
         yield from ((time, f"an unanswered datagram is repeated after {wait:.1f} s")
-                    for time, wait in zip(times[1:], waits(times)) if wait < 0.7)  # fmt: skip
+                    for time, wait in zip(times[1:], waits(times))
+                    if wait < 0.7 - log.late_s)  # fmt: skip
     for time in log.times(C.JOIN, after=accepted):
         yield time, "CMD_JOIN while it waits to enter"
 
 
-def judge_enters(enters, start):
+def judge_enters(enters, start, late_s):
     """The first three are lost. `start` is when the client could have sent the first."""
-    if enters[0] > start + 2:
+    if enters[0] > start + 2 + late_s:
         yield enters[0], f"CMD_ENTER_GAME {enters[0] - start:.1f} s after the answer before it"
     sent = [time for time in enters if time < enters[0] + 8.5]
     if len(sent) < 3:
         yield enters[0] + 8.5, f"{len(sent)} CMD_ENTER_GAME in 8.5 s without an answer, 3 expected"
+    for time, (before, wait) in zip(enters[2:4], itertools.pairwise(waits(enters[:4]))):
+        if wait < 1.4 * before - 2 * late_s:
+            yield time, f"CMD_ENTER_GAME after waits of {before:.1f} s and {wait:.1f} s, not twice"
 
 
 def judge_own_slot(log):
@@ -219,9 +155,9 @@ def judge_own_slot(log):
     moves = [time for time, slot in answers if slot == 6]
     yield from judge_belief(log, first, min(moves, default=log.end))
     for moved in moves[:1]:
-        for code in (C.CAR_BLOCK_A, C.ENTER_GAME):
-            if not log.times(code, after=moved, until=moved + 5):
-                yield moved + 5, f"no {name_of(code)} in 5 s after the server named another slot"
+        for code, limit_s in ((C.CAR_BLOCK_A, 2), (C.ENTER_GAME, 5)):
+            if not log.times(code, after=moved, until=moved + limit_s + log.late_s):
+                yield moved + limit_s, f"no {name_of(code)} in {limit_s} s after the server named another slot"
 
 
 def judge_belief(log, begin, end):
@@ -260,11 +196,12 @@ def judge_questions(log):
     for slot in range(256):
         times = log.times_about(slot, entered)
         yield from ((time, f"it asks for slot {slot} again after {wait:.1f} s")
-                    for time, wait in zip(times[1:], waits(times)) if wait < 0.7)  # fmt: skip
+                    for time, wait in zip(times[1:], waits(times))
+                    if wait < 0.7 - log.late_s)  # fmt: skip
     yield from judge_unknown(log)
-    for time, later in itertools.pairwise([entered, *log.times_about(0, entered), log.end]):
-        if later > time + 7.5:
-            yield time + 7.5, "no CMD_GET_PLAYER_INFO for slot 0, a known player, for 7.5 s"
+    times = [entered, *log.times_about(0, entered), log.end]
+    for time in gaps(times, 7.5 + log.late_s):
+        yield time, "no CMD_GET_PLAYER_INFO for slot 0, a known player, for 7.5 s"
     own = {datagram[1] for _, code, datagram in log.got if code == C.JOIN_ACCEPTED}
     missing = [str(slot) for slot in range(MAX_PLAYERS)
                if slot not in own and not log.times_about(slot, entered, log.end)]  # fmt: skip
@@ -279,11 +216,10 @@ def judge_unknown(log):
         return
     known = min(log.got_times(C.PLAYER_INFO, slot=4), default=log.end)
     asked = log.times_about(4, relays[0] - 1, known)
-    if not asked or asked[0] > relays[0] + 2:
+    if not asked or asked[0] > relays[0] + 2 + log.late_s:
         yield relays[0] + 2, "no CMD_GET_PLAYER_INFO for slot 4, which a relay named 2 s ago"
-    for time, later in itertools.pairwise([*asked, known]):
-        if later > time + 6.5:
-            yield time + 6.5, "an unanswered CMD_GET_PLAYER_INFO for slot 4 is not repeated"
+    for time in gaps([*asked, known], 6.5 + log.late_s):
+        yield time, "an unanswered CMD_GET_PLAYER_INFO for slot 4 is not repeated"
 
 
 def judge_silence(log):
@@ -293,11 +229,45 @@ def judge_silence(log):
         yield from ((time, f"CMD_JOIN {time - entered:.0f} s after entering, though relays came")
                     for time in joins)  # fmt: skip
         return
-    heard = max(event.time for event in log.events if event.way == "<")
+    heard = max(time for time, _, _ in log.got)
     if not joins:
         yield log.end, f"no CMD_JOIN in {log.end - heard:.0f} s of silence"
-    elif not heard + 20 <= joins[0] <= heard + 32:
+    elif not heard + 20 <= joins[0] <= heard + 32 + log.late_s:
         yield joins[0], f"CMD_JOIN after {joins[0] - heard:.1f} s of silence, 25 expected"
+
+
+def judge_forgotten(log):
+    """The server answers questions, and nothing shows that the client is in the game."""
+    marks = log.marks("the server forgets the entry")
+    if not marks:
+        raise NotTested("it was never in the game")
+    forgotten = marks[0].time
+    proof = max(time for time in log.got_times(*PROOFS) if time <= forgotten)
+    enters = log.times(C.ENTER_GAME, after=forgotten)
+    if min(enters, default=log.end) > proof + 31 + log.late_s:
+        yield proof + 31, "no CMD_ENTER_GAME for 31 s without proof that it is in the game"
+    for time in log.times(C.JOIN, after=forgotten):
+        yield time, "CMD_JOIN while the server answers its questions"
+    for enter in enters:
+        yield from state.judge_entry(log, enter)
+
+
+def judge_others(log):
+    """The entry's reply names slot 29, whose record is missing. Answers about slot 7 are lost."""
+    entered = log.first(C.ENTER_GAME_REPLY, "it was never in the game")
+    if not log.times_about(29, entered, entered + 2.5 + log.late_s):
+        yield entered + 2.5, "no CMD_GET_PLAYER_INFO in 2.5 s for the slot of CMD_ENTER_GAME_REPLY"
+    record = max(log.got_times(C.PLAYER_INFO, slot=7), default=log.end)
+    asked = log.times_about(7, record + 0.3)  # an earlier one may be older than the record
+    times = [*(asked or [record + 5]), log.end][: MOST_UNANSWERED + 1]
+    for time in gaps(times, 3.5 + log.late_s)[:1]:
+        count = len([each for each in asked if each < time])
+        yield time, f"no CMD_GET_PLAYER_INFO for slot 7 for 3.5 s after {count} without an answer"
+    for floats in log.got_times(C.PLAYER_STATE_FLOATS):
+        age = floats - max(time for time in log.got_times(C.PLAYER_INFO, slot=0) if time < floats)
+        due = floats - age + 4.2 + log.late_s  # the usual question comes after five seconds
+        if 2.1 < age < 3.2 and due < floats - age + 4.7 and not log.times_about(0, floats, due):
+            yield due, f"no CMD_GET_PLAYER_INFO for a record {age:.1f} s old, after unknown floats"
 
 
 def judge_stop(log):
@@ -306,9 +276,9 @@ def judge_stop(log):
     joins = log.times(C.JOIN, after=stop, until=min(answers, default=log.end))
     if not joins or joins[0] > stop + 10:
         yield stop + 10, "no CMD_JOIN in 10 s after CMD_SERVER_SHUTDOWN"
-    elif joins[0] < stop + 0.7:
+    elif joins[0] < stop + 0.7 - log.late_s:
         yield joins[0], f"CMD_JOIN {joins[0] - stop:.1f} s after CMD_SERVER_SHUTDOWN"
-    yield from too_fast(joins, "CMD_JOIN")
+    yield from too_fast(joins, "CMD_JOIN", log.late_s)
 
 
 def judge_hostile(log):
@@ -346,69 +316,6 @@ def judge_running(log):
     yield from ((mark.time, f"it {mark.what}") for mark in log.marks("died"))
 
 
-# Own state.
-
-
-FOOT_GROUPS = [((code,), name_of(code))
-               for code in (C.POSITION_UPDATE, C.STATE_FLOATS, C.FOOT_UPDATE)]  # fmt: skip
-CAR_GROUPS = (((C.POSITION_UPDATE, C.CAR_STATE, C.VEHICLE), "position"),
-              ((*CAR_REPORTS, C.CAR_STATE, C.VEHICLE), "report of the car"))  # fmt: skip
-
-
-def rides_of(rides, begin, end):
-    """The phases in which the client sat in a car or did not: begin, end, and whether it sat."""
-    turns = []
-    for time, _, _, in_car in rides:
-        if time >= begin and (not turns or in_car != turns[-1][1]):
-            turns.append((time, in_car))
-    return [(time, later, in_car) for (time, in_car), (later, _) in
-            itertools.pairwise([*turns, (end, None)])]  # fmt: skip
-
-
-def judge_reports(log):
-    """From the first report on."""
-    rides = list(log.rides())
-    entered = log.first(C.ENTER_GAME_REPLY, "it was never in the game")
-    reported = [time for time, code, _, in_car in rides if entered <= time <= log.end
-                and (code in REPORTS or code in CAR_REPORTS and in_car)]  # fmt: skip
-    if not reported:
-        raise NotTested("it never reports a state of its own")
-    for begin, end, in_car in rides_of(rides, reported[0], log.end):
-        for codes, what in CAR_GROUPS if in_car else FOOT_GROUPS:
-            times = [time for time in log.times(*codes) if begin < time < end]
-            for time, later in itertools.pairwise([begin, *times, end]):
-                if later > time + 4.5:
-                    yield time + 4.5, f"no {what} for 4.5 s"
-
-
-def judge_car(log):
-    """Without a car, CMD_NOT_IN_CAR only answers the question for the own slot."""
-    rides, has_driven = list(log.rides()), False
-    for told in log.got_times(C.NOT_IN_CAR):
-        before = [in_car for time, _, _, in_car in rides if time < told]
-        if not before or not before[-1] or told > log.end - 2:
-            continue
-        has_driven = True
-        after = [ride for ride in rides if told <= ride[0] <= told + 2]
-        # A client that was moved enters again, with its car.
-        if not any(code in (C.CAR_STATE, C.ENTER_GAME) or not in_car for _, code, _, in_car in after):
-            yield told + 2, "no CMD_CAR_STATE in 2 s after CMD_NOT_IN_CAR in a car"
-    if not has_driven:
-        drives = any(in_car for *_, in_car in rides)
-        raise NotTested("it reports no block of its car" if drives else "it never drives")
-
-
-def judge_deaths(log):
-    deaths = [(time, datagram[1:2]) for time, code, datagram in log.sent
-              if code == C.DIED and time < log.end]  # fmt: skip
-    if not deaths:
-        raise NotTested("it never dies")
-    counts = [count for _, count in deaths]
-    for time, count in deaths:
-        if counts.count(count) < 2 and time < log.end - 4.5:
-            yield time + 4.5, f"CMD_DIED {count.hex()} is not repeated"
-
-
 # The limits of packaging/zolserver.nft: a code or all of them, how many at once, how many a second.
 
 
@@ -424,6 +331,7 @@ def over(times, burst, per_s):
     return None
 
 
+MOST_UNANSWERED = 8  # questions after which a player is not gone yet
 LIMITS = ((None, 300, 300), (C.CHAT, 10, 1), (C.ENTER_GAME, 16, 6 / 60), (C.JOIN, 8, 2 / 60))
 
 
@@ -451,7 +359,7 @@ def judge_bad_network(log):
         yield log.end, "it was not in the game in the end"
 
 
-EACH = tuple(SCENARIOS)
+EACH, OWN = tuple(SCENARIOS), ("long-game", "own-state")
 RULES = {
     "bytes": Rule("Every datagram has a known code and its full size, with zeros in unused bytes, "
                   "and comes from one port.", judge_bytes, EACH),
@@ -469,6 +377,11 @@ RULES = {
     "questions": Rule("It asks for unknown players at once, for known ones every five seconds, for "
                       "all slots now and then, and for none more than once a second.",
                       judge_questions, ("long-game",)),
+    "others": Rule("It asks for the slot that CMD_ENTER_GAME_REPLY names, ten times for a silent "
+                   "player, and sooner for old records after state floats of nobody known.",
+                   judge_others, ("other-players",)),
+    "re-entry": Rule("It enters again, with its present state, after 22 seconds without proof that "
+                     "it is in the game.", judge_forgotten, ("forgotten-entry",)),
     "silence": Rule("It joins again after 25 seconds without any datagram, and only then.",
                     judge_silence, ("gone-server", "vanished-server", "lost-pings")),
     "stop": Rule("After CMD_SERVER_SHUTDOWN it waits and joins again.", judge_stop,
@@ -477,10 +390,16 @@ RULES = {
                     ("hostile-datagrams",)),
     "bad-network": Rule("It gets in through loss, repeats and delays, and stays in.",
                         judge_bad_network, ("bad-network",)),
-    "reports": Rule("It repeats its own state every three seconds.", judge_reports, ("long-game",)),
-    "car": Rule("When the server takes it for one on foot, it reports its car again.", judge_car,
-                ("long-game",)),
-    "deaths": Rule("It repeats CMD_DIED with the same count.", judge_deaths, ("long-game",)),
+    "reports": Rule("It repeats its own state every three seconds.", state.judge_reports, OWN),
+    "slot-again": Rule("It asks for its slot again after an entry, with its true block A.",
+                       state.judge_slot_again, OWN),
+    "car": Rule("When the server takes it for one on foot, it reports its car again, at most "
+                "twice a second.", state.judge_car, OWN),
+    "rides": Rule("In a new car it repeats CMD_CAR_STATE every two seconds until a clock answers.",
+                  state.judge_rides, ("own-state",)),
+    "deaths": Rule("It repeats CMD_DIED with the same count, but not as the PinkPanther. In a car "
+                   "CMD_CAR_STATE follows.", state.judge_deaths, OWN),
+    "repeats": Rule("It stops repeating weapon, car and death soon.", state.judge_repeats, OWN),
     "rates": Rule("It stays below the limits of the sample firewall.", judge_rates, EACH),
     "running": Rule("It runs until it is stopped. It may end when the server refuses it.",
                     judge_running, tuple(name for name in EACH if not SCENARIOS[name].may_end)),

@@ -41,8 +41,8 @@ Event = collections.namedtuple("Event", "time way what")
 Scenario = collections.namedtuple("Scenario", "play seconds may_end about")
 
 
-def accepted(slot):
-    return bytes([C.JOIN_ACCEPTED, slot, 0]) + b"Welcome".ljust(64, b"\0")
+def accepted(slot, game_type=0):
+    return bytes([C.JOIN_ACCEPTED, slot, game_type]) + b"Welcome".ljust(64, b"\0")
 
 
 def refused(code):
@@ -63,6 +63,11 @@ def position(slot, x):
     return struct.pack("<BBxx3f", C.PLAYER_POSITION, slot, x, 1, 0)
 
 
+def state_floats(second):
+    """Of a player that the datagram does not name."""
+    return struct.pack("<Bxxx2f", C.PLAYER_STATE_FLOATS, second, 77)
+
+
 class Stage:
     def __init__(self, scenario, seed, deliver):
         """`deliver(datagram, from_stranger)` sends a datagram to the client."""
@@ -77,7 +82,12 @@ class Stage:
         self.peers = {0}  # in the game
         self.unanswered = set()  # codes of the client that the network loses
         self.lose_next = collections.Counter()  # how many with this code it loses yet
-        self.pings = True
+        self.pings = self.answers_car_state = True
+        self.game_type = 0
+        self.named = None  # the slot that CMD_ENTER_GAME_REPLY names instead of the client's own
+        self.mute = set()  # slots of players in the game; the answers about them are lost
+        self.record_times = {0: 0.0}  # when the client got the last record, by slot
+        self.drives = False  # by the client's own reports, the lost ones among them
         self.is_done = False
         self.script = scenario.play(self)
         self.wake = 0.0
@@ -101,10 +111,12 @@ class Stage:
         return min(self.wake, self.due[0][0]) if self.due else self.wake
 
     def hear(self, datagram, now):
-        self.now = now
-        self.note(">", datagram)
+        """`now` may be earlier than the time of the last step: the caller may read late."""
+        self.log.append(Event(now, ">", datagram))
+        self.now = max(now, self.now)
         if datagram:
             self.count[datagram[0]] += 1
+            self.drives = is_in_car(datagram.ljust(256, b"\0"), self.drives)
             self.carry("up", datagram, lambda: self.serve(datagram))
 
     def note(self, way, what):
@@ -158,7 +170,7 @@ class Stage:
             self.note("mark", "the server moved the client")
         # The first free slot that is not the old one.
         self.put_into(next(slot for slot in (2, 3, 6) if slot not in {self.slot, *self.peers}))
-        self.send(accepted(self.slot))
+        self.send(accepted(self.slot, self.game_type))
 
     def put_into(self, slot):
         self.slot, self.in_game, self.in_car, self.has_died = slot, False, False, False
@@ -167,8 +179,8 @@ class Stage:
         if code == C.ENTER_GAME:
             self.serve_entry(datagram)
         elif code in (C.GET_PLAYER_INFO, C.GET_PLAYER_STATE):
-            if (asked := datagram[1]) in self.peers - {self.slot}:
-                self.send(record(asked) if code == C.GET_PLAYER_INFO else place(asked))
+            if (asked := datagram[1]) in self.peers - {self.slot} - self.mute:
+                self.send_record(asked) if code == C.GET_PLAYER_INFO else self.send(place(asked))
         elif code in (C.CAR_BLOCK_A, C.CAR_BLOCK_B, C.CAR_STATUS) and not self.in_car:
             self.send(bytes([C.NOT_IN_CAR, self.slot]))
         elif code == C.PLAYER_LEFT:
@@ -176,15 +188,21 @@ class Stage:
         else:
             self.has_died |= code == C.DIED
             self.in_car = is_in_car(datagram, self.in_car)
-            if code in (C.CAR_STATE, C.LEAVE_CAR) or code == C.STATE_FLOATS and self.has_died:
+            is_answered = code == C.CAR_STATE and self.answers_car_state or code == C.LEAVE_CAR
+            if is_answered or code == C.STATE_FLOATS and self.has_died:
                 self.send(bytes([C.GAME_CLOCK, 1, 2]))
+
+    def send_record(self, slot):
+        self.record_times[slot] = self.now
+        self.send(record(slot))
 
     def serve_entry(self, datagram):
         was_in_game, self.in_game = self.in_game, True
         self.in_car = is_in_car(datagram, self.in_car)
-        self.send(bytes([C.ENTER_GAME_REPLY, self.slot, 1, 2]))
-        for peer in sorted(self.peers - {self.slot}):
-            self.send(record(peer))
+        named = self.slot if self.named is None else self.named
+        self.send(bytes([C.ENTER_GAME_REPLY, named, 1, 2]))
+        for peer in sorted(self.peers - {named}):
+            self.send_record(peer)
         if not was_in_game:
             self.entry = entry = object()
             self.later(2, lambda: self.ping(entry))
@@ -286,12 +304,26 @@ def long_game(stage):
     four seconds later. Nothing is ever heard of the others."""
     # The first report of a car is lost, so the server takes the client for one on foot.
     stage.lose_next.update({C.VEHICLE: 1, C.CAR_STATE: 1})
+    stage.game_type = 1
     if not (yield from stage.until_in_game()):
         return
     yield 3
     stage.later(4, lambda: stage.peers.add(4))
+    told, driven = set(), 0
+
+    def once(is_so, code, count, delay_s):
+        """Tells the client about its own slot."""
+        if is_so and stage.in_game and code not in told:
+            told.add(code)
+            datagram = bytes([code, stage.slot])
+            for _ in range(count):
+                stage.later(delay_s, lambda: stage.send(datagram))
 
     def act(number):
+        nonlocal driven
+        driven = driven + 1 if stage.drives else 0
+        once(driven == 5, C.NOT_IN_CAR, 6, 0)
+        once(stage.count[C.DIED], C.PINKPANTHER, 1, 5)
         stage.send(position(4, number / 5))
         stage.send(position(0, number / 5))
         if number == 20:
@@ -302,11 +334,13 @@ def long_game(stage):
 
 
 def gone_server(stage):
+    """What comes then are no datagrams of a server: two are too short, one is too long."""
     if (yield from stage.until_in_game()):
         yield 3
         stage.unanswered, stage.pings = EVERYTHING, False
         stage.note("mark", "the server is gone")
-        yield 33
+        junk = (bytes([99]), position(0, 1)[:2], bytes([C.PING, 0]), record(0)[:2])
+        yield from stage.repeat(33, 3, lambda number: stage.send(junk[number % len(junk)]))
 
 
 def vanished_server(stage):
@@ -391,9 +425,8 @@ def hostile_datagrams(stage):
 def hostile(chance):
     yield from [b""] * 3
     for code, size in SIZES_DOWN.items():
-        for wrong in (size - 1, size + 1, 256, 257, 1500):
-            if wrong > 0:
-                yield bytes([code]) + chance.randbytes(wrong - 1)
+        for wrong in sorted({1, 2, size - 1, size + 1, 256, 257, 1500} - {0, size}):
+            yield (bytes([code, 1]) + chance.randbytes(wrong))[:wrong]
     for code in set(range(256)) - set(SIZES_DOWN):
         yield bytes([code]) + chance.randbytes(chance.choice((0, 1, 63, 1400)))
     for code in WITH_SLOT:
@@ -401,6 +434,49 @@ def hostile(chance):
             yield bytes([code, slot]) + chance.randbytes(SIZES_DOWN[code] - 2)
     # Of the right size, with bytes that are no text.
     yield from (bytes([C.CHAT_LINE]) + chance.randbytes(64) for _ in range(5))
+
+
+def other_players(stage):
+    """The entry's reply names slot 29. All answers about slot 7 are lost. State floats that are in
+    no record come three times, when the record of slot 0 is between two and three seconds old."""
+    stage.peers |= {7, 29}
+    stage.mute, stage.named = {7}, 29
+    if not (yield from stage.until_in_game()):
+        return
+    for number in range(3):
+        yield 0.5
+        yield from stage.until(lambda: 2.3 < stage.now - stage.record_times[0] < 2.8, 7)
+        stage.send(state_floats(number))
+    yield 7
+
+
+def own_state(stage):
+    """No CMD_CAR_STATE is answered. Each time that the client has sat in a car for four seconds, an
+    old CMD_JOIN_ACCEPTED arrives, so it asks for its slot."""
+    stage.answers_car_state = False
+    if not (yield from stage.until_in_game()):
+        return
+    driven = 0
+
+    def act(number):
+        nonlocal driven
+        stage.send(position(0, number))
+        driven = driven + 1 if stage.in_car else 0
+        if driven % 20 == 19:
+            stage.send(accepted(5))
+
+    yield from stage.repeat(34, 0.2, act)
+
+
+def forgotten_entry(stage):
+    """The server answers the client, which is not in the game any more."""
+    if not (yield from stage.until_in_game()):
+        return
+    yield 3
+    stage.note("mark", "the server forgets the entry")
+    stage.in_game = False
+    yield from stage.until(lambda: stage.in_game, 31)
+    yield 4
 
 
 def bad_network(stage):
@@ -429,5 +505,8 @@ SCENARIOS = {
     "stopped-server": Scenario(stopped_server, 15, False, "the server stops and starts again"),
     "moved-client": Scenario(moved_client, 20, False, "the answers to two joins swap places"),
     "hostile-datagrams": Scenario(hostile_datagrams, 10, False, "wrong and forged datagrams"),
+    "other-players": Scenario(other_players, 22, False, "answers about a player are lost"),
+    "own-state": Scenario(own_state, 35, False, "nothing happens but what the client does"),
+    "forgotten-entry": Scenario(forgotten_entry, 38, False, "the server takes the client out"),
     "bad-network": Scenario(bad_network, 26, False, "datagrams get lost, repeated and late"),
 }

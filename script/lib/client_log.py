@@ -1,0 +1,89 @@
+"""What happened in one scenario, in the form that the judges of script/check-client read."""
+
+import itertools
+
+from client_stage import MAX_PLAYERS, SIZES_DOWN, SIZES_UP, WITH_SLOT, C, is_in_car
+
+NAMES_UP = {code: name for name, code in sorted(vars(C).items()) if code in SIZES_UP
+            and name not in ("NOT_IN_CAR", "PLAYER_STATE")}  # fmt: skip
+
+MOST_LATE_S = 0.5  # of an answer to a ping; one that comes later breaks a rule
+
+
+class NotTested(Exception):
+    """The client gave no occasion."""
+
+
+def name_of(code):
+    return f"CMD_{NAMES_UP[code]}" if code in NAMES_UP else f"code {code}"
+
+
+def is_right(datagram):
+    """Whether a client may believe a datagram of the server."""
+    return (datagram != b"" and len(datagram) == SIZES_DOWN.get(datagram[0])
+            and (datagram[0] not in WITH_SLOT or datagram[1] < MAX_PLAYERS))  # fmt: skip
+
+
+class Log:
+    """What happened in a scenario. Of the server's datagrams it has those that are right. An empty
+    datagram of the client has the code -1."""
+
+    def __init__(self, events):
+        self.events = events = sorted(events, key=lambda event: event.time)
+        stops = [event.time for event in self.marks("stop")]
+        self.end = (stops or [event.time for event in events[-1:]] or [0.0])[0]
+        self.sent = [(event.time, event.what[0] if event.what else -1, event.what)
+                     for event in events if event.way == ">"]
+        self.got = [(event.time, event.what[0], event.what)
+                    for event in events if event.way == "<" and is_right(event.what)]
+        self.late_s = self.lateness()
+
+    def lateness(self):
+        """How late the client may have been without its fault, because the machine was busy: the
+        kit's longest pause and the client's longest delay of an answer to a ping, in seconds."""
+        pauses = [float(mark.what.split()[1]) for mark in self.marks("paused")]
+        replies = self.times(C.PING_REPLY)
+        delays = [min((reply - ping for reply in replies if reply >= ping), default=0)
+                  for ping in self.got_times(C.PING)]  # fmt: skip
+        return max(pauses, default=0) + min(max(delays, default=0), MOST_LATE_S)
+
+    def marks(self, start):
+        marks = [event for event in self.events if event.way == "mark"]
+        return [mark for mark in marks if mark.what.startswith(start)]
+
+    def times(self, *codes, after=-1.0, until=float("inf")):
+        """When the client sent these codes."""
+        return [time for time, code, _ in self.sent if code in codes and after < time <= until]
+
+    def times_about(self, slot, after=-1.0, until=float("inf")):
+        """When the client asked for this slot."""
+        return [time for time, code, datagram in self.sent if code == C.GET_PLAYER_INFO
+                and datagram[1:2] == bytes([slot]) and after < time <= until]  # fmt: skip
+
+    def got_times(self, *codes, slot=None):
+        """When the client got these codes, for this slot if one is given."""
+        return [time for time, code, datagram in self.got
+                if code in codes and (slot is None or datagram[1] == slot)]  # fmt: skip
+
+    def first(self, code, why):
+        """When the client first got this code."""
+        if not (times := self.got_times(code)):
+            raise NotTested(why)
+        return times[0]
+
+    def rides(self):
+        """Each datagram that the client sent, and whether it sat in a car by its own reports."""
+        in_car = False
+        for time, code, datagram in self.sent:
+            if datagram:
+                in_car = is_in_car(datagram.ljust(256, b"\0"), in_car)
+            yield time, code, datagram, in_car
+
+
+def waits(times):
+    return [later - time for time, later in itertools.pairwise(times)]
+
+
+def gaps(times, limit_s):
+    """The times at which nothing had happened for so long."""
+    return [time + limit_s for time, later in itertools.pairwise(times) if later > time + limit_s]
