@@ -157,7 +157,8 @@ def judge_own_slot(log):
     for moved in moves[:1]:
         for code, limit_s in ((C.CAR_BLOCK_A, 2), (C.ENTER_GAME, 5)):
             if not log.times(code, after=moved, until=moved + limit_s + log.late_s):
-                yield moved + limit_s, f"no {name_of(code)} in {limit_s} s after the server named another slot"
+                text = f"no {name_of(code)} in {limit_s} s after the server named another slot"
+                yield moved + limit_s, text
 
 
 def judge_belief(log, begin, end):
