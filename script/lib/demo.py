@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Ends script/demo by each signal and key that should end it, and by a view that is killed. Each time
-it must end within seconds, in order, and leave no process, no file, and the terminal as it was."""
+it must end within seconds, in order, and leave no process, no file, and the terminal as it was. Also
+runs the server by the commands of the README."""
 
 import ctypes
 import fcntl
@@ -23,6 +24,12 @@ PR_SET_CHILD_SUBREAPER = 36
 # that the bots left first; the cursor hidden and shown.
 IN_ORDER = (b"\x1b[?1049h", b"\x1b[?1049l", b"delay of a relay", b"disconnected", b"Exitting")
 CURSOR = (b"\x1b[?25l", b"\x1b[?25h")
+# In the README, for a clone.
+HOSTING = """
+mkdir garage
+cp packaging/zolserver.cfg garage/
+script/server garage
+"""
 SIGNALS = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT)
 
 
@@ -123,6 +130,24 @@ def check(way, act, term):
         fail(f"{way} on {term} leaves {wrong}: {demo.output[-2000:]}")
 
 
+def check_hosting():
+    """In a separate network namespace, where the port is free."""
+    with tempfile.TemporaryDirectory() as folder:
+        for name in ("packaging", "script"):
+            os.symlink(ROOT / name, pathlib.Path(folder, name))
+        server = subprocess.Popen(
+            ["unshare", "--map-root-user", "--net", "bash", "-ec", HOSTING], cwd=folder,
+            stdout=subprocess.PIPE, start_new_session=True, text=True)  # fmt: skip
+        output = ""
+        while "ONLINE [Port: 16309]" not in output:
+            line = server.stdout.readline()
+            if not line:
+                fail(f"the README's commands start no server: {output}")
+            output += line
+        os.killpg(server.pid, signal.SIGKILL)
+        server.wait()
+
+
 def main():
     build("zolserver", "zolbots", "zolview")
     ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
@@ -131,6 +156,7 @@ def main():
             check(way, act, "xterm")
         for way, act in WAYS[: len(SIGNALS)]:
             check(way, act, "dumb")
+        check_hosting()
     finally:
         end_children()
     print(f"demo: ended well in {len(WAYS) + len(SIGNALS)} ways")

@@ -1,0 +1,95 @@
+#!/usr/bin/env python3
+"""Requires that a check runs every command of the documents for operators as it is written there, or
+that EXCEPTIONS says why none does. Commands are the lines of fenced `sh` blocks."""
+
+import ast
+import re
+
+from lib import ROOT, fail
+
+DOCUMENTS = ("README.md", "docs/operating.md", "docs/listing.md")
+RUNNERS = (".ci/run", "script/checks/*", "script/lib/*.py")
+# Commands that no check runs as written.
+EXCEPTIONS = {
+    "dumpcap -q -i any -f 'udp port 16309' -w - | HOME=/nonexistent runuser -u nobody -- "
+    "tshark -l -r - -X lua_script:/usr/share/doc/zolserver/examples/zol.lua "
+    "-Y 'zol.sender == \"client\" && (zol.name || zol.text)' "
+    "-T fields -e ip.src -e udp.srcport -e zol.player_name -e zol.name -e zol.text":
+        "script/checks/dissector reads it from the document and runs it",
+    "podman build -t zolserver .":
+        "script/checks/container adds options for a machine without registry",
+    "podman run --network host --stop-timeout 120 -v ./garage:/srv/zolserver:ro zolserver":
+        "script/checks/container runs it with the options for confinement",
+    'for name in garage harbour quarry; do sed "s/garage/$name/g; s/16309/$port/g" kubernetes.yaml | '
+    "kubectl apply -f - port=$((port + 1)) done":
+        "needs a cluster; script/checks/container plays the file with podman",
+}  # fmt: skip
+
+
+def joined(lines):
+    """Without comments and indentation; a line that goes on is one with the next."""
+    text = "\n".join(re.sub(r"(^|\s)#\s.*", "", line) for line in lines)
+    text = re.sub(r"\\\n\s*", " ", text)
+    text = re.sub(r"(\||&&)\s*\n\s*", r"\1 ", text)
+    return [" ".join(line.split()) for line in text.splitlines() if line.strip()]
+
+
+def documented_commands(text):
+    """A loop is one command."""
+    commands = []
+    for block in re.findall(r"^```sh\n(.*?)^```$", text, re.M | re.S):
+        block = re.sub(r"^(for|while) .*?^done$", lambda loop: loop[0].replace("\n", "\\\n"), block,
+                       flags=re.M | re.S)  # fmt: skip
+        commands += joined(block.splitlines())
+    return commands
+
+
+def code_of(path):
+    """The lines of a check that run something. Of Python those are the strings, without docstrings."""
+    text = path.read_text()
+    if path.suffix != ".py":
+        return joined(text.splitlines())
+    tree = ast.parse(text)
+    remarks = {id(node.value) for node in ast.walk(tree) if isinstance(node, ast.Expr)}
+    return joined(node.value for node in ast.walk(tree)
+                  if isinstance(node, ast.Constant) and isinstance(node.value, str)
+                  and id(node) not in remarks)  # fmt: skip
+
+
+def runs(code, command):
+    """Whether a line holds the command as whole words."""
+    pattern = re.compile(r"(?<![\w./=-])" + re.escape(command) + r"(?![\w./=-]| -)")
+    return any(pattern.search(line) for line in code)
+
+
+def compare(documents, code, exceptions):
+    """What is wrong, a line each. The documents are the texts by name."""
+    complaints, found = [], set()
+    for name, text in documents.items():
+        commands = documented_commands(text)
+        if not commands:
+            complaints.append(f"{name} has no command in an sh block")
+        found.update(commands)
+        complaints += [f"{name}: no check runs `{command}`" for command in commands
+                       if command not in exceptions and not runs(code, command)]
+    complaints += [f"no document has the exception `{command}`" for command in exceptions
+                   if command not in found]
+    complaints += [f"a check runs the exception `{command}`" for command in exceptions
+                   if command in found and runs(code, command)]
+    return complaints
+
+
+def main():
+    paths = {path.resolve() for each in RUNNERS for path in ROOT.glob(each) if path.is_file()}
+    others = sorted(paths - {ROOT / "script/lib/commands.py", ROOT / "script/lib/python"})
+    code = [line for path in others for line in code_of(path)]
+    documents = {name: (ROOT / name).read_text() for name in DOCUMENTS}
+    complaints = compare(documents, code, EXCEPTIONS)
+    if complaints:
+        fail("\n  ".join(["", *complaints]).strip())
+    count = sum(len(documented_commands(text)) for text in documents.values())
+    print(f"{count} commands of {', '.join(DOCUMENTS)}: all are run, except {len(EXCEPTIONS)}")
+
+
+if __name__ == "__main__":
+    main()
