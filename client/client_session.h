@@ -10,7 +10,6 @@
 //
 // Used by one thread. Times are milliseconds of a clock that does not go back. It may start at any
 // value.
-// at 0.
 #pragma once
 
 #include <array>
