@@ -247,7 +247,7 @@ def check_players(work, rules):
     server = Server(work, rules)
     run(*inside("players", sys.executable, __file__, "play"))
     if any(server.dropped().values()):
-        fail(f"players are cut: {server.dropped()}")
+        fail(f"the rules drop datagrams of players: {server.dropped()}")
     server.stop()
     server = Server(work, rules)
     bots = subprocess.Popen(
@@ -259,7 +259,7 @@ def check_players(work, rules):
             run(*strangers(name))
     table = bots.communicate()[0]
     if bots.returncode != 0:
-        fail("the bots complain:\n" + table)
+        fail("the bots report errors:\n" + table)
     unused = [name for name, count in server.dropped().items() if count == 0 and name != "no_room"]
     if unused:
         fail(f"never counted: {unused}")

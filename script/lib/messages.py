@@ -22,7 +22,7 @@ def printed_formats():
             text = source.read_text()
             calls = CALL.findall(text)
             if len(calls) != len(ANY_PRINT.findall(text)):
-                fail(f"a line of {folder}/{source.name} was not understood")
+                fail(f"a line of {folder}/{source.name} cannot be parsed")
             for call in calls:
                 joined = "".join(STRING.findall(call)).replace('\\"', '"')
                 formats |= {line.strip() for line in joined.split("\\n") if line.strip()}

@@ -75,7 +75,7 @@ def kind_of(field):
     declared = field.type.get_declaration()
     is_block = declared.kind == clang.CursorKind.STRUCT_DECL and name == declared.spelling
     kind = KINDS.get(name, name if is_block else None)
-    return kind or fail(f"{field.spelling}: what kind is {name}?")
+    return kind or fail(f"{field.spelling}: unknown type {name}")
 
 
 def fields_of(struct):
@@ -120,7 +120,7 @@ def read_headers():
         codes = [code_of(part.referenced) for part in first.walk_preorder()
                  if part.kind == clang.CursorKind.DECL_REF_EXPR]
         if len(codes) != 1 or (sender, *codes) in records:
-            fail(f"{struct.spelling} does not start with a code of its own")
+            fail(f"{struct.spelling} does not start with its command code")
         records[sender, codes[0]] = (struct.type.get_size(), fields_of(struct))
     datagrams = []
     for enum in (node for node in nodes if node.spelling in SENDERS):
