@@ -117,7 +117,7 @@ void handle_refusal(Bot& bot);
 void leave(Bot& bot);
 void send_bytes(const Bot& bot, Datagram datagram);
 
-// bot_actions.cpp: what bots do between joining and leaving.
+// bot_actions.cpp: the actions of bots between joining and leaving.
 
 void act_in_game(Bot& bot);
 void act_before_entering(Bot& bot);

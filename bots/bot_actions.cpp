@@ -1,5 +1,5 @@
-// What bots do between joining and leaving. An action changes the model of the slot as the server
-// will change its state, adds the expected datagrams, and sends.
+// The actions of bots between joining and leaving. An action changes the model of the slot as the
+// server will change its state, adds the expected datagrams, and sends.
 
 #include <algorithm>
 #include <cstdio>

@@ -156,7 +156,7 @@ class Liar:
     def pass_some(self):
         """False when the bots have ended."""
         for handle, _ in self.poll.poll(self.send_delayed()):
-            # After the server has stopped, the next call fails, and no datagram waits for the one after.
+            # After the server has stopped, the next call fails, and the one after finds nothing.
             with contextlib.suppress(ConnectionRefusedError, BlockingIOError):
                 if handle == self.front.fileno():
                     self.pass_up()

@@ -153,7 +153,8 @@ TEST(PictureTest, AnswersOlderThanALeavingAreIgnored) {
   EXPECT_NE(line_of(picture, 5), "") << "a player who has just entered";
 }
 
-// Relays without a slot: who gets the values, and whether the picture asks for the records earlier.
+// Relays without a slot: the player with the values, and whether the picture asks for records
+// early.
 TEST(PictureTest, GuessesWhoseValuesTheseAre) {
   const char* const ANN = "2a 06 00 \"Ann\" ..68 00*4 00*4 00*4 00*4 00*4 " ONE FOUR " 00*68";
   const char* const DRIVER = "cc 06 00*2 00*4 00*4 00*4 00*56 03 00*3 " ONE;

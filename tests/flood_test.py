@@ -51,7 +51,7 @@ class FloodingServer:
         self.socket.settimeout(PATIENCE_S)
 
     def flood(self, process):
-        """Begins after the client has joined. Both share a processor; the flood gets little of it."""
+        """Begins after the client has joined. Both share a processor; the client gets little of it."""
         client = self.socket.recvfrom(300)[1]
         self.socket.sendto(b"\x11\0\0Flood".ljust(67, b"\0"), client)
         processor = {min(os.sched_getaffinity(0))}

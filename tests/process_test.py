@@ -211,7 +211,7 @@ class ProcessTest(ServerCase):
 
     def test_a_reader_that_is_half_a_second_late_loses_nothing(self):
         def check(case, player, reader, lines):
-            # A separate process, because this one is busy. Reading a closed terminal ends with an error.
+            # A separate process, because this one is busy. A closed terminal ends with an error.
             late = subprocess.Popen(["sh", "-c", "sleep 0.5; exec cat"], stdin=reader,
                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
             case.say_unknown(player, lines)

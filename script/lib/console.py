@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Checks that a slow console delays no player: two players exchange positions while a third makes the
-server print more lines than its console takes.
+"""Checks that a slow console delays no player: two players exchange positions while a third makes
+the server print more lines than its console takes.
 
 Usage: script/checks/console [ZOLSERVER]      (default: the build's; half a minute)
 

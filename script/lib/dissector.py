@@ -373,8 +373,8 @@ def tshark(port, capture, *options):
 
 
 def fields_of(port, capture, columns, *options):
-    """The columns of each datagram, as text. All ports are decoded as ZOL, because a client's random
-    port may belong to another protocol in Wireshark."""
+    """The columns of each datagram, as text. All ports are decoded as ZOL, because a client's
+    random port may belong to another protocol in Wireshark."""
     columns = [word for column in columns for word in ("-e", column)]
     lines = tshark(port, capture, "-d", "udp.port==1-65535,zol", "-T", "fields",
                    "-E", "separator=/t", "-E", "aggregator=|", *columns, *options)
@@ -609,7 +609,7 @@ def commands_of(document):
 
 
 def check_commands(directory):
-    """Checks that the documented commands show the worked session without running tshark as root."""
+    """Checks that the documented commands show the worked session and do not run tshark as root."""
     capture = directory / CAPTURE
     write_capture(capture, [(1000 * frame, packet(player, direction, datagram))
                             for frame, (player, direction, datagram)

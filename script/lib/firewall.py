@@ -243,7 +243,7 @@ def check_attacks(work, rules):
 
 
 def check_players(work, rules):
-    """Checks that the rules drop nothing of players alone, and that bots lose nothing in the attacks."""
+    """Without attacks the rules drop nothing of players; in the attacks bots lose nothing."""
     server = Server(work, rules)
     run(*inside("players", sys.executable, __file__, "play"))
     if any(server.dropped().values()):

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Compares the console lines of the server with the table of docs/operating.md: every line must have a
-row, and every row a line. In a row, words in capitals are placeholders."""
+"""Compares the console lines of the server with the table of docs/operating.md: every line must have
+a row, and every row a line. In a row, words in capitals are placeholders."""
 
 import re
 

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Measures the tests: changes the programs' code in random places, one at a time, and counts the
 mutants that no test detects. A survivor is behaviour without a test, a needless line, or a change
-without effect. Ctrl-C ends a run early; build-mutate/report.txt is always up to date. Equal seed and
-code give equal mutants. Mutants run in separate namespaces, and end with the run."""
+without effect. Ctrl-C ends a run early; build-mutate/report.txt is always up to date. Equal seed
+and code give equal mutants. Mutants run in separate namespaces, and end with the run."""
 
 import argparse
 import collections
@@ -287,8 +287,8 @@ def start_jobs(tree, count):
 
 
 def try_mutants(tree, options, done):
-    """Hands out the mutants in order, and no more than needed: the choice of mutants does not depend on
-    which job is faster."""
+    """Hands out the mutants in order, and no more than needed: the choice of mutants does not
+    depend on which job is faster."""
     chosen, given = choose_mutants(tree, options.seed, options.only), 0
     mutants, results = start_jobs(tree, options.jobs)
     while True:
@@ -338,8 +338,8 @@ def report(tree, done):
 
 
 def isolate():
-    """Runs this script again in new namespaces for network, processes and /tmp. The clone moves with
-    it, because it may be in /tmp. The user stays the same, because a test checks it."""
+    """Runs this script again in new namespaces for network, processes and /tmp. The clone moves
+    with it, because it may be in /tmp. The user stays the same, because a test checks it."""
     setup = """ip link set lo up
         mount -n --rbind "$PWD" /mnt; mount -n -t tmpfs tmpfs /tmp
         mkdir -p "$PWD"; mount -n --move /mnt "$PWD"; cd "$PWD"; exec "$@" """
