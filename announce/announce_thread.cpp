@@ -6,7 +6,7 @@
 #include "server/player_table.h"
 #include "util/console.h"
 
-// The master server's verdict. A refusal prints its line.
+// Returns the master server's verdict. Prints a line when that is a refusal.
 static std::int8_t announce(AnnounceState& state, std::uint32_t now) {
   state.last_announce_ms = now;
   const std::int8_t verdict = master_announce();

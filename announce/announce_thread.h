@@ -1,22 +1,22 @@
-// Keeps the server's entry on the master server current: the announce thread.
+// The announce thread: keeps the server's entry on the master server current.
 #pragma once
 
 #include <cstdint>
 
 inline constexpr std::uint32_t ANNOUNCE_CHECK_PERIOD_US = 5'000'000;
-inline constexpr std::uint32_t ANNOUNCE_PERIOD_MS = 300'000;  // while the count does not change
+inline constexpr std::uint32_t ANNOUNCE_PERIOD_MS = 300'000;  // while nobody joins or leaves
 
 struct AnnounceState {
-  std::uint32_t last_announce_ms = 0;  // uptime_ms when the last announce was started
+  std::uint32_t last_announce_ms = 0;  // uptime_ms at the start of the last announce
   std::int32_t previous_count = 0;     // slots in use at the previous check
 };
 
 // Announces the server for the first time and asks for the first PinkPanther. False when the master
-// server did not answer or refused: then nothing further is announced. Announce thread.
+// server did not answer or refused: the server then announces nothing more. Announce thread.
 bool announce_first(AnnounceState& state);
 
 // Announces again when the number of players has changed or the period is over. Announce thread.
 void announce_check(AnnounceState& state);
 
-// The thread's body. It returns only when the first announce failed.
+// The thread's function. It returns only when the first announce failed.
 void* announce_thread(void* unused);

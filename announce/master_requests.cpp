@@ -14,10 +14,10 @@
 
 namespace {
 
-// How often a write or a read is repeated that finds the connection not ready.
+// Attempts of a write or a read on a connection that is not ready.
 constexpr int BUDGET = 1000;
 constexpr std::uint32_t PAUSE_US = 10'000;
-constexpr std::size_t REPLY_SIZE = 512;  // bytes of the one read that is judged
+constexpr std::size_t REPLY_SIZE = 512;  // bytes; only the first read is parsed
 constexpr std::string_view VERDICT_MARKER = "  \r\n";
 
 using Request = std::array<char, 1024>;
@@ -28,8 +28,8 @@ void say_no_connection() {
 
 using Reply = std::array<char, REPLY_SIZE + 1>;
 
-// last: the parameter at the end, which tells the two requests apart. Lines end in bare line feeds.
-// Of the name only the blanks are replaced.
+// last: the last parameter, in which the two requests differ. Lines end in bare line feeds. In the
+// name, only blanks are replaced.
 Request make_request(std::int32_t players, const char* last) {
   char name[sizeof server_config.ServerName];
   std::ranges::replace_copy(server_config.ServerName, name, ' ', '+');
@@ -48,8 +48,8 @@ Request make_request(std::int32_t players, const char* last) {
   return request;
 }
 
-// Repeats an attempt while it gives -1 and the budget lasts. The budget decides: an attempt that
-// only succeeds when it is used up has failed.
+// Repeats an attempt while it returns -1 and the budget lasts. Fails when the budget is used up,
+// even when the last attempt succeeded.
 template <typename Attempt>
 bool succeeds_in_time(Attempt attempt) {
   int budget = BUDGET;
@@ -60,8 +60,8 @@ bool succeeds_in_time(Attempt attempt) {
   return budget > 0;
 }
 
-// Makes a request and takes the first piece of the reply, with a NUL behind it. Its bytes, or -1
-// when that failed, and its line was printed; a connection that was made then stays open.
+// Sends a request and reads the first piece of the reply, with a NUL after it. Returns its bytes,
+// or -1 after printing a line; the connection then stays open.
 int exchange(std::int32_t players, const char* last, Reply& reply) {
   if (socket_layer_start() == -1) {
     console_print("Error setting up network connection - Error message: %s\n", system_error_text());

@@ -1,20 +1,20 @@
-// The two requests to the master server, each an HTTP GET over a connection of its own.
+// The two requests to the master server. Each is an HTTP GET over a separate connection.
 //
-// A call may block its thread for about 10 seconds of writing and 10 of reading, on top of the name
-// lookup. Any thread may call, two at a time as well.
+// A call may block its thread for about 10 seconds of writing and 10 of reading, in addition to the
+// name lookup. Any thread may call, also two at a time.
 #pragma once
 
 #include <cstdint>
 
-// The verdicts that mean something; every other byte of the master server's passes through.
+// The verdicts with a meaning. Callers get every other byte of the master server unchanged.
 inline constexpr std::int8_t MASTER_RESULT_NO_ANSWER = -1;
 inline constexpr std::int8_t MASTER_RESULT_REFUSED = 0;
 inline constexpr std::int8_t MASTER_RESULT_LISTED = 1;
 inline constexpr std::int8_t MASTER_RESULT_UPDATED = 2;
 
-// Enters the server on the list or refreshes its entry; the master server's verdict. Prints a line
-// when there is none.
+// Adds the server to the list or refreshes its entry. Returns the master server's verdict, or
+// MASTER_RESULT_NO_ANSWER after printing a line.
 std::int8_t master_announce();
 
-// Takes the server off the list; prints one line on how that went.
+// Removes the server from the list, and prints one line about the result.
 void master_remove_server();

@@ -18,7 +18,7 @@ static bool send_bytes(int handle, std::string_view bytes) {
   return send_datagram(handle, {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
 }
 
-// Hands over what waits, up to this many datagrams.
+// Passes the waiting datagrams to take, at most this many.
 template <typename Take>
 static void receive_waiting(int handle, std::size_t most, Take take) {
   static Batch batch;
@@ -29,12 +29,12 @@ static void receive_waiting(int handle, std::size_t most, Take take) {
   }
 }
 
-// All codes come from the records but this one, which has none.
+// All codes come from the records, except this one, which has none.
 static const std::string PING_REPLY(1, static_cast<char>(ClientCommand::CMD_PING_REPLY));
 static const std::string PING = bytes_of(Ping{});
 static const std::string GAME_CLOCK = bytes_of(GameClock{});
 
-// What the player in this slot sends as its update, and what all others get of it.
+// A player's update of this kind, and what all other players receive.
 static std::pair<std::string, std::string> exchange_of(Update kind, std::uint32_t update,
                                                        std::uint8_t slot) {
   const Position position = {update, ~update, 0x7FA0'0001};  // words like no others in a record
@@ -55,13 +55,13 @@ static std::pair<std::string, std::string> exchange_of(Update kind, std::uint32_
           bytes_of(PlayerStateFloats{.state_f2 = update, .state_f3 = ~update})};
 }
 
-// Whether the sender of an update gets the game clock for it.
+// Whether the sender of an update receives the game clock.
 static bool is_answered(Update kind) {
   return kind == Update::CAR_STATE || kind == Update::STATE_FLOATS;
 }
 
-// Skips datagrams until one with this record's code comes. Returns its second byte, which is the
-// slot where there is one, or -1.
+// Skips datagrams until one has the code of this record. Returns its second byte, which is the slot
+// if it has one, or -1.
 template <WireRecord Record>
 static int await_record(int handle, const Record& record) {
   int second = -1;
@@ -74,7 +74,7 @@ static int await_record(int handle, const Record& record) {
   return second;
 }
 
-// A player who enters is told of all who are there, and they of it.
+// A player that enters receives the records of all others, and they receive its record.
 static bool enter_game(const Crowd& crowd, int handle) {
   bool is_in =
       send_bytes(handle, bytes_of(EnterGame{})) && await_record(handle, EnterGameReply{}) != -1;
@@ -122,7 +122,7 @@ unsigned datagrams_per_update(const Crowd& crowd) {
   return is_answered(crowd.kind) ? crowd.size : crowd.size - 1;
 }
 
-// Nobody outside the server knows the time that a game clock has to show.
+// The time in a game clock is not checked: only the server knows it.
 static bool is_due(const Crowd& crowd, const Player& player, std::string_view datagram) {
   const Player& sender = sender_of(crowd, player.next);
   if (&player != &sender) {

@@ -1,12 +1,12 @@
-// Clients of the library in client/ on a network that loses, repeats and delays datagrams, each of
-// them judged. Prints what went wrong and ends with status 1 if anything did.
+// Clients of the library in client/ on a network that loses, repeats and delays datagrams. Each
+// client is judged. Prints every mistake, and exits with status 1 if there is one.
 //
 //   lossy_crowd SCENARIO HOST:PORT SEED
 //
-//   play     32 clients play, then rest: does each picture show what is true?
+//   play     32 clients play, then rest: is each picture correct?
 //   forget   the same without repeats of the own state: some pictures must be wrong
-//   silence  32 clients: does one think that the server has gone?
-//   alone    the same for one client that only watches: it hears little but pings
+//   silence  32 clients: does one of them think that the server has stopped?
+//   alone    the same for one client that only watches: it receives little but pings
 //   full     6 clients, 4 slots: do 4 play all the time?
 
 #include <poll.h>
@@ -38,8 +38,8 @@ constexpr unsigned MAX_DELAY_MS = 250;
 struct Scenario {
   const char* name;
   unsigned clients;
-  unsigned loss, repeats, delays;  // percent of the datagrams, each way
-  std::uint64_t settle_ms;         // from then on all must be in the game
+  unsigned loss, repeats, delays;  // percent of the datagrams, in each direction
+  std::uint64_t settle_ms;         // all clients must be in the game after it
   std::uint64_t play_ms, rest_ms;
 };
 constexpr Scenario SCENARIOS[] = {{"play", 32, 10, 10, 10, 20'000, 30'000, 15'000},
@@ -57,13 +57,13 @@ struct DelayedDatagram {
 struct Client {
   int socket = -1;
   ClientSession session;
-  std::vector<DelayedDatagram> on_their_way[2];  // to the server, from it
+  std::vector<DelayedDatagram> on_their_way[2];  // to the server, from the server
   std::uint64_t act_due_ms = 0;
 };
 
 struct Result {
   unsigned forgotten = 0;
-  unsigned too_few = 0;  // looks at which fewer played than had room
+  unsigned too_few = 0;  // checks with fewer players than there was room for
 };
 
 std::mt19937 generator;
@@ -72,8 +72,8 @@ unsigned below(unsigned limit) {
   return std::uniform_int_distribution<unsigned>(0, limit - 1)(generator);
 }
 
-// Hands over what arrives now: what was delayed until now, and of the new datagram as many copies
-// as the network makes of it.
+// Delivers what arrives now: delayed datagrams that are due, and the copies of the new datagram
+// that the network makes.
 template <typename Deliver>
 void deliver_delayed(std::vector<DelayedDatagram>& delayed, std::uint64_t now_ms, Deliver deliver) {
   for (std::size_t i = 0; i < delayed.size();) {
@@ -190,7 +190,7 @@ std::string difference(const char* name, const Field& seen, const Field& meant) 
   return seen == meant ? "" : std::string(" ") + name;
 }
 
-// The fields in which the picture of a player is wrong.
+// The names of the wrong fields in the picture of a player.
 std::string wrong_in(const PlayerPicture& seen, const ClientSession& meant) {
   if (!seen.has_record) return " unknown";
   const OwnPlayer& own = meant.own;
@@ -207,7 +207,7 @@ std::string wrong_in(const PlayerPicture& seen, const ClientSession& meant) {
   return seen.in_car && own.in_car && !is_same_car ? text + " car" : text;
 }
 
-// Returns how many are wrong.
+// Returns the number of wrong pictures.
 unsigned judge_pictures(const std::vector<Client>& clients) {
   unsigned wrong = 0;
   for (const Client& viewer : clients) {

@@ -1,7 +1,7 @@
-// The least that a relay can do, to measure the server beside: who sends first is a peer, up to a
-// fixed number; from then on every position update goes to all peers but its sender, in slot order,
-// by one sendmmsg(2). No state, no log, no look at what it relays. The socket is opened as the
-// server opens its own, so both have the same buffers.
+// The minimum work of a relay, to compare the server with. The first senders, up to a fixed number,
+// are the peers. After that, every position update goes to all peers except its sender, in slot
+// order, by one sendmmsg(2). It has no state, no log, and does not check what it relays. It opens
+// its socket as the server does, so both have the same buffers.
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -49,7 +49,7 @@ static void learn_peers(unsigned expected) {
 static void send_to_others(const sockaddr_in& sender) {
   unsigned others = 0;
   for (unsigned slot = 0; slot < peer_count; ++slot) {
-    if (peers[slot].sin_port == sender.sin_port) {  // all are of one machine
+    if (peers[slot].sin_port == sender.sin_port) {  // all are on one machine
       relay_record.slot = static_cast<std::uint8_t>(slot);
     } else {
       messages[others++].msg_hdr.msg_name = &peers[slot];

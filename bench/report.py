@@ -1,4 +1,4 @@
-"""What script/bench found, as one table, and as docs/performance.md with its picture."""
+"""The results of script/bench, as a table, and as docs/performance.md with its picture."""
 
 import os
 import re
@@ -6,7 +6,7 @@ import statistics
 import subprocess
 from collections import namedtuple
 
-# met is None where nothing is bound.
+# met is None without a bound.
 Row = namedtuple("Row", "what server floor ratio bound met", defaults=["", "", "", None])
 
 COMPARED = [  # what, metric, decimals, bound of the ratio
@@ -36,9 +36,9 @@ def compare(samples, players, what, metric, decimals, bound):
 
 
 def row_of_calls(calls):
-    """Twentieths are left for a load driver that falls behind: the server then waits."""
+    """Tolerates 0.05 calls more: when the load driver is too slow, the server waits."""
     receives, sends = calls.pop("recvfrom", 0), calls.pop("sendmmsg", 0)
-    # Each count is a difference of two, so none may come out a little below 0.
+    # Each count is a difference, so the count of none may be slightly below 0.
     others = max(sum(calls.values()), 0)
     return Row("System calls an update at full load",
                f"{receives:.2f} recvfrom, {sends:.2f} sendmmsg, {others:.2f} others",
@@ -66,7 +66,7 @@ def make_rows(samples):
 
 
 def table(rows):
-    """As Markdown, which reads well as text, too."""
+    """The table in Markdown, which is also readable as text."""
     verdicts = {True: "met", False: "NOT MET", None: ""}
     cells = [["", "zolserver", "floor", "ratio", "bound", ""],
              *([*row[:5], verdicts[row.met]] for row in rows)]
@@ -77,8 +77,8 @@ def table(rows):
     return "\n".join(lines)
 
 
-# Bars are medians, the lines on them quartiles. The blocks' columns 2 to 4 are the floor's, 5 to 7
-# the server's.
+# Bars are medians, the lines on them quartiles. In the blocks, columns 2 to 4 are the floor's, and
+# 5 to 7 are the server's.
 PLOT = """
 set encoding utf8
 set terminal svg size 860,340 font "sans-serif,13" background "white"

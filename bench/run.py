@@ -1,8 +1,8 @@
-"""Measures the server beside the least that a relay can do.
+"""Compares the server with the minimum work of a relay.
 
 Runs the server and the floor, a relay of one sendmmsg loop, in turns on one processor core, with
-the load driver on another. Every round starts both anew, and a ratio is taken within its round, so
-what slows the whole machine down cancels out. Ends with status 1 when a bound is not met.
+the load driver on another. Every round restarts both, and each ratio is within one round, so a
+slowdown of the whole machine cancels out. Exits with status 1 when a bound is not met.
 """
 
 import argparse
@@ -27,7 +27,7 @@ SPACING_NS = 500_000  # of lone updates, as docs/performance.md says
 LONE_UPDATES = 800
 FULL_UPDATES = 8000
 AHEAD = 64  # updates under way at full load; the default receive buffer holds 256
-SETTLE_S = 0.02  # for a program to be back in its wait, when the scheduler's account is complete
+SETTLE_S = 0.02  # until a program waits again, when the scheduler's account is complete
 
 
 def free_port():
@@ -64,8 +64,8 @@ def resident_kib(pid):
 
 @contextlib.contextmanager
 def running(samples, program, players, tracer=()):
-    """Yields the process id of a program whose players have come, and a function that puts load on
-    it: what the driver found, and the processor time that the program took."""
+    """Yields the process id of a program whose players have joined, and a function that puts load on
+    it and returns the driver's results and the program's processor time."""
     def load(kind, count, ahead=0, spacing_ns=0):
         before = processor_ns(pid)
         driver.stdin.write(f"{kind} {count} {ahead} {spacing_ns}\n")
@@ -108,7 +108,7 @@ def measure_relays(samples, program, players):
         thousands = FULL_UPDATES * (players - 1) / full["elapsed_ns"] * 1e6
         samples[program, "rate", players].append(thousands)
         if (program, players) == ("server", 16):
-            load("death", players)  # floats are answered with the clock after a death
+            load("death", players)  # after a death, the answer to floats is the clock
             for kind in ("car_state", "state_floats"):
                 samples[kind].append(relay_us(load(kind, LONE_UPDATES, 0, SPACING_NS)))
 
@@ -123,7 +123,7 @@ def count_calls(samples, updates):
 
 
 def measure_once(samples, idle_ms, updates=4000):
-    """The calls of none are taken off those of many: start, joins and stop cancel out."""
+    """Subtracts the calls of none from those of many: start, joins and stop cancel out."""
     calls = count_calls(samples, updates)
     calls.subtract(count_calls(samples, 0))
     samples["calls"] = {name: calls[name] / updates for name in calls}

@@ -1,9 +1,9 @@
-// Drives the server, or the floor, with players on loopback. Reads one measurement a line from
+// Drives the server, or the floor, with players on loopback. Reads one measurement per line from
 // standard input and answers each with one line of JSON:
 //
-//   KIND COUNT AHEAD SPACING_NS   that many updates of a kind, spaced at least so; each is sent
-//                                 when all before it but the last AHEAD have reached everyone
-//   idle MS 0 0                   nobody sends; pings are answered
+//   KIND COUNT AHEAD SPACING_NS   this many updates of a kind, at least this far apart; each is
+//                                 sent when all before it but the last AHEAD have arrived
+//   idle MS 0 0                   no updates; pings are answered
 
 #include <algorithm>
 #include <array>
@@ -33,7 +33,7 @@ static std::int64_t ns_since(Clock::time_point time) {
   return std::chrono::nanoseconds(Clock::now() - time).count();
 }
 
-// Returns the median delay of an update, from its sending until the last player has it.
+// Returns the median delay of an update, from the send until the last player has it.
 static std::int64_t run_updates(Crowd& crowd, const Order& order) {
   std::vector<std::int64_t> delays{0};
   const std::uint32_t first = crowd.sent;

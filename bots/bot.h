@@ -1,18 +1,18 @@
-// The bots and what they know of the server.
+// The bots and what they know about the server.
 //
-// A bot is one UDP socket that plays one player. What the server stores of a player stays in its
-// slot when the player leaves, so the bots' copy of it is kept by slot too.
+// A bot is one UDP socket that plays one player. The state that the server stores in a slot stays
+// there when the player leaves, so the bots keep their copy of it by slot too.
 //
 // The server handles datagrams in the order of their arrival. On the loopback interface they arrive
-// in the order in which this process sends them, so it is known exactly what each bot must receive.
-// On a network (in_order_delivery is false) the datagrams of two bots may overtake each other. Then
-// relays to a bot that joins or leaves are optional, and what the server tells a bot of another
-// player's state is not compared.
+// in the order in which this process sends them, so the bots know exactly what each of them must
+// receive. On a network (in_order_delivery is false) the datagrams of two bots may overtake each
+// other. Then relays to a bot that joins or leaves are optional, and the bots do not compare what
+// the server tells them about another player's state.
 //
-// Others are players who are not bots of this process. Nothing is known of what they send. So an
-// unexpected datagram that they may have caused is judged only when the caller has promised that
-// there are none (--alone). Bots hear others, but others cannot replace what is due to a bot: a
-// wrong datagram in its place shows as a loss.
+// Others are players that are not bots of this process. The bots do not know what they send. So
+// they judge an unexpected datagram that others may have caused only if the caller has promised
+// that there are none (--alone). Others cannot replace what a bot is due: a wrong datagram in its
+// place counts as a loss.
 //
 // Single-threaded.
 #pragma once
@@ -41,7 +41,7 @@ enum class Stage : std::uint8_t {
 struct Bot {
   int socket = -1;
   std::uint8_t number = 0;
-  Slot slot = NO_SLOT;  // the old one while it joins again
+  Slot slot = NO_SLOT;  // the old slot while it joins again
   Stage stage = Stage::OUT;
   bool has_entered = false;  // at least once, even if it has left since
   std::array<char, NAME_WIDTH> name{};
@@ -49,7 +49,7 @@ struct Bot {
   std::uint64_t due_ns = 0;           // when it acts next
   std::uint64_t leave_notice = 0;     // while it joins again: number in the relay ring of its slot
   BotSet leave_notice_receivers = 0;  // bots in the game when it sent that join request
-  float x = 0;                        // where it is, where it goes, and in which direction
+  float x = 0;                        // position, goal and direction
   float y = 0;
   float goal_x = 0;
   float goal_y = 0;
@@ -58,7 +58,7 @@ struct Bot {
   std::uint8_t death_count = 0;
 };
 
-// What the server holds for a slot.
+// The server's state of a slot.
 struct SlotModel {
   std::uint8_t bot = NO_BOT;  // the bot in the slot
   bool known = false;         // a bot has entered here, and nobody else can have been here since
@@ -90,7 +90,7 @@ struct Fleet {
   BotSet in_game = 0;        // must get relays
   BotSet maybe_in_game = 0;  // may get relays
 
-  // One bot joins at a time, so that last_join_slot is known whenever a bot enters.
+  // Only one bot joins at a time, so last_join_slot is known whenever a bot enters.
   std::uint8_t joining_bot = NO_BOT;
   Slot last_join_slot = NO_SLOT;
 
@@ -109,7 +109,7 @@ extern Fleet fleet;
 
 // bot_life.cpp: how bots join, enter and leave.
 
-// Does what is due and sets when the bot is due again.
+// Does what is due, and sets the time when the bot is due again.
 void act(Bot& bot, std::uint64_t now_ns);
 void set_stage(Bot& bot, Stage stage);
 void take_slot(Bot& bot, Slot slot);
@@ -117,7 +117,7 @@ void handle_refusal(Bot& bot);
 void leave(Bot& bot);
 void send_bytes(const Bot& bot, Datagram datagram);
 
-// bot_actions.cpp: what bots do between joining and leaving.
+// bot_actions.cpp: the actions of bots between joining and leaving.
 
 void act_in_game(Bot& bot);
 void act_before_entering(Bot& bot);

@@ -1,5 +1,5 @@
-// What the bots do between joining and leaving. An action changes the model of the slot as the
-// server will change its own state, adds the expected datagrams, and sends.
+// The actions of bots between joining and leaving. An action changes the model of the slot as the
+// server will change its state, adds the expected datagrams, and sends.
 
 #include <algorithm>
 #include <cstdio>
@@ -8,8 +8,8 @@
 
 #include "bots/bot_common.h"
 
-// What is said before and after the place. The server cuts the first one. "% s" would be a
-// conversion if it took a text for a format.
+// The texts before and after the place. The server cuts the first one. "% s" is a conversion if the
+// server uses a text as a format.
 static constexpr std::pair<const char*, const char*> SENTENCES[] = {
     {"Meet me at the ", ". Bring the big one, and do not tell a soul about it, please"},
     {"Nice car! Did you get it at the ", "?"},
@@ -74,7 +74,7 @@ static void send_foot_update(Bot& bot) {
   send_bytes(bot, update);
 }
 
-// Of a player who is in a car already the server takes the position alone.
+// If the player is already in a car, the server stores only the position.
 static void get_in(Bot& bot) {
   SlotModel& model = model_of(bot);
   const CarState car = random_car(bot);
@@ -91,7 +91,7 @@ static void get_in(Bot& bot) {
   send_bytes(bot, report);
 }
 
-// Of a player who is on foot already the server takes the position alone.
+// If the player is already on foot, the server stores only the position.
 static void get_out(Bot& bot) {
   SlotModel& model = model_of(bot);
   Vehicle report;
@@ -164,7 +164,7 @@ static void change_weapon(Bot& bot) {
   send_bytes(bot, update);
 }
 
-// The player is out of its car then, and nobody is sent a CMD_PLAYER_LEFT_CAR.
+// This ends the player's car ride, but the server sends no CMD_PLAYER_LEFT_CAR.
 static void die(Bot& bot) {
   Died report;
   report.death_count = ++bot.death_count;
@@ -201,8 +201,8 @@ static void expect_state(const Bot& bot, Slot slot) {
   expect_player_data(bot, model, reply, offsetof(PlayerStateReply, in_car));
 }
 
-// The server answers only about players in the game, and not about the one who asks. Bots ask about
-// slots that do not exist too, but not about a bot that may or may not be in the game.
+// The server answers only about players in the game, except the asker. Bots also ask about slots
+// that do not exist. They do not ask about a bot that may or may not be in the game.
 static void query(Bot& bot) {
   const bool asks_info = random_below(bot, 2) == 0;
   auto slot = static_cast<Slot>(random_below(bot, fleet.size + 2));

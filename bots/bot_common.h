@@ -24,7 +24,7 @@ inline constexpr std::array<const char*, SLOTS> PLACES = {
     "hotel",   "kiosk",  "laundry", "library",  "lighthouse", "market", "museum",   "opera",
     "pier",    "quarry", "stadium", "station",  "swamp",      "tunnel", "windmill", "zoo"};
 
-// splitmix64
+// The generator splitmix64.
 inline std::uint64_t next_random(Bot& bot) {
   bot.rng += 0x9E37'79B9'7F4A'7C15;
   std::uint64_t z = bot.rng;
@@ -56,8 +56,8 @@ inline float random_between(Bot& bot, float low, float high) {
   return low + (high - low) * static_cast<float>(random_below(bot, 1U << 20U)) / (1U << 20U);
 }
 
-// Bots walk and drive in curves from one place of a square world to the next; cars are faster. Near
-// the goal a new one is chosen: a car could not turn sharply enough to meet it.
+// Bots walk and drive in curves from one goal in a square world to the next; cars are faster. A bot
+// near its goal gets a new one: a car cannot turn sharply enough to reach it.
 inline Position next_position(Bot& bot) {
   const float seconds = static_cast<float>(fleet.step_ns) / 1e9F;
   const bool in_car = bot.slot != NO_SLOT && fleet.slots[bot.slot].in_car;
@@ -135,7 +135,7 @@ inline void expect_player_data(const Bot& bot, const SlotModel& model, Datagram 
   expect(answer_ring(bot.number), expectation);
 }
 
-// The bots then know which slots are taken on the server.
+// Whether the bots know which slots of the server are taken.
 inline bool knows_slots() {
   return fleet.alone && fleet.in_order_delivery;
 }

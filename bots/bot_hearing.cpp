@@ -1,5 +1,5 @@
-// How the bots check what they receive: a datagram is an expected one, or may be about others and
-// is not judged, or is wrong.
+// How bots check what they receive: a datagram is expected, or may be about others and is not
+// judged, or is wrong.
 
 #include <algorithm>
 #include <cstdio>
@@ -39,8 +39,8 @@ static bool names_no_slot(Datagram datagram) {
          command_of(datagram) == CMD_PLAYER_CAR_STATUS;
 }
 
-// The slot of the player whom the datagram is about. NO_SLOT if it is unknown, as with the chat of
-// others.
+// The slot of the player that the datagram is about. NO_SLOT if it is unknown, as for a chat line
+// of others.
 static Slot slot_of(Datagram datagram) {
   if (!names_no_slot(datagram)) return datagram.size() > 1 ? datagram[1] : NO_SLOT;
   if (command_of(datagram) == CMD_CHAT_LINE) return slot_of_chat(datagram);
@@ -172,7 +172,8 @@ static void hear_answer(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   }
 }
 
-// The server tells every player in the game. Bots that enter or leave just then may be missed.
+// The server tells every player in the game. A bot that enters or leaves at that moment may miss
+// it.
 static void expect_shutdown() {
   for (unsigned i = 0; i < fleet.size; ++i) {
     const bool plays = fleet.bots[i].stage == Stage::PLAYING;
@@ -185,7 +186,7 @@ static void expect_shutdown() {
   fleet.server_stopped = true;
 }
 
-// May come at any time to a player who has entered.
+// May arrive at any time at a player that has entered.
 static void hear_pinkpanther(const Bot& bot, Datagram datagram) {
   const auto notice = record_of<PinkPanther>(datagram);
   const bool plausible = datagram.size() == sizeof notice &&

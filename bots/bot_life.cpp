@@ -30,8 +30,8 @@ void send_bytes(const Bot& bot, Datagram datagram) {
   if (!send_datagram(bot.socket, datagram)) ++fleet.counters.send_failures;
 }
 
-// The server leaves out the slot of the latest join. If another player has joined since, it leaves
-// out that one, and the record of last_join_slot comes unexpected.
+// The server excludes the slot of the latest join. If another player has joined since, that slot is
+// excluded, and the record of last_join_slot is unexpected.
 static void expect_other_players(const Bot& bot) {
   for (Slot slot = 0; slot < SLOTS; ++slot) {
     if (fleet.slots[slot].bot == NO_BOT || slot == fleet.last_join_slot) continue;
@@ -94,7 +94,7 @@ static void make_recent_optional(const Bot& bot) {
   if (!fleet.in_order_delivery) make_optional(bot.number, monotonic_ns() - REORDER_WINDOW_NS);
 }
 
-// Without in-order delivery a join could overtake the CMD_ENTER_GAME of another bot.
+// Without in-order delivery, a join may overtake the CMD_ENTER_GAME of another bot.
 static bool may_join() {
   if (fleet.joining_bot != NO_BOT) return false;
   return fleet.in_order_delivery ||
@@ -143,7 +143,7 @@ static void skip_missed_steps(Bot& bot, std::uint64_t now_ns) {
   bot.due_ns += missed * fleet.step_ns;
 }
 
-// After how many of a thousand steps a bot leaves, joins again or enters again.
+// The number of steps in a thousand at which a bot leaves, joins again or enters again.
 static constexpr unsigned LEAVES_PER_MILLE = 4;
 static constexpr unsigned JOINS_PER_MILLE = 3;
 static constexpr unsigned ENTERS_PER_MILLE = 4;
@@ -161,7 +161,7 @@ static void play(Bot& bot, std::uint64_t now_ns) {
   }
 }
 
-// The bot has got no new slot: it was refused, or no answer came in time.
+// The bot got no new slot: the server refused it, or no answer came in time.
 static void end_join(Bot& bot) {
   fleet.joining_bot = NO_BOT;
   set_stage(bot, bot.slot == NO_SLOT ? Stage::OUT : Stage::PLAYING);

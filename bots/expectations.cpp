@@ -11,7 +11,7 @@ struct Ring {
   std::uint64_t end = 0;
 };
 
-static constexpr std::uint64_t DAY_S = 1440;  // of the game: one of its minutes takes a second
+static constexpr std::uint64_t DAY_S = 1440;  // of the game: one of its minutes is a second
 static constexpr std::uint64_t CLOCK_TOLERANCE_S = 2;
 
 static std::array<Ring, RINGS> rings;
@@ -56,9 +56,9 @@ std::uint64_t expect(unsigned ring, const Expectation& expectation) {
   return number;
 }
 
-// The server reads the hour and the minute separately, some time between our send and our receive.
-// So each of the two is compared on its own with every second of this interval. The first time of
-// day received sets game_start_s.
+// The server reads the hour and the minute separately, at some time between our send and our
+// receive. So each is compared separately with every second of this interval. The first time of day
+// received sets game_start_s.
 static bool clock_fits(unsigned hour, unsigned minute, std::uint64_t sent_ns,
                        std::uint64_t now_ns) {
   if (hour > 23 || minute > 59) return false;
@@ -93,7 +93,7 @@ static bool is_match(const Expectation& entry, Datagram datagram, std::uint64_t 
   return true;
 }
 
-// What an entry is to one receiver.
+// The status of an entry for one receiver.
 enum class Status { REQUIRED, OPTIONAL, RECEIVED, UNRELATED };
 
 static Status status_of(const Expectation& entry, BotSet receiver) {
@@ -137,8 +137,8 @@ static Expectation* next_required(const Arrival& arrival, std::uint64_t cursor) 
   return nullptr;
 }
 
-// A required entry is matched before an earlier, equal optional one, because the optional datagram
-// may never come. If it does come, the cursor may have passed its entry. So optional entries are
+// Matches a required entry before an earlier, equal optional one, because the optional datagram may
+// never arrive. If it does arrive, the cursor may be past its entry, so optional entries are
 // matched in any order.
 Match match(unsigned ring, unsigned receiver, Datagram datagram, std::uint64_t now_ns) {
   const Arrival arrival{ring, bot_bit(receiver), datagram, now_ns};

@@ -1,13 +1,13 @@
-// What the bots must receive: every datagram that the server must send because of one of theirs.
+// What the bots must receive: every datagram that the server must send because of a bot's datagram.
 //
-// A relay tells the other players what one bot has sent; an answer goes to the sender alone. Each
+// A relay tells the other players what one bot has sent; an answer goes only to the sender. Each
 // slot has a ring of the relays caused by the bot in it, and each bot has a ring of the answers to
-// it. Both hold the datagrams in the order in which the bots sent what causes them. Each receiver
-// has a cursor of its own in each ring.
+// it. Both contain the datagrams in the order in which the bots sent their causes. Each receiver
+// has a separate cursor in each ring.
 //
-// A relay is stored once, with one bit for each bot that must or may get it. A datagram that has
-// not come counts as lost only when its place in the ring is reused, or at the end: until then it
-// may still wait in a socket.
+// A relay is stored once, with one bit for each bot that must or may get it. A missing datagram
+// counts as lost only when its place in the ring is reused, or at the end: until then it may still
+// be in a socket.
 #pragma once
 
 #include <array>
@@ -22,7 +22,7 @@ using namespace zol;
 inline constexpr unsigned SLOTS = MAX_CLIENTS;
 inline constexpr unsigned MAX_BOTS = MAX_CLIENTS;
 inline constexpr unsigned RINGS = SLOTS + MAX_BOTS;
-// Datagrams a ring holds: the fastest bots fill one in about three seconds.
+// Datagrams in a ring. The fastest bots fill one in about three seconds.
 inline constexpr std::uint64_t RING_SIZE = 1024;
 
 using BotSet = std::uint32_t;  // one bit per bot
@@ -37,12 +37,12 @@ inline ServerCommand command_of(Datagram datagram) {
 }
 
 struct Expectation {
-  std::uint64_t sent_ns = 0;  // when the bot sent what causes it
+  std::uint64_t sent_ns = 0;  // when the bot sent the cause
   BotSet required = 0;        // bots that must get it
   BotSet optional = 0;        // bots that may get it
   BotSet received = 0;        // bots that have got it
   std::uint8_t size = 0;
-  std::uint8_t compared_size = 0;  // the first bytes of it, which must be equal
+  std::uint8_t compared_size = 0;  // bytes, from the start, that must be equal
   std::array<std::uint8_t, sizeof(PlayerInfo)> bytes{};
 };
 
@@ -57,7 +57,7 @@ enum class Verdict { EXPECTED, OUT_OF_ORDER, REPEATED, UNEXPECTED };
 
 struct Match {
   Verdict verdict;
-  // The entry that the datagram is; for REPEATED and UNEXPECTED the next required one, or null.
+  // The matching entry. For REPEATED and UNEXPECTED: the next required one, or null.
   Expectation* expectation;
 };
 
@@ -77,13 +77,13 @@ Match match(unsigned ring, unsigned receiver, Datagram datagram, std::uint64_t n
 // Makes an entry required for these bots, unless it has left the ring.
 void make_required(unsigned ring, std::uint64_t number, BotSet bots);
 
-// Makes optional what the bot has not received yet of all that was caused since then.
+// Makes optional what the bot has not received yet, of all entries caused since then.
 void make_optional(unsigned receiver, std::uint64_t since_ns);
 
-// How many required datagrams have not come yet.
+// The number of required datagrams that have not arrived yet.
 std::uint64_t outstanding();
 
-// To be called at the end: counts what has not come as lost.
+// Call at the end: counts the missing datagrams as lost.
 void tally_remaining();
 
 extern Tally relay_tally;

@@ -24,8 +24,8 @@ static constexpr const char* HELP =
     "  --alone             nobody else plays: every unexpected datagram is wrong, while\n"
     "                      otherwise it may be about another player and is not judged\n"
     "\n"
-    "SIGINT and SIGTERM end the run early; the bots leave and the table is shown.\n"
-    "Exit status: 0 all was well, 1 something was wrong or lost or no bot could join,\n"
+    "SIGINT and SIGTERM end the run early: the bots leave, and zolbots prints the table.\n"
+    "Exit status: 0 success, 1 a datagram was wrong or lost, or no bot could join,\n"
     "2 bad arguments.\n";
 
 using NumberField = unsigned Options::*;

@@ -15,5 +15,5 @@ struct Options {
 
 enum class ParseResult { RUN, HELP_SHOWN, BAD_ARGUMENTS };
 
-// Prints to standard error what is wrong with bad arguments.
+// Prints the error of bad arguments to standard error.
 ParseResult parse_options(int count, char** arguments, Options& options);

@@ -1,4 +1,4 @@
-// Bots that play on a server and check all they receive: a demo, a soak test and a load generator.
+// Bots that play on a server and check all that they receive: demo, soak test and load generator.
 
 #include <linux/sock_diag.h>
 #include <poll.h>
@@ -56,7 +56,7 @@ static bool start_fleet(const Options& options) {
   return true;
 }
 
-// Hears one batch, so that no socket keeps the others waiting.
+// Handles one batch, so that no socket delays the others.
 static void hear_batch(Bot& bot) {
   static Batch batch;
   receive_batch(bot.socket, batch);
@@ -64,7 +64,7 @@ static void hear_batch(Bot& bot) {
   for (std::size_t i = 0; i < batch.count; ++i) hear(bot, batch.datagrams[i], now_ns);
 }
 
-// Waits for datagrams and signals until the given time at most.
+// Waits for datagrams and signals, at most until the given time.
 static void receive_until(std::uint64_t until_ns) {
   std::array<pollfd, MAX_BOTS + 1> waits;
   for (unsigned i = 0; i < fleet.size; ++i) {
@@ -111,9 +111,9 @@ static void play(const Options& options) {
   }
 }
 
-// Receives until all that is required has come, except for this much, or no more of it comes. Other
-// datagrams do not count: they may come without end. Waits a little longer in any case, for
-// datagrams that should not come.
+// Receives until all required datagrams have arrived, except for this number, or until no more of
+// them arrive. Other datagrams do not count: they may never end. Waits a little longer in any case,
+// for datagrams that should not arrive.
 static void drain(std::uint64_t already_lost) {
   const std::uint64_t start_ns = monotonic_ns();
   std::uint64_t missing = outstanding();
@@ -128,7 +128,7 @@ static void drain(std::uint64_t already_lost) {
   }
 }
 
-// A bot without a slot leaves too: the answer to its join may have been lost.
+// A bot without a slot also leaves: the answer to its join may be lost.
 static void leave_all() {
   for (unsigned i = 0; i < fleet.size; ++i) {
     Bot& bot = fleet.bots[i];
@@ -136,14 +136,14 @@ static void leave_all() {
   }
 }
 
-// The server may have stopped without handling what the bots sent last: nothing is required of
-// that.
+// The server may have stopped before it handled the bots' last datagrams, so nothing that they
+// cause is required.
 static void handle_shutdown(std::uint64_t ended_ns) {
   print_line("the server is shutting down");
   for (unsigned i = 0; i < fleet.size; ++i) make_optional(i, ended_ns - SHUTDOWN_WINDOW_NS);
 }
 
-// 0 where the kernel does not count them.
+// 0 if the kernel does not count them.
 static std::uint64_t count_socket_drops() {
   std::uint64_t drops = 0;
   for (unsigned i = 0; i < fleet.size; ++i) {
@@ -184,7 +184,7 @@ int main(int count, char** arguments) {
   }
   stop_signals = open_stop_signals({SIGINT, SIGTERM});
   if (stop_signals == -1) {
-    std::perror("zolbots: cannot take signals");
+    std::perror("zolbots: cannot receive signals");
     return EXIT_FAILURE;
   }
   if (!start_fleet(options)) return EXIT_FAILURE;
@@ -195,7 +195,7 @@ int main(int count, char** arguments) {
   if (fleet.counters.joins == 0) {
     leave_all();
     std::printf("zolbots: no bot could join %s: %s\n", options.server,
-                fleet.counters.refused != 0 ? "the server is full" : "nobody answers");
+                fleet.counters.refused != 0 ? "the server is full" : "no server answers");
     return EXIT_FAILURE;
   }
   end_play();

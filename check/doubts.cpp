@@ -20,7 +20,7 @@ namespace {
 constexpr std::int32_t FIRST_FREE_PORT = 1024;
 constexpr std::size_t MAX_QUOTED = 63;
 constexpr std::size_t MAX_DOUBTS = 100;
-constexpr std::size_t MAX_TEXT = 1 << 20;  // bytes of a file that is explained
+constexpr std::size_t MAX_TEXT = 1 << 20;  // bytes; a larger file is not explained
 constexpr std::string_view BLANKS = " \t\n\v\f\r";
 constexpr std::string_view LINE_ENDS = "\r\n";
 constexpr std::string_view UNESCAPED = "&+%";  // of the announce; a name cannot have a '#'
@@ -36,7 +36,7 @@ const ConfigKey* known_key(std::string_view text) {
   return key_named(std::string(text).c_str());
 }
 
-// How many letters must be put in, left out or changed to make one word of the other.
+// The number of letters to insert, delete or replace to turn one word into the other.
 std::size_t distance(std::string_view left, std::string_view right) {
   std::vector<std::size_t> row(right.size() + 1);
   std::iota(row.begin(), row.end(), 0);
@@ -64,14 +64,14 @@ std::string nearest_key(std::string_view line) {
 struct Reading {
   std::string text;  // the whole file
   std::vector<Doubt> doubts{};
-  std::map<const ConfigKey*, std::size_t> lines{};  // where each stood last
-  const ConfigKey* key_before = nullptr;            // null when it was unknown
+  std::map<const ConfigKey*, std::size_t> lines{};  // the last line of each key
+  const ConfigKey* key_before = nullptr;            // null if that key is unknown
   std::size_t counted = 0;                          // bytes whose lines are counted
-  std::size_t line = 1;                             // at the end of those
+  std::size_t line = 1;                             // the line after those bytes
   std::string server_name{};                        // in force, and not cut
 };
 
-// A key and its value, each as long as the server read on.
+// A key and its value, as far as the server read each.
 struct Step {
   std::size_t begin;  // of the key, in the file
   std::string_view key;
@@ -80,7 +80,7 @@ struct Step {
   bool is_taken;
 };
 
-// No offset may be less than the one before.
+// Call with offsets that do not decrease.
 std::size_t line_at(Reading& reading, std::size_t offset) {
   const std::string& text = reading.text;
   for (std::size_t& i = reading.counted; i < offset; ++i) {
@@ -92,7 +92,7 @@ std::size_t line_at(Reading& reading, std::size_t offset) {
 void doubt(Reading& reading, std::size_t offset, std::string text) {
   const std::size_t count = reading.doubts.size() + 1;
   if (count > MAX_DOUBTS) return;
-  if (count == MAX_DOUBTS) text = "and so on";
+  if (count == MAX_DOUBTS) text = "more lines are suspicious; correct these first";
   reading.doubts.push_back({line_at(reading, offset), std::move(text)});
 }
 
@@ -104,7 +104,7 @@ std::string_view first_line(std::string_view text) {
   return trimmed({text.begin(), std::ranges::find_if(text, is_line_end)});
 }
 
-// Looks back over blanks only, because one line may hold most keys of a file.
+// Looks back only over blanks, because one line may have most keys of a file.
 bool begins_its_line(std::string_view text, std::size_t offset) {
   const std::size_t last = text.substr(0, offset).find_last_not_of(" \t\v\f");
   return last == text.npos || is_line_end(text[last]);
@@ -113,25 +113,24 @@ bool begins_its_line(std::string_view text, std::size_t offset) {
 std::string what_is_wrong_with(std::string_view key) {
   const std::string_view word = first_line(key);
   if (key.starts_with(BYTE_ORDER_MARK))
-    return "the file begins with a byte-order mark; save it without";
+    return "the file begins with a byte-order mark; save it without one";
   if (word.starts_with(';') || word.starts_with("//")) return "a comment begins with #";
   if (word.starts_with('[')) return "there are no sections: " + quoted(word) + " is read as a key";
-  if (key.find_first_of(LINE_ENDS) != key.npos) return "no = behind " + quoted(word);
+  if (key.find_first_of(LINE_ENDS) != key.npos) return "no = after " + quoted(word);
   const ConfigKey* known = known_key(word);
-  if (known != nullptr) return std::string("no blank may stand before the = of ") + known->name;
+  if (known != nullptr) return std::string("remove the blank before the = of ") + known->name;
   return "unknown key " + quoted(word) + nearest_key(word);
 }
 
-// An unknown key runs on to the next =, and its value becomes the beginning of another key. So it
-// takes the keys that follow it with it.
+// An unknown key extends to the next =, and its value becomes the beginning of another key. So the
+// server loses the keys that follow it.
 void explain_unknown(Reading& reading, const Step& step) {
   if (begins_its_line(reading.text, step.begin)) {
     doubt(reading, step.begin, what_is_wrong_with(step.key));
   } else if (reading.key_before != nullptr) {
-    doubt(
-        reading, step.begin,
-        std::string("behind the number of ") + reading.key_before->name +
-            " stands more than a comment, which is read as a key: " + quoted(first_line(step.key)));
+    doubt(reading, step.begin,
+          quoted(first_line(step.key)) + " after the number of " + reading.key_before->name +
+              " is read as a key; only a comment may follow the number");
   }
   const std::size_t line_end = step.key.find_last_of(LINE_ENDS);
   if (line_end == step.key.npos) return;
@@ -139,7 +138,7 @@ void explain_unknown(Reading& reading, const Step& step) {
   if (lost == nullptr) return;
   const std::size_t line = line_at(reading, step.begin);
   doubt(reading, step.begin + line_end + 1,
-        std::string(lost->name) + " is not read: it counts as a part of line " +
+        std::string(lost->name) + " is ignored: it is read as a part of line " +
             std::to_string(line));
 }
 
@@ -150,7 +149,7 @@ std::string value_of(const ConfigKey& key) {
   return std::to_string(number_in(key));
 }
 
-// A text ends with its line or at a '#'.
+// A text ends at a '#' or at the end of its line.
 void explain_text(Reading& reading, const Step& step) {
   const std::string_view line = first_line(step.value);
   const std::size_t hash = line.find('#');
@@ -162,7 +161,7 @@ void explain_text(Reading& reading, const Step& step) {
   if (step.is_taken && step.known->field == server_config.ServerName) reading.server_name = text;
   if (hash != line.npos && BLANKS.find(line.substr(hash + 1, 1)) == BLANKS.npos) {
     doubt(reading, step.begin,
-          "a # begins a comment, so " + quoted(line.substr(hash)) + " is left out of " +
+          "a # begins a comment, so " + quoted(line.substr(hash)) + " is not a part of " +
               step.known->name);
   }
 }
@@ -177,18 +176,18 @@ void explain_port(Reading& reading, const Step& step, std::string_view word) {
   const std::optional<in_port_t> bound = port_to_bind(port.c_str(), "udp");
   if (port != word) doubt(reading, step.begin, "Port is cut to " + quoted(port));
   if (!bound) {
-    doubt(reading, step.begin, "Port " + quoted(port) + " gives no port");
+    doubt(reading, step.begin, "Port " + quoted(port) + " is no port number");
   } else if (ntohs(*bound) != number) {
     doubt(reading, step.begin, "Port " + port + " opens port " + std::to_string(ntohs(*bound)));
   } else if (number < FIRST_FREE_PORT) {
-    doubt(reading, step.begin, "ports below 1024 take a right that a service lacks");
+    doubt(reading, step.begin, "a service may not open a port below 1024");
   }
   if (std::to_string(number) != port) {
-    doubt(reading, step.begin, "Port " + quoted(port) + " is announced as it stands");
+    doubt(reading, step.begin, "the master server gets Port unchanged, as " + quoted(port));
   }
 }
 
-// The first word behind the = is the value, on whatever line it stands.
+// The value is the first word after the =, also on a later line.
 void explain_word(Reading& reading, const Step& step) {
   const std::string name = step.known->name;
   const std::size_t begin = std::min(step.value.find_first_not_of(BLANKS), step.value.size());
@@ -197,7 +196,7 @@ void explain_word(Reading& reading, const Step& step) {
   const std::string_view more = trimmed(rest.substr(word.size()));
   if (!rest.empty() && step.value.substr(0, begin).find_first_of(LINE_ENDS) != word.npos) {
     doubt(reading, step.begin,
-          name + " has no value on its line; " + quoted(word) + " is read as it");
+          name + " has no value on its line; " + quoted(word) + " is read as its value");
   }
   if (!step.is_taken) return;
   if (step.known->kind == Kind::PORT) explain_port(reading, step, word);
@@ -206,18 +205,17 @@ void explain_word(Reading& reading, const Step& step) {
     const std::size_t end = word.find_first_not_of("0123456789", sign);
     if (end == sign || word.size() == sign) {
       doubt(reading, step.begin,
-            name + " has no number; " + value_of(*step.known) +
-                " is taken, which the reader still had from a line before");
+            name + " has no number; it gets " + value_of(*step.known) + " from an earlier line");
     } else if (end != word.npos && !is_comment(word.substr(end))) {
-      doubt(reading, step.begin, quoted(word.substr(end)) + " behind " + name + " is left out");
+      doubt(reading, step.begin, quoted(word.substr(end)) + " after " + name + " is ignored");
     }
   }
   if (!is_comment(more)) {
-    doubt(reading, step.begin, quoted(more) + " behind " + name + " is left out");
+    doubt(reading, step.begin, quoted(more) + " after " + name + " is ignored");
   }
 }
 
-// The server reads on directly after a NUMBER and after the = of an unknown key.
+// The server continues directly after a NUMBER, and after the = of an unknown key.
 void explain_place(Reading& reading, const Step& step) {
   if (begins_its_line(reading.text, step.begin)) return;
   const ConfigKey* before = reading.key_before;
@@ -242,8 +240,7 @@ void explain(Reading& reading, const Step& step) {
   std::size_t& line = reading.lines[step.known];
   if (line != 0) {
     doubt(reading, step.begin,
-          std::string(step.known->name) + " again; line " + std::to_string(line) +
-              " counts no longer");
+          std::string(step.known->name) + " again; line " + std::to_string(line) + " is ignored");
   }
   line = line_at(reading, step.begin);
 }
@@ -270,7 +267,7 @@ void explain_announced_name(Reading& reading) {
   reading.doubts.insert(next, {line, effect + "; avoid & + % and more than 31 bytes"});
 }
 
-// At most one byte more than MAX_TEXT.
+// Reads at most one byte more than MAX_TEXT.
 std::string text_of(std::FILE* file) {
   std::string text(MAX_TEXT + 1, '\0');
   text.resize(std::fread(text.data(), 1, text.size(), file));

@@ -1,4 +1,4 @@
-// Reads a settings' file with the server's own reader and says what looks otherwise than meant.
+// Reads a settings' file with the server's reader, and lists suspicious lines.
 #pragma once
 
 #include <cstdio>
@@ -11,9 +11,9 @@ struct Doubt {
   std::string text;
 };
 
-// Sets server_config, which has to hold the defaults, as the server would. The doubts are in the
-// order of the lines.
+// Sets server_config as the server would; it must hold the defaults before. Returns the doubts in
+// the order of the lines.
 std::vector<Doubt> read_with_doubts(std::FILE* file);
 
-// Fit for a terminal: in double quotes, without control characters, and not long.
+// Makes a text printable: in double quotes, without control characters, and cut to a short length.
 std::string quoted(std::string_view text);

@@ -1,4 +1,4 @@
-// Says what servers will make of their settings, before they are started.
+// Shows how servers will read their settings, before they are started.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -15,25 +15,26 @@
 #include "config/server_config.h"
 #include "net/sflsock.h"
 
-// Exit statuses; the worst of all directories counts.
+// Exit statuses. The worst of all directories counts.
 enum Status { GOOD = 0, DOUBTFUL = 1, BAD = 2 };
 
 static constexpr const char* HELP =
     "usage: zolcheck [--start | --port] [DIRECTORY...]\n"
     "\n"
-    "Says what a ZOL Server in each directory, by default this one, will make of its settings: on\n"
-    "standard output what it will use, on standard error every doubtful line.\n"
+    "Shows how a ZOL Server will read its settings in each directory, by default this one: the\n"
+    "settings on standard output, every suspicious line on standard error.\n"
     "\n"
-    "  --start  for right before a start: a port that is in use is a failure, and so is a named\n"
-    "           directory without settings; a doubtful line is none; standard output stays empty\n"
-    "  --port   prints only the number of the port, for scripts, and no doubts\n"
+    "  --start  checks right before a start: a port that is in use is a failure, a named "
+    "directory\n"
+    "           without settings is a failure, a suspicious line is none; prints no settings\n"
+    "  --port   prints only the port number, for scripts\n"
     "\n"
-    "Exit status: 0 all is well, 1 there are doubts, 2 a server would not start or not as meant.\n";
+    "Exit status: 0 all correct, 1 suspicious lines, 2 a server would not start as intended.\n";
 
 static bool is_start;
 static bool wants_port;
 static bool must_have_settings;
-static std::string directory;  // under check now
+static std::string directory;  // being checked
 static bool has_closed_file;   // its settings cannot be read
 static Status status;          // the worst so far
 
@@ -50,8 +51,8 @@ static void complain_of_file(const char* name, const char* reason) {
   say(BAD, directory + "/" + name, std::string(reason) + advice);
 }
 
-// 0, or why the port cannot be opened now. The server shares its port with whoever allows it; this
-// does not, so it fails when there is anyone.
+// Returns 0, or the errno of the failure to open the port. A server shares its port with any socket
+// that allows it. This socket does not, so it fails if the port is in use.
 static int try_port(in_port_t port) {
   const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in local{};
@@ -63,17 +64,17 @@ static int try_port(in_port_t port) {
   return reason;
 }
 
-// The directories' ports must differ as well.
+// The ports of the directories must differ.
 static void check_port(in_port_t port, std::map<in_port_t, std::string>& ports) {
   const std::string text = "port " + std::to_string(ntohs(port));
   const auto [other, is_new] = ports.emplace(port, directory);
-  if (!is_new) say(BAD, directory, text + " is the port of " + other->second + ", too");
+  if (!is_new) say(BAD, directory, text + " is also the port of " + other->second);
   const int reason = is_start ? try_port(port) : 0;
   if (reason == EADDRINUSE)
     say(BAD, directory, text + " is in use; is the server running already?");
-  // EPERM from the unit's SocketBindDeny.
+  // EPERM comes from SocketBindDeny in the unit.
   if (reason == EACCES || reason == EPERM) {
-    say(BAD, directory, text + " takes a right that is missing here");
+    say(BAD, directory, text + " needs a privilege that is missing here");
   }
 }
 
@@ -93,7 +94,7 @@ static void check_directory(std::map<in_port_t, std::string>& ports) {
   if (file == nullptr && has_closed_file) return;
   if (file == nullptr) {
     say(must_have_settings ? BAD : DOUBTFUL, directory,
-        "no zolserver.cfg and no zolserver.conf; a server would run on the defaults");
+        "no zolserver.cfg and no zolserver.conf; a server would use the defaults");
   } else {
     const char* name = access("zolserver.cfg", R_OK) == 0 ? "zolserver.cfg" : "zolserver.conf";
     for (const Doubt& doubt : read_with_doubts(file)) {
@@ -103,14 +104,14 @@ static void check_directory(std::map<in_port_t, std::string>& ports) {
   }
   const std::optional<in_port_t> port = port_to_bind(server_config.Port, "udp");
   if (port) check_port(*port, ports);
-  if (!port) say(BAD, directory, "the server does not start: no port");
+  if (!port) say(BAD, directory, "the server would not start: Port is no port number");
   if (port && wants_port) std::printf("%d\n", ntohs(*port));
   if (!is_start && !wants_port)
     print_settings(port ? "port " + std::to_string(ntohs(*port)) : "no port");
 }
 
 static int complain_of_argument(const char* argument) {
-  std::fprintf(stderr, "zolcheck: takes no option like \"%s\"; see --help\n", argument);
+  std::fprintf(stderr, "zolcheck: unknown option \"%s\"; see --help\n", argument);
   return BAD;
 }
 

@@ -10,12 +10,12 @@ namespace zol {
 
 using enum ServerCommand;
 
-// Questions about the own slot that a player in a car asks: only a server that has it on foot
-// answers them.
+// The number of questions about the own slot from a player in a car. The server answers them only
+// if it has the player on foot.
 static constexpr unsigned SLOT_QUESTIONS = 5;
-// Several car updates may be on their way when the first CMD_NOT_IN_CAR comes.
+// Several car updates may be in flight when the first CMD_NOT_IN_CAR arrives.
 static constexpr std::uint64_t CAR_AGAIN_MS = 500;
-static constexpr unsigned LEAVING_COPIES = 3;  // a lost leaving leaves a ghost for 100 seconds
+static constexpr unsigned LEAVING_COPIES = 3;  // if all are lost, a ghost stays for 100 seconds
 
 static void send_code(ClientSession& session, ClientCommand command) {
   outbox_add(session.outbox, command);
@@ -42,9 +42,9 @@ static void send_entry(ClientSession& session) {
   back_off(session);
 }
 
-// A car block from a player on foot is answered with the slot. It is the player's own block: should
-// the server have the player in a car, it relays nothing new and answers nothing, so a driver gives
-// up after some questions.
+// The server answers a car block from a player on foot with CMD_NOT_IN_CAR, which has the slot. The
+// block is the player's own: if the server has the player in a car, it relays nothing new and does
+// not answer. So a driver stops asking after some questions.
 static void ask_own_slot(ClientSession& session) {
   CarBlockAUpdate question;
   question.car_block_a = session.own.car.car_block_a;
@@ -59,7 +59,7 @@ static void doubt_own_slot(ClientSession& session, std::uint64_t due_ms) {
   session.slot_due_ms = due_ms;
 }
 
-// The answer that named the slot may be older than the latest move, so it is asked for once more.
+// Asks once more: the answer with the slot may be older than the latest move to another slot.
 static void enter(ClientSession& session, Slot slot) {
   session.picture.own_slot = slot;
   session.picture.players[slot] = {};
@@ -82,8 +82,8 @@ static SessionEvent start_over(ClientSession& session, std::uint64_t due_ms, Ses
   return event;
 }
 
-// The server may be gone, or may have forgotten us. It answers a player on foot with the slot, and
-// a driver with the time of day.
+// The server may have stopped, or may have forgotten us. It answers a player on foot with the slot,
+// and a driver with the time of day.
 static void ask_in_silence(ClientSession& session) {
   const bool is_silent = session.now_ms - session.slot_sure_ms >= QUIET_MS;
   const bool is_asking = session.slot_questions_left > 0 || session.now_ms < session.slot_due_ms;
@@ -96,7 +96,7 @@ static void ask_in_silence(ClientSession& session) {
 static void step_in_game(ClientSession& session) {
   ask_for_records(session);
   repeat_own_state(session);
-  // It may have moved us, by a join that the network repeated.
+  // A join that the network repeated may have moved us to another slot.
   const bool hears_nothing = session.now_ms - session.in_game_ms >= ENTER_AGAIN_MS;
   if (hears_nothing && session.now_ms >= session.due_ms) send_entry(session);
 }
@@ -118,8 +118,8 @@ SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
   return SessionEvent::NONE;
 }
 
-// Joins are repeated, and the network repeats and swaps datagrams: this answer may be older than
-// the latest move. So it makes us ask, and does not decide.
+// Joins are repeated, and the network repeats and reorders datagrams. This answer may be older than
+// the latest move, so it only makes us ask again.
 static SessionEvent hear_accepted(ClientSession& session, Datagram datagram) {
   const auto accepted = record_of<JoinAccepted>(datagram);
   if (accepted.slot >= MAX_CLIENTS) return SessionEvent::NONE;
@@ -134,8 +134,8 @@ static SessionEvent hear_accepted(ClientSession& session, Datagram datagram) {
   return SessionEvent::JOINED;
 }
 
-// A full server also refuses a client that has a slot already because the answer that said so was
-// lost. Leaving makes room for the next try. A refusal after an acceptance is an old one.
+// A full server also refuses a client that has a slot but has lost the answer. Leaving frees that
+// slot for the next try. A refusal after an acceptance is an old one.
 static SessionEvent hear_refusal(ClientSession& session, Datagram datagram) {
   if (session.state != SessionState::JOINING) return SessionEvent::NONE;
   session.refusal = {};
@@ -165,7 +165,7 @@ static SessionEvent hear_entered(ClientSession& session) {
   return SessionEvent::ENTERED;
 }
 
-// True of what the server sends only to players in the game.
+// True for datagrams that the server sends only to players in the game.
 static bool shows_in_game(Datagram datagram) {
   switch (ServerCommand{datagram[0]}) {
     case CMD_NOT_IN_CAR:
@@ -226,7 +226,7 @@ SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64
 }
 
 std::size_t chat_room(const ClientSession& session) {
-  const std::size_t used = strnlen(session.name.data(), session.name.size()) + 2;  // with ": "
+  const std::size_t used = strnlen(session.name.data(), session.name.size()) + 2;  // including ": "
   return TEXT_WIDTH - std::min(used, TEXT_WIDTH);
 }
 

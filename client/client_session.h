@@ -1,14 +1,15 @@
 // A client's session with a server: it joins, finds its slot, enters, answers pings, asks about
-// players, repeats its own state, and joins again when the server has stopped or has forgotten it.
+// players, and repeats its own state. It joins again when the server has stopped or has forgotten
+// it.
 //
-// A session has no socket and no clock. The caller hands in datagrams and times, and sends what is
-// in the outbox afterwards. A start in three lines, to be continued in example.cpp:
+// A session has no socket and no clock. The caller passes in datagrams and times, and then sends
+// what is in the outbox. The start of a client; example.cpp is a whole one:
 //   ClientSession session;                           // session.name = ... ;
 //   session_step(session, now_ms);                   // about every 50 ms, and after each datagram:
 //   session_hear(session, datagram, now_ms);
 //
-// Used by one thread. Times are in milliseconds of a clock that does not go back; it need not start
-// at 0.
+// Used by one thread. Times are milliseconds of a clock that does not go back. It may start at any
+// value.
 #pragma once
 
 #include <array>
@@ -22,38 +23,38 @@
 
 namespace zol {
 
-// An unanswered join is repeated after 1, 2, 4 and so on up to 30 seconds, an entry likewise.
+// An unanswered join or entry is repeated after 1, 2, 4 and so on up to 30 seconds.
 inline constexpr std::uint64_t FIRST_BACK_OFF_MS = 1'000;
 inline constexpr std::uint64_t MAX_BACK_OFF_MS = 30'000;
 inline constexpr std::uint64_t ASK_OWN_SLOT_MS = 1'000;  // between two questions
-// The server pings every player in the game every 10 seconds. After this time without any sign that
-// the session has a slot, it asks for its slot; then it joins again.
+// The server pings every player in the game every 10 seconds. After this time without a sign that
+// the session has a slot, it asks for its slot, and later joins again.
 inline constexpr std::uint64_t QUIET_MS = 12'000;
 inline constexpr std::uint64_t FORGOTTEN_MS = 25'000;
-// After this time without any datagram that only players in the game get, it enters again.
+// After this time without a datagram that only players in the game get, the session enters again.
 inline constexpr std::uint64_t ENTER_AGAIN_MS = 22'000;
 
 enum class SessionState {
   JOINING,   // no answer to CMD_JOIN yet
-  PLACING,   // accepted; asks which slot is its own, because an answer may be an old one
+  PLACING,   // accepted; asks for its own slot, because an answer may be an old one
   ENTERING,  // no answer to CMD_ENTER_GAME yet
   PLAYING,
 };
 enum class SessionEvent { NONE, JOINED, ENTERED, REFUSED, STOPPED, FORGOTTEN };
 
-// When a report that the server logs is due again; see reports.h.
+// When to repeat a report that the server logs; see reports.h.
 struct RepeatTimer {
   std::uint64_t due_ms = 0;
   unsigned quick_left = 0;
 };
 
-// The client's own player, as the reports of reports.h have left it.
+// The client's own player, as the reports of reports.h have set it.
 struct OwnPlayer {
   PlayerState state{};
   bool in_car = false;
   CarState car{};                             // of this ride, or of the last one
   std::optional<std::uint8_t> death_count{};  // nothing before the first death
-  bool has_reported = false;                  // nothing is repeated for a mere spectator
+  bool has_reported = false;                  // false: a spectator repeats nothing
   std::uint64_t repeat_due_ms = 0;
   RepeatTimer weapon;
   RepeatTimer ride;
@@ -66,7 +67,7 @@ struct ClientSession {
   OwnPlayer own{};
   GamePicture picture{};  // of the game joined last
   Outbox outbox{};
-  std::array<char, TEXT_WIDTH + 1> refusal{};  // the server's latest, ends with NUL
+  std::array<char, TEXT_WIDTH + 1> refusal{};  // the latest one of the server; ends with NUL
 
   std::uint64_t now_ms = 0;          // of the latest call
   std::uint64_t due_ms = 0;          // of the next join or entry
@@ -74,22 +75,22 @@ struct ClientSession {
   std::uint64_t slot_due_ms = 0;     // when to ask for the own slot
   unsigned slot_questions_left = 0;  // 0: the own slot is certain
   std::uint64_t car_due_ms = 0;      // the earliest next answer to CMD_NOT_IN_CAR
-  std::uint64_t slot_sure_ms = 0;    // when the server showed last that we have a slot
-  std::uint64_t in_game_ms = 0;      // when it showed last that we are in the game
+  std::uint64_t slot_sure_ms = 0;    // when the server last showed that we have a slot
+  std::uint64_t in_game_ms = 0;      // when it last showed that we are in the game
 };
 
-// Sends what is due. FORGOTTEN when the server has been silent for too long.
+// Sends what is due. Returns FORGOTTEN when the server has been silent for too long.
 SessionEvent session_step(ClientSession& session, std::uint64_t now_ms);
 
-// Takes in one datagram of the server's. Any bytes will do.
+// Handles one datagram from the server. It accepts any bytes.
 SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64_t now_ms);
 
-// Bytes of a chat text that the others get to see; the rest of a longer one is cut off.
+// The number of bytes of a chat text that the others see; the rest of a longer text is cut off.
 std::size_t chat_room(const ClientSession& session);
-// Sends a chat text, and adds it to the picture: the server sends it only to the others.
+// Sends a chat text and adds it to the picture, because the server sends it only to the others.
 void session_say(ClientSession& session, std::string_view text);
 
-// Leaves the server, whatever it knows about us. The session can go on afterwards: it joins again.
+// Leaves the server, in any state. The session may continue: it then joins again.
 void session_leave(ClientSession& session);
 
 }  // namespace zol

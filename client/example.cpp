@@ -1,4 +1,4 @@
-// A bot made with this library: it joins, drives in circles, says what it hears, and leaves.
+// A bot made with this library: it joins, drives in circles, prints what it hears, and leaves.
 //   zolexample HOST[:PORT]
 
 #include <poll.h>

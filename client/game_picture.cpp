@@ -10,7 +10,7 @@ using enum ServerCommand;
 
 static constexpr std::uint32_t DAY_MINUTES = 24 * 60;
 
-// Nothing when the datagram is of another size: the server's are always whole.
+// Nothing when the datagram has another size: the server's datagrams are always complete.
 template <WireRecord Record>
 static std::optional<Record> whole_record_of(Datagram datagram) {
   if (datagram.size() != sizeof(Record)) return std::nullopt;
@@ -23,10 +23,10 @@ static void copy_text(std::array<char, width>& to, const char* from, std::size_t
   std::memcpy(to.data(), from, strnlen(from, std::min(from_width, width - 1)));
 }
 
-// What the datagrams say about a player. Some of them also show that it sits in a car or does not,
-// and that may be the only news of it: the datagram about getting in or out may have been lost.
+// Apply a datagram to a player. Some relays also show whether the player sits in a car. The
+// datagram about getting in or out may be lost, so the picture uses them.
 
-// A mark of entering is no news by itself, because players also enter again. Another name is.
+// The mark of an entry alone is no news, because players also enter again. Another name is.
 static void apply(PlayerPicture& player, const PlayerInfo& info) {
   std::array<char, NAME_WIDTH> name{};
   copy_text(name, info.name.data(), info.name.size());
@@ -85,7 +85,7 @@ static void apply(PlayerPicture& player, const PlayerDied& relay) {
   player.in_car = false;
 }
 
-// Returns the player that the datagram is about, null when it is about none.
+// Returns the player that the datagram is about, or null.
 template <WireRecord Record>
 static PlayerPicture* hear_about(GamePicture& picture, Datagram datagram) {
   const auto record = whole_record_of<Record>(datagram);
@@ -128,8 +128,8 @@ static void hear_left(GamePicture& picture, Datagram datagram, std::uint64_t now
   if (picture.pinkpanther == notice->slot) picture.pinkpanther = NOBODY;
 }
 
-// A relay that names no slot. Values that a player has already are a repeat. Of several players it
-// may be about any, so their records are asked for.
+// Applies a relay without a slot. If a player already has the values, the relay is a repeat. If it
+// may be about several players, the picture asks for their records.
 template <typename MayBe, typename Has, typename Take>
 static void hear_unnamed(GamePicture& picture, std::uint64_t now_ms, MayBe may_be, Has has,
                          Take take) {
@@ -183,8 +183,8 @@ static void hear_clock(GamePicture& picture, Datagram datagram, std::uint64_t no
   picture.clock_ms = now_ms;
 }
 
-// The slot it names belongs to another player when that one has joined last. Its record is then not
-// among those that follow, so it is noted to be here and asked for.
+// If the reply names another player's slot, that player joined last. Its record is not among those
+// that follow, so the picture adds the player and asks for the record.
 static void hear_entered(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   hear_clock<EnterGameReply>(picture, datagram, now_ms);
   const auto reply = whole_record_of<EnterGameReply>(datagram);
@@ -268,7 +268,7 @@ static bool is_in_doubt(const GamePicture& picture, const PlayerPicture& player,
   return player.is_here && !is_known && !was_asked_lately(player, now_ms);
 }
 
-// One of the slots that nothing was heard of, in turn.
+// The next one of the slots without any datagram so far, in turn.
 static Slot next_unknown(GamePicture& picture, std::uint64_t now_ms) {
   if (now_ms - picture.asked_unknown_ms < ASK_UNKNOWN_MS) return NO_SLOT;
   for (Slot tried = 0; tried < MAX_CLIENTS; ++tried) {
@@ -282,7 +282,7 @@ static Slot next_unknown(GamePicture& picture, std::uint64_t now_ms) {
   return NO_SLOT;
 }
 
-// The server does not answer a question about oneself.
+// The server does not answer a question about the asker.
 Slot next_question(GamePicture& picture, std::uint64_t now_ms) {
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     PlayerPicture& player = picture.players[slot];

@@ -1,4 +1,4 @@
-// Datagrams that wait to be sent to the server, oldest first. Used by one thread.
+// Datagrams to be sent to the server, oldest first. Used by one thread.
 #pragma once
 
 #include <array>
@@ -18,7 +18,7 @@ struct Outbox {
   std::size_t count = 0;
 };
 
-// A full outbox drops the datagram, as a network might.
+// A full outbox drops the datagram, as the network may.
 inline void outbox_add(Outbox& outbox, Datagram datagram) {
   if (outbox.count == OUTBOX_SIZE || datagram.size() > RECEIVE_BUFFER_SIZE) return;
   const std::size_t place = (outbox.first + outbox.count++) % OUTBOX_SIZE;
@@ -26,8 +26,8 @@ inline void outbox_add(Outbox& outbox, Datagram datagram) {
   outbox.sizes[place] = datagram.size();
 }
 
-// Takes the oldest datagram out; empty when none waits. Its bytes are valid until the next
-// outbox_add.
+// Removes and returns the oldest datagram; empty when the outbox is empty. Its bytes are valid
+// until the next outbox_add.
 inline Datagram outbox_take(Outbox& outbox) {
   if (outbox.count == 0) return {};
   const std::size_t place = outbox.first;

@@ -2,7 +2,7 @@
 
 namespace zol {
 
-// Sends while the session is in the game. Before that, the entry carries the state.
+// Sends while the session is in the game. Before that, the next entry carries the state.
 static void send_report(ClientSession& session, Datagram datagram) {
   OwnPlayer& own = session.own;
   if (!own.has_reported) own.repeat_due_ms = session.now_ms + REPEAT_MS;
@@ -97,7 +97,7 @@ void report_on_foot(ClientSession& session, FloatBits state_f1) {
 
 void report_death(ClientSession& session, std::uint8_t death_count) {
   session.own.death_count = death_count;
-  // It costs the role. Until the server says so, the role would hold up the repeats.
+  // A death costs the role. Until the server says so, the old role would delay the repeats.
   GamePicture& picture = session.picture;
   if (picture.pinkpanther == picture.own_slot) picture.pinkpanther = NOBODY;
   step_out(session);
@@ -174,8 +174,8 @@ static void repeat_unlogged(ClientSession& session) {
   outbox_add(outbox, car_status_of(own));
 }
 
-// The server answers CMD_CAR_STATE with the time of day: it has the car. After a death it answers
-// state floats likewise, so the answer proves nothing.
+// The server answers CMD_CAR_STATE with the time of day, which shows that it has the car. After a
+// death it also answers state floats so, and the answer shows nothing.
 void hear_clock_answer(ClientSession& session) {
   if (!session.own.death_count) session.own.ride = {.due_ms = session.now_ms + LOGGED_LATER_MS};
 }
@@ -184,8 +184,8 @@ void report_car_again(ClientSession& session) {
   if (session.own.in_car) outbox_add(session.outbox, car_state_of(session.own));
 }
 
-// A repeated death takes the player out of its car, so the car is reported after it, and later
-// repeats wait until the player is on foot. It would cost the PinkPanther its role.
+// A repeated death takes the player out of its car, so the client reports the car after it, and
+// later repeats wait until the player is on foot. It would cost the PinkPanther its role.
 static void repeat_death(ClientSession& session) {
   const OwnPlayer& own = session.own;
   const bool is_pinkpanther = session.picture.pinkpanther == session.picture.own_slot;
@@ -209,7 +209,7 @@ void repeat_own_state(ClientSession& session) {
   if (take_due(own.death, session.now_ms)) repeat_death(session);
 }
 
-// The entry has told the server everything except the deaths.
+// The entry has told the server everything but the deaths.
 void start_repeats_after_entry(ClientSession& session) {
   OwnPlayer& own = session.own;
   own.repeat_due_ms = session.now_ms + REPEAT_MS;

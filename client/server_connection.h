@@ -1,5 +1,5 @@
-// A client's UDP socket to one server, on POSIX systems. A socket and a batch are used by one
-// thread at a time.
+// A client's UDP socket to one server, on POSIX systems. Only one thread at a time may use a socket
+// or a batch.
 #pragma once
 
 #include <netinet/in.h>
@@ -18,22 +18,21 @@ namespace zol {
 inline constexpr std::uint16_t DEFAULT_PORT = 16'309;
 inline constexpr std::size_t RECEIVE_BATCH = 32;  // datagrams
 
-// Looks up HOST or HOST:PORT for an IPv4 address. False when there is none; complaint says why,
-// without a line feed.
+// Looks up the IPv4 address of HOST or HOST:PORT. On failure returns false with the reason in
+// complaint, without a line feed.
 bool resolve_server(std::string_view text, sockaddr_in& server, std::string& complaint);
 
-// A socket connected to the server, with room for bursts. -1 with errno set.
+// Opens a socket connected to the server, with large buffers. -1 with errno set.
 int open_client_socket(const sockaddr_in& server);
 
-// Sends one datagram; waits when the socket has no room. A send may fail by an error of an earlier
-// datagram (ECONNREFUSED, see udp(7)), which is reported once, so it is tried twice. False with
-// errno set.
+// Sends one datagram; waits while the send buffer is full. Tries twice, because the first try may
+// fail with the error of an earlier datagram (ECONNREFUSED, see udp(7)). False with errno set.
 bool send_datagram(int handle, Datagram datagram);
 
 // Sends what is in the outbox. A datagram that cannot be sent is lost.
 void send_outbox(int handle, Outbox& outbox);
 
-// The datagrams that one call has received. They point into the buffers, so a batch is not copied.
+// The datagrams received by one call. They point into the buffers, so a batch is not copied.
 struct Batch {
   std::array<std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>, RECEIVE_BATCH> buffers;
   std::array<Datagram, RECEIVE_BATCH> datagrams;
@@ -44,7 +43,7 @@ struct Batch {
   Batch& operator=(const Batch&) = delete;
 };
 
-// Takes what is there, up to this many datagrams. Never waits. None on an error.
+// Takes the datagrams that are waiting, up to this many. Never blocks. None on an error.
 void receive_batch(int handle, Batch& batch, std::size_t most = RECEIVE_BATCH);
 
 }  // namespace zol

@@ -21,7 +21,7 @@ void skip_rest_of_line(std::FILE* file) {
   for (int c = std::getc(file); c != EOF && !is_line_end(c);) c = std::getc(file);
 }
 
-// Line ends are part of a key: only '=' and the end of the file end one.
+// Line ends are part of a key: only '=' or the end of the file ends it.
 void read_key(std::FILE* file, int first, char (&key)[KEY_WIDTH]) {
   std::size_t length = 0;
   for (int c = first; c != EOF && c != '='; c = std::getc(file)) {
@@ -30,15 +30,15 @@ void read_key(std::FILE* file, int first, char (&key)[KEY_WIDTH]) {
   key[length] = '\0';
 }
 
-// Reads a number into the work integer, any other kind into the value. The limits apply to the
-// result: the number, or the length of a text.
+// Reads a number into the work integer, any other kind into the value. Returns what the limits
+// apply to: a number, or the length of a text.
 std::int32_t read_value(ConfigReader& reader, Kind kind) {
   if (kind == Kind::NUMBER || kind == Kind::GAME_TYPE) {
-    long number = 0;  // without digits, the work integer stays; a sign is consumed all the same
+    long number = 0;  // without digits the work integer stays; a sign is consumed
     if (std::fscanf(reader.file, "%ld", &number) == 1) reader.work_integer = clamp_to_int32(number);
     return reader.work_integer;
   }
-  static_assert(VALUE_WIDTH == 64);  // as in the formats
+  static_assert(VALUE_WIDTH == 64);  // the formats contain 63
   int length = 0;
   const char* format = kind == Kind::TEXT ? "%63[^#\r\n]%n" : "%63s%n";
   if (std::fscanf(reader.file, format, reader.value, &length) != 1) reader.value[0] = '\0';
@@ -81,8 +81,7 @@ void set_key(ConfigReader& reader, const ConfigKey& key) {
   if (key.field == server_config.WelcomeMessage) reader.print("%s \n", reader.value);
 }
 
-// Anything but a regular file counts as empty: a pipe may never be written to, a device may never
-// end.
+// A pipe or a device reads as empty: a pipe may never get data, and a device may never end.
 std::FILE* open_one(const char* name, void (*complain)(const char* name, const char* reason)) {
   const int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (handle == -1) {
@@ -106,7 +105,7 @@ const ConfigKey* key_named(const char* name) {
   return nullptr;
 }
 
-// An unknown key drops nothing but itself: its value becomes the beginning of the next key.
+// An unknown key loses only itself: its value becomes the beginning of the next key.
 bool read_setting(ConfigReader& reader) {
   for (int c = std::getc(reader.file); c != EOF; c = std::getc(reader.file)) {
     if (c == '#') {

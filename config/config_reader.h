@@ -1,5 +1,5 @@
 // The table of the settings, and the reader of the settings' file, one key at a time. config_load()
-// runs the reader to the end; zolcheck looks at each step. One thread uses it at a time.
+// reads the whole file; zolcheck checks each step. Only one thread may use a reader at a time.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@
 
 #include "config/server_config.h"
 
-// In bytes, the terminating NUL included. Longer keys and values are cut.
+// In bytes, including the terminating NUL. Longer keys and values are cut.
 inline constexpr std::size_t KEY_WIDTH = 64;
 inline constexpr std::size_t VALUE_WIDTH = 64;
 
@@ -18,7 +18,7 @@ struct ConfigKey {
   const char* name;
   Kind kind;
   void* field;         // in server_config; it holds the default until the file is read
-  std::size_t width;   // of the field in bytes; longer texts are cut, terminating NUL included
+  std::size_t width;   // of the field in bytes; longer texts are cut, for a terminating NUL
   std::int32_t least;  // of the number, or of a text's length
   std::int32_t most;
 };
@@ -51,20 +51,20 @@ inline std::int32_t number_in(const ConfigKey& key) {
 
 struct ConfigReader {
   std::FILE* file;
-  // As printf(3): where the server's own words about the settings go.
+  // Prints the server's messages about the settings, as printf(3).
   [[gnu::format(printf, 1, 2)]] void (*print)(const char* format, ...);
-  // Counts the characters that are kept of a text value, and receives numbers. It is never reset
-  // between lines: where no number can be read, the last count or number stands in for it.
+  // The last number, or the number of characters read of the last text value. It is never reset: a
+  // line without a number gets this value.
   std::int32_t work_integer = 0;
   char value[VALUE_WIDTH] = "";
-  long key_offset = 0;               // of the first byte of the last key, in the file
+  long key_offset = 0;               // in the file, of the first byte of the last key
   const ConfigKey* known = nullptr;  // the row of that key; null when there is none
-  bool is_taken = false;             // the value of a known key is allowed
+  bool is_taken = false;             // the value of a known key is within its limits
 };
 
-// Opens "zolserver.cfg", or else "zolserver.conf"; returns null when neither can be opened. What is
-// there and is not a file that can be read is complained of. One that is no file reads as empty.
+// Opens "zolserver.cfg", or else "zolserver.conf"; null when neither can be opened. Complains about
+// an entry that cannot be read or is not a regular file. The latter reads as empty.
 std::FILE* open_settings(void (*complain)(const char* name, const char* reason));
 
-// Reads the next key with its value, into server_config. False at the end of the file.
+// Reads the next key with its value into server_config. False at the end of the file.
 bool read_setting(ConfigReader& reader);

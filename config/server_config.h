@@ -1,7 +1,7 @@
-// The server's settings, and the reader of the file that sets them.
+// The server's settings, and the function that reads their file.
 //
-// config_load writes the record before any other thread exists. It never changes afterwards, so
-// every thread may read it.
+// config_load writes the record before any other thread exists. The record never changes
+// afterwards, so every thread may read it.
 #pragma once
 
 #include "server/protocol.h"
@@ -11,10 +11,10 @@ using namespace zol;
 inline constexpr std::int32_t MIN_CLIENTS = 2;  // to MAX_CLIENTS
 
 struct ServerConfig {
-  std::int32_t maxClients = 16;     // MIN_CLIENTS to MAX_CLIENTS: slots that are given to players
+  std::int32_t maxClients = 16;     // slots for players, MIN_CLIENTS to MAX_CLIENTS
   std::uint8_t AnnounceServer = 0;  // 1: listed on the master server
   std::uint8_t GameType = DEATHMATCH;
-  char Port[26] = "16309";  // as written; the socket layer turns it into a number
+  char Port[26] = "16309";  // as written; port_to_bind converts it
   char ServerName[32] = "Unnamed Server";
   char WelcomeMessage[64] = "Welcome to this Harn Tor Multiplayer Server - have fun";
 };
@@ -22,5 +22,5 @@ struct ServerConfig {
 inline constinit ServerConfig server_config;
 
 // Reads "zolserver.cfg", or else "zolserver.conf", in the working directory into server_config and
-// prints what it has to say about it. A missing file or a bad value keeps what is there.
+// prints messages about it. A setting without a valid value keeps its value.
 void config_load();

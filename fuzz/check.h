@@ -1,4 +1,4 @@
-// What the fuzz targets share.
+// Shared by the fuzz targets.
 #pragma once
 
 #include <algorithm>
@@ -7,17 +7,17 @@
 #include <cstdlib>
 #include <span>
 
-// A broken promise of the server ends the run; the fuzzer keeps the input.
+// A failed check ends the run, and the fuzzer keeps the input.
 inline void check(bool holds, const char* promise) {
   if (!holds) std::fprintf(stderr, "broken: %s\n", promise), std::abort();
 }
 
-// The input from the front, byte by byte; zeros when it is used up.
+// Reads the input from the front, byte by byte; returns zeros after its end.
 struct Input {
   const std::uint8_t* bytes;
   std::size_t left;
   std::uint8_t next() { return left == 0 ? 0 : (--left, *bytes++); }
-  // At most so many of the bytes that are left.
+  // The next bytes, at most this many.
   std::span<const std::uint8_t> take(std::size_t most) {
     const std::span<const std::uint8_t> taken(bytes, std::min(most, left));
     bytes += taken.size();

@@ -1,5 +1,5 @@
-"""Writes inputs for a fuzz target to start from: the sessions, configurations and queries of the
-tests, in the formats that the targets read.
+"""Writes the first inputs of a fuzz target: the sessions, configurations and queries of the tests, in
+the formats that the targets read.
 
 Usage: corpus.py TARGET FOLDER"""
 
@@ -11,7 +11,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 DATAGRAM, PASS, RESELECT, WAIT = range(4)  # events of fuzz_game
 JOIN, ENTER = 10, 15
 SENDERS = [number for number in range(40) if number % 10 != 0]
-OWN_VERSION = 160  # added to a sender's number, leaves a join's version as it is
+OWN_VERSION = 160  # added to a sender's number: keeps the version in its join
 WELCOME, ENTERED = b"\x11" + bytes(66), b"\x10" + bytes(3)
 
 DOCUMENT = (ROOT / "docs/protocol.md").read_text()
@@ -43,7 +43,7 @@ def names_of(word):
 
 
 def sessions():
-    """The steps of each server of the sessions: a word, and the rest of its line."""
+    """The steps for each server in the sessions: a word, and the rest of its line."""
     for file in sorted((ROOT / "tests/sessions").glob("*.session")):
         lets = {}
         steps = []
@@ -92,7 +92,7 @@ def game_inputs():
 
 
 def client_inputs():
-    """What each player of the sessions gets, after the two datagrams that let a client in."""
+    """The datagrams to each player of the sessions, after the two that let a client in."""
     for steps in sessions():
         told = {}
         for word, rest in steps:

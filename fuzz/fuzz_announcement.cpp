@@ -1,5 +1,5 @@
-// Any query of a server's request to the list: what is taken from it must be fit to be stored and
-// shown.
+// Any query of a server's request to the list: the announcement read from it must be fit to be
+// stored and shown.
 
 #include "fuzz/check.h"
 #include "listing/announcement.h"

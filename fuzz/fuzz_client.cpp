@@ -1,4 +1,4 @@
-// Any datagrams at any time, to a client in any state: what it sends and shows must stay sensible.
+// Any datagrams at any time, to a client in any state: what it sends and shows must stay valid.
 
 #include <cmath>
 
@@ -44,7 +44,7 @@ static void report_anything(ClientSession& session, unsigned choice) {
   }
 }
 
-// What leaves must never be empty: the server would take it for the datagram before.
+// It must never send an empty datagram, which the server would read as the previous datagram.
 static void check_outbox(ClientSession& session) {
   while (session.outbox.count > 0) {
     const Datagram datagram = outbox_take(session.outbox);

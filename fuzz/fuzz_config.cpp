@@ -1,4 +1,4 @@
-// Any text as the configuration file: what comes out is a configuration that the server can run on.
+// Any text as the configuration file: the server must be able to run with the result.
 
 #include <cstring>
 #include <string>

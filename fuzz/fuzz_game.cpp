@@ -1,6 +1,6 @@
-// Players who do what they like, in any order and at any time: datagrams through the real dispatch,
-// passes of the ping thread and the announcer's request for a PinkPanther. Behind every event the
-// table must be consistent, and what went out must have gone to the right players.
+// Players that do anything, in any order and at any time: datagrams through the real dispatch,
+// passes of the ping thread, and the announce thread's request for a PinkPanther. After every event
+// the table must be consistent, and all datagrams must have gone to the right players.
 
 #include <sys/socket.h>
 
@@ -18,8 +18,8 @@
 #include "server/server_state.h"
 #include "tests/fake_clock.h"
 
-using Players = std::uint64_t;  // one bit a sender, however they come to the table
-static std::vector<std::pair<Players, ServerCommand>> sent;  // to whom, and its code
+using Players = std::uint64_t;                               // one bit for each sender
+static std::vector<std::pair<Players, ServerCommand>> sent;  // receivers and code
 
 static const std::vector<std::uint8_t> commands = [] {
   std::vector<std::uint8_t> codes(256);
@@ -33,7 +33,7 @@ constexpr ServerCommand ANSWERS[] = {
     CMD_NOT_IN_CAR,        CMD_PLAYER_STATE,         CMD_GAME_CLOCK};
 constexpr ServerCommand TO_BOTH[] = {CMD_PLAYER_INFO, CMD_PINKPANTHER};
 
-// Four senders share an address, ten a port. The address of zeros is nobody's.
+// Four senders share an address, ten share a port. Nobody has the address of zeros.
 static Players bit_of(const sockaddr_in& address) {
   return Players{1} << (address.sin_addr.s_addr + 10U * address.sin_port);
 }
@@ -63,7 +63,7 @@ static void check_table() {
   check(player_count == count_used_slots(), "player_count is the number of slots in use");
 }
 
-// Answers go to the sender alone, relays to players in the game and not to the sender.
+// Answers go only to the sender, relays to players in the game except the sender.
 static void check_sent(Players sender, Players others) {
   for (const auto& [to, code] : sent) {
     const bool is_answer = std::ranges::count(ANSWERS, code) == 1;
@@ -83,8 +83,8 @@ static void run_event(const sockaddr_in& from, Event event) {
   check_table();
 }
 
-// A size of 255 makes it an empty one, which leaves the buffer as it is. Our version stands in it
-// unless the sender's upper bit is set.
+// A size of 255 means an empty datagram, which leaves the buffer unchanged. The buffer contains our
+// version unless the sender's upper bit is set.
 static void receive(Input& input, std::uint8_t code) {
   const std::uint8_t number = input.next();
   const std::size_t received = (input.next() + 1U) % receive_buffer.size();
@@ -100,13 +100,13 @@ static void receive(Input& input, std::uint8_t code) {
   });
 }
 
-// corpus.py writes the first four kinds.
+// The first four kinds are those of corpus.py.
 static void take_event(Input& input) {
   const std::size_t kind = input.next() % (commands.size() + 6);
   if (kind >= 6) return receive(input, commands[kind - 6]);
   if (kind == 0) return receive(input, input.next());
   if (kind == 1) return run_event({}, ping_pass);
-  if (kind == 2) pinkpanther_reselect = server_config.GameType;  // as the announcer does
+  if (kind == 2) pinkpanther_reselect = server_config.GameType;  // as the announce thread does
   if (kind > 2) fake_now_ms += input.next() * 1000U;
 }
 
@@ -118,7 +118,7 @@ static void start_over(Input& input) {
 
 extern "C" ssize_t __wrap_sendto(int /*handle*/, const void* bytes, std::size_t size, int flags,
                                  const void* to, socklen_t /*length*/) {
-  if (flags != 0) return 0;  // the look-up of a route
+  if (flags != 0) return 0;  // the route look-up
   sent.push_back(
       {bit_of(*static_cast<const sockaddr_in*>(to)), *static_cast<const ServerCommand*>(bytes)});
   return static_cast<ssize_t>(size);

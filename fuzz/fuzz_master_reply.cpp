@@ -1,4 +1,4 @@
-// Any reply of a master server in any pieces: the first one decides.
+// Any reply of a master server, in any pieces: only the first piece counts.
 
 #include <algorithm>
 #include <string>
@@ -11,7 +11,7 @@
 constinit const char* const MASTER_HOST = "192.0.2.1";
 constinit const char* const MASTER_SERVICE = "80";
 
-static std::string reply, rest;  // the first piece, and what the server must never look at
+static std::string reply, rest;  // the first piece, and what the server must never read
 
 static int verdict() {
   const std::size_t marker = reply.find("  \r\n");
@@ -19,7 +19,7 @@ static int verdict() {
   return static_cast<std::int8_t>(reply.c_str()[marker + 4] - '0');
 }
 
-// In place of the socket layer's.
+// Replaces the function of the socket layer.
 int tcp_connect(const char* /*host*/, const char* /*service*/) {
   return 1000;
 }
@@ -28,7 +28,7 @@ int tcp_write(int /*handle*/, const void* /*bytes*/, unsigned length) {
   return static_cast<int>(length);
 }
 
-// What lies behind the bytes read is as misleading as can be: it may complete a marker.
+// The bytes after the read ones are the most misleading: they may complete a marker.
 int tcp_read(int /*handle*/, void* buffer, unsigned length) {
   check(reply.size() <= length && length <= 512, "one read of 512 bytes");
   std::copy_n((reply + rest + std::string(length, ' ')).begin(), length,

@@ -7,10 +7,10 @@
 #include "util/assertion.h"
 #include "util/number.h"
 
-// Room for one entry of a database with all its names, in bytes. More counts as not found.
+// Bytes for one database entry with all its names. A larger entry counts as not found.
 static constexpr std::size_t ENTRY_SIZE = 8192;
 
-// The port of a service in host byte order; none when the services database has none.
+// The port of a service in host byte order; none when the services database does not have it.
 static std::optional<std::uint16_t> find_service_port(const char* service, const char* protocol) {
   servent entry{};
   servent* found = nullptr;
@@ -33,7 +33,7 @@ static std::uint16_t number_as_port(const char* text) {
   return static_cast<std::uint16_t>(text_to_int32(text));
 }
 
-// A known service is taken as it is, only a number is tested.
+// Uses the port of a known service unchecked; only a number is tested.
 std::optional<in_port_t> port_to_bind(const char* service, const char* protocol) {
   const std::int64_t offset = socket_layer_state.port_offset;
   const std::optional<std::uint16_t> known = find_service_port(service, protocol);
@@ -63,7 +63,7 @@ int resolve_endpoint(const char* host, const char* service, const char* protocol
   *endpoint = {AF_INET, htons(known.value_or(number_as_port(service))), {}, {}};
 
   if (!is_text(host)) host = "127.0.0.1";
-  // inet_addr(3) returns the address of all ones for "no address", so that is looked up as a name.
+  // inet_addr(3) returns 255.255.255.255 for an error, so that address is looked up as a name.
   endpoint->sin_addr.s_addr = inet_addr(host);
   if (endpoint->sin_addr.s_addr != INADDR_NONE) return 0;
   return look_up_host(host, endpoint->sin_addr) ? 0 : fail(SOCKERR_BAD_HOST);

@@ -1,5 +1,5 @@
-// What the UDP and the TCP side of the socket layer share. Nothing outside this folder and the
-// tests includes this header.
+// State and functions that both sides of the socket layer, UDP and TCP, share. Only this folder and
+// the tests include this header.
 #pragma once
 
 #include <sys/types.h>
@@ -11,8 +11,8 @@
 
 inline constexpr const char* SFLSOCK_MODULE = "sflsock";
 
-// Any thread may open a connection, so what that writes is atomic. All else is written while the
-// main thread is alone.
+// Any thread may open a connection, so the fields that this changes are atomic. The other fields
+// change only before other threads exist.
 struct SocketLayerState {
   std::int32_t port_offset = 0;    // added to every port that is bound by service text
   std::int16_t nonblocking = 1;    // non-zero: no socket of the layer blocks
@@ -27,22 +27,22 @@ static_assert(std::atomic<SocketError>::is_always_lock_free);
 
 inline constinit SocketLayerState socket_layer_state;
 
-// A bound socket for the service and protocol ("udp" or "tcp", which also listens), or -1 with the
-// last error set. A socket that could not be bound stays open: the server ends on that failure.
+// Opens a bound socket for "udp", or for "tcp" one that also listens. -1 with the last error set. A
+// socket that could not be bound stays open: the server ends after that failure.
 int open_bound_socket(const char* service, const char* protocol, int backlog);
 
-// An unbound socket: datagram for exactly "udp", stream for every other protocol; -1 with the last
-// error set.
+// Opens an unbound socket: datagram for exactly "udp", stream for every other protocol. -1 with the
+// last error set.
 int new_inet_socket(const char* protocol);
 
-// Keeps the error as the last one; -1, for the caller to return.
+// Stores the last error. Returns -1.
 int fail(SocketError error);
 
 inline const sockaddr* generic(const sockaddr_in* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
 
-// None when the protocols database does not know it.
+// None when the protocols database does not contain it.
 std::optional<int> find_protocol_number(const char* protocol);
 
 // Fills endpoint from a host and a service as tcp_connect takes them; an unknown service without
@@ -50,12 +50,12 @@ std::optional<int> find_protocol_number(const char* protocol);
 int resolve_endpoint(const char* host, const char* service, const char* protocol,
                      sockaddr_in* endpoint);
 
-// Connects to host and service, or without a service to the ready endpoint, in up to attempts (at
-// least 1) attempts with a pause in seconds in between. The handle, or -1 with the last error set.
+// Connects to host and service, or, without a service, to the given endpoint. Makes up to attempts
+// (at least 1) attempts, pause seconds apart. Returns the handle, or -1 with the last error set.
 int connect_with_retries(const char* host, const char* service, const char* protocol,
                          const sockaddr_in* ready, int attempts, unsigned pause_s);
 
-// seteuid(2) to the user the process was started as, and back to its real user. The first use of
-// either keeps both ids.
+// seteuid(2) to the user that started the process, and back to its real user. The first call of
+// either stores both ids.
 int raise_privileges();
 int drop_privileges();

@@ -20,7 +20,7 @@ int connect_with_retries(const char* host, const char* service, const char* prot
   for (int left = attempts; left > 0; --left) {
     const int handle = new_inet_socket(protocol);
     if (handle == -1) return -1;
-    // The socket does not block, so a connection under way counts as made.
+    // The socket does not block, so a connection in progress counts as connected.
     const int result = connect(handle, generic(&endpoint), sizeof endpoint);
     if (result == 0 || errno == EINPROGRESS) return handle;
     socket_close(handle);
@@ -38,7 +38,7 @@ int tcp_read(int handle, void* buffer, unsigned length) {
   return static_cast<int>(read(handle, buffer, length));
 }
 
-// As write(2), but a connection that the other side has ended is an error and not a signal.
+// As write(2), but a connection that the other side has closed is an error, not a signal.
 int tcp_write(int handle, const void* buffer, unsigned length) {
   return static_cast<int>(send(handle, buffer, length, MSG_NOSIGNAL));
 }

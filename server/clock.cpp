@@ -11,11 +11,11 @@
 #include <ctime>
 #include <thread>
 
-// More than any machine's uptime, in seconds. It keeps the sums below within 64 bits.
+// In seconds, more than the uptime of any machine. It keeps the sums below within 64 bits.
 static constexpr double MAX_UPTIME = 1e12;
 
-// The machine's uptime in seconds, -1 when it cannot be read. proc(5) gives the file as one line of
-// two decimal numbers; one read(2) takes it whole.
+// The machine's uptime in seconds, -1 when it cannot be read. The file is one line of two decimal
+// numbers (proc(5)); one read(2) returns all of it.
 static double read_uptime_file() {
   char text[64];
   const int file = open("/proc/uptime", O_RDONLY | O_CLOEXEC);
@@ -25,23 +25,24 @@ static double read_uptime_file() {
   if (length <= 0) return -1;
   text[length] = '\0';
   const double seconds = std::strtod(text, nullptr);
-  return seconds >= 0 && seconds <= MAX_UPTIME ? seconds : -1;  // not for NaN
+  return seconds >= 0 && seconds <= MAX_UPTIME ? seconds : -1;  // rejects NaN
 }
 
 static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");
 
-// Goes through 64 bits, because a direct conversion beyond 2^32 ms would be undefined. The double
-// is so close to the file's two decimals that it rounds to the same float as their text.
+// Converts through 64 bits, because a direct conversion of 2^32 ms or more is undefined. The double
+// is so close to the file's decimals that both round to the same float.
 std::uint32_t seconds_to_ms(double seconds) {
   const float milliseconds = static_cast<float>(seconds) * 1000.0F;
   return static_cast<std::uint32_t>(static_cast<std::int64_t>(milliseconds));
 }
 
-// What the file is ahead of the kernel's boot clock, in hundredths of a second. In a container that
-// hides how long the machine has run the two differ.
+// How far /proc/uptime is ahead of CLOCK_BOOTTIME, in hundredths of a second. They differ in a
+// container that hides the machine's uptime.
 static constinit std::atomic<std::int64_t> file_ahead = 0;
 
-// Where the file cannot be read, for want of a descriptor say, time goes on from its last reading.
+// When /proc/uptime cannot be read, for example because no file descriptor is free, the time
+// continues from the last reading.
 std::uint32_t uptime_ms() {
   const double shown = read_uptime_file();
   timespec now{};

@@ -1,4 +1,4 @@
-// From the command code of a datagram to its handler.
+// Finds the handler of a datagram by its command code.
 #pragma once
 
 #include "server/handlers.h"
@@ -6,6 +6,6 @@
 // Whether the server understands this code. Any thread.
 bool is_command(std::uint8_t code);
 
-// Handles one received datagram whole: its handler, or the line about an unknown code, and then
-// the PinkPanther step. Senders without a slot reach the join alone. Main thread.
+// Calls the handler of a datagram, or prints a line about an unknown code. Then runs the
+// PinkPanther step, except after a join. A sender without a slot can only join. Main thread.
 void dispatch_datagram(const ReceivedDatagram& datagram);

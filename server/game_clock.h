@@ -7,8 +7,8 @@
 
 using namespace zol;
 
-// The time since server_start_ms; hour and minute each read the clock anew. Any thread.
+// The time since server_start_ms. Hour and minute are separate clock readings. Any thread.
 GameClock game_clock();
 
-// The answer that some commands give their sender.
+// Sends the time of day as the answer to a command.
 void send_game_clock(const sockaddr_in& destination);

@@ -1,6 +1,6 @@
-// A received datagram, and one function for each command, all on the main thread. A handler gets
-// the slot of the sender; only the join is also called for a stranger, with NO_SLOT. A handler
-// reads its fixed offsets whatever the length of the datagram, and stores before it relays.
+// A received datagram, and one handler for each command, all on the main thread. A handler gets the
+// slot of the sender; only handle_join is also called without one, with NO_SLOT. A handler reads
+// fixed offsets even in a short datagram, and stores before it relays.
 #pragma once
 
 #include <netinet/in.h>
@@ -10,14 +10,14 @@
 using namespace zol;
 
 struct ReceivedDatagram {
-  // The receive buffer: behind the received bytes lie those of earlier datagrams.
+  // The receive buffer. The bytes after the received ones are from earlier datagrams.
   const std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>& bytes;
-  std::size_t received;  // bytes; only the chat looks at it
+  std::size_t received;  // bytes; only handle_chat uses it
   sockaddr_in sender;
 };
 
-// membership.cpp; the last one is the end of all ways out of a slot. By the thread that put the
-// slot into LEAVING: tells everyone in the game that the player has left, and makes the slot FREE.
+// membership.cpp. The thread that changes a seat to LEAVING calls finish_leaving, which tells
+// everyone in the game that the player has left, and makes the slot FREE.
 void handle_join(Slot slot, const ReceivedDatagram& datagram);
 void handle_leave(Slot slot, const ReceivedDatagram& datagram);
 void finish_leaving(Slot slot);

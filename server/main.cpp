@@ -1,4 +1,4 @@
-// The server from its start to its stop, in order.
+// Starts, runs and stops the server.
 
 #include <cstdio>
 #include <cstdlib>

@@ -10,7 +10,7 @@
 #include "server/stop_signals.h"
 #include "util/console.h"
 
-// After any error but "nothing waits", so that one that stays cannot take the processor.
+// Pause after every error except EAGAIN: a persistent error must not spin the processor.
 static constexpr std::uint32_t ERROR_PAUSE_US = 50;
 
 bool drain_socket() {

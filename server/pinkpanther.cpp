@@ -15,7 +15,7 @@ static PinkPanther pinkpanther_notice() {
   return {.slot = pinkpanther_slot == NO_SLOT ? NOBODY : pinkpanther_slot};
 }
 
-// Whatever the game type.
+// In any game type.
 void ask_for_pinkpanther_after_join() {
   if (player_count > 1 && pinkpanther_slot == NO_SLOT) pinkpanther_reselect = 1;
 }
@@ -26,8 +26,8 @@ void give_up_pinkpanther(PlayerSlot& player) {
   player.is_pinkpanther = 0;
 }
 
-// reselect is read before since: the main thread clears it after a choice, and sets since before.
-// In the other order this could read the time from before a choice and the flag from after it.
+// Reads reselect before since. The main thread sets since and then clears reselect, so the other
+// order could combine the old time with the cleared flag.
 void rotate_pinkpanther(std::uint32_t now) {
   if (is_played() && pinkpanther_reselect == 0 && ms_between(pinkpanther_since, now) > TERM_MS &&
       player_count > 1) {
@@ -40,7 +40,7 @@ void restart_pinkpanther() {
   pinkpanther_reselect = is_played() ? 1 : 0;
 }
 
-// A player who has not entered the game may be chosen, and the holder again when it is alone.
+// The choice includes players that have not entered the game.
 void run_pinkpanther_step() {
   if (!is_played() || pinkpanther_reselect == 0) return;
   const Slot candidate = next_used_slot(pinkpanther_slot);

@@ -24,8 +24,8 @@ std::int32_t count_used_slots() {
   return count;
 }
 
-// A flat scan on purpose, here and below: 32 slots need no index that could get out of step. A FREE
-// slot keeps its address, so only a used one can match.
+// A linear scan: 32 slots need no index that may become inconsistent. A FREE slot keeps its
+// address, so only a used slot can match.
 Slot find_slot_by_address(const sockaddr_in& address) {
   const Endpoint wanted = endpoint_of(address);
   for (Slot slot = 0; slot < slots_in_play(); ++slot) {
@@ -71,7 +71,7 @@ bool change_used_seat(PlayerSlot& player, SeatState state) {
   return is_used(seen) && change_seat(player, seen, state);
 }
 
-// The order counts: the seat is looked at again after the address was read.
+// Compares the seat after reading the address: a join may have replaced the address before.
 bool read_address(const PlayerSlot& player, Seat seen, sockaddr_in& address) {
   address = socket_address_of(player.address);
   return player.seat.load() == seen;

@@ -1,20 +1,20 @@
-// The players: a fixed table of 32 slots, the life of a slot, and the look-ups.
+// The players: a fixed table of 32 slots, the states of a slot, and the look-ups.
 //
-// Threads share the table without a lock. Of a slot:
-//   seat            any thread reads and changes it; a change is made by compare-exchange
+// Threads share the table without a lock. The fields of a slot:
+//   seat            any thread reads it, and changes it by compare-exchange
 //   address         the main thread writes it while the seat is FREE; any thread reads it
 //   name            the main thread writes it while the seat is FREE; the ping thread reads it
 //                   while it holds the seat in LEAVING
-//   is_pinkpanther  the main thread writes it, and the announce thread clears it once
-//   last_heard      the main thread writes it, the ping thread reads it
-//   ping_sent       the ping thread's alone
-//   all else        the main thread's alone
+//   is_pinkpanther  the main thread writes it; the announce thread clears it once
+//   last_heard      the main thread writes it; the ping thread reads it
+//   ping_sent       only the ping thread
+//   other fields    only the main thread
 //
-// Known races: a player that times out while the main thread handles its datagram may still have
-// that datagram stored, answered and relayed; sending.h says how the others learn that it has left.
-// An answer to a ping comes too late once the ping thread has found its player silent. A
-// PinkPanther who is chosen at the moment of its time-out keeps the role until the next choice, and
-// one who is chosen while the announce thread clears the flags loses its flag until then.
+// Known races: a datagram that is being handled while its player times out may still be stored,
+// answered and relayed; sending.h says how the others learn that the player has left. A ping reply
+// is too late once the ping thread has decided on the time-out. A PinkPanther chosen at the moment
+// of its time-out keeps the role until the next choice. One chosen while the announce thread clears
+// the flags has no flag until the next choice.
 #pragma once
 
 #include <netinet/in.h>
@@ -29,15 +29,15 @@ enum class SeatState : std::uint32_t {
   FREE,     // a join may take the slot
   JOINED,   // a player has the slot and has not entered the game
   IN_GAME,  // a player has the slot and gets broadcasts and pings
-  LEAVING,  // its player is gone, and the thread that says so tells the others: no look-up finds
-            // the player any more, no join can take the slot yet
+  LEAVING,  // the player has left, and one thread is telling the others: look-ups skip the slot,
+            // and a join cannot take it yet
 };
 
-// Who has a slot, in one word. Whoever decides something about a player acts on the seat that it
-// saw: when the player has left meanwhile, the tenancy or the state differs, and the act fails.
-struct alignas(8) Seat {  // aligned as the processor wants it for one access
+// The state and the tenancy of a slot, in one word. A thread acts on the seat that it has read: if
+// the player has left since, the seat differs, and change_seat fails.
+struct alignas(8) Seat {  // aligned for one atomic access
   SeatState state = SeatState::FREE;
-  std::uint32_t tenancy = 0;  // counts the players who have had the slot
+  std::uint32_t tenancy = 0;  // counts the players that have had the slot
 
   bool operator==(const Seat&) const = default;
 };
@@ -54,21 +54,21 @@ struct alignas(8) Endpoint {
 static_assert(std::atomic<Seat>::is_always_lock_free);
 static_assert(std::atomic<Endpoint>::is_always_lock_free);
 
-// A slot that becomes FREE keeps all its other values. A join writes address, name, in_car,
-// death_count, has_died and last_heard, and leaves the rest as the last player left it, the
-// PinkPanther's flag included.
+// A slot that becomes FREE keeps its other values. A join writes address, name, in_car,
+// death_count, has_died and last_heard. The other fields, also is_pinkpanther, keep the last
+// player's values.
 struct PlayerSlot {
   std::atomic<Seat> seat;
   std::atomic<Endpoint> address;
   char name[NAME_WIDTH];     // ends with NUL
   PlayerState state;         // as reported, unused bytes zero
-  CarState car;              // likewise; it outlives the ride
+  CarState car;              // as reported, unused bytes zero; kept after the ride
   std::uint8_t in_car;       // non-zero: the player sits in car
-  std::uint8_t death_count;  // as the client counts
-  std::uint8_t has_died;     // 1: since the join
+  std::uint8_t death_count;  // as the client reported it
+  std::uint8_t has_died;     // 1: it has died since its join
   std::atomic<std::uint8_t> is_pinkpanther;
-  std::uint32_t ping_sent;                // uptime_ms of the first ping after the last sign of life
-  std::atomic<std::uint32_t> last_heard;  // uptime_ms; a join sets it 60000 ahead
+  std::uint32_t ping_sent;                // uptime_ms of the first ping after last_heard
+  std::atomic<std::uint32_t> last_heard;  // uptime_ms; a join sets it 60000 ms ahead
 };
 
 using PlayerTable = std::array<PlayerSlot, MAX_CLIENTS>;
@@ -76,33 +76,35 @@ inline constinit PlayerTable player_table{};
 
 sockaddr_in socket_address_of(const Endpoint& endpoint);
 
-Slot slots_in_play();             // those that are given to players, from 0 on; any thread
+Slot slots_in_play();             // maxClients: joins use only the slots below it; any thread
 bool is_used(const Seat& seat);   // JOINED or IN_GAME: the slot has a player
 std::int32_t count_used_slots();  // below maxClients; any thread
 
-// The player at this IPv4 address and port, NO_SLOT for none. Main thread.
+// The slot of the player at this IPv4 address and port; NO_SLOT when there is none. Main thread.
 Slot find_slot_by_address(const sockaddr_in& address);
 
-// The lowest slot that a join may take, NO_SLOT for none. Main thread.
+// The lowest slot that a join may take; NO_SLOT when there is none. Main thread.
 Slot find_free_slot();
 
-// The next slot with a player, in slot order, around the end of the table and up to the slot
-// itself; from slot 0 on for NO_SLOT. NO_SLOT when there is none. Looks at all 32. Main thread.
+// The next slot after this one that has a player, in slot order with wrap-around; the slot itself
+// comes last. NO_SLOT starts at slot 0. Returns NO_SLOT when none of the 32 slots has a player.
+// Main thread.
 Slot next_used_slot(Slot slot);
 
-// As reported, but for the unused bytes, which become zero. Main thread.
+// Stores the reported car with its unused bytes set to zero. Main thread.
 void store_car(PlayerSlot& player, const CarState& car);
 
-// From FREE to JOINED, with this address; all else must have been written before. Main thread.
+// Stores the address and changes the seat from FREE to JOINED. Write the other fields before. Main
+// thread.
 void take_seat(PlayerSlot& player, const sockaddr_in& address);
 
-// The seat moves on from what was seen to another state. False when it has changed since: then
-// nothing was done. Any thread.
+// Changes the state of the seat that was seen. Returns false and changes nothing when the seat has
+// changed since. Any thread.
 bool change_seat(PlayerSlot& player, Seat seen, SeatState state);
 
-// From JOINED or IN_GAME to another state. False when the player is gone. Main thread, since no
-// other can seat someone else meanwhile.
+// Changes the seat from JOINED or IN_GAME. False when the player has left. Main thread: no join can
+// give the slot to a new player meanwhile.
 bool change_used_seat(PlayerSlot& player, SeatState state);
 
-// The address of the player seen in this seat. False when the seat has changed since. Any thread.
+// Reads the address of the seat that was seen. False when the seat has changed. Any thread.
 bool read_address(const PlayerSlot& player, Seat seen, sockaddr_in& address);

@@ -1,4 +1,4 @@
-// Entering the game, answering pings, and asking what the server knows of a player.
+// Entering the game, ping replies, and questions about a player.
 
 #include <algorithm>
 #include <optional>
@@ -12,7 +12,6 @@
 #include "server/sending.h"
 #include "server/server_state.h"
 
-// The sign of life that keeps a player from timing out.
 void handle_ping_reply(Slot slot, const ReceivedDatagram& /*datagram*/) {
   player_table[slot].last_heard = uptime_ms();
 }
@@ -36,7 +35,7 @@ static PlayerInfo player_info_of(Slot slot, bool just_entered) {
   return info;
 }
 
-// The newcomer gets the record of every joined player, in the game or not.
+// Sends the record of every joined player, whether or not it is in the game.
 static void send_all_records(const sockaddr_in& newcomer) {
   for (Slot slot = 0; slot < slots_in_play(); ++slot) {
     const Seat seat = player_table[slot].seat;
@@ -45,8 +44,8 @@ static void send_all_records(const sockaddr_in& newcomer) {
   }
 }
 
-// The time-stamp, the slot in the reply and the record left out go by last_join_slot, not by the
-// sender's own slot. They differ when someone else has asked to join since the sender did.
+// The slot of the time-stamp, of the reply and of the record left out is last_join_slot. It differs
+// from the sender's slot when another player has asked to join since.
 void handle_enter_game(Slot slot, const ReceivedDatagram& datagram) {
   store_report(player_table[slot], datagram);
   if (last_join_slot != NO_SLOT) player_table[last_join_slot].last_heard = uptime_ms();
@@ -63,8 +62,7 @@ void handle_enter_game(Slot slot, const ReceivedDatagram& datagram) {
   tell_newcomer_of_pinkpanther(datagram.sender);
 }
 
-// The server answers only about other players in the game. The seat of the one asked about, if it
-// is such a player.
+// The seat of the target, if the server may answer about it: another player in the game.
 static std::optional<Seat> seat_asked_about(Slot asker, Slot target) {
   if (target >= server_config.maxClients || target == asker) return std::nullopt;
   const Seat seat = player_table[target].seat;

@@ -1,13 +1,12 @@
 // The protocol, version 40: every command code and every datagram, and nothing else.
 //
-// One datagram is one message. Its first byte is the command code, its fields lie at fixed offsets,
-// multi-byte values are little-endian. Three codes (41, 43, 60) mean one thing from client to
-// server and another from server to client.
+// One datagram is one message. Its first byte is the command code; its fields are at fixed offsets;
+// multi-byte values are little-endian. Codes 41, 43 and 60 have another meaning in each direction.
 //
-// A record below is a datagram byte for byte: its size and that it has no padding are asserted,
-// bytes that carry nothing are named unused, and a record that is built here starts complete, code
-// included, with every other byte zero. Floats are 32-bit patterns: the server never computes with
-// a client's float, so every bit of it, signalling NaNs included, comes out as it went in.
+// The layout of a record in memory is its layout on the wire. Assertions check its size and that it
+// has no padding. Bytes without a meaning are named unused. A default-constructed record has its
+// code, and zeros elsewhere except in PinkPanther. Floats are 32-bit patterns: the server never
+// computes with a client's float, so it relays every bit unchanged, signalling NaNs included.
 #pragma once
 
 #include <algorithm>
@@ -26,14 +25,14 @@ static_assert(std::endian::native == std::endian::little, "records travel as the
 inline constexpr std::uint16_t PROTOCOL_VERSION = 40;
 inline constexpr const char* SERVER_VERSION = "0.4";
 
-inline constexpr std::size_t NAME_WIDTH = 64;  // bytes, terminating NUL included
+inline constexpr std::size_t NAME_WIDTH = 64;  // bytes, including the terminating NUL
 inline constexpr std::size_t TEXT_WIDTH = 64;
-inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // what is longer on the wire is cut
+inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // longer datagrams are truncated
 
 inline constexpr std::int32_t MAX_CLIENTS = 32;  // slots
 using Slot = std::uint8_t;                       // a player's number, from 0 to MAX_CLIENTS - 1
 inline constexpr Slot NO_SLOT = 255;
-inline constexpr Slot NOBODY = 100;  // in CMD_PINKPANTHER alone: there is no PinkPanther
+inline constexpr Slot NOBODY = 100;  // only in CMD_PINKPANTHER: there is no PinkPanther
 
 enum GameType : std::uint8_t { DEATHMATCH = 0, CATCH_PINKPANTHER = 1 };
 
@@ -90,7 +89,7 @@ enum class ServerCommand : std::uint8_t {
   CMD_PLAYER_DIED = 220,
 };
 
-// A float of the clients, carried as its bits.
+// A float of a client, as its 32 bits.
 using FloatBits = std::uint32_t;
 using Position = std::array<std::uint32_t, 3>;
 using CarBlockA = std::array<std::uint8_t, 28>;
@@ -121,7 +120,7 @@ struct CarState {
   FloatBits car_float = 0;
 };
 
-// Client to server. A command without a record is its code alone.
+// Client to server. A command without a record consists only of its code.
 
 struct JoinRequest {
   ClientCommand command = ClientCommand::CMD_JOIN;
@@ -239,7 +238,7 @@ struct JoinRefusedVersion {
 
 struct EnterGameReply {
   ServerCommand command = ServerCommand::CMD_ENTER_GAME_REPLY;
-  Slot last_join_slot = 0;  // of the latest join request, whoever made it; NO_SLOT for none
+  Slot last_join_slot = 0;  // that the latest join of any sender found free, or NO_SLOT
   std::uint8_t hour = 0;
   std::uint8_t minute = 0;
 };
@@ -250,7 +249,7 @@ struct PlayerInfo {
   std::uint8_t just_entered = 0;  // 1: this player has just entered the game
   std::array<char, NAME_WIDTH + 1> name{};
   PlayerState state{};
-  std::uint8_t in_car = 0;  // 0 or 1; car is zero unless it is 1
+  std::uint8_t in_car = 0;  // 0 or 1; at 0, all of car is zero
   Unused<3> unused_1{};
   CarState car{};
 };
@@ -334,7 +333,7 @@ struct PlayerWeapon {
   std::uint8_t state_b = 0;
 };
 
-// Names no slot, like PlayerStateFloats.
+// Contains no slot, as PlayerStateFloats.
 struct PlayerCarStatus {
   ServerCommand command = ServerCommand::CMD_PLAYER_CAR_STATUS;
   Unused<1> unused_1{};
@@ -358,7 +357,7 @@ struct Ping {
   ServerCommand command = ServerCommand::CMD_PING;
 };
 
-// Names no slot: receivers cannot tell whose floats these are.
+// Contains no slot: a receiver cannot tell whose floats these are.
 struct PlayerStateFloats {
   ServerCommand command = ServerCommand::CMD_PLAYER_STATE_FLOATS;
   Unused<3> unused_1{};
@@ -371,8 +370,8 @@ struct PinkPanther {
   Slot slot = NOBODY;
 };
 
-// True of a record, or a code alone, that fits the receive buffer and has no padding, so that it
-// sends only what was written into it. A view is no record: it would send its own pointer.
+// A record or a bare code, of a size that fits the receive buffer and without padding, which would
+// send uninitialised bytes. A view is rejected: its pointer would be sent.
 template <typename Record>
 concept WireRecord = requires {
   requires std::is_aggregate_v<Record> || std::is_enum_v<Record>;
@@ -380,7 +379,7 @@ concept WireRecord = requires {
   requires sizeof(Record) <= RECEIVE_BUFFER_SIZE;
 };
 
-// The bytes of one datagram, valid as long as their owner. A record converts to its bytes.
+// A view of the bytes of one datagram; their owner must outlive it. A record converts to its bytes.
 struct Datagram : std::span<const std::uint8_t> {
   using span::span;
   Datagram(std::span<const std::uint8_t> bytes) : span(bytes) {}
@@ -389,7 +388,7 @@ struct Datagram : std::span<const std::uint8_t> {
       : span(reinterpret_cast<const std::uint8_t*>(&record), sizeof record) {}
 };
 
-// A record from the start of the bytes. A short datagram leaves the rest at its initial values.
+// Copies the start of a datagram. Bytes that a short datagram lacks keep their initial values.
 template <WireRecord Record>
 Record record_of(Datagram datagram) {
   Record record;

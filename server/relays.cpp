@@ -1,5 +1,5 @@
-// The commands that are little more than a relay: what a player reports or says is told to the
-// others, and printed unless it comes many times a second.
+// Commands that store and relay what a player reports or says. Those that come many times a second
+// print nothing.
 
 #include <algorithm>
 #include <cstdio>
@@ -17,7 +17,7 @@ void handle_position_update(Slot slot, const ReceivedDatagram& datagram) {
   relay_to_others(PlayerPosition{.slot = slot, .position = update.position}, slot);
 }
 
-// From its death to its next join a player is told the time with each of its updates.
+// After a death, the server answers each of these updates with the time of day until the next join.
 void handle_state_floats(Slot slot, const ReceivedDatagram& datagram) {
   const auto update = record_of<StateFloats>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
@@ -35,8 +35,8 @@ void handle_weapon(Slot slot, const ReceivedDatagram& datagram) {
   relay_to_others(PlayerWeapon{.slot = slot, .state_b = report.state_b}, slot);
 }
 
-// The client counts its deaths; the server takes the number as it stands. A death ends a car ride,
-// and no line or datagram says so.
+// The client counts its deaths; the server stores the number unchecked. A death ends a car ride
+// without a line or a datagram about it.
 void handle_died(Slot slot, const ReceivedDatagram& datagram) {
   const auto report = record_of<Died>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
@@ -48,15 +48,15 @@ void handle_died(Slot slot, const ReceivedDatagram& datagram) {
   give_up_pinkpanther(player);
 }
 
-// The only command whose length is the sender's to choose: the text ends at its first NUL, or else
-// with the datagram.
+// The only command of variable length: the text ends at its first NUL or at the end of the
+// datagram.
 void handle_chat(Slot slot, const ReceivedDatagram& datagram) {
   const char* name = player_table[slot].name;
   const auto* text = reinterpret_cast<const char*>(&datagram.bytes[1]);
   const int length = std::max(static_cast<int>(datagram.received) - 1, 0);
   console_print("Message from \"%s\": \"%.*s\"\n", name, length, text);
 
-  // Only the wire's field cuts the line: the terminating NUL has its place behind it.
+  // One byte more than the wire's field, for the NUL of snprintf: the line may fill the field.
   std::array<char, TEXT_WIDTH + 1> formatted{};
   std::snprintf(formatted.data(), formatted.size(), "%s: %.*s", name, length, text);
   ChatLine line;

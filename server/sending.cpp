@@ -29,7 +29,7 @@ void broadcast_except_sender(Datagram record, Slot slot) {
   }
   if (udp_send_to_each(server_socket, {destinations.data(), count}, record)) return;
   console_print("error writing to socket:%s\n", system_error_text());
-  _exit(EXIT_FAILURE);  // by whichever thread it is, so nothing of the others is torn down
+  _exit(EXIT_FAILURE);  // any thread may be here, so nothing that others use is torn down
 }
 
 void relay_to_others(Datagram record, Slot slot) {

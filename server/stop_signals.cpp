@@ -28,7 +28,7 @@ sigset_t block_stop_signals() {
 void install_shutdown_handler() {
   struct sigaction action = {};
   action.sa_handler = shutdown_handler;
-  // No SA_RESTART: a write to a console that nobody reads ends when the signal comes.
+  // No SA_RESTART: a stop signal ends a blocked write to the console.
   sigemptyset(&action.sa_mask);
   for (const int signal : STOP_SIGNALS) sigaction(signal, &action, nullptr);
 }
@@ -37,8 +37,8 @@ bool stop_requested() {
   return stop_flag;
 }
 
-// The signals are blocked before the flag is read, and ppoll(2) lets them in: one that comes in
-// between ends the wait.
+// Blocks the signals before it reads the flag. ppoll(2) unblocks them, so a signal in between ends
+// the wait.
 bool wait_for_input_or_stop(int handle) {
   const sigset_t kept_signals = block_stop_signals();
   pollfd wait{.fd = handle, .events = POLLIN, .revents = 0};

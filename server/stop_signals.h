@@ -1,5 +1,5 @@
-// The signals that stop the server: SIGINT, SIGHUP and SIGTERM. A signal only sets a flag and ends
-// the main loop's wait. The stop itself runs after the main loop, outside signal context.
+// The signals that stop the server: SIGINT, SIGHUP and SIGTERM. A signal sets a flag and ends the
+// main loop's wait. The server stops after the main loop, outside signal context.
 #pragma once
 
 #include <csignal>
@@ -10,9 +10,9 @@ void install_shutdown_handler();
 // Any thread.
 bool stop_requested();
 
-// Waits until the handle is readable or a stop is requested; a request just before the wait ends it
-// too. False with errno set when the wait failed. Main thread.
+// Waits until the handle is readable or a stop is requested, also just before the wait. False with
+// errno set when the wait failed. Main thread.
 bool wait_for_input_or_stop(int handle);
 
-// Blocks the signals in the calling thread. Returns the thread's mask from before. Any thread.
+// Blocks the signals in the calling thread. Returns the thread's previous mask. Any thread.
 sigset_t block_stop_signals();

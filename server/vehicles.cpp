@@ -1,4 +1,4 @@
-// Cars: getting in and out, and the updates of a car that is being driven.
+// Cars: getting in and out, and updates while driving.
 
 #include "server/game_clock.h"
 #include "server/handlers.h"
@@ -16,7 +16,7 @@ static void get_in(Slot slot, const CarState& car) {
                   slot);
 }
 
-// how: the end of the line, which tells the ways out of a car apart.
+// how: the end of the console line.
 static void get_out(Slot slot, const char* how) {
   PlayerSlot& player = player_table[slot];
   player.in_car = 0;
@@ -26,7 +26,7 @@ static void get_out(Slot slot, const char* how) {
   relay_to_others(relay, slot);
 }
 
-// Getting in while in a car, or out while on foot, stores the position and does nothing else.
+// Getting in while in a car, or out while on foot, only stores the position.
 void handle_vehicle(Slot slot, const ReceivedDatagram& datagram) {
   const auto report = record_of<Vehicle>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
@@ -37,7 +37,7 @@ void handle_vehicle(Slot slot, const ReceivedDatagram& datagram) {
   if (!got_in && was_in) get_out(slot, "Left his Car");
 }
 
-// Unlike CMD_VEHICLE, CMD_CAR_STATE and CMD_LEAVE_CAR do not ask whether the player was in a car.
+// Unlike CMD_VEHICLE, CMD_CAR_STATE and CMD_LEAVE_CAR do not check whether the player is in a car.
 void handle_car_state(Slot slot, const ReceivedDatagram& datagram) {
   const auto report = record_of<CarStateReport>(datagram.bytes);
   send_game_clock(datagram.sender);
@@ -50,7 +50,7 @@ void handle_leave_car(Slot slot, const ReceivedDatagram& datagram) {
   get_out(slot, "Left his Car");
 }
 
-// A player on foot is no longer in a car. The relay about the car still carries the old float.
+// A foot update ends a car ride. The datagram about that still has the old state_f1.
 void handle_foot_update(Slot slot, const ReceivedDatagram& datagram) {
   const auto update = record_of<FootUpdate>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
@@ -59,8 +59,8 @@ void handle_foot_update(Slot slot, const ReceivedDatagram& datagram) {
   relay_to_others(PlayerFootUpdate{.slot = slot, .state_f1 = update.state_f1}, slot);
 }
 
-// The last step of the partial updates. They are stored in any case; they are relayed only while
-// the player sits in a car, and otherwise answered.
+// The last step of the partial updates, which are always stored. While the player is on foot, the
+// server answers the sender instead of relaying.
 static void relay_if_in_car(Slot slot, Datagram relay, const ReceivedDatagram& datagram) {
   if (player_table[slot].in_car != 0) {
     relay_to_others(relay, slot);

@@ -1,7 +1,6 @@
-// The threads beside the main one.
+// The threads other than the main thread.
 #pragma once
 
-// Starts a thread with a name of at most 15 characters. The stop signals are blocked in it, so that
-// the kernel hands them to the main thread. Nothing joins it. False when it cannot be made. Main
-// thread.
+// Starts a detached thread with a name of at most 15 characters. It blocks the stop signals, so the
+// kernel delivers them to the main thread. False when there is no thread. Main thread.
 bool start_worker_thread(const char* name, void* (*body)(void*));

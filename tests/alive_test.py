@@ -1,5 +1,5 @@
-"""Whether a server is up: zolview --alive, which asks it, and zolalive, which looks at its port, with
-real servers and with liars.
+"""Two checks of a server: zolview --alive asks it, and zolalive looks at its port. Both run against
+real servers and liars.
 
 Usage: alive_test.py ZOLSERVER ZOLVIEW [TEST...]"""
 
@@ -26,7 +26,7 @@ SILENT = ": check the address, the server, and whether firewalls and routers let
 
 
 def run(*command):
-    """The exit status, both outputs together, and the seconds it took."""
+    """The exit status, both outputs together, and the duration in seconds."""
     start = time.monotonic()
     done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
                           stderr=subprocess.STDOUT, timeout=PATIENCE_S)  # fmt: skip
@@ -38,7 +38,7 @@ def alive(port, *options):
 
 
 class FakeServer:
-    """Answers the try of this number, and all later ones, with these datagrams."""
+    """Answers from the try of this number on, with these datagrams."""
 
     def __init__(self, answers, first_try=1, other_port=False):
         self.answers, self.first_try, self.other_port = answers, first_try, other_port
@@ -51,7 +51,7 @@ class FakeServer:
                 (far if self.other_port else near).sendto(answer, heard[1])
 
     def judged(self):
-        """What --alive says of it."""
+        """The output of --alive about it."""
         near, port = bound_socket()
         with near, bound_socket()[0] as far:
             thread = threading.Thread(target=self.serve, args=(near, far))
@@ -89,7 +89,7 @@ class AskTest(AliveCase):
         for (server, status, tries), (port, result) in zip(cases, results):
             with self.subTest(answers=server.answers, first_try=server.first_try):
                 said = (f"a server answers at 127.0.0.1:{port}\n" if status == 0
-                        else f"zolview: nobody answers at 127.0.0.1:{port}{SILENT}")  # fmt: skip
+                        else f"zolview: no server answers at 127.0.0.1:{port}{SILENT}")  # fmt: skip
                 self.assertEqual(result[:2], (status, said))
                 self.assertEqual(set(server.questions), {QUESTION})
                 self.assertIn(len(server.questions), tries)
@@ -99,7 +99,7 @@ class AskTest(AliveCase):
     def test_nobody_listens(self):
         port = free_port()
         status, said, seconds = alive(port)
-        self.assertEqual((status, said), (1, f"zolview: nobody listens at 127.0.0.1:{port}: "
+        self.assertEqual((status, said), (1, f"zolview: no server listens at 127.0.0.1:{port}: "
                                              "check the port, and that the server runs\n"))  # fmt: skip
         self.assertLess(seconds, 2)
         said = run(ZOLVIEW, "--alive", "127.255.255.255")
@@ -128,10 +128,10 @@ class AskTest(AliveCase):
 
     def test_bad_arguments(self):
         for arguments, complaint in (
-            (["--alive"], "which server? see --help"),
+            (["--alive"], "HOST is missing; see --help"),
             (["--alive", "--once", "x"], "--alive takes no other option"),
             (["--alive", "--name", "n", "x"], "--alive takes no other option"),
-            (["--alive", "--json", "x"], "--json goes with --once"),
+            (["--alive", "--json", "x"], "--json needs --once"),
             (["--alive", "x:0"], 'a server is HOST or HOST:PORT, not "x:0"'),
         ):
             self.assertEqual(run(ZOLVIEW, *arguments)[:2], (2, f"zolview: {complaint}\n"))
@@ -139,7 +139,7 @@ class AskTest(AliveCase):
 
 class LookTest(AliveCase):
     def port_with(self, datagrams, reads_per_second=0):
-        """A port at which these wait, and of which a slow reader takes some."""
+        """A port at which these datagrams wait, and a slow reader that takes some."""
         reader, port = bound_socket()
         self.addCleanup(reader.close)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
@@ -166,7 +166,7 @@ class LookTest(AliveCase):
         return self.port
 
     def client_port(self):
-        """A port that only a client has, with an answer that it never reads."""
+        """A port that only a client uses, with an answer that it never reads."""
         server, client = bound_socket()[0], bound_socket()[0]
         self.addCleanup(server.close)
         self.addCleanup(client.close)
@@ -180,7 +180,7 @@ class LookTest(AliveCase):
         self.player(stopped).say(200)
         hangs = "zolalive: the server on UDP port {} hangs: "
         closed = "zolalive: no server has UDP port {} here\n"
-        cases = (  # the port, the exit status, the start of what it says
+        cases = (  # the port, the exit status, the start of the output
             (self.port_with([]), 0, ""),
             (idle, 0, ""),
             (self.port_with([b"x"] * 100, reads_per_second=20), 0, ""),

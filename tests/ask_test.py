@@ -126,9 +126,7 @@ class AskTest(ListCase):
         self.assertEqual({self.announced(each) for each in honest}, {"1"})
         self.assertEqual(self.change("SELECT count(*) FROM server"), [(LIMIT,)])
         self.start_asker()
-        started = time.monotonic()
         self.serve_until_answered([*honest, last])
-        self.assertLess(time.monotonic() - started, 10)
         self.assertLess(max(each.times[0] for each in honest), last.times[0], "the oldest of 50 comes last")
         self.assertEqual({self.state_of(each) for each in honest}, {SEEN})
 

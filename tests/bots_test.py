@@ -33,17 +33,17 @@ INVENTED = {
     "a slot that is none": b"\xc9\x20" + bytes(6),
     "the time of day": b"\x48\0\0",
 }
-CHANGED = (0, 1, 2, -1, "lengthened")  # a number is that of a byte
+CHANGED = (0, 1, 2, -1, "lengthened")  # a number is the index of a byte
 MOVED = ("dropped", "repeated", "swapped")
 EVERY_WAY = (*MOVED, *CHANGED)
 
-# Each run of bots: a code, and what becomes of the next datagrams with it.
+# Each run of bots: a code, and the changes to the next datagrams with this code.
 RUNS = [
     *((code, ways) for code in (220, 43) for ways in (MOVED, CHANGED)),
     *((code, EVERY_WAY) for code in (ENTERED, 42, *range(200, 209))),
-    # Nothing follows a leave until somebody takes the slot; a chat line names no slot.
+    # Nothing follows a leave until a join takes the slot; a chat line contains no slot.
     *((code, ("dropped", "repeated", *CHANGED)) for code in (60, 30)),
-    # Their datagrams are alike, so a repeated one makes up for a lost one.
+    # These datagrams are equal, so a repeated one replaces a lost one.
     *((code, ways) for code in (41, 72) for ways in (CHANGED, *((way,) for way in MOVED))),
     # A bot that waits for one of these does nothing else.
     *((16, (way,)) for way in EVERY_WAY),
@@ -53,17 +53,17 @@ RUNS = [
     (200, tuple(INVENTED)),
     (17, tuple(PING)),
 ]
-# Bots cannot know when the server chooses a PinkPanther, and whom.
+# Bots cannot know when the server chooses a PinkPanther, or which player.
 UNNOTICED = [(209, ("dropped", "repeated", 1))]
 HONEST = [(12, ()), (200, ())]
-# Bots miss a datagram that does not come without --alone, too.
+# Bots also detect a missing datagram without --alone.
 NOT_ALONE = [*HONEST, *((code, ("dropped", "swapped")) for code in (201, 42, ENTERED))]
-MOVES = 3  # joins of bots in the game, until an honest run ends
-DELAY_S = 0.02  # of the second bot's datagrams on a network; the third one's take twice as long
+MOVES = 3  # joins of bots in the game before an honest run ends
+DELAY_S = 0.02  # of the second bot's datagrams on a network; twice that for the third bot
 
-PLAYING = multiprocessing.Semaphore(16)  # runs at once; more would overflow the sockets
-BEFORE = 50  # datagrams to the bots before the first lie: by then they play
-AFTER = 50  # and after the last lie
+PLAYING = multiprocessing.Semaphore(16)  # simultaneous runs; more would overflow the sockets
+BEFORE = 50  # datagrams to the bots before the first lie, so that they play
+AFTER = 50  # datagrams after the last lie
 
 
 def kind_of(datagram):
@@ -81,18 +81,18 @@ def order_of(datagram):
 class Liar:
     def __init__(self, port, delay_s, code, ways):
         self.port, self.code, self.ways = port, code, list(ways)
-        self.delay_s, self.delayed = delay_s, []  # when, and the call that sends
+        self.delay_s, self.delayed = delay_s, []  # the time, and the call that sends
         self.in_game, self.moves = set(), 0
         self.front, self.front_port = bound_socket()
         self.poll = select.poll()
         self.poll.register(self.front, select.POLLIN)
         self.upstream = {}  # a bot's socket to the server, by the bot's address
-        self.address = {}  # of a bot, by the handle of that socket
-        self.held = None  # a datagram, and the order in which it should have come
+        self.address = {}  # the bot's address, by the handle of that socket
+        self.held = None  # a datagram, and the order in which it should have arrived
         self.passed, self.last_lie = 0, BEFORE
 
     def tell(self, address, datagram):
-        """What the bot hears instead of this datagram."""
+        """The datagrams that the bot receives instead of this one."""
         order = address, order_of(datagram)
         if self.held and self.held[1] == order and self.held[0][0] != datagram[0]:
             held, self.held, self.last_lie = self.held[0], None, self.passed
@@ -144,7 +144,7 @@ class Liar:
             self.delay(address, self.front.sendto, each, address)
 
     def send_delayed(self):
-        """Sends what is due. Returns the milliseconds until more is due, None for no end."""
+        """Sends what is due. Returns the milliseconds until more is due, or None."""
         now = time.monotonic()
         due = sorted((each for each in self.delayed if each[0] <= now), key=lambda each: each[0])
         self.delayed = [each for each in self.delayed if each[0] > now]
@@ -156,7 +156,7 @@ class Liar:
     def pass_some(self):
         """False when the bots have ended."""
         for handle, _ in self.poll.poll(self.send_delayed()):
-            # When the server has stopped, the next call fails, and nothing waits for the one after.
+            # After the server has stopped, the next call fails, and the one after finds nothing.
             with contextlib.suppress(ConnectionRefusedError, BlockingIOError):
                 if handle == self.front.fileno():
                     self.pass_up()
@@ -182,7 +182,7 @@ def lie_to_bots(run, options, port, server):
                    "--rate", "200", "--seconds", str(PATIENCE_S), *options]  # fmt: skip
         with PLAYING:
             bots = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
-            liar.poll.register(bots.stdout, 0)  # its end
+            liar.poll.register(bots.stdout, 0)  # the end of its output
             while liar.has_more_to_tell() and liar.pass_some():
                 pass
         os.kill(server if run[0] == 19 else bots.pid, signal.SIGTERM)
@@ -241,8 +241,8 @@ class BotsTest(ServerCase):
             self.assertRegex(bots.communicate()[0], r"\nrelays +\d+ +\d+ +1 +0\n")
 
     def test_bots_that_join_again_report_nothing(self):
-        """On a network the datagrams of two bots overtake each other. Bots count on their order at
-        loopback addresses only; 0.0.0.0 is this machine, too."""
+        """On a network the datagrams of two bots overtake each other. Bots rely on their order only
+        at loopback addresses. 0.0.0.0 is also this machine."""
         self.start_and_wait("maxClients=8\n")
         self.console.close()
         for host, delay_s, alone in (("127.0.0.1", 0, ["--alone"]), ("0.0.0.0", DELAY_S, [])):
@@ -251,7 +251,7 @@ class BotsTest(ServerCase):
                            "--rate", "100", "--seed", "7", "--seconds", str(PATIENCE_S), *alone]  # fmt: skip
                 bots = subprocess.Popen(command, stdout=subprocess.PIPE, text=True)
                 self.addCleanup(bots.kill)
-                liar.poll.register(bots.stdout, 0)  # its end
+                liar.poll.register(bots.stdout, 0)  # the end of its output
                 while liar.moves < MOVES and liar.pass_some():
                     pass
                 bots.terminate()
@@ -300,13 +300,13 @@ class BotsTest(ServerCase):
         steps = [after - before for before, after in zip(places, places[1:])]
         lengths = [abs(step) for step in steps]
         self.assertAlmostEqual(min(lengths), 8 / 200, 3)
-        # It makes up to two more steps before the next position: it enters, gets in or gets out.
+        # It takes up to two more steps before the next position: it enters, gets in or gets out.
         self.assertLess(max(lengths), 3.1 * 30 / 200)
         self.assertIn(round(30 / 200, 3), [round(length, 3) for length in lengths])
         turns = [cmath.phase(after / before) for before, after in zip(steps, steps[1:])]
         self.assertLess(max(map(abs, turns)), 3.1 * 2 / 200)
         self.assertGreater(max(map(abs, turns)), 0.9 * 2 / 200)
-        # Its first way is a straight line after the first curve.
+        # Its first path is a straight line after the first curve.
         self.assertLess(len([turn for turn in turns if abs(turn) > 0.001]), 200)
 
     def test_other_players_are_judged_only_when_the_bots_are_alone(self):

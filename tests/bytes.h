@@ -1,4 +1,4 @@
-// Datagrams as the tests write them: in words, apart from the server's own records.
+// Datagrams as the tests write them: in words, independent of the server's records.
 #pragma once
 
 #include <algorithm>
@@ -11,7 +11,7 @@
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Throws unless all of the text is a number of the base from least to most.
+// Throws unless the whole text is a number in this base, from least to most.
 inline std::uint32_t number_of(const std::string& text, int base = 0, std::size_t least = 0,
                                std::size_t most = 0xFFFFFFFF) {
   std::size_t length = 0;
@@ -20,8 +20,8 @@ inline std::uint32_t number_of(const std::string& text, int base = 0, std::size_
   return static_cast<std::uint32_t>(number);
 }
 
-// Of 0a (a byte), 00*63 (63 times the same), "Bob" (a text) and ..66 (zeros up to 66 bytes in all).
-// Throws at any other word.
+// The words are 0a (a byte), 00*63 (63 equal bytes), "Bob" (a text) and ..66 (zeros up to a size of
+// 66 bytes). Throws at any other word.
 inline Bytes bytes_of(const std::string& words) {
   Bytes bytes;
   std::istringstream in(words);
@@ -42,7 +42,7 @@ inline Bytes bytes_of(const std::string& words) {
   return bytes;
 }
 
-// The first two of these words for any bytes, each behind a blank.
+// Writes bytes in the first two kinds of words, with a blank before each.
 inline std::string words_of(const Bytes& bytes) {
   std::ostringstream out;
   for (auto at = bytes.begin(); at != bytes.end();) {

@@ -1,4 +1,4 @@
-"""The real zolcheck, beside the real server.
+"""The real zolcheck and the real server.
 
 Usage: check_test.py ZOLSERVER ZOLCHECK [TEST...]"""
 
@@ -59,9 +59,9 @@ class CheckTest(ServerCase):
         self.directory("bare", None)
         (self.folder / "bare/zolserver.cfg").mkdir()
         self.directory("empty", None)
-        no_settings = "empty: no zolserver.cfg and no zolserver.conf; a server would run on the defaults\n"
+        no_settings = "empty: no zolserver.cfg and no zolserver.conf; a server would use the defaults\n"
         self.assertEqual(self.check("empty")[::2], (1, no_settings))
-        # A server on the default port of this machine would add a line.
+        # If this machine has a server on the default port, the output has another line.
         status, _, complaints = self.check("--start", "empty")
         self.assertEqual((status, complaints.splitlines(True)[0]), (2, no_settings))
         self.directory("closed", "Port=5000\n")
@@ -77,16 +77,16 @@ class CheckTest(ServerCase):
         self.assertEqual(self.check("--port", "one", "two")[:2], (2, "5000\n5000\n"))
         self.assertEqual(self.check("--port", "empty"), (0, "16309\n", ""))
         for arguments, complaint in (
-            (["two"] * 40, "two: port 5000 is the port of two, too\n" * 39),
-            (["one", "two"], "two: port 5000 is the port of one, too\n"),
-            (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" gives no port\n'
-             "wrong: the server does not start: no port\n"),
+            (["two"] * 40, "two: port 5000 is also the port of two\n" * 39),
+            (["one", "two"], "two: port 5000 is also the port of one\n"),
+            (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" is no port number\n'
+             "wrong: the server would not start: Port is no port number\n"),
             (["bare"], "bare/zolserver.cfg: Is a directory\n"),
             (["closed"], "closed/zolserver.cfg: Permission denied; make it readable for the user that"
              " runs the server\n"),
             (["--start", "loop"], "loop/zolserver.cfg: Too many levels of symbolic links\n"),
             (["missing"], "missing: No such file or directory\n"),
-            (["--stop"], 'zolcheck: takes no option like "--stop"; see --help\n'),
+            (["--stop"], 'zolcheck: unknown option "--stop"; see --help\n'),
         ):  # fmt: skip
             with self.subTest(arguments):
                 status, _, complaints = self.check(*arguments, preexec_fn=limits)
@@ -123,8 +123,8 @@ class CheckTest(ServerCase):
                     self.assertEqual(found, [expected] if doubts and announces == b"true" else [])
 
     def test_explains_the_longest_lines_in_time(self):
-        for key, count, last in (("a=", 1, '1: unknown key "a"'),
-                                 ("maxClients=", 100, "1: and so on")):
+        more = "1: more lines are suspicious; correct these first"
+        for key, count, last in (("a=", 1, '1: unknown key "a"'), ("maxClients=", 100, more)):
             with self.subTest(key):
                 self.directory(key, (key * 2**20)[: 2**20])
                 status, _, doubts = self.check(key, timeout=30)
@@ -149,8 +149,8 @@ class CheckTest(ServerCase):
         drop = lambda: LIBC.prctl(PR_CAPBSET_DROP, CAP_NET_BIND_SERVICE)
         status, _, complaints = self.check("--start", "low", preexec_fn=drop)
         self.assertEqual((status, complaints.splitlines()), (2, [
-            "low/zolserver.cfg:1: ports below 1024 take a right that a service lacks",
-            "low: port 1023 takes a right that is missing here",
+            "low/zolserver.cfg:1: a service may not open a port below 1024",
+            "low: port 1023 needs a privilege that is missing here",
         ]))  # fmt: skip
 
 

@@ -46,7 +46,7 @@ const char* const BOB = "2a 05 00 \"Bob\" ..68 " ONE TWO "00*4 00*4 07 00*11 00*
 TEST(PictureTest, BelievesEachDatagram) {
   struct Step {
     std::string words;
-    std::string expected;  // of slot 5
+    std::string expected;  // the state of slot 5
   };
   const Step steps[] = {
       {"c8 05 00*2" ONE ONE "00*4", "heard of"},
@@ -96,7 +96,7 @@ TEST(PictureTest, KeepsClockChatAndPinkPanther) {
   EXPECT_STREQ(picture.chat[1].data(), "old");
 }
 
-// The slots asked for, with the times: of players, or of slots that nothing was heard of.
+// The slots asked for, with the times: slots of players, or slots without any datagram so far.
 std::string questions(GamePicture& picture, std::uint64_t from_ms, std::uint64_t to_ms,
                       bool of_known = true) {
   std::string asked;
@@ -115,14 +115,14 @@ TEST(PictureTest, AsksForWhatItMisses) {
   hear_words(picture, "c8 09 ..16", 100);  // the clock may start at 0
   EXPECT_EQ(questions(picture, 100, 1'200), "100:9 1100:9 ");
   picture = {.own_slot = 2};
-  hear_words(picture, "2a 02 00 ..164");  // its own, which is never asked for
+  hear_words(picture, "2a 02 00 ..164");  // its own slot, which it never asks for
   hear_words(picture, BOB, 5'000);
   EXPECT_EQ(questions(picture, 5'000, 9'900), "") << "known, and young enough";
   EXPECT_EQ(questions(picture, 10'000, 11'000), "10000:5 11000:5 ");
   hear_words(picture, BOB, 11'100);
-  hear_words(picture, "10 09 00 00", 11'100);  // another player joined last and is not sent
+  hear_words(picture, "10 09 00 00", 11'100);  // another player joined last; its record is not sent
   EXPECT_EQ(questions(picture, 11'100, 13'000), "11100:9 12100:9 ");
-  hear_words(picture, "c8 09 ..16", 13'050);  // never answers, but does something
+  hear_words(picture, "c8 09 ..16", 13'050);  // it never answers, but does something
   EXPECT_EQ(questions(picture, 13'100, 16'000), "13100:9 14100:9 15100:9 ");
   EXPECT_EQ(questions(picture, 16'100, 17'000), "16100:5 16100:9 ");
   EXPECT_EQ(line_of(picture, 9), "heard of");
@@ -154,14 +154,15 @@ TEST(PictureTest, AnswersOlderThanALeavingAreIgnored) {
   EXPECT_NE(line_of(picture, 5), "") << "a player who has just entered";
 }
 
-// Of relays without a slot: what is taken, and whether the records are asked for earlier.
+// Relays without a slot: the player with the values, and whether the picture asks for records
+// early.
 TEST(PictureTest, GuessesWhoseValuesTheseAre) {
   const char* const ANN = "2a 06 00 \"Ann\" ..68 00*4 00*4 00*4 00*4 00*4 " ONE FOUR " 00*68";
   const char* const DRIVER = "cc 06 00*2 00*4 00*4 00*4 00*56 03 00*3 " ONE;
   struct Case {
     std::vector<const char*> heard;
-    std::uint32_t state_f2;  // of slot 5
-    unsigned car_byte;       // of slot 6
+    std::uint32_t state_f2;  // the state of slot 5
+    unsigned car_byte;       // the state of slot 6
     bool are_in_doubt;
   };
   const Case cases[] = {
@@ -185,7 +186,7 @@ TEST(PictureTest, GuessesWhoseValuesTheseAre) {
   }
 }
 
-// Whether it plays, and when it did something last; each step a second after the one before.
+// Whether the player plays, and when it last did something. Each step is a second later.
 TEST(PictureTest, KnowsWhoPlays) {
   GamePicture picture;
   const std::tuple<const char*, bool, std::uint64_t> steps[] = {
@@ -220,7 +221,7 @@ const char* const ENTERED = "10 03 00 00";
 
 class SessionTest : public testing::Test {
  public:
-  // The codes of what the client has sent meanwhile, joins and entries by name.
+  // The codes that the client has sent meanwhile; joins and entries have names.
   std::string sent() {
     std::string all;
     for (Datagram datagram = outbox_take(session.outbox); !datagram.empty();
@@ -232,7 +233,7 @@ class SessionTest : public testing::Test {
     }
     return all;
   }
-  // Steps until then; says when something was sent.
+  // Steps until then; returns the times of the sends.
   std::string pass(std::uint64_t from_ms, std::uint64_t to_ms) {
     std::string all;
     for (std::uint64_t now_ms = from_ms; now_ms <= to_ms; now_ms += 500) {
@@ -303,7 +304,7 @@ TEST_F(SessionTest, JoinsAgainWhenTheServerIsGoneOrSaysSo) {
   EXPECT_EQ(pass(32'000, 34'000), "33000 join 34000 join ");
 }
 
-// What shows that the client is in the game, that it has a slot, or nothing.
+// Datagrams that show that the client is in the game, or that it has a slot, or nothing.
 TEST_F(SessionTest, KnowsSignsOfLife) {
   const std::tuple<const char*, bool, bool> signs[] = {
       {"01", true, true},          {"c8 04 ..16", true, true},     {"1e ..65", true, true},
@@ -335,8 +336,8 @@ TEST_F(SessionTest, MakesRoomForItselfOnAFullServer) {
   EXPECT_EQ(sent(), "60 60 60 ");
 }
 
-// Joins that the network repeats or swaps: what is heard while playing in slot 3, what is sent in
-// the next second, and the slot in the end.
+// The network repeats or reorders joins: the datagrams received while playing in slot 3, the codes
+// sent in the next second, and the slot at the end.
 TEST_F(SessionTest, FindsItsSlot) {
   struct Case {
     std::vector<const char*> heard;
@@ -361,7 +362,7 @@ TEST_F(SessionTest, FindsItsSlot) {
   }
 }
 
-// A server that has it in a car does not answer these questions.
+// A server that has the player in a car does not answer these questions.
 TEST_F(SessionTest, ADriverGivesUpAskingForItsSlot) {
   play(1'000);
   session.own.in_car = true;
@@ -389,8 +390,8 @@ const Position PLACE{1, 2, 3};
 #define PLACE_WORDS " 01 00*3 02 00*3 03 00*3 "
 #define CAR_WORDS " 07 00*63"
 
-// Each report in the game, on foot at first; the words of the datagram, and of the entry when it is
-// reported before.
+// Each report in the game, at first on foot: the words of its datagram, and of the entry if it is
+// reported before that.
 TEST_F(SessionTest, ReportsEverything) {
   struct Case {
     std::function<void(ClientSession&)> report;
@@ -448,11 +449,11 @@ TEST_F(SessionTest, EntersWithWhatWasReportedBefore) {
   EXPECT_EQ(repeats(62'000, 122'000)["122"], "121000 ");
 }
 
-// The times of the repeats in 100 seconds, of each code.
+// The times of the repeats of each code in 100 seconds.
 TEST_F(SessionTest, RepeatsItsState) {
   struct Case {
     std::function<void(ClientSession&)> report;
-    const char* heard;  // after it
+    const char* heard;  // after the report
     std::map<std::string, std::string> repeats;
   };
   const std::string pace = "5000 8000 11000 14000 17000 ";
@@ -545,7 +546,7 @@ TEST(OutboxTest, DropsWhatDoesNotFit) {
   EXPECT_EQ(taken, OUTBOX_SIZE + 5);
 }
 
-// When a spectator in slot 3 passes the role on; each step a second after the one before.
+// When a spectator in slot 3 passes the role on. Each step is a second later.
 TEST_F(SessionTest, PassesTheRoleOnToAGameThatIsPlayed) {
   const std::pair<const char*, const char*> steps[] = {{"d1 03", ""},    {"2a 05 01 ..164", ""},
                                                        {"dc 05 01", ""}, {"ce 05 63", "103 "},

@@ -15,7 +15,7 @@ namespace {
 
 using std::string_literals::operator""s;
 
-// Every setting in one line, in the order of the record.
+// All settings in one line, in the order of the record.
 std::string settings() {
   const ServerConfig& c = server_config;
   return std::to_string(c.maxClients) + "|" + std::to_string(c.AnnounceServer) + "|" +
@@ -27,8 +27,8 @@ void write_file(const char* name, const std::optional<std::string>& content) {
   if (content) std::ofstream(name, std::ios::binary) << *content;
 }
 
-// Loads the two files in a folder of their own, the first made as it is told; returns what was
-// printed.
+// Loads the two files in a new folder; the first one may be another kind of file. Returns the
+// output.
 std::string load(const std::optional<std::string>& cfg, const std::optional<std::string>& conf,
                  int (*make)(const char*, mode_t) = nullptr) {
   char folder[] = "/tmp/zol_config_XXXXXX";
@@ -47,7 +47,7 @@ std::string load(const std::optional<std::string>& cfg, const std::optional<std:
   return testing::internal::GetCapturedStdout();
 }
 
-// What zolcheck finds in the same file, a line each, and what it takes the settings to be.
+// The findings of zolcheck for the same file, one per line, and the settings that it reads.
 std::string doubts_of(std::string file) {
   std::string found;
   server_config = ServerConfig{.WelcomeMessage = "w"};
@@ -59,7 +59,7 @@ std::string doubts_of(std::string file) {
   return found;
 }
 
-// What the words behind the first mean.
+// The text of the words after the first.
 std::string text_of(const std::string& line) {
   const Bytes bytes = bytes_of(line.substr(line.find(' ')));
   return {bytes.begin(), bytes.end()};

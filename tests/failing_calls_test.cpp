@@ -1,5 +1,5 @@
-// System calls that fail, by wraps that the linker puts in their place. What comes out is tested:
-// who got what, how long it took, and what was printed.
+// System calls that fail, replaced by linker wraps. The tests check who received what, how long it
+// took, and what was printed.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -29,18 +29,18 @@
 
 int server_main(int count, char** arguments);
 
-// The next calls: each entry is an errno as a negative number, GO for the call itself, for a batch
-// how many of it go out, or for a thread IDLE.
+// The results of the next calls. Each entry is a negative errno, GO for the real call, the number
+// of datagrams of a batch that are sent, or IDLE for a thread.
 using Script = std::deque<int>;
 static constexpr int GO = 1000;
 static constexpr int IDLE = 0;
 static Script sends, batches, connects, sockets, threads;
-static const char* uptime_file;        // opened in place of the machine's, unless it is null
+static const char* uptime_file;        // opened instead of the machine's file, unless it is null
 static std::int64_t clock_ms = 7'120;  // while is_clock_set
 static bool is_clock_set;
-static bool is_stop_due;  // a signal arrives between the look at the stop flag and the wait
+static bool is_stop_due;  // a signal arrives between the check of the stop flag and the wait
 static bool is_wait_failing;
-static int waits_until_room;  // of the console, until its reader empties the pipe
+static int waits_until_room;  // waits until the reader empties the console's pipe
 static int console_pipe[2];
 
 static int next_of(Script& script) {
@@ -119,8 +119,8 @@ int __wrap_sendmmsg(int handle, mmsghdr* messages, unsigned count, int flags) {
   return __real_sendmmsg(handle, messages, std::min(count, static_cast<unsigned>(result)), flags);
 }
 
-// The same calls of code with _FORTIFY_SOURCE, which tells the C library the size of the buffer as
-// well. Which calls those are differs between compilers and C libraries.
+// The same calls with _FORTIFY_SOURCE, which also passes the size of the buffer to the C library.
+// The set of these calls differs between compilers and C libraries.
 int __wrap___open64_2(const char* path, int flags) {
   return __wrap_open64(path, flags);
 }
@@ -139,7 +139,7 @@ void empty_table() {
   for (PlayerSlot& player : player_table) player.seat = Seat{};
 }
 
-// Four players in the game, A to D.
+// Players A to D in the game.
 struct FailingCallsTest : testing::Test {
   FailingCallsTest() {
     main_thread_id = pthread_self();
@@ -161,7 +161,7 @@ struct FailingCallsTest : testing::Test {
     empty_table();
   }
 
-  // Who got a datagram since the last look, and how often: "AABD".
+  // The receivers of datagrams since the last call, and how often: "AABD".
   std::string receivers() const {
     std::string names;
     char byte = 0;
@@ -174,7 +174,7 @@ struct FailingCallsTest : testing::Test {
   int players[4];
 };
 
-// Standard output goes to standard error, where a test of an exit can see it.
+// Redirects standard output to standard error, where a death test can read it.
 void end_after(int (*call)()) {
   dup2(STDERR_FILENO, STDOUT_FILENO);
   std::exit(call());
@@ -198,7 +198,7 @@ TEST_F(FailingCallsTest, ABroadcastGoesOnWhereItStopped) {
   for (const Case& c : {
            Case{{1, 2, 1}, "ABCD"},
            Case{{-EINTR, 3, -EINTR, -EINTR}, "ABCD"},
-           // It waits once. A datagram that finds no room after that is lost.
+           // The server waits once. After that, a datagram without room is lost.
            Case{{1, -EAGAIN}, "ABCD"},
            Case{{1, -EAGAIN, 1, -ENOBUFS}, "ABD"},
            Case{{-ENOBUFS, -EINTR, -EAGAIN, 1, -EAGAIN, -EAGAIN}, "B"},
@@ -242,7 +242,7 @@ TEST_F(FailingCallsTest, AFailedBroadcastSaysWhyAndEndsTheProcess) {
   }
 }
 
-// A loop that pauses gives the processor up each time, another one hardly ever.
+// A loop that pauses yields the processor each time; a loop that spins hardly ever does.
 int run_and_count_pauses() {
   install_shutdown_handler();
   std::thread([main_thread = main_thread_id] {
@@ -270,7 +270,7 @@ TEST_F(FailingCallsTest, ASignalBeforeTheWaitEndsIt) {
   EXPECT_EXIT((std::raise(SIGTERM), end_after(wait)), testing::ExitedWithCode(0), "^$");
 }
 
-// With this text in place of /proc/uptime, and with no such file.
+// Replaces /proc/uptime with this text, and then with no file.
 void expect_uptime(const char* text, std::uint32_t ms) {
   std::FILE* file = std::tmpfile();
   std::fputs(text, file);
@@ -283,7 +283,7 @@ void expect_uptime(const char* text, std::uint32_t ms) {
   uptime_file = nullptr;
 }
 
-// Without the file, time goes on from its last reading, by the boot clock.
+// Without the file, the time continues from the last reading, by the boot clock.
 TEST_F(FailingCallsTest, ReadsTheUptimeAndLivesWithoutIt) {
   is_clock_set = true;
   clock_ms = 7'120;
@@ -319,8 +319,8 @@ TEST_F(FailingCallsTest, AServerEndsWithItsLines) {
   is_stop_due = false;
 }
 
-// The game waits in steps of 10 ms: a second in a row, and then 1 percent of the time. A console
-// that takes lines now and then gives no time back.
+// The server waits in steps of 10 ms: for a second in a row, and then for 1 percent of the time. A
+// console that takes a line now and then does not restore the time.
 TEST_F(FailingCallsTest, AFullConsoleIsWaitedForOnePercentOfTheTime) {
   is_clock_set = true;
   const int kept = dup(STDOUT_FILENO);
@@ -363,7 +363,7 @@ TEST_F(FailingCallsTest, AFullConsoleIsWaitedForOnePercentOfTheTime) {
   close(console_pipe[0]);
   const std::int64_t waits_for_nobody = print(1);
   dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-  print(1);  // none is missing for the tests that follow
+  print(1);  // no line is missing in the tests that follow
   dup2(kept, STDOUT_FILENO);
   for (const int handle : {kept, console_pipe[1]}) close(handle);
   EXPECT_EQ(wrong, std::vector<std::string>{});

@@ -16,7 +16,7 @@ from view_test import ZOLVIEW, Terminal
 
 ZOLBOTS = os.path.realpath(sys.argv.pop(1))
 
-# One call sends many datagrams: the kernel cuts the bytes up, see UDP_SEGMENT in udp(7).
+# One call sends many datagrams: the kernel splits the bytes, see UDP_SEGMENT in udp(7).
 ONE_BYTE_EACH = (socket.IPPROTO_UDP, 103, struct.pack("H", 1))
 
 
@@ -51,7 +51,7 @@ class FloodingServer:
         self.socket.settimeout(PATIENCE_S)
 
     def flood(self, process):
-        """Begins once the client has joined. Both share a processor, of which it gets little."""
+        """Begins after the client has joined. Both share a processor; the client gets little of it."""
         client = self.socket.recvfrom(300)[1]
         self.socket.sendto(b"\x11\0\0Flood".ljust(67, b"\0"), client)
         processor = {min(os.sched_getaffinity(0))}
@@ -71,7 +71,7 @@ class FloodingServer:
 class FloodTest(ServerCase):
     @classmethod
     def setUpClass(cls):
-        # It gives up after four seconds. Other tests run meanwhile.
+        # It stops trying after four seconds. Other tests run meanwhile.
         cls.unanswered = Unanswered(cls.addClassCleanup, ZOLVIEW, "--once")
 
     def test_leaves_a_server_that_does_not_answer(self):
@@ -112,11 +112,11 @@ class FloodTest(ServerCase):
             self.addCleanup(bots.wait)
             self.addCleanup(bots.kill)
             server.flood(bots)
-        for _ in range(1000):  # pings answered: the flood is at its height
+        for _ in range(1000):  # answered pings: the flood is at full rate
             server.socket.recv(300)
         runs[1].send_signal(signal.SIGINT)
         for bots in runs:
-            bots.wait(15)  # seconds, of which it needs three
+            bots.wait(15)  # seconds; it needs three
 
 
 if __name__ == "__main__":

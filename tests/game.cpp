@@ -12,7 +12,7 @@ extern "C" void* __real_malloc(std::size_t size);
 void* operator new(std::size_t size) {
   return ++allocations, __real_malloc(size);
 }
-// The delete that belongs to it is the library's.
+// The library provides the matching delete.
 extern "C" const char* __asan_default_options() {
   return "alloc_dealloc_mismatch=0";
 }
@@ -45,7 +45,7 @@ std::vector<Bytes> Player::received() const {
 }
 
 GameTest::GameTest() {
-  std::setvbuf(stdout, nullptr, _IONBF, 0);  // tests print among the server's lines
+  std::setvbuf(stdout, nullptr, _IONBF, 0);  // tests print between the server's lines
   main_thread_id = pthread_self();
   server_socket = bind_loopback(SOCK_DGRAM | SOCK_NONBLOCK);
   reset_server(1000);

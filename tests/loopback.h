@@ -1,4 +1,4 @@
-// Sockets on loopback, on ports that the kernel picks.
+// Sockets on loopback, on ports chosen by the kernel.
 #pragma once
 
 #include <arpa/inet.h>
@@ -13,7 +13,7 @@ inline sockaddr_in local_address(int handle) {
   return address;
 }
 
-// Of type SOCK_DGRAM or SOCK_STREAM, with flags; on a port only when one is given.
+// Opens a socket of type SOCK_DGRAM or SOCK_STREAM, with flags; on the given port, if any.
 inline int bind_loopback(int type, const char* host = "127.0.0.1", in_port_t port = 0) {
   const int handle = socket(AF_INET, type, 0);
   sockaddr_in address{.sin_family = AF_INET, .sin_port = port, .sin_addr = {}, .sin_zero = {}};
@@ -22,7 +22,7 @@ inline int bind_loopback(int type, const char* host = "127.0.0.1", in_port_t por
   return handle;
 }
 
-// A port of UDP that was free a moment ago.
+// A UDP port that was free a moment ago.
 inline std::uint16_t free_port() {
   const int handle = bind_loopback(SOCK_DGRAM);
   const std::uint16_t port = ntohs(local_address(handle).sin_port);

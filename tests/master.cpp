@@ -30,8 +30,8 @@ void Master::script(std::deque<Bytes> pieces_to_send, int waits_before, bool wit
   pieces = std::move(pieces_to_send), waits = waits_before, resets = with_reset;
 }
 
-// The first line of a request is printed; what follows it is always the same. The uses of the heap
-// here are none of the server's.
+// Prints the first line of a request; the rest is always the same. Allocations here do not count as
+// the server's.
 void Master::take_part() {
   const int allocated = allocations;
   answer();

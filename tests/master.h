@@ -1,5 +1,5 @@
-// A master server that plays its part inside the server's own waits, so that neither side ever
-// waits for the other.
+// A master server that runs inside the server's own waits, so that neither ever blocks on the
+// other.
 #pragma once
 
 #include <deque>
@@ -11,8 +11,8 @@ struct Master {
   Master();
   ~Master();
 
-  // What becomes of the next connection: so many of the server's waits later, these pieces are sent
-  // one a wait, and then it is closed; or it is closed at once with a reset.
+  // Sets the behaviour for the next connection: after this many of the server's waits it sends
+  // these pieces, one for each wait, and closes; or it resets the connection at once.
   void script(std::deque<Bytes> pieces_to_send, int waits_before, bool with_reset);
   void take_part();
   void answer();

@@ -26,7 +26,7 @@ class OnceTest(ViewCase):
         nobody = subprocess.run([ZOLVIEW, "--once", "127.0.0.1:1"], capture_output=True, text=True,
                                 timeout=3)
         self.assertEqual((nobody.returncode, nobody.stdout, nobody.stderr),
-                         (1, "", "zolview: nobody answers at 127.0.0.1:1\n"))
+                         (1, "", "zolview: no server answers at 127.0.0.1:1\n"))
         silent, self.port = bound_socket()
         with silent:
             view = Terminal(self)
@@ -34,7 +34,7 @@ class OnceTest(ViewCase):
             self.assertEqual(view.rows()[0][42:], "--:--  Deathmatch, 0 players")
         for option in ([], ["--once"]):
             broadcast = Terminal(self, *option, server="127.255.255.255")
-            broadcast.until_text("zolview: no way to the server: ")
+            broadcast.until_text("zolview: cannot reach the server: ")
             self.assertEqual(broadcast.process.wait(PATIENCE_S), 1)
 
     def test_once_hears_all_and_asks_three_times(self):
@@ -76,22 +76,22 @@ class OnceTest(ViewCase):
         self.assertEqual((help.returncode, help.stdout[:40]),
                          (0, "usage: zolview [--name NAME] HOST[:PORT]"))
         for arguments, complaint in (
-            (["--once"], "which server? see --help"), ([], "which server? see --help"),
-            (["--json", "x"], "--json goes with --once"),
+            (["--once"], "HOST is missing; see --help"), ([], "HOST is missing; see --help"),
+            (["--json", "x"], "--json needs --once"),
             (["--name", "n" * 64, "x"], "a name has 1 to 63 characters"),
             (["--name", "", "x"], "a name has 1 to 63 characters"),
             (["--name"], "--name needs a value"),
-            (["x", "y"], 'takes no argument like "y"; see --help'),
-            (["-x"], 'takes no argument like "-x"; see --help'),
-            (["x"], "the view needs a terminal; --once prints a table anywhere"),
+            (["x", "y"], 'unknown argument "y"; see --help'),
+            (["-x"], 'unknown argument "-x"; see --help'),
+            (["x"], "the view needs a terminal; --once prints a table without one"),
         ):  # fmt: skip
             wrong = subprocess.run([ZOLVIEW, *arguments], capture_output=True, text=True,
                                    stdin=subprocess.DEVNULL)  # fmt: skip
             self.assertEqual((wrong.returncode, wrong.stderr), (2, f"zolview: {complaint}\n"))
 
     def relay(self):
-        """A way to the server that loses the first datagram of each kind, of records that about each
-        player, and swaps every fifth with the one behind it."""
+        """A relay to the server that loses the first datagram of each kind, and the first record of
+        each player. It swaps every fifth datagram with the next one."""
         near, far = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
         near.bind(("127.0.0.1", 0))
         far.connect(("127.0.0.1", self.port))

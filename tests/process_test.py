@@ -1,4 +1,4 @@
-"""The real program: what it prints, how it stops, what it costs when idle.
+"""The real program: its output, its stop, and its processor time when idle.
 
 Usage: process_test.py ZOLSERVER [TEST...]"""
 
@@ -35,7 +35,7 @@ def pipe(mode):
 
 
 def terminal():
-    """Nobody can open it by its path again."""
+    """It cannot be opened again by its path."""
     reader, writer = os.openpty()
     tty.setraw(writer)
     os.fchmod(writer, 0)
@@ -43,8 +43,8 @@ def terminal():
 
 
 def consoles():
-    """For each kind of console: where to read it, where the server writes, whether it is the server's
-    controlling terminal, and a number of lines that it has no room for."""
+    """For each kind of console: the end to read, the end for the server, whether it is the server's
+    controlling terminal, and a number of lines that do not fit into it."""
     yield *pipe(0o600), False, 300
     yield *pipe(0), False, 300
     yield *terminal(), True, 2000
@@ -72,7 +72,7 @@ def server_on(reader, writer, is_controlling):
 
 
 def check_on_all_consoles(check):
-    """At the same time, because each takes seconds of waiting."""
+    """All consoles at the same time, because each waits for seconds."""
     with contextlib.ExitStack() as cleanups, concurrent.futures.ThreadPoolExecutor() as pool:
         started = []
         for reader, writer, is_controlling, lines in consoles():
@@ -92,15 +92,14 @@ class ProcessTest(ServerCase):
             names = set()
             while "zol-ping\n" not in names and time.monotonic() < end:
                 names = {task.read_text() for task in self.proc("task").glob("*/comm")}
-            # The program, or what emulates it.
+            # The program, or its emulator.
             own_name = self.proc("exe").readlink().name
             self.assertEqual(names, {"zol-ping\n", f"{own_name}\n"})
             self.server.send_signal(number)
             self.assertEqual(player.heard(), b"\x13")
             self.assert_stopped_in_order()
 
-    # The tests of the game set every global first. In the two that follow all are as the program has
-    # them.
+    # The game's tests set all globals first. The next two tests use the program's initial values.
 
     def test_begins_with_a_table_of_zeros(self):
         self.start_and_wait()
@@ -174,7 +173,7 @@ class ProcessTest(ServerCase):
             player.say(200)
         player.say(15, 100)
         self.assertEqual(player.heard()[0], 16)
-        # Nanoseconds that the main thread has run. It is back in its wait when they stand still.
+        # Nanoseconds that the main thread has run. They stop increasing when it waits again.
         before = None
         while before != (ran := self.proc("schedstat").read_text().split()[0]):
             before = ran

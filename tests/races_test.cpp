@@ -1,5 +1,5 @@
-// Orders of events between the main and the ping thread that luck makes rare, made on purpose: at a
-// seam of one thread's work the other's is done.
+// Rare orders of events between the main and the ping thread: at a seam of one thread, the test
+// runs the work of the other.
 
 #include <thread>
 
@@ -13,7 +13,7 @@ namespace {
 
 class RacesTest : public GameTest {
  public:
-  // Four places, three players in the game; the one in slot 1 was silent for too long.
+  // Four slots, three players in the game. The player in slot 1 has been silent for too long.
   RacesTest() {
     self = this;
     server_config.maxClients = 4;
@@ -31,7 +31,7 @@ class RacesTest : public GameTest {
     }
   }
 
-  // What is done at this seam, once.
+  // Runs this work at this seam, once.
   static void at(Seam seam, void (*work)()) {
     wanted = seam, work_at_seam = work;
     on_seam = [](Seam reached) {
@@ -49,7 +49,7 @@ class RacesTest : public GameTest {
     arrive(player, enter_on_foot());
   }
 
-  // The first bytes of what a player was told, without the pings.
+  // The first bytes of each datagram to a player, without pings.
   static std::vector<Bytes> told_to(const Player& player) {
     std::vector<Bytes> all = player.received();
     std::erase(all, Bytes{1});
@@ -72,7 +72,7 @@ RacesTest* RacesTest::self = nullptr;
 Seam RacesTest::wanted;
 void (*RacesTest::work_at_seam)() = nullptr;
 
-// The player is timed out, and this work is done at the seam.
+// The player is timed out, and this work runs at the seam.
 TEST_F(RacesTest, ATimeOutHitsThePlayerThatWasSilentAndNoOther) {
   struct Case {
     Seam seam;
@@ -93,7 +93,7 @@ TEST_F(RacesTest, ATimeOutHitsThePlayerThatWasSilentAndNoOther) {
   for (const Case& c : {
            Case{Seam::TIME_OUT_DECIDED, 1, [] { arrive(self->players[1], {60}); }, {{60, 1}}, 2},
            Case{Seam::TIMED_OUT, 2, [] { arrive(self->players[2], {60}); }, {{60, 2}}, 2},
-           // A join takes the slot only after the notice: the last free one is the newcomer's.
+           // A join takes the slot only after the notice, so the newcomer gets the last free slot.
            Case{Seam::TIMED_OUT, 1, two_join, {{42, 3, 1}, {60, 1}}, 3},
            // Another player takes the slot, in the same state.
            Case{Seam::TIME_OUT_DECIDED, 1, take_slot_1, {{60, 3}, {60, 1}, {42, 1, 1}}, 3},
@@ -119,7 +119,7 @@ TEST_F(RacesTest, APingMissesWhoTookTheSlotMeanwhile) {
   EXPECT_EQ(newcomer.received().size(), 1U) << "the acceptance alone";
 }
 
-// As if they were timed out between the look-up of the sender and what is done for it.
+// As if they were timed out between the look-up of the sender and the handler.
 TEST_F(RacesTest, WhoIsGoneNeitherLeavesNorReconnectsOnceMore) {
   ping_pass();
   const ReceivedDatagram datagram{
@@ -133,9 +133,9 @@ TEST_F(RacesTest, WhoIsGoneNeitherLeavesNorReconnectsOnceMore) {
   EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
 }
 
-// A player is timed out at this seam: before its own entering, before what it reports is relayed,
-// or before a record about it is sent. The notice that it left arrives before that datagram, so
-// another one follows.
+// A player is timed out at this seam: before it enters, before its report is relayed, or before a
+// record about it is sent. The notice that it has left arrives before that datagram, so another
+// notice follows.
 TEST_F(RacesTest, NobodyKeepsAGonePlayer) {
   struct Case {
     Seam seam;
@@ -153,7 +153,7 @@ TEST_F(RacesTest, NobodyKeepsAGonePlayer) {
            Case{Seam::ANSWERING, 0, newcomer, newcomer, enter_on_foot(), all},
            Case{Seam::ANSWERING, 0, second, second, {40, 0}, {zero, {42, 0, 0}, zero}},
            Case{Seam::ANSWERING, 0, second, second, {41, 0}, {zero, {43, 0, 0}, zero}},
-           // Entering is a sign of life for the slot that joined last, so that is another one here.
+           // Entering resets the time-out of the slot that joined last, which is another slot here.
            Case{Seam::ENTERING, 2, players[2], first, enter_on_foot(), {{60, 2}}},
            Case{Seam::RELAYING, 1, second, first, enter_on_foot(), {one, {42, 1, 1}, one}},
            Case{Seam::RELAYING, 1, second, first, bytes_of("64 ..16"), {one, {200, 1, 0}, one}},
@@ -170,9 +170,9 @@ TEST_F(RacesTest, NobodyKeepsAGonePlayer) {
   }
 }
 
-// Players come, go, come back and fall silent while passes run as fast as they can. What it proves
-// shows under ThreadSanitizer; the counts must agree on every build. Nobody reads what is sent: the
-// passes send faster than it could be read, and the system drops what finds no room.
+// Players join, leave, come back and fall silent while passes run as fast as they can. Under
+// ThreadSanitizer this finds data races; the counts must agree in every build. Nobody reads the
+// sent datagrams: the passes send faster than a player could read, and the system drops the rest.
 TEST_F(RacesTest, TheThreadsAgreeOnEveryPlayer) {
   server_config.GameType = 1;
   server_config.maxClients = 16;

@@ -1,4 +1,4 @@
-// What a test has another thread do at the server's seams.
+// The work that a test runs at the server's seams.
 #pragma once
 
 #include "server/seams.h"

@@ -1,4 +1,4 @@
-"""A real server in a folder of its own, and players of it."""
+"""A real server in a new folder, and its players."""
 
 import os
 import pathlib
@@ -10,7 +10,7 @@ import sys
 import tempfile
 import unittest
 
-PATIENCE_S = int(os.environ.get("ZOL_PATIENCE_S", "60"))  # until a test gives a stuck server up
+PATIENCE_S = int(os.environ.get("ZOL_PATIENCE_S", "60"))  # until a test considers a server stuck
 RULE = "-" * 38 + "\n"
 PING, FULL_JOIN = b"\1", b"\nBob" + bytes(62) + b"\x28\0"
 ZOLSERVER = os.path.realpath(sys.argv.pop(1))
@@ -40,7 +40,7 @@ class Player:
         self.socket.send(bytes([code]) + bytes(size - 1))
 
     def heard(self):
-        """The next datagram but for pings."""
+        """The next datagram that is no ping."""
         while (heard := self.socket.recv(300)) == PING:
             pass
         return heard
@@ -69,7 +69,7 @@ class ServerCase(unittest.TestCase):
         self.assertEqual(self.read_to(RULE), online)
 
     def read_to(self, last):
-        """What the server prints up to and including this text, or to its end."""
+        """The server's output up to and including this text, or up to its end."""
         text = ""
         while not text.endswith(last):
             ready = select.select([self.console], [], [], PATIENCE_S)[0]
@@ -92,7 +92,7 @@ class ServerCase(unittest.TestCase):
         return player
 
     def say_unknown(self, player, count):
-        """Has the server print a line for each; returns when it has handled all of them."""
+        """Makes the server print this many lines; returns when it has handled all datagrams."""
         for first in range(0, count, 100):
             for _ in range(min(100, count - first)):
                 player.say(200)

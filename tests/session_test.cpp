@@ -1,29 +1,28 @@
 // Plays sessions: those of docs/protocol.md and tests/sessions/*.session. A line of a session is
-//   A> BYTES             a datagram of A, handled at once; bytes.h says how bytes are written, and
+//   A> BYTES             a datagram of A, handled at once; bytes.h describes the bytes, and
 //                        CMD_DIED is the code of that datagram in docs/protocol.md
-//   A< BYTES             what A gets; P0..P9< is the same for ten players
-//   #| LINE              what the server prints
-//   server NAME=VALUE... a server that has just started, with these settings; all players are new
-//   set NAME=VALUE...    the settings change, or what SETTERS has beside them
-//   wait MS              time goes by
+//   A< BYTES             a datagram to A; P0..P9< is the same for ten players
+//   #| LINE              a line that the server prints
+//   server NAME=VALUE... a server that has just started, with these settings and no players
+//   set NAME=VALUE...    changes the settings, or another name in SETTERS
+//   wait MS              the time advances
 //   pass                 a pass of the ping thread
-//   join A B             A and B join; what that sends is not looked at
-//   seat A B             A and B join and enter as enter_on_foot has it; likewise
+//   join A B             A and B join; the session ignores the datagrams that this sends
+//   seat A B             A and B join and enter with enter_on_foot; datagrams are ignored too
 //   twin B A             B sends from the port of A at another address
-//   cut A                nothing can be sent to A, as the system knows
-//   fail A               no answer can be sent to A, from here to the next server
-//   let NAME WORDS       $NAME stands for the words from here on
+//   cut A                the system knows that nothing can be sent to A
+//   fail A               answers to A fail, until the next server
+//   let NAME WORDS       $NAME means these words from here on
 //   master BYTES / BYTES the master server answers the next request with these pieces;
-//                        with "late N" in front after N of the server's pauses,
-//                        with "reset" it resets
+//                        with "late N" before them, after N of the server's pauses;
+//                        with "reset", it resets the connection
 //   announce WHAT        announce_first, announce_check, master_announce, master_remove_server or
 //                        tell_of_stop: first, check, ask, remove or stop
-//   run THREAD SECONDS   the ping or the announce thread from its start on,
-//                        until it has slept so long
-//   M| LINE              the first line of the request that the master server gets
-//   check NAME=VALUE...  what cannot be seen from outside; 3.in_car is in_car of slot 3
-// and # begins a comment. Lines and datagrams must come in the order in which they stand, and none
-// may come that does not.
+//   run THREAD SECONDS   the ping or the announce thread from its start,
+//                        until it has slept this long
+//   M| LINE              the first line of the request to the master server
+//   check NAME=VALUE...  state that players cannot see; 3.in_car is in_car of slot 3
+// and # begins a comment. Lines and datagrams must come in this order, and no others may come.
 
 #include <sys/socket.h>
 
@@ -91,7 +90,7 @@ Number value_of(const std::string& name) {
   return values.at(is_of_slot ? name.substr(dot) : name);
 }
 
-// As two digits of base 16, by name.
+// As two hexadecimal digits, by name.
 const std::map<std::string, std::string> codes = [] {
   std::map<std::string, std::string> all;
   std::ifstream document(PROTOCOL_DOCUMENT);
@@ -104,7 +103,7 @@ const std::map<std::string, std::string> codes = [] {
   return all;
 }();
 
-// "P0..P9" is ten players, any other word one.
+// "P0..P9" means ten players, any other word one player.
 std::vector<std::string> names_of(const std::string& word) {
   Number first = 0, last = 0;
   if (std::sscanf(word.c_str(), "P%u..P%u", &first, &last) != 2) return {word};
@@ -115,7 +114,7 @@ std::vector<std::string> names_of(const std::string& word) {
 
 class SessionTest : public GameTest {
  public:
-  // Among the lines that the server prints, so that the two keep their order.
+  // Prints between the server's lines, to keep the order of both.
   void print_arrivals() {
     const int allocated = allocations;
     for (const auto& [name, peer] : peers) {
@@ -136,7 +135,7 @@ class SessionTest : public GameTest {
   }
   ~SessionTest() override { playing = nullptr, on_sleep = nullptr; }
 
-  // A line that is not understood has thrown.
+  // A line that is not understood has thrown before.
   void TearDown() override {
     finish_step();
     EXPECT_FALSE(HasFailure()) << "up to " << place;
@@ -250,7 +249,7 @@ class SessionTest : public GameTest {
     if (ms >= run_ms) throw ms;
   }
 
-  // NAME=VALUE.
+  // Sets or checks NAME=VALUE.
   void use_pair(const std::string& pair, bool is_check) {
     const std::string name = pair.substr(0, pair.find('='));
     const Number value = number_of(pair.substr(name.size() + 1));
@@ -264,7 +263,7 @@ class SessionTest : public GameTest {
     }
   }
 
-  // With what names stand for. A run of blanks becomes one, in a text as well.
+  // Replaces names by their words. Several blanks become one, also in a text.
   std::string meaning_of(std::istringstream& words) const {
     std::string meaning;
     for (std::string word; words >> word;) {
@@ -281,7 +280,7 @@ class SessionTest : public GameTest {
   std::map<std::string, std::string> lets = codes;
   std::string place, step, happened, expected;
   int datagrams = 0;
-  Number run_ms = 0;  // what a thread's sleeps may last altogether; 0: no thread runs
+  Number run_ms = 0;  // limit of the sum of a thread's sleeps; 0: no thread runs
 };
 
 SessionTest* SessionTest::playing = nullptr;
@@ -320,7 +319,7 @@ INSTANTIATE_TEST_SUITE_P(Sessions, SessionFileTest, testing::ValuesIn(session_fi
 
 }  // namespace
 
-// Each send is followed by a look at who got it; so a batch goes out one by one.
+// Checks after each send who received it, so a batch is sent one by one.
 extern "C" {
 decltype(sendto) __real_sendto;
 decltype(sendmmsg) __real_sendmmsg;

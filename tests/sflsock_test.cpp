@@ -44,7 +44,7 @@ TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
   socket_layer_state.port_offset = 0;
 }
 
-// The kernel gives what it allows, and doubles it for its own use, see socket(7).
+// The kernel may grant less, and doubles the size for its own use; see socket(7).
 TEST(SflsockTest, AsksForLargeBuffers) {
   const int handle = udp_open_port(std::to_string(free_port()).c_str());
   for (const auto& [option, file] : {std::pair(SO_RCVBUF, "/proc/sys/net/core/rmem_max"),
@@ -67,7 +67,7 @@ TEST(SflsockTest, SaysWhyItCannotOpen) {
   EXPECT_EQ(new_inet_socket("no-such-protocol"), -1);
   EXPECT_EQ(socket_error_code(), 4);
 
-  // Taken by a socket without SO_REUSEADDR; the failed one stays open and counted.
+  // A socket without SO_REUSEADDR has the port. The failed one stays open and counted.
   const int taken = bind_loopback(SOCK_DGRAM);
   const std::string port = std::to_string(ntohs(local_address(taken).sin_port));
   EXPECT_EQ(udp_open_port(port.c_str()), -1);
@@ -88,7 +88,7 @@ TEST(SflsockTest, HasATextForEachError) {
 
 TEST(SflsockTest, ReceivesCutsAndSends) {
   const int one = udp_open_port(std::to_string(free_port()).c_str());
-  socket_layer_state.bind_address = htonl(INADDR_LOOPBACK);  // for one bind
+  socket_layer_state.bind_address = htonl(INADDR_LOOPBACK);  // for the next bind only
   const int two = udp_open_port(std::to_string(free_port()).c_str());
   const sockaddr_in to = local_address(two);
   EXPECT_EQ(to.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
@@ -158,7 +158,8 @@ TEST(SflsockTest, ChecksItsArguments) {
   EXPECT_DEATH(compare_ignoring_case("", nullptr), "sflstr");
 }
 
-// Started as another user than its real one, the process is its real user after the first bind.
+// If its effective user differs from its real one, the process becomes the real user after the
+// first bind.
 TEST(SflsockTest, DropsRaisedRightsWithTheFirstBind) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
   for (const char* port : {"0", "1"}) {

@@ -50,7 +50,7 @@ class Guest(Player):
 
 
 class Terminal:
-    """zolview on a pseudo-terminal, and what is to be seen there."""
+    """zolview on a pseudo-terminal, and the text on it."""
 
     def __init__(self, case, *arguments, term="linux", size=(24, 80), server=None):
         self.case = case
@@ -112,7 +112,7 @@ class Terminal:
         return [line.strip() for line in self.map() if line]
 
     def list(self):
-        """The rows of the list, less the time since they were heard of."""
+        """The rows of the list, without the time since the last datagram."""
         rows = self.screen.display[2:MAP_ROWS]
         return [row[MAP_COLUMNS + 1 :].rsplit(None, 1)[0] for row in rows if row[42:].strip()]
 
@@ -167,7 +167,7 @@ class ViewTest(ViewCase):
         bob.socket.send(b"\x67\x01")
         bob.socket.send(b"\x67\x02")
         view.until(lambda _: view.colour_of("Bob") == "green")
-        # It went to the view in slot 1, which passed it on.
+        # The view in slot 1 got the role and passed it on.
         while bob.heard_of(220) != b"\xdc\1\0":
             pass
         self.assertEqual(bob.heard_of(209), b"\xd1\2")
@@ -197,14 +197,14 @@ class ViewTest(ViewCase):
         view = Terminal(self, term="vt100")
         view.until_text("and 16 more")
         view.until_equal(lambda: view.list()[:1], ["0                foot      0   -"])
-        # Neither 0 nor 1 is anywhere.
+        # Players 0 and 1 have no known place.
         view.until_equal(lambda: "".join(view.marks()[:1])[:1] + "".join(view.marks())[-1:], "t2")
         for rows, columns in ((1, 1), (5, 20), (2, 200)):
             view.resize(rows, columns)
             view.read(0.2)
         view.resize(24, 50)
         view.until(lambda rows: re.match(r"\D\d\d:\d\d  Deathmatch", rows[0][24:]))
-        # The status is cut within its line, and nothing of it is in the line of chat below.
+        # The status is cut at the end of its line; none of it is in the chat line below.
         view.until(lambda rows: re.fullmatch(f"[q─]{{2}} {TITLE[:45]}[q─]{{2}}", rows[MAP_ROWS])
                    and not rows[MAP_ROWS + 1])
         view.resize(38, 132)

@@ -20,19 +20,19 @@
 
 namespace {
 
-// The game waits for a console for at most a second in a row, and after that for 1 percent of the
-// time: each millisecond of patience that a wait uses up comes back 100 ms later.
+// The server waits for a console for at most a second in a row, and after that for 1 percent of the
+// time: each millisecond that a wait uses up is available again 100 ms later.
 constexpr std::int64_t PATIENCE_US = 1'000'000;
 constexpr std::int64_t STEP_US = 10'000;  // one wait
 constexpr std::int64_t RECOVERY = 100;
 
 using Line = std::array<char, 512>;
 
-// How a write to standard output is kept from blocking.
+// How the server keeps a write to standard output from blocking.
 enum class ConsoleKind { NEVER_BLOCKS, SOCKET, MAY_BLOCK };
 constinit ConsoleKind console_kind = ConsoleKind::NEVER_BLOCKS;
 
-// When all of the patience is back, in microseconds of CLOCK_MONOTONIC.
+// When all of the patience is available again, in microseconds of CLOCK_MONOTONIC.
 constinit std::atomic<std::int64_t> patient_at_us = 0;
 constinit std::atomic<unsigned> missing_lines = 0;
 constinit std::atomic<bool> is_line_cut = false;  // the console took only the start of a line
@@ -47,15 +47,15 @@ bool has_patience() {
   return patient_at_us - monotonic_us() <= (PATIENCE_US - STEP_US) * RECOVERY;
 }
 
-// Two threads that wait at the same time may count as one. A stopped process counts as patient.
+// Two simultaneous waits may count as one. The limit is for a process that was stopped meanwhile.
 void charge_wait(std::int64_t since_us) {
   const std::int64_t now_us = monotonic_us();
   const std::int64_t waited_us = std::min(now_us - since_us, PATIENCE_US);
   patient_at_us = std::max(patient_at_us.load(), now_us) + waited_us * RECOVERY;
 }
 
-// Interrupts a write that blocks, by a signal to this thread alone after each step. The timer
-// repeats, because its first signal may arrive before the write begins.
+// Interrupts a blocked write with a signal to this thread only, after each step. The timer repeats,
+// because its first signal may arrive before the write begins.
 ssize_t write_interruptibly(std::string_view text) {
   if (!has_patience()) return errno = EAGAIN, -1;
   sigevent event{};
@@ -87,13 +87,13 @@ bool wait_for_room() {
   if (errno == EINTR) return true;
   if (errno != EAGAIN || !has_patience()) return false;
   const std::int64_t start_us = monotonic_us();
-  // For no event: a pipe with room for the line, but not for a page, is not "ready".
+  // Polls no event: a pipe with room for the line, but not for a page, is not "ready".
   poll(nullptr, 0, STEP_US / 1'000);
   charge_wait(start_us);
   return true;
 }
 
-// False when the console did not take all of it.
+// False when the console did not take all of the text.
 bool write_all(std::string_view text) {
   const std::size_t length = text.size();
   while (!text.empty()) {
@@ -108,7 +108,7 @@ bool write_all(std::string_view text) {
   return true;
 }
 
-// Says how many lines are missing, on a line of its own. False when there is no room for that.
+// Prints how many lines are missing, on a separate line. False when the console has no room.
 bool print_missing() {
   const unsigned missing = missing_lines.exchange(0);
   if (missing == 0) return true;
@@ -122,8 +122,8 @@ bool print_missing() {
   return false;
 }
 
-// Blocking is a setting of the open file description, which other processes share, so standard
-// output is opened again. Another user's file cannot be, except as the controlling terminal.
+// O_NONBLOCK belongs to the open file description, which other processes share, so standard output
+// is opened again. For another user's file, only the controlling terminal can be.
 int reopen_standard_output() {
   constexpr int FLAGS = O_WRONLY | O_NONBLOCK | O_NOCTTY;
   const int handle = open("/proc/self/fd/1", FLAGS);

@@ -1,14 +1,12 @@
 // The server's console: standard output, a line at a time. Any thread may call.
 //
 // Each line is one write(2) from a buffer on the stack: lines never mix, and no thread waits for
-// another's lock. The server waits for a console without room for at most a second in a row, and
-// after that for 1 percent of the time. It drops the lines that find no room, and then prints how
-// many are missing.
+// another's lock. The server waits for a full console for at most a second in a row, and after that
+// for 1 percent of the time. It drops lines that find no room, and later prints their number.
 #pragma once
 
-// Opens what is missing of the three standard descriptors on /dev/null, so that no socket becomes
-// one of them, and keeps SIGPIPE and SIGXFSZ from ending the process. Before anything else is
-// opened.
+// Opens each closed standard descriptor on /dev/null, so that no socket becomes one of them. Keeps
+// SIGPIPE and SIGXFSZ from ending the process. Call it before opening anything else.
 void console_start();
 
 // printf(3), for at most one line of 511 bytes.

@@ -20,10 +20,10 @@ enum class Answer { NONE, UP, NOBODY_LISTENS, CANNOT_SEND, SIGNAL };
 struct Question {
   int socket = -1;
   int stop_signals = -1;
-  int signal = 0;  // that ended the question
+  int signal = 0;  // the one that ended the question
 };
 
-// Other datagrams do not count, and do not prolong the wait.
+// Other datagrams do not count, and do not extend the wait.
 static Answer await_refusal(Question& question, std::uint64_t end_ms) {
   pollfd waits[] = {{.fd = question.stop_signals, .events = POLLIN, .revents = 0},
                     {.fd = question.socket, .events = POLLIN, .revents = 0}};
@@ -31,7 +31,7 @@ static Answer await_refusal(Question& question, std::uint64_t end_ms) {
     if (poll(waits, std::size(waits), static_cast<int>(end_ms - now_ms)) <= 0) break;
     question.signal = take_stop_signal(question.stop_signals);
     if (question.signal != 0) return Answer::SIGNAL;
-    // The only error of a connected socket here: an ICMP message says that the port is closed.
+    // The only error here of a connected socket: an ICMP message says that the port is closed.
     if ((waits[1].revents & POLLERR) != 0) return Answer::NOBODY_LISTENS;
     static Batch batch;
     receive_batch(question.socket, batch);
@@ -53,7 +53,7 @@ static Answer ask(Question& question) {
   return answer;
 }
 
-// With the number that a name was resolved to and the port that was taken for none.
+// Adds the resolved address and the default port to a text without them.
 static std::string address_of(const ViewOptions& options) {
   char host[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &options.server.sin_addr, host, sizeof host);
@@ -84,11 +84,11 @@ int ask_alive(const ViewOptions& options, int stop_signals) {
     case Answer::CANNOT_SEND:
       return complain("cannot send to", address, std::strerror(error));
     case Answer::NOBODY_LISTENS:
-      return complain("nobody listens at", address, "check the port, and that the server runs");
+      return complain("no server listens at", address, "check the port, and that the server runs");
     case Answer::NONE:
       break;
   }
   return complain(
-      "nobody answers at", address,
+      "no server answers at", address,
       "check the address, the server, and whether firewalls and routers let UDP through");
 }

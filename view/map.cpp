@@ -21,7 +21,7 @@ struct Box {
   MapPoint high{-MAX_COORDINATE, -MAX_COORDINATE};
 };
 
-// Around the players with a place; without any, low lies above high.
+// Contains the players with a known place. Without any, low is above high.
 static Box box_of(const GamePicture& picture) {
   Box box;
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
@@ -51,7 +51,7 @@ void fit_view(MapView& view, const GamePicture& picture, std::uint64_t now_ms) {
   const bool shrinks = is_roomy && now_ms - view.roomy_since_ms >= CALM_MS;
   if (holds(view, box) && !shrinks) return;
   const MapPoint middle{(box.low.x + box.high.x) / 2, (box.low.y + box.high.y) / 2};
-  // Who drives out at one side does not change the scale, only the middle.
+  // A player that leaves the map on one side moves it, and does not change the scale.
   view = {.middle = middle, .side = shrinks ? side : std::max(side, view.side)};
 }
 

@@ -17,15 +17,15 @@
 #include "client/stop_signals.h"
 #include "text/names.h"
 
-// Datagrams may be lost: a join is tried so often, and questions are asked until so many rounds in
-// a row have brought nobody new.
+// The network loses datagrams. So the join is tried this often, and the questions are repeated
+// until this many rounds in a row have found no new player.
 static constexpr int JOIN_TRIES = 4;
 static constexpr int QUIET_ROUNDS = 3;
 static constexpr std::uint64_t JOIN_WAIT_MS = 1'000;
-// Answers still count as under way for some times the way there and back.
+// The wait for answers is a multiple of the round trip, at least this long.
 static constexpr std::uint64_t MIN_SILENCE_MS = 200;
 static constexpr std::uint64_t SILENCE_FACTOR = 4;
-static constexpr std::uint64_t ASKING_MS = 10'000;  // then what is known is shown
+static constexpr std::uint64_t ASKING_MS = 10'000;  // then it shows what it knows
 
 struct Visit {
   int socket = -1;
@@ -38,8 +38,8 @@ static bool is_waiting(const ClientSession& session) {
   return session.state == SessionState::JOINING && session.refusal[0] == '\0';
 }
 
-// Hears what comes until nothing has come for so long, but not past the end, and while joining
-// until the answer. False when the visit is over: nobody listens there, or a signal has come.
+// Handles datagrams until none has arrived for the silence, but not past the end, and in a join
+// only until the answer. False when the visit is over: the port is closed, or a signal arrived.
 static bool hear_answers(Visit& visit, std::uint64_t silence_ms, std::uint64_t end_ms) {
   ClientSession& session = visit.session;
   const bool is_joining = is_waiting(session);
@@ -59,7 +59,7 @@ static bool hear_answers(Visit& visit, std::uint64_t silence_ms, std::uint64_t e
   return true;
 }
 
-// Returns the way there and back in milliseconds.
+// Returns the round trip in milliseconds.
 static std::uint64_t join(Visit& visit) {
   ClientSession& session = visit.session;
   std::uint64_t sent_ms = 0;
@@ -94,7 +94,7 @@ static void ask_for_all(Visit& visit, std::uint64_t silence_ms) {
 
 static std::string number_text(FloatBits bits) {
   const auto number = std::bit_cast<float>(bits);
-  if (!std::isfinite(number)) return "null";  // JSON has no other word for it
+  if (!std::isfinite(number)) return "null";  // JSON has no other value for it
   char text[32];
   std::snprintf(text, sizeof text, "%.9g", static_cast<double>(number));
   return text;
@@ -153,19 +153,19 @@ int show_once(const ViewOptions& options, int stop_signals) {
   visit.socket = open_client_socket(options.server);
   visit.stop_signals = stop_signals;
   ClientSession& session = visit.session;
-  if (visit.socket == -1) return complain("no way to the server: ", std::strerror(errno), 1);
+  if (visit.socket == -1) return complain("cannot reach the server: ", std::strerror(errno), 1);
   std::copy(options.name.begin(), options.name.end(), session.name.begin());
   const std::uint64_t round_trip_ms = join(visit);
   const bool has_joined = session.state != SessionState::JOINING;
   if (has_joined) {
     ask_for_all(visit, std::clamp(SILENCE_FACTOR * round_trip_ms, MIN_SILENCE_MS, JOIN_WAIT_MS));
   }
-  session_leave(session);  // even without an answer: it may have been lost
+  session_leave(session);  // also without an answer, which may be lost
   send_outbox(visit.socket, session.outbox);
   close(visit.socket);
   if (visit.signal != 0) return 128 + visit.signal;
   if (session.refusal[0] != '\0') return complain("", printable(session.refusal.data()), 3);
-  if (!has_joined) return complain("nobody answers at ", options.server_text, 1);
+  if (!has_joined) return complain("no server answers at ", options.server_text, 1);
   options.json ? print_json(session.picture) : print_table(session.picture);
   return 0;
 }

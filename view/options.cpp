@@ -14,16 +14,16 @@ static constexpr const char* HELP =
     "       zolview --once [--json] HOST[:PORT]\n"
     "       zolview --alive HOST[:PORT]\n"
     "\n"
-    "Shows a running game of a ZOL Server: a map of who is where, a list, the chat.\n"
+    "Shows a running game of a ZOL Server: a map of the players, a list of them, the chat.\n"
     "\n"
-    "  --name NAME  what the others see, \"Spectator\" by default\n"
-    "  --once       prints one table of who is on, and ends\n"
-    "  --json       prints it as one JSON object\n"
-    "  --alive      says whether a server answers there, without taking a slot\n"
+    "  --name NAME  the name that the others see, \"Spectator\" by default\n"
+    "  --once       prints one table of the players and exits\n"
+    "  --json       prints the table as one JSON object\n"
+    "  --alive      checks whether a server answers, without taking a slot\n"
     "\n"
-    "In the view: Enter begins and sends a line of chat, Esc drops it, q ends.\n"
-    "Exit status: 0 all was well, 1 nobody answers, 2 bad arguments, 3 the server refused,\n"
-    "128 + N: signal N came before the answers (with --once and --alive).\n";
+    "Keys: Enter begins and sends a line of chat, Esc discards it, q quits.\n"
+    "Exit status: 0 success, 1 no server answers, 2 bad arguments, 3 the server refused,\n"
+    "128 + N: signal N arrived before the answers (with --once and --alive).\n";
 
 static ParseResult complain(const std::string& text) {
   std::fprintf(stderr, "zolview: %s\n", text.c_str());
@@ -31,8 +31,8 @@ static ParseResult complain(const std::string& text) {
 }
 
 static ParseResult check_options(ViewOptions& options) {
-  if (options.server_text == nullptr) return complain("which server? see --help");
-  if (options.json && !options.once) return complain("--json goes with --once");
+  if (options.server_text == nullptr) return complain("HOST is missing; see --help");
+  if (options.json && !options.once) return complain("--json needs --once");
   if (options.alive && (options.once || options.name != ViewOptions{}.name)) {
     return complain("--alive takes no other option");
   }
@@ -42,7 +42,7 @@ static ParseResult check_options(ViewOptions& options) {
   std::string complaint;
   const bool needs_terminal = !options.once && !options.alive;
   if (needs_terminal && (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)) {
-    return complain("the view needs a terminal; --once prints a table anywhere");
+    return complain("the view needs a terminal; --once prints a table without one");
   }
   if (!resolve_server(options.server_text, options.server, complaint)) return complain(complaint);
   return ParseResult::RUN;
@@ -65,7 +65,7 @@ ParseResult parse_view_options(int count, char** arguments, ViewOptions& options
       if (++i == count) return complain("--name needs a value");
       options.name = latin1_of(arguments[i]);
     } else if (argument.starts_with('-') || options.server_text != nullptr) {
-      return complain("takes no argument like \"" + std::string(argument) + "\"; see --help");
+      return complain("unknown argument \"" + std::string(argument) + "\"; see --help");
     } else {
       options.server_text = arguments[i];
     }

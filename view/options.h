@@ -20,5 +20,5 @@ struct ViewOptions {
 
 enum class ParseResult { RUN, HELP_SHOWN, BAD_ARGUMENTS };
 
-// Prints to standard error what is wrong with bad arguments.
+// Prints the error of bad arguments to standard error.
 ParseResult parse_view_options(int count, char** arguments, ViewOptions& options);

@@ -1,6 +1,6 @@
-// A spectator that becomes the PinkPanther would keep the role, invisibly, for up to two minutes.
-// It passes the role on by a death: of what asks the server for a new choice, the other players
-// notice that least. Its count is 0, as that of a player who has never died.
+// A spectator that becomes the PinkPanther would keep the role, without moving, for up to two
+// minutes. It passes the role on with a death: of the reports that make the server choose again,
+// this one disturbs the other players least. Its count is 0, as for a player that has never died.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,9 @@
 
 using namespace zol;
 
-// Spectators that are alone with each other would pass the role around as fast as they can, so it
-// goes only to a game with a player who plays, and not more often than this.
+// Spectators without other players would pass the role to each other as fast as they can. So a
+// spectator passes it on only if somebody plays, and not more often than this.
 inline constexpr std::uint64_t PASS_ON_MS = 10'000;
 
-// Sends the death when it is time; passed_ms is when it was sent last, 0 for never.
+// Sends the death when it is due. passed_ms is the time of the last one, 0 for none.
 void pass_role_on(ClientSession& session, std::uint64_t& passed_ms, std::uint64_t now_ms);

@@ -10,15 +10,15 @@
 
 #include "text/names.h"
 
-// From left to right and from top to bottom: the map, one column between, and the list with the
-// game's clock above it; then the status in a line across, the chat, and the line to type in.
-static constexpr int LIST_WIDTH = 38;    // and no more than half of the columns
+// Left to right, top to bottom: the map, an empty column, and the list below the game's clock; then
+// a line with the status, the chat, and the input line.
+static constexpr int LIST_WIDTH = 38;    // at most half of the columns
 static constexpr int NAME_COLUMNS = 14;  // of the list
-static constexpr int CHAT_HEIGHT = 7;    // the status and the line to type in included
+static constexpr int CHAT_HEIGHT = 7;    // including the status and the input line
 
 static constexpr short COLOURS[] = {COLOR_GREEN, COLOR_YELLOW, COLOR_CYAN,
                                     COLOR_BLUE,  COLOR_RED,    COLOR_WHITE};
-static constexpr short PLAYER_PAIRS = std::size(COLOURS);  // pairs 1 and up, a player's by its slot
+static constexpr short PLAYER_PAIRS = std::size(COLOURS);  // from 1 on, selected by slot
 static constexpr short PINK_PAIR = PLAYER_PAIRS + 1;
 static constexpr short PINK_OF_256 = 205;
 static constexpr int ESCAPE = 27;
@@ -46,7 +46,7 @@ void screen_close() {
   endwin();
 }
 
-// Without colours the PinkPanther is in reverse.
+// Without colours, the PinkPanther is shown in reverse.
 static attr_t style_of(const GamePicture& picture, Slot slot) {
   const bool is_pink = slot == picture.pinkpanther;
   if (!has_pairs) return is_pink ? A_REVERSE : A_NORMAL;
@@ -54,7 +54,7 @@ static attr_t style_of(const GamePicture& picture, Slot slot) {
                  : static_cast<attr_t>(COLOR_PAIR(1 + slot % PLAYER_PAIRS));
 }
 
-// One column for each of 32 slots.
+// A mark of one column for each of the 32 slots.
 static wchar_t mark_of(Slot slot) {
   return L"0123456789abcdefghijklmnopqrstuv"[slot];
 }
@@ -77,7 +77,7 @@ static std::wstring fitted(const std::wstring& text, int columns) {
   return fitting;
 }
 
-// Puts text into at most so many columns, in an ncurses style.
+// Prints a text in at most this many columns, with an ncurses attribute.
 static void put(int row, int column, int columns, const std::wstring& text,
                 attr_t style = A_NORMAL) {
   if (columns <= 0) return;
@@ -86,7 +86,7 @@ static void put(int row, int column, int columns, const std::wstring& text,
   attrset(A_NORMAL);
 }
 
-// printf(3), of ASCII texts and numbers.
+// printf(3), for ASCII texts and numbers.
 [[gnu::format(printf, 1, 2)]] static std::wstring text_of(const char* format, ...) {
   char text[96];
   va_list arguments;
@@ -109,7 +109,7 @@ static void draw_player(const ViewState& view, Slot slot, int columns, int rows)
   if (cell.column + 1 < columns) put(cell.row, cell.column + 1, 1, L"]", style);
 }
 
-// The PinkPanther comes last, over all others.
+// Draws the PinkPanther last, on top of the others.
 static void draw_map(const ViewState& view, int columns, int rows) {
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) draw_player(view, slot, columns, rows);
   const Slot pinkpanther = view.session.picture.pinkpanther;

@@ -1,4 +1,4 @@
-// The view on the terminal, drawn with ncurses. Used by one thread; a process has one screen.
+// The view on the terminal, drawn with ncurses. Used by one thread; one screen in a process.
 #pragma once
 
 #include <cstdint>
@@ -10,11 +10,11 @@
 struct ViewState {
   int socket = -1;
   ClientSession session;
-  std::uint64_t passed_ms = 0;  // when it passed the PinkPanther's role on last
+  std::uint64_t passed_ms = 0;  // when it last passed on the PinkPanther's role
   MapView map;
-  std::string status;  // in Latin-1: what happened to the connection last
+  std::string status;  // in Latin-1: the last change of the connection
   bool is_typing = false;
-  std::string typed;  // the line of chat so far, in Latin-1
+  std::string typed;  // the input line, in Latin-1
 };
 
 enum class KeyResult { NONE, TAKEN, QUIT };
@@ -22,8 +22,8 @@ enum class KeyResult { NONE, TAKEN, QUIT };
 void screen_open();
 void screen_close();  // restores the terminal
 
-// Brings the terminal up to date. What has not changed is not sent again.
+// Updates the terminal. Only changes are sent to it.
 void screen_draw(ViewState& view, std::uint64_t now_ms);
 
-// Takes one key if one was pressed. Never waits.
+// Handles one key if one was pressed. Never blocks.
 KeyResult screen_take_key(ViewState& view);

@@ -36,13 +36,13 @@ static void show_event(ViewState& view, SessionEvent event) {
       view.status = "the server has stopped; trying to join again";
       return;
     case SessionEvent::FORGOTTEN:
-      view.status = "nothing heard from the server; trying to join again";
+      view.status = "the server is silent; trying to join again";
       return;
   }
 }
 
-// Takes one batch: datagrams may arrive faster than they are taken, and signals, keys and the
-// screen have their turns in between.
+// Handles one batch only, because datagrams may arrive faster than they are handled. Signals, keys
+// and the screen are handled between batches.
 static void take_datagrams(ViewState& view) {
   static Batch batch;
   receive_batch(view.socket, batch);
@@ -51,7 +51,7 @@ static void take_datagrams(ViewState& view) {
   }
 }
 
-// False when the person wants to quit.
+// False when the user quits.
 static bool take_keys(ViewState& view) {
   KeyResult result = KeyResult::TAKEN;
   while (result == KeyResult::TAKEN) result = screen_take_key(view);
@@ -82,14 +82,14 @@ static int show_game(const ViewOptions& options, int stop_signals) {
   static ViewState view;
   view.socket = open_client_socket(options.server);
   if (view.socket == -1) {
-    std::perror("zolview: no way to the server");
+    std::perror("zolview: cannot reach the server");
     return EXIT_FAILURE;
   }
   std::copy(options.name.begin(), options.name.end(), view.session.name.begin());
   view.status = std::string("joining ") + options.server_text;
   screen_open();
   run(view, stop_signals);
-  session_leave(view.session);  // first: a stuck terminal holds up the rest
+  session_leave(view.session);  // before the terminal, which may be stuck
   send_outbox(view.socket, view.session.outbox);
   screen_close();
   return EXIT_SUCCESS;
@@ -107,7 +107,7 @@ int main(int count, char** arguments) {
   }
   const int stop_signals = open_stop_signals({SIGHUP, SIGINT, SIGQUIT, SIGTERM});
   if (stop_signals == -1) {
-    std::perror("zolview: cannot take signals");
+    std::perror("zolview: cannot receive signals");
     return EXIT_FAILURE;
   }
   if (options.alive) return ask_alive(options, stop_signals);

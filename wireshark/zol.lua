@@ -3,14 +3,14 @@
 --   wireshark -X lua_script:wireshark/zol.lua
 --   tshark -X lua_script:wireshark/zol.lua -o zol.port:16309 -r capture.pcap
 --
--- Wireshark 4.4 and later ignore Lua scripts when root runs them, and say nothing about it.
--- In ~/.local/lib/wireshark/plugins the script is loaded by itself. For other servers in the same
--- capture, use "Decode As" or -d udp.port==PORT,zol.
--- The ports tell the sender: a datagram to the server's port comes from a client. If a client has
--- the server's port number too, its datagrams cannot be told apart.
+-- Wireshark 4.4 and later silently ignore Lua scripts when root runs them.
+-- Wireshark loads scripts in ~/.local/lib/wireshark/plugins by itself. For other servers in the
+-- same capture, use "Decode As" or -d udp.port==PORT,zol.
+-- The ports identify the sender: a datagram to the server's port comes from a client. If a client
+-- has the same port number, its datagrams cannot be identified.
 
--- Every layout as it lies on the wire, written by script/checks/protocol from server/protocol.h. A
--- field is {offset, width, name, kind}; byte 0, the command, stands in no row.
+-- The layout of every datagram on the wire, written by script/checks/protocol from
+-- server/protocol.h. A field is {offset, width, name, kind}; byte 0, the command, has no row.
 -- BEGIN
 local RECEIVE_BUFFER_SIZE = 256
 local NOBODY = 100
@@ -222,7 +222,7 @@ zol.prefs.port = Pref.uint("Server port", PORT, "UDP port of the server")
 
 local VALUE_NAMES = {game_type = {[0] = "Deathmatch", [1] = "CatchPinkPanther"}}
 
--- One filter field a name, whatever datagrams carry it: zol.slot, zol.state_f1, ...
+-- One filter field for each name, in all datagrams: zol.slot, zol.state_f1, ...
 local fields = {
   sender = ProtoField.string("zol.sender", "Sender"),
   datagram = ProtoField.string("zol.datagram", "Datagram"),
@@ -283,8 +283,9 @@ local unknown_command = ProtoExpert.new("zol.unknown_command", "unknown command"
                                         expert.group.UNDECODED, expert.severity.WARN)
 zol.experts = {malformed, unknown_command}
 
--- Up to the NUL or the end of the field. No encoding is laid down; Latin-1 shows every byte. Lua's
--- own texts are UTF-8 to Wireshark, and its string(ENC_ISO_8859_1) loses the end of what grows.
+-- Reads up to the NUL or the end of the field. The protocol defines no encoding; Latin-1 shows
+-- every byte. Wireshark reads Lua's texts as UTF-8, and its string(ENC_ISO_8859_1) cuts a text that
+-- grows.
 local function read_text(range)
   local text = range:raw():match("^%Z*")
   return (text:gsub("[\128-\255]", function(character)
@@ -293,7 +294,7 @@ local function read_text(range)
   end))
 end
 
--- For the Info column, which is one line.
+-- Makes a text fit for the Info column, which is one line.
 local function quote(text)
   local escaped = text:gsub('[%c"\\]', function(character)
     return string.format("\\x%02x", character:byte())
@@ -307,7 +308,7 @@ local function add_position(tree, name, range, notes)
   for i = 1, 3 do
     local part = range:range(4 * (i - 1), 4)
     places[i] = string.format("%g", part:le_float())
-    -- The bits too: clients may send any, and the server carries each NaN as it comes.
+    -- Adds the bits, because clients may send any, and the server relays each NaN unchanged.
     subtree:add_le(fields[name .. i], part):append_text(
         string.format(" (0x%08x)", part:le_uint()))
   end
@@ -323,8 +324,8 @@ local function add_value(seen, name, kind, range)
   end
 end
 
--- seen: what the datagram says, as notes for the Info column and as values by the fields' names. Of
--- a block, only the position is noted.
+-- seen: the contents of the datagram, as notes for the Info column and as values by the fields'
+-- names. From a block, the notes have only the position.
 local function add_rows(tree, tvb, start, rows, seen)
   local has_car = true
   for _, row in ipairs(rows) do
@@ -347,13 +348,13 @@ local function add_rows(tree, tvb, start, rows, seen)
     else
       tree:add_le(fields[name], range)
       if not seen.in_block then add_value(seen, name, kind, range) end
-      -- Without a car its bytes are not read.
+      -- Without a car, the server does not read its bytes.
       if name == "in_car" or name == "got_in" then has_car = range:uint() ~= 0 end
     end
   end
 end
 
--- False when it is malformed: too short, or from the server too long.
+-- False when the datagram is malformed: too short, or, from the server, too long.
 local function check_length(tree, tvb, sender, layout)
   local length, size = tvb:len(), layout.size
   local is_chat = layout.name == "CMD_CHAT"
@@ -372,7 +373,7 @@ local function set_info(pinfo, text)
   pinfo.cols.info = string.format("%d → %d %s", pinfo.src_port, pinfo.dst_port, text)
 end
 
--- By the port that is set, or else by the one for which "Decode As" has chosen ZOL.
+-- Uses the port of the preference, or else the port for which "Decode As" has chosen ZOL.
 local function find_sender(pinfo)
   for _, port in ipairs({zol.prefs.port, pinfo.match_uint}) do
     if pinfo.dst_port == port then return "client" end
@@ -381,15 +382,15 @@ local function find_sender(pinfo)
   return nil
 end
 
--- Earlier datagrams tell which request an answer belongs to, and which client has which slot. The
--- first pass, which sees the frames in their order, finds that out and keeps it by frame number.
+-- Earlier datagrams show which request an answer belongs to, and which client has which slot. The
+-- first pass sees the frames in order, so it finds this and stores it by frame number.
 
--- The version that a join needs to be accepted, as in server/protocol.h.
+-- The version that the server requires in a join, as in server/protocol.h.
 local VERSION = 40
--- An answer that is later than this is taken for lost.
+-- The dissector takes an answer after this time for lost.
 local LATE_S = 2
 
--- By command: the kind of request, and the kind of request that is answered.
+-- By command: the kind of the request, and the kind of the request that it answers.
 local REQUESTS = {
   CMD_JOIN = "join", CMD_ENTER_GAME = "enter", CMD_GET_PLAYER_INFO = "info",
   CMD_GET_PLAYER_STATE = "state", CMD_CAR_STATE = "clock", CMD_LEAVE_CAR = "clock",
@@ -401,22 +402,22 @@ local ANSWERS = {
   CMD_ENTER_GAME_REPLY = "enter", CMD_PLAYER_INFO = "info", CMD_PLAYER_STATE = "state",
   CMD_GAME_CLOCK = "clock", CMD_NOT_IN_CAR = "on_foot",
 }
--- A client that repeats one of these has got no answer, so the next one belongs to the latest.
+-- A client that repeats one of these got no answer, so the next answer belongs to the latest one.
 local REPEATABLE = {join = true, enter = true, info = true, state = true}
 
--- Whether the player that sent this is in a car then. CMD_ENTER_GAME and CMD_VEHICLE say it.
+-- Whether the sender is in a car after the command. CMD_ENTER_GAME and CMD_VEHICLE contain it.
 local IN_CAR_AFTER = {CMD_CAR_STATE = true, CMD_LEAVE_CAR = false, CMD_DIED = false,
                       CMD_FOOT_UPDATE = false}
 
--- What the server sends to one client about that client. The rest is relayed or goes to everyone.
+-- Datagrams to one client about that client. The server relays the others or broadcasts them.
 local PERSONAL = {
   CMD_PING = true, CMD_JOIN_REFUSED_FULL = true, CMD_JOIN_REFUSED_VERSION = true,
   CMD_ENTER_GAME_REPLY = true, CMD_JOIN_ACCEPTED = true, CMD_SERVER_SHUTDOWN = true,
   CMD_NOT_IN_CAR = true, CMD_PLAYER_INFO = true, CMD_PLAYER_STATE = true, CMD_GAME_CLOCK = true,
 }
 
-local addresses      -- {address, id} by what Wireshark shows for it
-local all_addresses  -- the same in a list
+local addresses      -- {address, id} by the text that Wireshark shows
+local all_addresses  -- the same as a list
 local servers        -- by address and port
 local found          -- by frame number, in a table for each thing found
 
@@ -436,7 +437,8 @@ local function find_address(list, address)
 end
 
 -- The text of an address is no key: it changes when Wireshark resolves the name, and two addresses
--- may have one name. The field ip.src is no key either: the first pass of tshark -2 has no fields.
+-- may have the same name. The field ip.src is no key either: the first pass of tshark -2 has no
+-- fields.
 local function identify(address)
   local text = tostring(address)
   local entry = find_address(addresses[text], address)
@@ -458,7 +460,7 @@ local function get_or_make(list, address, port, new)
   return list[key]
 end
 
--- The server and the client of a datagram. in_car and died are nil until a datagram tells them.
+-- The server and the client of a datagram. in_car and died are nil until a datagram shows them.
 local function find_peers(pinfo, sender)
   local client, client_port = pinfo.src, pinfo.src_port
   local server, server_port = pinfo.dst, pinfo.dst_port
@@ -470,7 +472,7 @@ local function find_peers(pinfo, sender)
   return server_state, get_or_make(server_state.clients, client, client_port, {open = {}})
 end
 
--- A run is the requests of one kind that wait for answers, and the answers that came so far.
+-- A run: the requests of one kind that wait for answers, and the answers so far.
 local function add_request(client, key, request, is_repeatable)
   local run = client.open[key]
   if is_repeatable or not run or request.time - run.time > LATE_S then
@@ -481,8 +483,8 @@ local function add_request(client, key, request, is_repeatable)
   table.insert(run.requests, request)
 end
 
--- The server answers a client in the order of its requests: when a request is answered, none before
--- it will be. If it was not known whether the server answers these, it does not.
+-- The server answers a client in the order of its requests: after the answer to a request, no
+-- earlier one gets an answer. If it was unknown whether the server answers those, it does not.
 local function drop_requests(client, frame)
   for key, run in pairs(client.open) do
     local first = run.requests[1]
@@ -501,8 +503,8 @@ local function drop_requests(client, frame)
   end
 end
 
--- Answers carry no number. Once all requests of a run are answered, the first answer belongs to the
--- first request. If an answer is lost, no other is linked, because it might be linked wrongly.
+-- Answers contain no number. When all requests of a run are answered, the first answer belongs to
+-- the first request. If an answer is lost, the dissector links none, because the link may be wrong.
 local function add_answer(client, key, frame, time)
   local run = client.open[key]
   if not run then return nil end
@@ -537,7 +539,7 @@ local function free_slot(server, slot)
   server.holders[slot] = nil
 end
 
--- Whether the server answers it: true, false, or nil for not known.
+-- Whether the server answers the request: true, false, or nil if unknown.
 local function is_answered(client, kind, name)
   if name == "CMD_STATE_FLOATS" then return client.died end
   if kind == "on_foot" and client.in_car ~= nil then return not client.in_car end
@@ -568,8 +570,8 @@ local function see_from_client(server, client, name, values, frame, time)
   if name == "CMD_PLAYER_LEFT" and client.slot then free_slot(server, client.slot) end
 end
 
--- Right after the reply to an entering come the records of the others, in the order of their slots.
--- They look like answers to questions, and are none. The ping thread may send in between.
+-- After the reply to an entry, the server sends the records of the other players in slot order.
+-- They look like answers to questions, but are not. The ping thread may send between them.
 local function is_record_of_entering(client, name, values)
   if name == "CMD_PING" or name == "CMD_PLAYER_LEFT" then return false end
   local entering = client.entering
@@ -587,7 +589,7 @@ local function is_record_of_entering(client, name, values)
   return true
 end
 
--- The one answer that tells more of its request than the slot.
+-- The only answer that contains more of its request than the slot.
 local function fits_join(client, name)
   local join = client.open.join and client.open.join.requests[1]
   if not join or not join.version then return true end
@@ -600,7 +602,7 @@ local function see_answer(client, name, values, frame, time)
   if not kind or is_record or values.just_entered == 1 then return nil end
   if kind == "join" and not fits_join(client, name) then return nil end
   local key = (kind == "info" or kind == "state") and kind .. values.slot or kind
-  -- An answer to nothing: the death was not captured, perhaps.
+  -- An answer to no request: the death may be missing in the capture.
   if kind == "clock" and not client.open.clock then client.died = nil end
   return add_answer(client, key, frame, time)
 end
@@ -629,7 +631,7 @@ local function see_from_server(server, client, name, values, frame, time)
   end
 end
 
--- Of a client that leaves, the slot that it had counts. A slot keeps its name until the next join.
+-- For a client that leaves, use its previous slot. A slot keeps its name until the next join.
 local function see(pinfo, sender, name, values)
   local server, client = find_peers(pinfo, sender)
   local frame, time = pinfo.number, pinfo.rel_ts
@@ -674,7 +676,7 @@ local function add_found(tree, pinfo, sender, name, values)
   end
 end
 
--- A datagram that an ICMP error quotes was seen before, if it was captured.
+-- A datagram quoted by an ICMP error has been seen before, if it was captured.
 local function see_and_show(tree, pinfo, sender, name, values)
   if pinfo.in_error_pkt then return end
   if not pinfo.visited then see(pinfo, sender, name, values) end
@@ -709,13 +711,13 @@ function zol.dissector(tvb, pinfo, root)
   end
   local is_whole = check_length(tree, tvb, sender, layout)
   if not is_whole then notes[#notes + 1] = "[malformed]" end
-  -- Clients ignore a malformed datagram of the server. The server reads every datagram.
+  -- Clients ignore a malformed datagram of the server; the server reads every datagram.
   see_and_show(tree, pinfo, sender, (is_whole or sender == "client") and layout.name or nil, values)
   set_info(pinfo, table.concat(notes, " "))
   return tvb:len()
 end
 
--- Wireshark hands nothing empty to a dissector of a port, so this one looks at all that there is.
+-- Wireshark passes no empty datagram to the dissector of a port, so this one sees all datagrams.
 local empty = Proto("zol_empty", "ZOL game protocol, empty datagram")
 local udp_length = Field.new("udp.length")
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Checks that a slow console slows no player: two of them exchange positions while a third makes the
-server print more lines than its console takes.
+"""Checks that a slow console delays no player: two players exchange positions while a third makes
+the server print more lines than its console takes.
 
 Usage: script/checks/console [ZOLSERVER]      (default: the build's; half a minute)
 
@@ -25,13 +25,13 @@ from lib import BUILD, Player, build, fail, free_port
 
 WEAPONS_PER_S = 1900
 POSITIONS_PER_S, SECONDS = 20, 15
-SETTLE_S = 2  # after the first second of patience, for datagrams that queued up meanwhile
+SETTLE_S = 2  # after the first second of patience, for the datagrams queued in it
 LEAST_SHARE, MOST_P90_S = 0.98, 0.030
 NOTICE = re.compile(rb"^\d+ lines are missing here$", re.M)
 WEAPON, POSITION, RELAY = 122, 100, 200
 
-# Of each console the kind, what its reader takes in bytes a second, and whether the server may open
-# it again.
+# For each console: the kind, the bytes a second that its reader takes, and whether the server may
+# open it again.
 CONSOLES = {
     "fast pipe": ("pipe", 1_000_000, True),
     "pipe": ("pipe", 11_500, True),
@@ -44,7 +44,7 @@ CONSOLES = {
 
 
 def open_console(kind):
-    """Returns the end to read and the end to write."""
+    """Returns the reading end and the writing end."""
     if kind == "pipe":
         return os.pipe()
     if kind == "terminal":
@@ -56,7 +56,7 @@ def open_console(kind):
 
 
 def read_slowly(reader, rate, log):
-    """Until the server has ended: the read of a terminal fails then."""
+    """Reads until the server has ended. For a terminal, the read then fails."""
     start, taken = time.monotonic(), 0
     with contextlib.suppress(OSError):
         while True:
@@ -67,7 +67,7 @@ def read_slowly(reader, rate, log):
                 if not text:
                     return
                 log += text
-                taken += due  # what a pause leaves is not caught up
+                taken += due  # does not catch up after a pause
             time.sleep(0.005)
 
 
@@ -100,7 +100,7 @@ def exchange_positions(sender, receiver):
 
 
 def complaints(delays, log, is_slow):
-    """The sorted delays and the log of a console against what is wanted."""
+    """Compares the sorted delays and the log of a console with the limits."""
     if len(delays) < LEAST_SHARE * POSITIONS_PER_S * SECONDS:
         yield f"{len(delays)} positions arrived"
     elif statistics.quantiles(delays, n=10)[-1] > MOST_P90_S:
@@ -129,7 +129,7 @@ def try_console(program, name):
     with tempfile.TemporaryDirectory() as folder:
         with open(f"{folder}/zolserver.cfg", "w", encoding="ascii") as settings:
             settings.write(f"Port={port}\n")
-        # Without the right of root to open every file.
+        # Without root's privilege to open every file.
         command = ["setpriv", "--securebits=+noroot"] if os.getuid() == 0 else []
         server = subprocess.Popen([*command, program], cwd=folder, stdout=writer)
         os.close(writer)

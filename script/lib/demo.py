@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Ends script/demo by each signal and key that should end it, and by a view that is killed. Each time
-it must end within seconds, in order, and leave no process, no file, and the terminal as it was. Also
+"""Ends script/demo by each signal and key that should end it, and by killing its view. Each time it
+must end within seconds, in order, leave no process or file, and restore the terminal. Also
 runs the server by the commands of the README."""
 
 import ctypes
@@ -20,8 +20,8 @@ from lib import READY_S, ROOT, build, fail
 
 END_S = 10  # it takes half a second
 PR_SET_CHILD_SUBREAPER = 36
-# The alternate screen and the usual one, the bots' report, the end of the server's log, which shows
-# that the bots left first; the cursor hidden and shown.
+# The alternate screen and the usual one, the bots' report, and the end of the server's log, which
+# shows that the bots left first.
 IN_ORDER = (b"\x1b[?1049h", b"\x1b[?1049l", b"delay of a relay", b"disconnected", b"Exitting")
 CURSOR = (b"\x1b[?25l", b"\x1b[?25h")
 # In the README, for a clone.
@@ -34,7 +34,7 @@ SIGNALS = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT)
 
 
 class Demo:
-    """The demo on a pseudo-terminal. On a dumb one it shows no map."""
+    """The demo on a pseudo-terminal. A dumb terminal shows no map."""
 
     def __init__(self, term, folder):
         self.output = b""
@@ -58,7 +58,7 @@ class Demo:
 
 def take_terminal():
     fcntl.ioctl(0, termios.TIOCSCTTY, 0)
-    # The caller may ignore some, and a shell cannot trap those.
+    # The caller may ignore some of these signals, and a shell cannot trap ignored signals.
     for number in SIGNALS:
         signal.signal(number, signal.SIG_DFL)
 
@@ -76,7 +76,7 @@ def name_of(pid):
 
 
 def end_children():
-    """This process is the parent of all orphans below it."""
+    """Makes this process the parent of all its orphaned descendants."""
     while remaining := children(os.getpid()):
         for pid in remaining:
             os.kill(pid, signal.SIGKILL)

@@ -3,13 +3,13 @@
 
 Usage: script/checks/dissector         (Debian packages: tshark, python3; takes about 30 seconds)
 
-Two servers play the worked sessions of docs/protocol.md, one of them also serves build/zolbots.
-Every datagram must decode without complaint, every code must be seen in each of its directions, and
-three datagrams that are wrong on purpose must be the only ones complained of. Capturing on loopback
-needs root or membership in the group wireshark (dpkg-reconfigure wireshark-common).
+Two servers play the worked sessions of docs/protocol.md; one of them also serves build/zolbots.
+Every datagram must decode without an error, and every code must occur in each of its directions.
+Three datagrams are wrong on purpose and must cause the only errors. Capturing on loopback needs
+root or membership in the group wireshark (dpkg-reconfigure wireshark-common).
 
-Written captures show that answers are linked with their requests and players with their datagrams,
-that nothing hostile raises an error, and that the commands of the documents work.
+Written captures check the links between answers and requests and between players and datagrams,
+that hostile datagrams cause no Lua error, and that the commands in the documents work.
 """
 
 import concurrent.futures
@@ -36,12 +36,12 @@ DISSECTOR = ROOT / "wireshark/zol.lua"
 
 CAPTURE = "capture.pcapng"
 PING_PERIOD = 10.0  # seconds
-SETTLE_SECONDS = 1.0  # until what was sent is in the capture
+SETTLE_SECONDS = 1.0  # until the sent datagrams are in the capture
 
-# Wrong on purpose, and what the dissector has to say: cut short, no command, and empty.
+# Datagrams that are wrong on purpose, with the dissector's errors: cut short, no command, empty.
 WRONG = {b"\x64\0\0\0": "malformed", b"\x03": "unknown command", b"": "malformed"}
 
-# What a stranger sends to the second server, whose port is not set but told by "Decode As".
+# Datagrams from a stranger to the second server. "Decode As" sets its port, not the preference.
 LATIN = b"\x0aB\xf6b\xff" + bytes(61) + b"\x28\0"
 DECODED_AS = [
     'zol.datagram == "CMD_JOIN" && zol.name == "B\u00f6b\u00ff" && zol.sender == "client"',
@@ -49,12 +49,12 @@ DECODED_AS = [
     "zol.malformed",
 ]
 
-# What the Info column must say somewhere.
+# Texts that the Info column must contain.
 INFO = ["CMD_PLAYER_POSITION slot=0 position=(4, 2, 3)", "CMD_POSITION_UPDATE [malformed]",
         "CMD_ENTER_GAME position=(-1, 0.25, 8) in_car=0",
         'CMD_PLAYER_INFO slot=1 just_entered=1 name="Bob" position=(-1, 0.25, 8) in_car=0']
 
-# What the sessions hold, as display filters; each must find something.
+# The contents of the sessions as display filters; each must match a datagram.
 FLOATS = "zol.position.1 == -1 && zol.position.2 == 0.25 && zol.position.3 == 8"
 VALUES = [
     'zol.datagram == "CMD_JOIN" && zol.name == "Alice" && zol.version == 40',
@@ -68,15 +68,15 @@ VALUES = [
 ]
 
 
-# Written captures, with what the dissector must find in them. Each case has another server.
-#   a A> NAME bytes   client A sends this, which is named "a"; zeros up to the record's size follow
-#   A< NAME = a       A gets this, and it answers "a"; without "=" it is linked with nothing
-#   A< NAME ~ a       the same, but the answer is only known after the answers that follow
-#   A> NAME | 3:A 4   the players that it concerns and their names; "-" for none
+# Written captures, with the dissector's expected results. Each case has a different server.
+#   a A> NAME bytes   client A sends this, named "a"; zeros up to the record's size follow
+#   A< NAME = a       A receives this as the answer to "a"; without "=" it has no link
+#   A< NAME ~ a       the same, but the link is known only after the answers that follow
+#   A> NAME | 3:A 4   the players that it is about and their names; "-" for none
 #   A< NAME @ 3       the slot of A; "-" for none
 #   A! NAME bytes     an ICMP error quotes this datagram of A to A
 #   A= 03             A joins as "A" and gets slot 3
-#   +3                three seconds go by
+#   +3                three seconds pass
 CASES = {
     "a newer join supersedes": """
         A> CMD_JOIN 41 00*64 28
@@ -250,13 +250,13 @@ CASES = {
         A> CMD_WEAPON @ - | -""",
 }
 
-# Which command may answer which, for captures that are written at random.
+# The commands that each command may answer, for random captures.
 ANSWERS = {2: {1}, 12: {10}, 14: {10}, 17: {10}, 16: {15}, 42: {40}, 43: {41}, 72: {101, 102, 123},
            41: {120, 121, 124}}
 HOSTILE = 2000  # datagrams
 
-# The commands of each document begin as this user. The stand-in programs allow a user what Debian
-# allows: root may capture, and may not decode, because Wireshark ignores Lua scripts for root.
+# The user who runs the commands of each document. The stand-in programs permit what Debian permits:
+# root may capture but not decode, because Wireshark ignores Lua scripts for root.
 STARTS_AS = {"docs/protocol.md": "user", "docs/operating.md": "root"}
 STAND_IN = """#!/bin/sh
 case ${0##*/} in
@@ -274,7 +274,7 @@ tshark | wireshark)
 esac
 """
 INSTALLED = "/usr/share/doc/zolserver/examples/zol.lua"
-# What each document's commands must print: lines that hold all of these.
+# The expected output of each document's commands: lines that contain all of these.
 SHOWN = {
     "docs/protocol.md": [["ZOL", "CMD_ENTER_GAME position=(1, 2, 3)"]],
     "docs/operating.md": [["10.0.0.10", "50001", "Bob"], ["10.0.0.9", "50000", "Alice", "hi"]],
@@ -296,7 +296,7 @@ def killed_at_the_end(process):
 
 
 def start_capture(port, directory):
-    """Returns the process and the file of what it prints."""
+    """Returns the process and the file of its output."""
     command = ["dumpcap", "-q", "-i", "lo", "-f", f"udp port {port}", "-B", "32", "-w", CAPTURE]
     log = directory / "dumpcap.log"
     with log.open("w") as output:
@@ -323,7 +323,7 @@ def play_default(port):
 
 
 def play_pinkpanther(port):
-    """Leaves a player in the game, whom the server pings and tells of its stop."""
+    """Leaves a player in the game, so that the server pings it and tells it of the stop."""
     started = time.monotonic()
     run(ROOT / "script/replay-session", f"127.0.0.1:{port}", "session-pinkpanther")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
@@ -333,7 +333,7 @@ def play_pinkpanther(port):
 
 
 def record(settings, play, directory):
-    """The traffic of one server from its start to its stop: its port and the capture file."""
+    """The traffic of one server from start to stop: its port and the capture file."""
     directory.mkdir()
     port = free_port()
     capturing, log = start_capture(port, directory)
@@ -348,8 +348,8 @@ def record(settings, play, directory):
 
 
 def reader(*paths):
-    """The start of a command that reads these paths: root reads as nobody, because Wireshark 4.4
-    and later ignore Lua scripts for root."""
+    """The start of a command that reads these paths. Root runs it as the user nobody, because
+    Wireshark 4.4 and later ignore Lua scripts for root."""
     for path in paths:
         os.chmod(path, 0o755 if path.is_dir() else 0o644)
     if os.geteuid() != 0:
@@ -358,7 +358,7 @@ def reader(*paths):
 
 
 def tshark(port, capture, *options):
-    """The lines that tshark prints of a capture."""
+    """The lines that tshark prints for a capture."""
     directory = capture.parent
     script = pathlib.Path(shutil.copy(DISSECTOR, directory))
     prefix = reader(directory.parent, directory, script, capture)
@@ -373,8 +373,8 @@ def tshark(port, capture, *options):
 
 
 def fields_of(port, capture, columns, *options):
-    """Of each datagram the columns, as text. All ports are given to ZOL, because a client's random
-    port may be that of a protocol that Wireshark knows."""
+    """The columns of each datagram, as text. All ports are decoded as ZOL, because a client's
+    random port may belong to another protocol in Wireshark."""
     columns = [word for column in columns for word in ("-e", column)]
     lines = tshark(port, capture, "-d", "udp.port==1-65535,zol", "-T", "fields",
                    "-E", "separator=/t", "-E", "aggregator=|", *columns, *options)
@@ -382,7 +382,7 @@ def fields_of(port, capture, columns, *options):
 
 
 def check_found(port, capture, filters, *options):
-    """Each of the display filters must find a datagram."""
+    """Checks that each display filter matches a datagram."""
     lines = tshark(port, capture, *options, "-q", "-z", ",".join(["io,stat,0", *filters]))
     total = [line for line in lines if "<>" in line][-1]
     counts = [int(number) for number in re.findall(r"\d+", total.split("|", 2)[2])][::2]
@@ -394,19 +394,19 @@ def check_found(port, capture, filters, *options):
 
 
 def decode(port, capture):
-    """Per datagram: protocols, sender, code, complaints, Info column."""
+    """For each datagram: protocols, sender, code, errors, Info column."""
     return fields_of(port, capture, ["frame.protocols", "zol.sender", "zol.command",
                                      "_ws.expert.message", "_ws.col.Info"])
 
 
 def check_datagrams(rows):
-    """The (sender, code) pairs seen. Complaints must be those of WRONG and no others."""
+    """The (sender, code) pairs found. The errors must be exactly those of WRONG."""
     complaints = []
     seen = set()
     for protocols, sender, code, messages, info in rows:
         if not sender:
             fail(f"not decoded as ZOL: {protocols} {info}")
-        # Wireshark suspects this by the port alone, and a random port may be one of those.
+        # Wireshark adds this message for some ports, and a random port may be one of them.
         of_datagram = [text for text in messages.split("|")
                        if text and not text.startswith("Possible traceroute")]
         complaints += [(text, info) for text in of_datagram]
@@ -456,7 +456,7 @@ def packet(client, direction, payload, server=0):
 
 
 def write_capture(path, packets):
-    """Of (microseconds, IP packet)."""
+    """Writes a capture of pairs (microseconds, IP packet)."""
     path.parent.mkdir()
     raw_ip = 101
     with path.open("wb") as file:
@@ -484,7 +484,7 @@ LINE = re.compile(r" *(?:(?P<label>\w+) )?(?P<client>[A-Z])(?P<direction>[<>!]) 
 
 
 def read_cases():
-    """The packets of all cases, and for each the match of its line and the frame it answers."""
+    """The packets of all cases; for each the match of its line and the frame that it answers."""
     packets, expected = [], []
     time_us = 0
     for server, lines in enumerate(CASES.values()):
@@ -505,7 +505,7 @@ def read_cases():
 
 
 def check_case(parts, answers, answered_in, row, packets):
-    """That one frame is shown as its line says."""
+    """Checks that one frame is shown as its line says."""
     number, response_in, response_to, response_time, slot, players, names = row
     wanted = {"response to": str(answers or ""), "response in": str(answered_in or "")}
     shown = {"response to": response_to, "response in": response_in}
@@ -537,7 +537,7 @@ def check_cases(directory):
     answered_in = {answers: frame for frame, (_, answers) in enumerate(expected, 1)}
     for frame, ((parts, answers), row) in enumerate(zip(expected, rows), 1):
         check_case(parts, answers, answered_in.get(frame), row, packets)
-    # Here all servers have the same name, and only their addresses differ.
+    # All servers get the same name here, with different addresses.
     hosts = directory / "hosts"
     hosts.write_text("".join(f"127.0.1.{server} server\n" for server in range(len(CASES))))
     once = fields_of(SERVER_PORT, capture, [*LINK_COLUMNS, "_ws.col.Source"],
@@ -552,7 +552,7 @@ def check_cases(directory):
 
 
 def hostile_packets():
-    """What players send, out of order, doubled, cut, changed and from any address, at any time."""
+    """Datagrams of players: reordered, repeated, cut, changed, from any address, at any time."""
     source = random.Random(40)
     datagrams = [(direction, datagram) for name in ("session", "session-pinkpanther")
                  for _, direction, datagram in replay.read_session(name)]
@@ -575,8 +575,8 @@ def hostile_packets():
 
 
 def check_hostile(directory):
-    """No Lua error in either pass. Links are between one request and one later answer to the same
-    client."""
+    """Checks that neither pass has a Lua error, and that each link is between one request and one
+    later answer to the same client."""
     capture = directory / CAPTURE
     write_capture(capture, hostile_packets())
     for options in ((), ("-2",)):
@@ -609,7 +609,7 @@ def commands_of(document):
 
 
 def check_commands(directory):
-    """The documented commands must show the worked session, without tshark being run by root."""
+    """Checks that the documented commands show the worked session and do not run tshark as root."""
     capture = directory / CAPTURE
     write_capture(capture, [(1000 * frame, packet(player, direction, datagram))
                             for frame, (player, direction, datagram)

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
-"""Draws docs/zolview.svg: what zolview shows of a real game of eight bots.
-Usage: script/draw-view [SECONDS]      how long they have played by then; default: 12"""
+"""Draws docs/zolview.svg: the screen of zolview in a real game of eight bots.
+Usage: script/draw-view [SECONDS]      time of the game before it draws; default: 12"""
 
 import html
 import itertools
@@ -22,7 +22,7 @@ from lib import BUILD, ROOT, build, free_port, start_server
 COLUMNS, ROWS = 90, 26
 WIDTH, HEIGHT = 8, 17  # of a character, in pixels
 PAGE, TEXT = "#101418", "#d8dee4"
-# By the names that pyte gives them.
+# By pyte's names of the colours.
 COLOURS = {
     "green": "#56d364", "brown": "#e3b341", "cyan": "#39c5cf", "blue": "#79a8ff", "red": "#ff7b72",
     "white": "#ffffff", "magenta": "#ff5fb0",
@@ -35,7 +35,7 @@ Port={PORT}
 
 
 def watch(seconds):
-    """The screen of a view that has run so long."""
+    """The screen of a view that has run for this time."""
     screen = pyte.Screen(COLUMNS, ROWS)
     stream = pyte.ByteStream(screen)
     child, terminal = pty.fork()

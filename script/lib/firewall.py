@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Checks packaging/zolserver.nft, loaded by packaging/zollimits: what strangers do to a server is cut,
-players pass untouched.
+"""Checks packaging/zolserver.nft, loaded by packaging/zollimits: it limits strangers and does not
+affect players.
 
 Usage: script/checks/firewall [RULES]         (default: packaging/zolserver.nft; about a minute)
 
-A server, players and strangers have a network namespace each. Every attack runs twice, on a server
-that has just started: without the rules, which shows that there is something to cut, and with them.
-Strangers send from any address they like. Needs root, or user namespaces for all."""
+The server, the players and the strangers have a network namespace each. Every attack runs twice, on
+a server that has just started: without the rules, to show its effect, and with them. Strangers
+send from any address. Needs root, or user namespaces for all users."""
 
 import json
 import os
@@ -30,13 +30,13 @@ LEAVE = 60
 POSITION, UNKNOWN = b"\x64" + bytes(15), b"\xc8"
 CHAT = b"\x1f" + b"\nExitting...\n" * 4 + b"\0"
 ACCEPTED_BYTES, REPLY_BYTES = 67 + 42, 4 + 42  # with the headers of UDP, IP and Ethernet
-LINK_BYTES = 1000  # what a link says of itself meanwhile, at most
+LINK_BYTES = 1000  # the maximum of the link's own traffic meanwhile
 SMALL_SET = 100  # elements of each set in the attack that fills them
 
 
 def datagram(source, port, payload):
-    """An IP packet without options or checksums: the kernel adds the one and does without the
-    other."""
+    """An IP packet without options or checksums: the kernel adds the IP checksum and does not need
+    that of UDP."""
     udp = struct.pack("!4H", port, PORT, 8 + len(payload), 0) + payload
     return packet(source, udp)
 
@@ -58,8 +58,8 @@ def fragmented_joins():
         yield packet(STRANGER, whole[8:], behind_header, number)
 
 
-# Each attack: the packets, what is measured, the least of it without the rules, and the most with
-# them, to which what a second lets through is added for each second that it took.
+# Each attack: the packets, the measured value, its minimum without the rules, its maximum with
+# them, and the increase of that maximum for each second of the attack.
 ATTACKS = {
     "unknown commands": (lambda: [datagram(STRANGER, 2000, UNKNOWN)] * 500, "arrived", 500, 0, 0),
     "a join and empty datagrams": (
@@ -93,7 +93,7 @@ ATTACKS = {
 
 
 def attack(name):
-    """In the strangers' namespace. Prints the seconds that it took."""
+    """Runs in the strangers' namespace. Prints its duration in seconds."""
     raw = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
     plain = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     plain.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
@@ -106,12 +106,12 @@ def attack(name):
         else:
             raw.sendto(each, (SERVER, 0))
         if what != "arrived" and number % 20 == 19:
-            time.sleep(0.001)  # the server's socket holds little
+            time.sleep(0.001)  # the server's socket buffer is small
     print(time.monotonic() - start)
 
 
 def play():
-    """In the players' namespace: 8 players at 150 Hz behind one address."""
+    """Runs in the players' namespace: 8 players at 150 Hz behind one address."""
     players = [Player((PLAYERS, PORT)) for _ in range(8)]
     start = time.monotonic()
     for step in range(3 * 150):
@@ -151,7 +151,7 @@ def make_networks():
         for place, link, host in (("server", space, 1), (space, "eth", 2)):
             run(*inside(place, "ip", "address", "add", f"{net}.{host}/16", "brd", "+", "dev", link))
             run(*inside(place, "ip", "link", "set", link, "up"))
-    # Whoever a stranger pretends to be, the answer goes there.
+    # The answers to all forged addresses go to the strangers' link.
     mac = state_of_link("strangers", "eth")["address"]
     run(*inside("server", "ip", "route", "replace", "10.77.0.0/16", "via", STRANGER, "dev",
                 "strangers", "onlink"))
@@ -159,12 +159,12 @@ def make_networks():
 
 
 class Server:
-    """Fresh, with these rules or none."""
+    """A new server, with these rules or none."""
 
     def __init__(self, work, rules):
         run(*inside("server", "nft", "flush", "ruleset"))
         if rules:
-            # Bans stay when the rules are loaded anew.
+            # Bans stay when the rules are loaded again.
             settings = work / "servers/attacked/zolserver.cfg"
             settings.parent.mkdir(parents=True, exist_ok=True)
             settings.write_text(f"Port={PORT}\n")
@@ -196,7 +196,7 @@ class Server:
         return state_of_link("server", "strangers")["stats64"]["tx"]["bytes"]
 
     def settled(self, what):
-        """The measure when it stands still."""
+        """The measured value when it no longer changes."""
         before = None
         while before != (now := self.measure(what)):
             before = now
@@ -219,7 +219,7 @@ def strangers(name):
 
 
 def try_attack(work, name, rules):
-    """Returns how much of it passed and how long it took."""
+    """Returns the measured value and the duration."""
     what = ATTACKS[name][1]
     server = Server(work, rules)
     before = server.settled(what)
@@ -243,11 +243,11 @@ def check_attacks(work, rules):
 
 
 def check_players(work, rules):
-    """Players alone are not cut; bots lose nothing while every attack runs."""
+    """Without attacks the rules drop nothing of players; in the attacks bots lose nothing."""
     server = Server(work, rules)
     run(*inside("players", sys.executable, __file__, "play"))
     if any(server.dropped().values()):
-        fail(f"players are cut: {server.dropped()}")
+        fail(f"the rules drop datagrams of players: {server.dropped()}")
     server.stop()
     server = Server(work, rules)
     bots = subprocess.Popen(
@@ -259,7 +259,7 @@ def check_players(work, rules):
             run(*strangers(name))
     table = bots.communicate()[0]
     if bots.returncode != 0:
-        fail("the bots complain:\n" + table)
+        fail("the bots report errors:\n" + table)
     unused = [name for name, count in server.dropped().items() if count == 0 and name != "no_room"]
     if unused:
         fail(f"never counted: {unused}")
@@ -276,7 +276,7 @@ def check(rules_file):
 
 
 def enter(rules_file):
-    """Whatever still runs at the end ends with its namespace."""
+    """Processes that still run at the end stop with their namespace."""
     build("zolserver", "zolbots", "zolcheck")
     spaces = ["--map-root-user", "--net", "--mount", "--pid", "--fork", "--kill-child"]
     os.execvp("unshare", ["unshare", *spaces, sys.executable, "-B", __file__, "check", rules_file])

@@ -1,8 +1,8 @@
-"""Measures many servers on one machine: what they take while nobody plays, and with bots on each.
+"""Measures many servers on one machine: their resources without players, and with bots on each.
 
-Servers, bots and the kernel share all the cores, as they would on a busy machine: what the bots say
-of delays is that of the machine, and counts the bots' own time. Ends with status 1 when a bot heard
-something wrong. A loss is no failure, since a machine that is too small loses datagrams.
+Servers, bots and the kernel share all cores, as on a busy machine, so the delays include the bots'
+own time. Exits with status 1 when a bot received a wrong datagram. A loss is no failure, because a
+machine that is too small loses datagrams.
 """
 
 import argparse
@@ -39,8 +39,8 @@ def fleet(count):
 
 
 def memory_kib(servers, kind):
-    """Pss shares the pages of the program and its libraries out among all who use them; Rss counts
-    them for each."""
+    """Pss divides the shared pages of the program and its libraries among their users; Rss counts
+    them for each user."""
     texts = (pathlib.Path(f"/proc/{server.pid}/smaps_rollup").read_text() for server, _ in servers)
     return [int(re.search(rf"^{kind}:\s+(\d+) kB", text, re.M)[1]) for text in texts]
 
@@ -55,7 +55,7 @@ def measure_idle(count, seconds):
     with fleet(count) as servers:
         before, begin = processor_ns(servers), time.monotonic()
         time.sleep(seconds)
-        # Both readings take as long, so between its two as long passed for each server.
+        # Both readings take the same time, so the interval is the same for each server.
         after, elapsed_s = processor_ns(servers), time.monotonic() - begin
         used = sum(after) - sum(before)
         resident, shared = memory_kib(servers, "Rss"), memory_kib(servers, "Pss")
@@ -73,7 +73,7 @@ def start_bots(port, seconds):
 
 
 def read_bots(text):
-    """What one run of bots expected, received, lost and found wrong, and its delays."""
+    """The datagrams of one run of bots: expected, received, lost and wrong; and its delays."""
     counts = re.findall(r"^(?:relays|answers) +(\d+) +(\d+) +(\d+) +(\d+)$", text, re.M)
     delays = re.search(r"p50 ([\d.]+) ms, p99 ([\d.]+) ms, max ([\d.]+) ms", text)
     if len(counts) != 2 or not delays:
@@ -82,7 +82,7 @@ def read_bots(text):
 
 
 def play(servers, seconds):
-    """What the bots of each server found."""
+    """The results of the bots of each server."""
     with contextlib.ExitStack() as stack:
         bots = [stack.enter_context(start_bots(port, seconds)) for _, port in servers]
         return [read_bots(each.communicate()[0]) for each in bots]
@@ -116,7 +116,7 @@ def measure_busy(count, seconds):
 
 
 def show(rows):
-    """As Markdown, which reads well as text, too."""
+    """The table in Markdown, which is also readable as text."""
     widths = [max(len(row[i]) for row in rows) for i in range(2)]
     for number, row in enumerate([("", ""), *rows]):
         if number == 1:
@@ -129,7 +129,7 @@ def main():
     parser.add_argument("--quick", action="store_true", help="a few seconds, to see that it works")
     quick = parser.parse_args().quick
     build("zolserver", "zolbots")
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # what was started is ended then, too
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the exit ends the started programs
     rows = [*measure_idle(20 if quick else 200, 5 if quick else 60),
             *measure_busy(4 if quick else 16, 5 if quick else 30)]
     show(rows)

@@ -1,4 +1,4 @@
-"""What the Python scripts share."""
+"""Functions for the Python scripts."""
 
 import pathlib
 import re
@@ -10,7 +10,7 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build"
 JOIN, ENTER = b"\x0aPlayer" + bytes(59) + b"\x28\0", b"\x0f" + bytes(99)
-READY_S = 30  # until a program that gives no sign counts as stuck
+READY_S = 30  # until a program without output counts as stuck
 
 
 def command_codes():
@@ -24,7 +24,7 @@ def fail(message):
 
 
 def build(*targets):
-    """Of the preset default, without the libraries of programs that are not wanted."""
+    """Builds with the preset default, without the libraries of other programs."""
     options = ["-DZOL_TESTS=OFF", *(f"-DZOL_{option}={'ON' if target in targets else 'OFF'}"
                                     for option, target in (("VIEW", "zolview"), ("LIST", "zollist")))]
     for command in (["cmake", "--preset", "default", *options],
@@ -33,7 +33,7 @@ def build(*targets):
 
 
 class Player:
-    """In the game of the server at this address."""
+    """Joins and enters the game of the server at this address."""
 
     def __init__(self, address):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -46,14 +46,14 @@ class Player:
 
 
 def free_port():
-    """A UDP port of the loopback interface that nobody has."""
+    """A free UDP port of the loopback interface."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
 
 
 def start_server(folder, settings, command=(BUILD / "zolserver",)):
-    """Returns the process, once it is ready, and the file of what it prints."""
+    """Returns the process when it is ready, and the file of its output."""
     (folder / "zolserver.cfg").write_text(settings)
     log = folder / "log"
     with open(log, "wb") as console:
@@ -63,7 +63,7 @@ def start_server(folder, settings, command=(BUILD / "zolserver",)):
 
 
 def wait_until_ready(process, log, sign="ONLINE"):
-    """Until this stands in the file of what the process prints."""
+    """Waits until the file of the process's output contains this text."""
     end = time.monotonic() + READY_S
     while sign not in (said := log.read_text(errors="replace")):
         if process.poll() is not None or time.monotonic() > end:

@@ -1,4 +1,4 @@
-# What the bash scripts share; to be sourced before any cd.
+# Functions for the bash scripts. Source it before any cd.
 # shellcheck shell=bash
 
 script=$(realpath "$0")
@@ -9,17 +9,18 @@ fail() {
   exit 1
 }
 
-# For scripts that ask git which files there are.
+# For scripts that get the list of files from git.
 need_git() {
   git ls-files --error-unmatch script/test >/dev/null || fail "needs git and a clone of the repository"
 }
 
-# The mirror of Debian that this machine installs from.
+# The Debian mirror that this machine installs from.
 debian_mirror() {
   apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Label: Debian' | sed q
 }
 
-# The lines of comment that head a script are its help. No script takes more arguments than it names.
+# Prints the comment at the head of a script as its help. No script takes more arguments than it
+# names.
 #   arguments MOST "$@"
 arguments() {
   local most=$1
@@ -34,15 +35,15 @@ arguments() {
   if [ $# -gt "$most" ]; then fail "takes no argument like \"${*:most+1:1}\"; see --help"; fi
 }
 
-# A UDP port of this machine that nobody has, below those that the kernel gives out by itself. Two
-# servers may share a port unnoticed.
+# A free UDP port of this machine, below those that the kernel assigns by itself. Two servers may
+# share a port unnoticed.
 free_port() {
   local port
   while port=$((20000 + RANDOM % 10000)); grep -qi ":$(printf '%04X' "$port") " /proc/net/udp; do :; done
   echo "$port"
 }
 
-# Waits until the server with this process id has said in this file that it is up.
+# Waits until the server with this process id has printed to this file that it is up.
 wait_for_server() {
   for _ in $(seq 200); do
     if grep -q -- '^---' "$2"; then return; fi

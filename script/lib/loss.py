@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Checks the client library on a network that loses, repeats and delays datagrams: 32 clients end up
-with right pictures of each other, nobody takes a living server for dead, and on a full server nobody
-holds a slot in vain.
+"""Checks the client library on a network that loses, repeats and delays datagrams: 32 clients have
+correct pictures of each other at the end, no client takes a running server for stopped, and on a
+full server no client keeps a slot that it does not use.
 
 Usage: script/checks/loss [SEED]      (80 seconds; all games run at the same time)
 
-One of the games lacks the repeats that the pictures depend on. It must be found wrong."""
+One of the games lacks the repeats that the pictures need. Its pictures must be wrong."""
 
 import contextlib
 import pathlib
@@ -18,7 +18,7 @@ import tempfile
 from lib import BUILD, ROOT, fail, free_port, wait_until_ready
 
 LIMIT_S = 150
-# Of each game the server's slots, and the exit status.
+# For each game: the server's slots, and the exit status.
 GAMES = {"play": (32, 0), "forget": (32, 1), "silence": (32, 0), "alone": (32, 0), "full": (4, 0)}
 
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Compares the console lines that the server can print with the table of docs/operating.md: every
-line has its row, and every row its line. In a row, words of capitals stand for what is filled in."""
+"""Compares the console lines of the server with the table of docs/operating.md: every line must have
+a row, and every row a line. In a row, words in capitals are placeholders."""
 
 import re
 
@@ -15,14 +15,14 @@ STRING = re.compile(r'"((?:[^"\\]|\\.)*)"')
 
 
 def printed_formats():
-    """Every line that is printed, as its format."""
+    """The format of every line that the server prints."""
     formats = set()
     for folder in ("announce", "config", "net", "server", "util"):
         for source in (ROOT / folder).glob("*.cpp"):
             text = source.read_text()
             calls = CALL.findall(text)
             if len(calls) != len(ANY_PRINT.findall(text)):
-                fail(f"a line of {folder}/{source.name} was not understood")
+                fail(f"a line of {folder}/{source.name} cannot be parsed")
             for call in calls:
                 joined = "".join(STRING.findall(call)).replace('\\"', '"')
                 formats |= {line.strip() for line in joined.split("\\n") if line.strip()}
@@ -30,7 +30,7 @@ def printed_formats():
 
 
 def pattern_of(text):
-    """What a row must look like to stand for this format."""
+    """The pattern of a row for this format."""
     parts = re.split(r"%(?:\.\*)?[sdu]", text)
     return re.compile("[A-Z]*".join(map(re.escape, parts)))
 

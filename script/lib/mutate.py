@@ -1,9 +1,8 @@
 #!/usr/bin/env python3
-"""Measures the tests: breaks the programs' code in random places, one at a time, and counts the
-breaks that no test sees. Such a survivor is a promise without a test, a line that can go, or a
-change that makes no difference. Ctrl-C ends a run early; build-mutate/report.txt is always up to
-date. Equal seed and code give equal breaks. A broken program reaches nothing outside the namespaces
-of the run, and nothing outlives it."""
+"""Measures the tests: changes the programs' code in random places, one at a time, and counts the
+mutants that no test detects. A survivor is behaviour without a test, a needless line, or a change
+without effect. Ctrl-C ends a run early; build-mutate/report.txt is always up to date. Equal seed
+and code give equal mutants. Mutants run in separate namespaces, and end with the run."""
 
 import argparse
 import collections
@@ -33,9 +32,9 @@ WORK = ROOT / "build-mutate"
 FOLDERS = ["util", "net", "config", "server", "announce", "check", "client", "bots", "text", "view",
            "listing"]  # fmt: skip
 BUILD_LIMIT = 900  # seconds
-TEST_LIMIT = 20  # seconds that every test gets, however fast it is on whole code
+TEST_LIMIT = 20  # seconds, the least limit of every test
 LINK_SECONDS = 2  # about
-# Bytes. What runs wild must not fill the disk or the memory.
+# Bytes. A mutant must not fill the disk or the memory.
 LIMITS = {resource.RLIMIT_CORE: 0, resource.RLIMIT_FSIZE: 1 << 28, resource.RLIMIT_AS: 1 << 32}
 
 TOKEN = re.compile(
@@ -46,8 +45,8 @@ TOKEN = re.compile(
       | (?P<sign> <<= | >>= | -> | :: | \+\+ | -- | && | \|\| | << | >> | [-+*/%&|^<>=!]= | \S)""",
     re.VERBOSE | re.MULTILINE | re.DOTALL,
 )
-# The formatter puts blanks around binary operators alone: not around the brackets of a template,
-# nor at the sign of a pointer or a reference.
+# The formatter puts blanks only around binary operators: not around the brackets of a template, and
+# not at the sign of a pointer or a reference.
 BINARY = {
     "<": ("<=", ">"), "<=": ("<", ">="), ">": (">=", "<"), ">=": (">", "<="), "==": ("!=", "<="),
     "!=": ("==", "<"), "&&": ("||",), "||": ("&&",), "+": ("-",), "-": ("+",), "*": ("/",),
@@ -91,7 +90,7 @@ def token_variants(text, token):
 
 
 def statement_end(text, tokens, i):
-    """Where the statement that starts at token i ends, None when it is none to delete."""
+    """The end of the statement that starts at token i; None if it is not to be deleted."""
     before, start = tokens[i - 1], tokens[i].start()
     label = before[0] == ":" and "\n" in text[before.end() : start]
     if not label and before[0] not in (";", "{", "}", ")", "else"):
@@ -101,7 +100,7 @@ def statement_end(text, tokens, i):
 
 
 def points_of(text):
-    """Every place that can be broken: start, end, and what can stand there instead."""
+    """Every place that can be mutated: start, end, and the replacements."""
     tokens = [token for token in TOKEN.finditer(text) if token.lastgroup != "skip"]
     for i, token in enumerate(tokens):
         variants = token_variants(text, token)
@@ -113,12 +112,12 @@ def points_of(text):
             start, end = tokens[i + 1].end(), tokens[i + 1 + inside].start()
             yield start, end, [f"!({text[start:end]})"]
         end = statement_end(text, tokens, i)
-        if end:  # The lines behind it keep their numbers.
+        if end:  # The following lines keep their numbers.
             yield token.start(), end, ["{}" + "\n" * text.count("\n", token.start(), end)]
 
 
 def read_tree():
-    """The files that git knows as they are in the clone, committed or not."""
+    """The files that git tracks, as they are in the clone, committed or not."""
     listed = subprocess.run(["git", "ls-files", "-z"], stdout=subprocess.PIPE)
     if listed.returncode:
         raise SystemExit("mutate: needs git and a clone of the repository")
@@ -175,7 +174,7 @@ def must_run(command, folder):
 
 
 class Job:
-    """A copy of the tree with a build folder, in which one mutant at a time is tried."""
+    """A copy of the tree with a build folder, which tests one mutant at a time."""
 
     def __init__(self, number, tree):
         self.tree = tree
@@ -183,7 +182,7 @@ class Job:
         self.kills = collections.Counter()
         self.folder = WORK / f"job-{number}"
         self.build = self.folder / "build-debug"
-        self.whole = WORK / f"whole-{number}"  # a copy of the build of whole code
+        self.whole = WORK / f"whole-{number}"  # a copy of the build of unchanged code
 
     def prepare(self):
         for name, content in self.tree.items():
@@ -214,23 +213,23 @@ class Job:
         shutil.copytree(self.build, self.whole, symlinks=True)
 
     def cost(self, test):
-        """Seconds until the test kills a mutant, going by what it did so far."""
+        """The estimated seconds until the test kills a mutant, from its results so far."""
         return (LINK_SECONDS + test.seconds) / (self.kills[test.name] + 1)
 
     def is_whole(self, path):
-        """Whether a file of the build is as whole code made it."""
+        """Whether a file of the build is the same as for unchanged code."""
         kept = self.whole / path.relative_to(self.build)
         return path.exists() and path.stat().st_mtime_ns == kept.stat().st_mtime_ns
 
     def end_orphans(self):
-        """Ends the programs that a test has left behind."""
+        """Ends the programs that a test has left running."""
         for process in pathlib.Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(OSError):
                 if os.readlink(process / "exe").startswith(str(self.build)):
                     os.kill(int(process.name), signal.SIGKILL)
 
     def judge(self, mutant):
-        """The verdict, and the test that gave it."""
+        """The verdict, and the test that found it."""
         (self.folder / mutant.file).write_bytes(broken(self.tree, mutant).encode())
         for test in sorted(self.tests, key=self.cost):
             targets = [os.path.relpath(program, self.build) for program in test.programs]
@@ -243,7 +242,7 @@ class Job:
                 self.end_orphans()
                 self.kills[test.name] += 1
                 return TIMED_OUT if status is None else KILLED, test.name
-        # A program without a test is compiled as well.
+        # Also compiles the programs without a test.
         status, _ = run(["ninja", "-j1"], self.build, BUILD_LIMIT)
         return SURVIVED if status == 0 else REFUSED, ""
 
@@ -257,7 +256,7 @@ class Job:
                 shutil.copy2(path, built)
         source = self.folder / mutant.file
         source.write_bytes(self.tree[mutant.file])
-        os.utime(source, (1, 1))  # older than all that was made of it
+        os.utime(source, (1, 1))  # older than everything built from it
 
     def work(self, mutants, results):
         try:
@@ -283,13 +282,13 @@ def start_jobs(tree, count):
     for _ in range(count):
         results.get()
     os.environ["CCACHE_DISABLE"] = "1"  # no mutant is compiled twice
-    os.environ["ZOL_PATIENCE_S"] = "10"  # of a test that waits for a broken program
+    os.environ["ZOL_PATIENCE_S"] = "10"  # for a test that waits for a mutant
     return mutants, results
 
 
 def try_mutants(tree, options, done):
-    """Hands the mutants out in order, and none that may not be wanted: which ones are tried does
-    not depend on which job is faster."""
+    """Hands out the mutants in order, and no more than needed: the choice of mutants does not
+    depend on which job is faster."""
     chosen, given = choose_mutants(tree, options.seed, options.only), 0
     mutants, results = start_jobs(tree, options.jobs)
     while True:
@@ -305,7 +304,7 @@ def try_mutants(tree, options, done):
 
 
 def summary(done):
-    """A line for each folder with its share of survivors and the 95 % interval by Wilson."""
+    """A line for each folder with its share of survivors and the 95 % Wilson interval."""
     said = f"{'folder':9}{REFUSED:>9}{'compiled':>10}{KILLED:>8}{TIMED_OUT:>11}{SURVIVED:>10}\n"
     for folder in [*FOLDERS, ""]:
         counts = collections.Counter(
@@ -339,8 +338,8 @@ def report(tree, done):
 
 
 def isolate():
-    """Runs this script again with a network, processes and a /tmp of its own, into which the clone
-    moves in case it was in /tmp. The user stays the same: a test asks."""
+    """Runs this script again in new namespaces for network, processes and /tmp. The clone moves
+    with it, because it may be in /tmp. The user stays the same, because a test checks it."""
     setup = """ip link set lo up
         mount -n --rbind "$PWD" /mnt; mount -n -t tmpfs tmpfs /tmp
         mkdir -p "$PWD"; mount -n --move /mnt "$PWD"; cd "$PWD"; exec "$@" """
@@ -378,7 +377,7 @@ def main():
     with contextlib.suppress(KeyboardInterrupt):
         try_mutants(read_tree(), options, done)
     print(f"\n{summary(done)}Survivors in full: build-mutate/report.txt", flush=True)
-    os._exit(0)  # what still runs ends with this process, the first of its namespace
+    os._exit(0)  # the end of this first process of its namespace ends all others
 
 
 if __name__ == "__main__":

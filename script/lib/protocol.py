@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Keeps current what other files repeat of server/protocol.h: the tables of the dissector, the
+"""Updates the parts of other files that repeat server/protocol.h: the tables of the dissector, the
 tables, headings and links of docs/protocol.md, the command codes of the sample firewall, and the
-version. Says what differs, or writes it with --write. In the document the last column of a table and
-all other text are written by hand. Also says what a datagram lacks: the assertion of its size, its
-session, and text in the columns that are written by hand.
+version. Prints the differences, or writes them with --write. In the document, the last column of a
+table and all other text are written by hand. Also reports a datagram without an assertion of its
+size, without a session, or without text in a column that is written by hand.
 """
 
 import argparse
@@ -21,7 +21,7 @@ DOCUMENT = "docs/protocol.md"
 FIREWALL = "packaging/zolserver.nft"
 SESSIONS = "tests/sessions"
 CHANGES = "CHANGELOG.md"
-# The files that repeat the version, and what is before it there.
+# The files that repeat the version, and the text before it.
 VERSIONED = (DOCUMENT, "packaging/kubernetes.yaml", "tests/sessions/joining.session")
 VERSION = re.compile(r"(zolserver:|You need Version )\d+(?:\.\d+)*")
 HEADERS = ("server/protocol.h", "config/server_config.h")
@@ -36,7 +36,7 @@ KINDS = {
     "CarBlockA": "bytes",
     "CarBlockB": "bytes",
 }
-LEAST_CHAT = 1  # bytes of CMD_CHAT, the one datagram that may be shorter than its record
+LEAST_CHAT = 1  # bytes of CMD_CHAT, the only datagram that may be shorter than its record
 
 # kind: of KINDS, "text", or the name of a block.
 Field = collections.namedtuple("Field", "offset width name kind")
@@ -75,7 +75,7 @@ def kind_of(field):
     declared = field.type.get_declaration()
     is_block = declared.kind == clang.CursorKind.STRUCT_DECL and name == declared.spelling
     kind = KINDS.get(name, name if is_block else None)
-    return kind or fail(f"{field.spelling}: what kind is {name}?")
+    return kind or fail(f"{field.spelling}: unknown type {name}")
 
 
 def fields_of(struct):
@@ -120,7 +120,7 @@ def read_headers():
         codes = [code_of(part.referenced) for part in first.walk_preorder()
                  if part.kind == clang.CursorKind.DECL_REF_EXPR]
         if len(codes) != 1 or (sender, *codes) in records:
-            fail(f"{struct.spelling} does not start with a code of its own")
+            fail(f"{struct.spelling} does not start with its command code")
         records[sender, codes[0]] = (struct.type.get_size(), fields_of(struct))
     datagrams = []
     for enum in (node for node in nodes if node.spelling in SENDERS):
@@ -133,7 +133,7 @@ def read_headers():
     return Protocol(version[1], blocks, datagrams, numbers | {"PORT": literal(port)})
 
 
-# What is written.
+# The written parts.
 
 
 def replace(source, text, pattern, new):
@@ -190,12 +190,12 @@ def heading_of(datagram):
 
 
 def anchor(title):
-    """As the sites that show Markdown name a heading."""
+    """The anchor of a heading on sites that show Markdown."""
     return "#" + re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
 
 
 def link(protocol, datagram):
-    """Where both sides send a datagram of this name, the short form leads to the server's."""
+    """If both sides send a datagram of this name, the short form links to the server's."""
     of_name = [each for each in protocol.datagrams if each.name == datagram.name]
     target = "" if datagram is of_name[-1] else f"({anchor(heading_of(datagram))})"
     return f"[`{datagram.name}`]{target}"
@@ -216,7 +216,7 @@ def table_of(rows):
 
 
 def table(fields, old_rows, code=None, shortest=0):
-    """The last column stays as it is."""
+    """Keeps the last column."""
     meanings = {row[2].strip("`"): row[-1] for row in old_rows}
     rows = [["offset", "width", "field", "type", "meaning"]]
     if code is not None:
@@ -229,7 +229,7 @@ def table(fields, old_rows, code=None, shortest=0):
 
 
 def split_section(text):
-    """What stands before the table and behind it, and the cells of its rows."""
+    """The text before and after the table, and the cells of its rows."""
     before, rows, after = re.fullmatch(r"(.*?)((?:^\|[^\n]*\n)*)((?:^[^|\n][^\n]*\n|^\n)*)", text,
                                        re.M | re.S).groups()
     cells = [[cell.strip() for cell in row.strip("|").split("|")] for row in rows.splitlines()]
@@ -270,7 +270,7 @@ def write_sections(protocol, sections):
 
 
 def write_overview(protocol, sender, text):
-    """The table of all datagrams; what stands behind the size stays as it is."""
+    """The table of all datagrams. Keeps the columns after the size."""
     before, rows, after = split_section(text)
     behind = {row[1].strip("[").split("`")[1]: row[3:] for row in rows[2:]}
     cells = rows[:1]
@@ -354,7 +354,7 @@ def main():
                                         f"{name} of {HEADERS[0]}", lineterm="")
     print("\n".join(changes), end="\n" if changes else "")
     if changes and not options.write:
-        fail("run script/checks/protocol --write, or mend the header")
+        fail("run script/checks/protocol --write, or correct the header")
     if missing := missing_by_hand(protocol, (ROOT / DOCUMENT).read_text()):
         fail("\n".join(missing))
     fields = sum(len(each.fields) for each in protocol.datagrams)

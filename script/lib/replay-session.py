@@ -3,9 +3,9 @@
 
 Usage: script/replay-session [SERVER:PORT [SESSION]]     (127.0.0.1:16309, session)
 
-SESSION is the name behind the ``` of the block: session or session-pinkpanther. Every datagram
-that a player is shown to get must come, byte for byte and in that player's order, and no other.
-Only the time of day (CMD_ENTER_GAME_REPLY, CMD_GAME_CLOCK) may differ, and a CMD_PING may come.
+SESSION is the name after the ``` of the block: session or session-pinkpanther. Every datagram to a
+player in the block must arrive, byte for byte and in that player's order, and no other. Only the
+time of day (CMD_ENTER_GAME_REPLY, CMD_GAME_CLOCK) may differ, and a CMD_PING may arrive.
 """
 
 import re

@@ -11,7 +11,7 @@ TABLE = "config/config_reader.h"
 RECORD = "config/server_config.h"
 PROTOCOL = "server/protocol.h"
 WIDTHS = "docs/operating.md"
-# The form of a setting in each document. The limits are numbers in its text.
+# The pattern of a setting in each document. The limits are numbers in its text.
 DOCUMENTS = {
     "README.md": r"^\| `(?P<key>\w+)` \| `(?P<default>.*?)` \| (?P<text>.*) \|$",
     "packaging/zolserver.cfg": r"(?P<text>(?:^# .*\n)+)(?P<key>\w+)=(?P<default>.*)$",
@@ -56,14 +56,14 @@ def compare_document(name, table):
     compare(name, "the keys are", [entry["key"] for entry in entries], [each.key for each in table])
     for entry, setting in zip(entries, table):
         compare(name, f"the default of {setting.key} is", entry["default"], setting.default)
-        is_port = setting.kind == "PORT"  # whose text has other numbers, or none
+        is_port = setting.kind == "PORT"  # its text has other numbers, or none
         limits = re.findall(r"\d+(?= characters)" if is_port else r"\d+", entry["text"])
         if limits or not is_port:
             compare(name, f"the limits of {setting.key} are", limits, setting.limits)
 
 
 def compare_widths(table):
-    """Of what is cut, in one line."""
+    """Compares the lengths at which the server cuts texts, in one line of the document."""
     found = dict(re.findall(r"`(\w+)`(?: is cut)? at (\d+)", read(WIDTHS)))
     expected = {each.key: each.limits[0] for each in table if each.kind in ("TEXT", "PORT")}
     compare(WIDTHS, "the lengths are", found, expected)
