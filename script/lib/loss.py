@@ -17,7 +17,7 @@ import tempfile
 
 from lib import BUILD, ROOT, fail, free_port, wait_until_ready
 
-LIMIT_S = 150
+LIMIT_S = 250
 # For each game: the server's slots, and the exit status.
 GAMES = {"play": (32, 0), "forget": (32, 1), "silence": (32, 0), "alone": (32, 0), "full": (4, 0)}
 
