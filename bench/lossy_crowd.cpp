@@ -51,8 +51,9 @@ constexpr unsigned SLOTS_OF_FULL = 4;
 // The game begins once there are players in all slots: on a full server a lost answer costs its
 // client several waits. If some never get in, it begins without them.
 constexpr std::uint64_t MAX_ENTERING_MS = 90'000;
-// A join that the network delays may still move its client.
-constexpr std::uint64_t SETTLE_MS = 3'000;
+// A join that the network repeats may still move its client, which then asks, enters again, and may
+// lose these datagrams, too.
+constexpr std::uint64_t SETTLE_MS = 10'000;
 
 struct DelayedDatagram {
   std::uint64_t due_ms = 0;
