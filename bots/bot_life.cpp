@@ -88,8 +88,8 @@ static void expect_leave_notice(Bot& bot) {
   bot.leave_notice = expect(relay_ring(bot.slot), expectation);
 }
 
-// Without in-order delivery, what this bot sends next may reach the server before what other bots
-// have sent earlier. The server then does not relay their datagrams to this bot.
+// Without in-order delivery, the next datagram of this bot may reach the server before earlier ones
+// of other bots. The server then does not relay those datagrams to this bot.
 static void make_recent_optional(const Bot& bot) {
   if (!fleet.in_order_delivery) make_optional(bot.number, monotonic_ns() - REORDER_WINDOW_NS);
 }

@@ -196,7 +196,7 @@ static bool is_one_of(Datagram datagram) {
   return ((command == Records{}.command && datagram.size() == sizeof(Records)) || ...);
 }
 
-// False of what a server does not send; it must not count as a sign of life.
+// False for a datagram that no server sends. It must not count as a sign of life.
 static bool is_from_server(Datagram datagram) {
   return !datagram.empty() &&
          is_one_of<Ping, JoinRefusedFull, JoinRefusedVersion, EnterGameReply, JoinAccepted,

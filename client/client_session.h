@@ -3,7 +3,7 @@
 // it.
 //
 // A session has no socket and no clock. The caller passes in datagrams and times, and then sends
-// what is in the outbox. The start of a client; example.cpp is a whole one:
+// the datagrams in the outbox. The start of a client; example.cpp is a complete one:
 //   ClientSession session;                           // session.name = ... ;
 //   session_step(session, now_ms);                   // about every 50 ms, and after each datagram:
 //   session_hear(session, datagram, now_ms);

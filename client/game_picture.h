@@ -65,8 +65,8 @@ struct GamePicture {
 // The picture of a game that the client has just joined.
 GamePicture picture_of_join(const JoinAccepted& accepted);
 
-// Adds the contents of a datagram. It accepts any bytes, and ignores those that are no datagram of
-// the server.
+// Adds the contents of a datagram. It accepts any bytes, and ignores datagrams that a server does
+// not send.
 void picture_hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms);
 
 // The slot to ask about now with CMD_GET_PLAYER_INFO, or NO_SLOT. Counts it as asked, and removes

@@ -22,7 +22,7 @@ std::string_view value_of(std::string_view query, std::string_view key) {
   return value;
 }
 
-// "+" is a blank and %XX a byte; a "%" before anything else stands for itself.
+// "+" is a blank and %XX a byte; any other "%" is kept.
 static std::string decoded(std::string_view value) {
   std::string text;
   for (std::size_t i = 0; i < value.size(); ++i) {

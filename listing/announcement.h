@@ -15,7 +15,7 @@ inline constexpr std::size_t MAX_OS = 8;
 
 struct Announcement {
   std::string name;  // UTF-8, without control characters
-  std::string os;    // likewise
+  std::string os;    // the same
   int players = 0;
   int max_players = 0;
   int game_type = DEATHMATCH;
@@ -25,7 +25,7 @@ struct Announcement {
 };
 
 // Nothing when a value is missing or not allowed. Where a key is given twice, the last one counts:
-// servers do not escape their name, which comes first, so a '&' in it may bring in keys of its own.
+// servers do not escape their name, which comes first, so a '&' in it may add keys.
 std::optional<Announcement> read_announcement(std::string_view query);
 
 // The raw value of the last pair with this key; empty without one.

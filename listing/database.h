@@ -23,7 +23,7 @@ struct List {
   sqlite3* database = nullptr;
   std::string path{};
   int patience_ms = DEFAULT_PATIENCE_MS;  // for a lock that another process holds
-  // Why the last call failed: which file, what happened, what to do. Without a line feed.
+  // The reason of the last failure: the file, the problem, the next step. Without a line feed.
   std::string complaint{};
   bool is_locked = false;  // the last failure was such a lock
 };

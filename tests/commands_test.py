@@ -11,7 +11,7 @@ commands = importlib.import_module("commands")
 
 DOCUMENT = """
 ```sh
-nft list counters            # what was dropped
+nft list counters            # dropped datagrams
 dump -w - |
   show -l \\
   -r -

@@ -20,7 +20,7 @@ static constexpr Range HARMFUL[] = {
     {0x034F, 0x034F},    // combining grapheme joiner
     {0x061C, 0x061C},    // Arabic letter mark, which changes the direction
     {0x115F, 0x1160},    // fillers of Hangul, which look like nothing
-    {0x17B4, 0x17B5},    // inherent vowels of Khmer, likewise
+    {0x17B4, 0x17B5},    // inherent vowels of Khmer, which look like nothing
     {0x180B, 0x180F},    // selectors of Mongolian
     {0x200B, 0x200B},    // blank of no width
     {0x200E, 0x200F},    // marks of direction

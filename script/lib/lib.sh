@@ -35,7 +35,7 @@ arguments() {
   if [ $# -gt "$most" ]; then fail "takes no argument like \"${*:most+1:1}\"; see --help"; fi
 }
 
-# A free UDP port of this machine, below those that the kernel assigns by itself. Two servers may
+# A free UDP port of this machine, below the range from which the kernel assigns ports. Two servers may
 # share a port unnoticed.
 free_port() {
   local port
