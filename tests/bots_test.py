@@ -18,7 +18,7 @@ import sys
 import time
 import unittest
 
-from server_case import PATIENCE_S, RULE, ServerCase, bound_socket
+from server_case import PATIENCE_S, RULE, ServerCase, bound_socket, port_for_server
 
 ZOLBOTS = os.path.realpath(sys.argv.pop(1))
 
@@ -194,17 +194,16 @@ def lie_to_bots(run, options, port, server):
 
 class BotsTest(ServerCase):
     def start_servers(self, runs):
-        """They start when all ports are chosen, so that no two get the same one."""
-        chosen = [bound_socket() for _ in runs]
         servers = []
-        for (code, _), (holder, port) in zip(runs, chosen):
-            holder.close()
+        for code, _ in runs:
+            holder, port = port_for_server()
             self.start(f"Port={port}\nGameType=1\nmaxClients={2 if code == 12 else 8}\n")
-            servers.append((self.server, self.console))
-        for _, self.console in servers:
+            servers.append((self.server, self.console, holder, port))
+        for _, self.console, holder, _ in servers:
             self.assertIn("ONLINE", self.read_to(RULE))
             self.console.close()
-        return [port for _, port in chosen], [server.pid for server, _ in servers]
+            holder.close()
+        return [port for *_, port in servers], [server.pid for server, *_ in servers]
 
     def test_every_lie_is_reported_and_the_truth_is_not(self):
         runs = [*RUNS, *UNNOTICED, *HONEST, *NOT_ALONE]

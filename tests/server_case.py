@@ -30,6 +30,14 @@ def free_port():
     return port
 
 
+def port_for_server():
+    """A socket that holds the port, so that the kernel gives it to no other, and the port. A server can
+    open the port as well; close the socket when it has."""
+    holder, port = bound_socket()
+    holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    return holder, port
+
+
 class Player:
     def __init__(self, port):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -63,10 +71,12 @@ class ServerCase(unittest.TestCase):
         self.start(f"Port={self.port}\n{settings}", **options)
 
     def start_and_wait(self, settings="", console=None, **options):
-        self.start_on_free_port(settings, **options)
-        self.console = console or self.console
-        online = f"ZOL Server {VERSION} ONLINE [Port: {self.port}]!!!\n{RULE}"
-        self.assertEqual(self.read_to(RULE), online)
+        holder, self.port = port_for_server()
+        with holder:
+            self.start(f"Port={self.port}\n{settings}", **options)
+            self.console = console or self.console
+            online = f"ZOL Server {VERSION} ONLINE [Port: {self.port}]!!!\n{RULE}"
+            self.assertEqual(self.read_to(RULE), online)
 
     def read_to(self, last):
         """The server's output up to and including this text, or up to its end."""
