@@ -140,6 +140,11 @@ def check_script(stack):
     first = start_list(stack, folder)
     if announce("127.0.0.1", 1) != "1":
         fail("a list in a directory with an odd name takes no announce")
+    documented = re.search(r"^curl .*\n.*$", (ROOT / "docs/listing.md").read_text(), re.M)[0]
+    command = documented.replace(":8080/", ":80/").replace("curl", "curl --silent --show-error", 1)
+    verdict = subprocess.check_output(["sh", "-c", command])
+    if verdict != b"  \r\n1\n":
+        fail(f"the documented announce prints {verdict!r}")
     must_refuse("80", "refused", "port 80 is in use")
     must_refuse("81", folder, "another script/list runs in")
     if announce("127.0.0.1", 1) not in ("0", "2"):

@@ -7,7 +7,7 @@ import re
 
 from lib import ROOT, fail
 
-DOCUMENTS = ("README.md", "docs/operating.md", "docs/listing.md")
+DOCUMENTS = ("README.md", "docs/operating.md", "docs/containers.md", "docs/listing.md")
 RUNNERS = (".ci/run", "script/checks/*", "script/lib/*.py")
 # Commands that no check runs as written.
 EXCEPTIONS = {
@@ -20,6 +20,9 @@ EXCEPTIONS = {
         "script/checks/container adds options for a machine without registry",
     "podman run --network host --stop-timeout 120 -v ./garage:/srv/zolserver:ro zolserver":
         "script/checks/container runs it with the options for confinement",
+    "curl -A 'ZOL/0.1 (me)' "
+    "'http://127.0.0.1:8080/cgi-bin/zol.pl?name=Mine&p=0&mp=16&gt=0&port=16309&v=40&os=lin'":
+        "script/checks/announce reads it from the document and runs it on port 80",
     'for name in garage harbour quarry; do sed "s/garage/$name/g; s/16309/$port/g" kubernetes.yaml | '
     "kubectl apply -f - port=$((port + 1)) done":
         "needs a cluster; script/checks/container plays the file with podman",
