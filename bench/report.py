@@ -109,15 +109,18 @@ def plot_data(samples, metric):
 
 DOCUMENT = """# Performance
 
-The table sets the server beside a floor: a relay of one `sendmmsg` loop that keeps no state and
-does the least that a relay can do (`bench/relay_floor.cpp`). Figures are medians of
-{rounds} rounds with their quartiles in brackets; a ratio is the server's figure by the floor's of
-the same round, so that 1 is as good as the floor. Processor time is the scheduler's account, the
-kernel's work included, while players on loopback send 2000 updates a second, one at a time; a relay
-is one datagram to one other player. The bound of a ratio is on its median over all rounds, because
-single rounds vary more than that, as the quartiles show. `script/bench` fails when a bound is not met;
-rows without one tell what to expect. Car states, and floats after a death, cost more because the
-server answers each with the time of day in the game, for which it reads the clock twice.
+This page compares the server with a *floor*: a minimal relay, one `sendmmsg` loop that keeps no state
+(`bench/relay_floor.cpp`).
+
+- **Figures** are medians of {rounds} rounds, with quartiles in brackets.
+- **A ratio** is the server's figure divided by the floor's of the same round. At 1.0 the server is as
+  fast as the floor.
+- **A bound** of a ratio applies to the median of all rounds; single rounds vary more, as the quartiles
+  show. `script/bench` fails when a bound is not met. Rows without a bound are for information.
+- **Processor time** is the scheduler's account, the kernel's work included, while players on loopback
+  send 2000 updates a second, one at a time.
+- **A relay** is one datagram to one other player. Car states, and floats after a death, cost more: the
+  server answers each with the game's time of day, and reads the clock twice for it.
 
 {table}
 
