@@ -257,7 +257,7 @@ HOSTILE = 2000  # datagrams
 
 # The user who runs the commands of each document. The stand-in programs permit what Debian permits:
 # root may capture but not decode, because Wireshark ignores Lua scripts for root.
-STARTS_AS = {"docs/protocol.md": "user", "docs/operating.md": "root"}
+STARTS_AS = {"docs/wireshark.md": "user", "docs/operating.md": "root"}
 STAND_IN = """#!/bin/sh
 case ${0##*/} in
 sudo) ZOL_USER=root exec "$@" ;;
@@ -276,7 +276,7 @@ esac
 INSTALLED = "/usr/share/doc/zolserver/examples/zol.lua"
 # The expected output of each document's commands: lines that contain all of these.
 SHOWN = {
-    "docs/protocol.md": [["ZOL", "CMD_ENTER_GAME position=(1, 2, 3)"]],
+    "docs/wireshark.md": [["ZOL", "CMD_ENTER_GAME position=(1, 2, 3)"]],
     "docs/operating.md": [["10.0.0.10", "50001", "Bob"], ["10.0.0.9", "50000", "Alice", "hi"]],
 }
 
