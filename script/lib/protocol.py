@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Updates the parts of other files that repeat server/protocol.h: the tables of the dissector, the
-tables, headings and links of docs/protocol.md, the command codes of the sample firewall, and the
-version. Prints the differences, or writes them with --write. In the document, the last column of a
-table and all other text are written by hand. Also reports a datagram without an assertion of its
-size, without a session, or without text in a column that is written by hand.
+tables, index, headings and links of docs/protocol.md, the command codes of the sample firewall, and
+the version. Prints the differences, or writes them with --write. In the document, the last column
+of a table and all other text are written by hand. Also reports a datagram without an assertion of
+its size, without a session, or without text in a column that is written by hand.
 """
 
 import argparse
@@ -194,11 +194,21 @@ def anchor(title):
     return "#" + re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
 
 
-def link(protocol, datagram):
-    """If both sides send a datagram of this name, the short form links to the server's."""
-    of_name = [each for each in protocol.datagrams if each.name == datagram.name]
-    target = "" if datagram is of_name[-1] else f"({anchor(heading_of(datagram))})"
-    return f"[`{datagram.name}`]{target}"
+def link(datagram):
+    return f"[`{datagram.name}`]({anchor(heading_of(datagram))})"
+
+
+def write_links(protocol, text):
+    """Corrects the links to datagrams. If both sides send one of this name, the link is kept."""
+    links = collections.defaultdict(list)
+    for each in protocol.datagrams:
+        links[each.name].append(link(each))
+
+    def corrected(old):
+        of_name = links[old[1]]
+        return of_name[0] if len(of_name) == 1 else old[0]
+
+    return re.sub(r"\[`(\w+)`\]\(#[^)]*\)", corrected, text)
 
 
 def shown_kind(field):
@@ -215,12 +225,10 @@ def table_of(rows):
     return "".join(f"|{line}|\n" for line in lines)
 
 
-def table(fields, old_rows, code=None, shortest=0):
+def table(fields, old_rows, shortest=0):
     """Keeps the last column."""
     meanings = {row[2].strip("`"): row[-1] for row in old_rows}
     rows = [["offset", "width", "field", "type", "meaning"]]
-    if code is not None:
-        rows.append(["0", "1", "`command`", "u8", str(code)])
     for field in fields:
         name = field.name if field.name == "unused" else f"`{field.name}`"
         rows.append([str(field.offset), sizes(field.width - shortest, field.width), name,
@@ -230,53 +238,60 @@ def table(fields, old_rows, code=None, shortest=0):
 
 def split_section(text):
     """The text before and after the table, and the cells of its rows."""
-    before, rows, after = re.fullmatch(r"(.*?)((?:^\|[^\n]*\n)*)((?:^[^|\n][^\n]*\n|^\n)*)", text,
+    before, rows, after = re.fullmatch(r"((?:^(?!\|)[^\n]*\n)*)((?:^\|[^\n]*\n)*)(.*)", text,
                                        re.M | re.S).groups()
     cells = [[cell.strip() for cell in row.strip("|").split("|")] for row in rows.splitlines()]
     return before, cells, after
 
 
-def requests_of(protocol, sections):
-    """For each datagram of the server the requests whose sections link to it."""
-    server = {each.name for each in protocol.datagrams if each.sender == "server"}
-    found = collections.defaultdict(list)
-    for each in (each for each in protocol.datagrams if each.sender == "client"):
-        prose = split_section(sections.get(("client", each.name), "\n"))[0]
-        for name in re.findall(r"(?<!\[)`(CMD_\w+)`", prose):
-            if name in server:
-                fail(f"{DOCUMENT}: write [`{name}`] in the section of {each.name}")
-        for name in dict.fromkeys(re.findall(r"\[`(CMD_\w+)`\]", prose)):
-            found[name].append(each)
-    return found
+def same_layout(protocol, datagram):
+    """How a datagram of the server differs from one of the client: not at all, or by the slot."""
+    def used(fields):
+        return [field for field in fields if field.name != "unused"]
+
+    slot = Field(1, 1, "slot", "u8")
+    for each in protocol.datagrams:
+        fields = used(each.fields)
+        if (each.sender, each.size) != ("client", datagram.size) or fields in ([], [slot]):
+            continue
+        if used(datagram.fields) == fields:
+            return f"The layout of {link(each)}.\n"
+        if used(datagram.fields) == [slot, *fields]:
+            return f"The layout of {link(each)}, with `slot` (u8) at offset 1.\n"
+    return None
+
+
+def section(protocol, datagram, text):
+    """A datagram of the server has no table if one of the client has the same layout."""
+    before, rows, after = split_section(text)
+    before = re.sub(r"^The layout of (?:[^\n]+\n)+\n?", "", before, flags=re.M)
+    layout = datagram.sender == "server" and same_layout(protocol, datagram)
+    if not layout and datagram.fields:
+        layout = table(datagram.fields, rows, datagram.size - datagram.least)
+    return f"### {heading_of(datagram)}\n" + f"{before}{layout or ''}{after}".rstrip() + "\n\n"
 
 
 def write_sections(protocol, sections):
     """The sections of the blocks, of the client's datagrams and of the server's."""
-    requests = requests_of(protocol, sections)
     written = collections.defaultdict(str)
     for block in protocol.blocks:
         before, rows, after = split_section(sections.get((None, block.name), "\n"))
         written[None] += (f"### {heading(block.name, block.size, block.size)}\n{before}"
                           f"{table(block.fields, rows)}{after or chr(10)}")
     for each in protocol.datagrams:
-        before, rows, after = split_section(sections.get((each.sender, each.name), "\n"))
-        if each.sender == "server":
-            before = re.sub(r"^See [^\n]*\n\n", "", before, flags=re.M)
-            links = ", ".join(link(protocol, request) for request in requests[each.name])
-            before += f"See {links}.\n\n" if links else ""
-        fields = table(each.fields, rows, each.code, each.size - each.least)
-        written[each.sender] += f"### {heading_of(each)}\n{before}{fields}{after or chr(10)}"
+        text = sections.get((each.sender, each.name), "\n")
+        written[each.sender] += section(protocol, each, text)
     return written
 
 
-def write_overview(protocol, sender, text):
-    """The table of all datagrams. Keeps the columns after the size."""
+def write_index(protocol, text):
+    """Keeps the last column."""
     before, rows, after = split_section(text)
-    behind = {row[1].strip("[").split("`")[1]: row[3:] for row in rows[2:]}
-    cells = rows[:1]
-    for each in (each for each in protocol.datagrams if each.sender == sender):
-        cells.append([str(each.code), link(protocol, each), sizes(each.least, each.size),
-                      *behind.get(each.name, [""] * (len(rows[0]) - 3))])
+    by_hand = {(row[2], row[1].split("`")[1]): row[-1] for row in rows[2:]}
+    cells = [["code", "datagram", "sent by", "bytes", *rows[0][-1:]]]
+    for each in sorted(protocol.datagrams, key=lambda each: (each.code, each.sender)):
+        cells.append([str(each.code), link(each), each.sender, sizes(each.least, each.size),
+                      by_hand.get((each.sender, each.name), "")])
     return before + table_of(cells) + after
 
 
@@ -287,23 +302,18 @@ def write_document(protocol, text):
     sections, places = {}, {}
     for number, part in enumerate(parts):
         title = part.split("\n")[0]
+        if title == "## Index by code":
+            parts[number] = write_index(protocol, part)
         if title not in titles:
             continue
         places[titles[title]] = number
-        overview, *subsections = re.split(r"^### ", part, flags=re.M)
-        parts[number] = overview
-        for section in subsections:
-            first, rest = section.split("\n", 1)
+        parts[number], *subsections = re.split(r"^### ", part, flags=re.M)
+        for each in subsections:
+            first, rest = each.split("\n", 1)
             sections[titles[title], first.split("`")[1]] = rest
     for sender, written in write_sections(protocol, sections).items():
-        number = places[sender]
-        if sender:
-            parts[number] = write_overview(protocol, sender, parts[number])
-        parts[number] += written
-    references = {each.name: f"[`{each.name}`]: {anchor(heading_of(each))}\n"
-                  for each in protocol.datagrams}
-    text = re.sub(r"\n*(?:^\[`\w+`\]: [^\n]*\n)*\Z", "\n", "".join(parts), count=1, flags=re.M)
-    text += "\n" + "".join(references.values())
+        parts[places[sender]] += written
+    text = write_links(protocol, "".join(parts))
     check_links(text)
     return text
 
