@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Updates the parts of other files that repeat server/protocol.h: the tables of the dissector, the
+"""Checks the parts of other files that repeat server/protocol.h: the tables of the dissector, the
 tables, index, headings and links of docs/protocol.md, the command codes of the sample firewall, and
-the version. Prints the differences, or writes them with --write. In the document, the last column
-of a table and all other text are written by hand. Also reports a datagram without an assertion of
-its size, without a session, or without text in a column that is written by hand.
+the version. Prints the differences, or writes them with --write. In docs/protocol.md, people write
+the last column of each table and all other text. Also reports a datagram without an assertion of
+its size, without a session in tests/sessions, or without text in a column that people write.
 """
 
 import argparse
@@ -14,14 +14,14 @@ import re
 
 import clang.cindex as clang
 
-from lib import ROOT, fail
+from lib import ROOT, anchor_of, fail
 
 DISSECTOR = "wireshark/zol.lua"
 DOCUMENT = "docs/protocol.md"
 FIREWALL = "packaging/zolserver.nft"
 SESSIONS = "tests/sessions"
 CHANGES = "CHANGELOG.md"
-# The files that repeat the version, and the text before it.
+# The files that repeat the version. VERSION matches the text before the version, and the version.
 VERSIONED = (DOCUMENT, "packaging/kubernetes.yaml", "tests/sessions/joining.session")
 VERSION = re.compile(r"(zolserver:|You need Version )\d+(?:\.\d+)*")
 HEADERS = ("server/protocol.h", "config/server_config.h")
@@ -38,14 +38,14 @@ KINDS = {
 }
 LEAST_CHAT = 1  # bytes of CMD_CHAT, the only datagram that may be shorter than its record
 
-# kind: of KINDS, "text", or the name of a block.
+# kind is a value of KINDS, "text", or the name of a block.
 Field = collections.namedtuple("Field", "offset width name kind")
 Block = collections.namedtuple("Block", "name size fields")
 Datagram = collections.namedtuple("Datagram", "sender code name least size fields")
 Protocol = collections.namedtuple("Protocol", "version blocks datagrams numbers")
 
 
-# The headers, as the compiler reads them.
+# Reading the headers with the compiler's parser.
 
 
 def parse():
@@ -86,7 +86,7 @@ def fields_of(struct):
 
 
 def literal(node):
-    """The number that a variable or a field starts with."""
+    """Returns the number that initializes a variable or a field."""
     tokens = [part.spelling.strip('"') for inside in node.walk_preorder()
               if inside.kind in (clang.CursorKind.INTEGER_LITERAL, clang.CursorKind.STRING_LITERAL)
               for part in inside.get_tokens()]
@@ -94,7 +94,7 @@ def literal(node):
 
 
 def code_of(enumerator):
-    return enumerator.enum_value % 256  # above 127 the library takes it for negative
+    return enumerator.enum_value % 256  # the library returns codes above 127 as negative numbers
 
 
 def read_headers():
@@ -110,7 +110,7 @@ def read_headers():
     for struct in structs.values():
         first = next(struct.get_children())
         if first.kind == clang.CursorKind.CXX_BASE_SPECIFIER:
-            continue  # a view of any bytes
+            continue  # a std::span with another name
         if struct.spelling not in asserted:
             fail(f"{HEADERS[0]}: no all_have_size for {struct.spelling}")
         sender = SENDERS.get(type_name(first))
@@ -133,19 +133,19 @@ def read_headers():
     return Protocol(version[1], blocks, datagrams, numbers | {"PORT": literal(port)})
 
 
-# The written parts.
+# The parts of other files that this script writes.
 
 
 def replace(source, text, pattern, new):
     found = re.findall(pattern, text, re.M | re.S)
     if len(found) != 1:
-        fail(f"{source}: not once, but {len(found)} times: {pattern}")
+        fail(f"{source}: {len(found)} matches instead of 1 for: {pattern}")
     return re.sub(pattern, lambda _: new, text, flags=re.M | re.S)
 
 
 def write_version(protocol, source, text):
     text, count = VERSION.subn(rf"\g<1>{protocol.version}", text)
-    return text if count else fail(f"{source}: no version")
+    return text if count else fail(f"{source}: no text matches {VERSION.pattern}")
 
 
 def lua_rows(fields):
@@ -189,17 +189,12 @@ def heading_of(datagram):
     return heading(datagram.name, datagram.least, datagram.size, datagram.code)
 
 
-def anchor(title):
-    """The anchor of a heading on sites that show Markdown."""
-    return "#" + re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-")
-
-
 def link(datagram):
-    return f"[`{datagram.name}`]({anchor(heading_of(datagram))})"
+    return f"[`{datagram.name}`](#{anchor_of(heading_of(datagram))})"
 
 
 def write_links(protocol, text):
-    """Corrects the links to datagrams. If both sides send one of this name, the link is kept."""
+    """Corrects the links to datagrams. Keeps a link if both sides send a datagram with its name."""
     links = collections.defaultdict(list)
     for each in protocol.datagrams:
         links[each.name].append(link(each))
@@ -226,7 +221,7 @@ def table_of(rows):
 
 
 def table(fields, old_rows, shortest=0):
-    """Keeps the last column."""
+    """Returns the table of these fields, with the last column of the old table."""
     meanings = {row[2].strip("`"): row[-1] for row in old_rows}
     rows = [["offset", "width", "field", "type", "meaning"]]
     for field in fields:
@@ -237,7 +232,7 @@ def table(fields, old_rows, shortest=0):
 
 
 def split_section(text):
-    """The text before and after the table, and the cells of its rows."""
+    """Returns the text before the table, the cells of its rows, and the text after it."""
     before, rows, after = re.fullmatch(r"((?:^(?!\|)[^\n]*\n)*)((?:^\|[^\n]*\n)*)(.*)", text,
                                        re.M | re.S).groups()
     cells = [[cell.strip() for cell in row.strip("|").split("|")] for row in rows.splitlines()]
@@ -245,7 +240,8 @@ def split_section(text):
 
 
 def same_layout(protocol, datagram):
-    """How a datagram of the server differs from one of the client: not at all, or by the slot."""
+    """Returns the line for a datagram of the server whose layout is that of a client's datagram, except
+    for the slot; None for any other datagram."""
     def used(fields):
         return [field for field in fields if field.name != "unused"]
 
@@ -262,7 +258,8 @@ def same_layout(protocol, datagram):
 
 
 def section(protocol, datagram, text):
-    """A datagram of the server has no table if one of the client has the same layout."""
+    """Returns the section of a datagram. If a datagram of the client has the same layout, the section
+    of the server's datagram links to it instead of a table."""
     before, rows, after = split_section(text)
     before = re.sub(r"^The layout of (?:[^\n]+\n)+\n?", "", before, flags=re.M)
     layout = datagram.sender == "server" and same_layout(protocol, datagram)
@@ -285,7 +282,7 @@ def write_sections(protocol, sections):
 
 
 def write_index(protocol, text):
-    """Keeps the last column."""
+    """Returns the index by code, with the last column of the old index."""
     before, rows, after = split_section(text)
     by_hand = {(row[2], row[1].split("`")[1]): row[-1] for row in rows[2:]}
     cells = [["code", "datagram", "sent by", "bytes", *rows[0][-1:]]]
@@ -313,23 +310,14 @@ def write_document(protocol, text):
             sections[titles[title], first.split("`")[1]] = rest
     for sender, written in write_sections(protocol, sections).items():
         parts[places[sender]] += written
-    text = write_links(protocol, "".join(parts))
-    check_links(text)
-    return text
+    return write_links(protocol, "".join(parts))
 
 
-def check_links(text):
-    anchors = {anchor(title) for title in re.findall(r"^#+ (.*)$", text, re.M)}
-    for target in re.findall(r"(?:\]\(|\]: )(#[^)\s]*)", text):
-        if target not in anchors:
-            fail(f"{DOCUMENT}: no heading for the link {target}")
-
-
-# The parts that are written by hand.
+# The parts that people write.
 
 
 def commands_in_sessions():
-    """Each name after the sign of its sender: > for a client, < for the server."""
+    """Returns ">" and the name for a client's datagram, "<" and the name for a server's."""
     return {sign + name for path in (ROOT / SESSIONS).glob("*.session")
             for sign, name in re.findall(r"^[\w.]+([<>]) (CMD_\w+)", path.read_text(), re.M)}
 
@@ -347,8 +335,8 @@ def missing_by_hand(protocol, document):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--write", action="store_true", help="write what differs")
+    parser = argparse.ArgumentParser(prog="script/checks/protocol", description=__doc__)
+    parser.add_argument("--write", action="store_true", help="write the parts that differ")
     options = parser.parse_args()
     protocol = read_headers()
     writers = {DISSECTOR: write_dissector, DOCUMENT: write_document, FIREWALL: write_firewall}
@@ -364,7 +352,7 @@ def main():
                                         f"{name} of {HEADERS[0]}", lineterm="")
     print("\n".join(changes), end="\n" if changes else "")
     if changes and not options.write:
-        fail("run script/checks/protocol --write, or correct the header")
+        fail(f"run script/checks/protocol --write, or correct {HEADERS[0]}")
     if missing := missing_by_hand(protocol, (ROOT / DOCUMENT).read_text()):
         fail("\n".join(missing))
     fields = sum(len(each.fields) for each in protocol.datagrams)
