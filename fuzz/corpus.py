@@ -1,5 +1,5 @@
-"""Writes the first inputs of a fuzz target: the sessions, configurations and queries of the tests, in
-the formats that the targets read.
+"""Writes the first inputs of a fuzz target: sessions, settings files and queries of the tests, in the
+format that the target reads.
 
 Usage: corpus.py TARGET FOLDER"""
 
@@ -11,7 +11,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 DATAGRAM, PASS, RESELECT, WAIT = range(4)  # events of fuzz_game
 JOIN, ENTER = 10, 15
 SENDERS = [number for number in range(40) if number % 10 != 0]
-OWN_VERSION = 160  # added to a sender's number: keeps the version in its join
+OWN_VERSION = 160  # added to a sender's number, makes fuzz_game keep the version in a join
 WELCOME, ENTERED = b"\x11" + bytes(66), b"\x10" + bytes(3)
 
 DOCUMENT = (ROOT / "docs/protocol.md").read_text()
@@ -19,7 +19,7 @@ CODES = {name: int(code) for name, code in re.findall(r"^### `(CMD_\w+)` \((\d+)
 
 
 def bytes_of(words):
-    """tests/bytes.h describes the words."""
+    """Returns the bytes that the words describe: see tests/bytes.h."""
     written = b""
     for word in re.findall(r'"(?:\\.|[^"])*"|\S+', words):
         if word[0] == '"':
@@ -35,7 +35,7 @@ def bytes_of(words):
 
 
 def names_of(word):
-    """P0..P9 is ten players."""
+    """Returns the players of a word: P0..P9 means ten."""
     if ".." not in word:
         return [word]
     first, last = word.split("..")
@@ -43,7 +43,7 @@ def names_of(word):
 
 
 def sessions():
-    """The steps for each server in the sessions: a word, and the rest of its line."""
+    """Yields the steps for each server in the sessions: the first word and the rest of each line."""
     for file in sorted((ROOT / "tests/sessions").glob("*.session")):
         lets = {}
         steps = []
@@ -92,7 +92,8 @@ def game_inputs():
 
 
 def client_inputs():
-    """The datagrams to each player of the sessions, after the two that let a client in."""
+    """Yields the datagrams to each player of the sessions, after the two answers to its join and its
+    entry."""
     for steps in sessions():
         told = {}
         for word, rest in steps:

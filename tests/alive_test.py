@@ -1,5 +1,5 @@
-"""Two checks of a server: zolview --alive asks it, and zolalive looks at its port. Both run against
-real servers and liars.
+"""Tests two checks of a server: zolview --alive sends it a datagram, and zolalive reads the queue of
+its port. Both run with real servers and with simulated ones.
 
 Usage: alive_test.py ZOLSERVER ZOLVIEW [TEST...]"""
 
@@ -26,7 +26,7 @@ SILENT = ": check the address, the server, and whether firewalls and routers let
 
 
 def run(*command):
-    """The exit status, both outputs together, and the duration in seconds."""
+    """Returns the exit status, standard output with standard error, and the duration in seconds."""
     start = time.monotonic()
     done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
                           stderr=subprocess.STDOUT, timeout=PATIENCE_S)  # fmt: skip
@@ -38,7 +38,7 @@ def alive(port, *options):
 
 
 class FakeServer:
-    """Answers from the try of this number on, with these datagrams."""
+    """Answers each try from this number on, with these datagrams."""
 
     def __init__(self, answers, first_try=1, other_port=False):
         self.answers, self.first_try, self.other_port = answers, first_try, other_port
@@ -50,8 +50,8 @@ class FakeServer:
             for answer in self.answers if len(self.questions) >= self.first_try else []:
                 (far if self.other_port else near).sendto(answer, heard[1])
 
-    def judged(self):
-        """The output of --alive about it."""
+    def run_alive(self):
+        """Returns the port, and the result of zolview --alive on it."""
         near, port = bound_socket()
         with near, bound_socket()[0] as far:
             thread = threading.Thread(target=self.serve, args=(near, far))
@@ -70,11 +70,11 @@ class AliveCase(ServerCase):
         return player
 
 
-class AskTest(AliveCase):
+class ZolviewTest(AliveCase):
     def test_fake_servers(self):
         accepted, full = b"\x11".ljust(67, b"\0"), b"\x0c".ljust(65, b"\0")
-        once, three_times = (1, 2), (3,)  # a busy machine may make the first try late
-        cases = (  # the server, the exit status, how often it may be asked
+        once, three_times = (1, 2), (3,)  # on a busy machine, the answer to the first try may be late
+        cases = (  # the server, the exit status, the possible numbers of tries
             (FakeServer([REFUSED]), 0, once),
             (FakeServer([REFUSED], first_try=3), 0, three_times),
             (FakeServer([full, REFUSED[:64], REFUSED]), 0, once),
@@ -85,7 +85,7 @@ class AskTest(AliveCase):
             (FakeServer([REFUSED], other_port=True), 1, three_times),
         )
         with concurrent.futures.ThreadPoolExecutor(len(cases)) as pool:
-            results = list(pool.map(lambda case: case[0].judged(), cases))
+            results = list(pool.map(lambda case: case[0].run_alive(), cases))
         for (server, status, tries), (port, result) in zip(cases, results):
             with self.subTest(answers=server.answers, first_try=server.first_try):
                 said = (f"a server answers at 127.0.0.1:{port}\n" if status == 0
@@ -96,7 +96,7 @@ class AskTest(AliveCase):
                 if status == 1:
                     self.assertGreater(result[2], 1.5, "seconds")
 
-    def test_nobody_listens(self):
+    def test_closed_ports(self):
         port = free_port()
         status, said, seconds = alive(port)
         self.assertEqual((status, said), (1, f"zolview: no server listens at 127.0.0.1:{port}: "
@@ -106,7 +106,7 @@ class AskTest(AliveCase):
         self.assertEqual(said[:2], (1, "zolview: cannot send to 127.255.255.255 (127.255.255.255:16309): "
                                        "Permission denied\n"))  # fmt: skip
 
-    def test_asking_takes_no_slot_and_prints_nothing(self):
+    def test_takes_no_slot_and_prints_nothing(self):
         self.start_and_wait("maxClients=2\nGameType=1\n")
         for slot in (0, 1, None):  # None: the server is full
             self.assertEqual(alive(self.port)[:2], (0, f"a server answers at 127.0.0.1:{self.port}\n"))
@@ -137,9 +137,9 @@ class AskTest(AliveCase):
             self.assertEqual(run(ZOLVIEW, *arguments)[:2], (2, f"zolview: {complaint}\n"))
 
 
-class LookTest(AliveCase):
+class ZolaliveTest(AliveCase):
     def port_with(self, datagrams, reads_per_second=0):
-        """A port at which these datagrams wait, and a slow reader that takes some."""
+        """Returns a port where these datagrams wait. A program may read them slowly."""
         reader, port = bound_socket()
         self.addCleanup(reader.close)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
@@ -166,7 +166,7 @@ class LookTest(AliveCase):
         return self.port
 
     def client_port(self):
-        """A port that only a client uses, with an answer that it never reads."""
+        """Returns the port of a client that never reads its answer."""
         server, client = bound_socket()[0], bound_socket()[0]
         self.addCleanup(server.close)
         self.addCleanup(client.close)
@@ -174,12 +174,12 @@ class LookTest(AliveCase):
         server.sendto(b"x", client.getsockname())
         return client.getsockname()[1]
 
-    def test_looks(self):
+    def test_ports(self):
         idle = self.stopped_server()
         stopped = self.stopped_server()
         self.player(stopped).say(200)
         hangs = "zolalive: the server on UDP port {} hangs: "
-        closed = "zolalive: no server has UDP port {} here\n"
+        closed = "zolalive: no program has UDP port {} open; check the port, and that the server runs\n"
         cases = (  # the port, the exit status, the start of the output
             (self.port_with([]), 0, ""),
             (idle, 0, ""),
@@ -201,7 +201,7 @@ class LookTest(AliveCase):
                 self.assertEqual(said.count("\n"), min(status, 1))
                 if start == hangs:
                     self.assertGreater(seconds, 1.9)
-        self.server.send_signal(signal.SIGCONT)  # the one with a datagram
+        self.server.send_signal(signal.SIGCONT)  # this is the server on the port `stopped`
         self.assertEqual(run("sh", ZOLALIVE, str(stopped))[:2], (0, ""))
 
 
