@@ -1,5 +1,5 @@
-"""script/check-client judges a right client and liars. A liar breaks one rule, on a clock that the
-test sets. With --client this program is the right client, on a real socket.
+"""Tests script/check-client with a correct client and with faulty ones, on a simulated clock. A faulty
+client breaks one rule or a few. With --client, this program is the correct client, on a real socket.
 
 Usage: check_client_test.py [TEST...] | --client HOST PORT"""
 
@@ -16,8 +16,8 @@ import unittest
 
 SCRIPT = pathlib.Path(__file__).resolve().parent.parent / "script"
 sys.path.insert(0, str(SCRIPT / "lib"))
-rules, stages = importlib.import_module("client_rules"), importlib.import_module("client_stage")
-C, SIZES_DOWN = stages.C, stages.SIZES_DOWN
+rules, simulation = importlib.import_module("client_rules"), importlib.import_module("client_stage")
+C, SIZES_DOWN = simulation.C, simulation.SIZES_DOWN
 TICK_S = 0.05
 JOIN = b"\x0aExample".ljust(66, b"\0") + b"\x28\0"
 PEERS = range(32)
@@ -28,7 +28,7 @@ ENTER = b"\x0f" + bytes(19) + b"\3" + bytes(79)
 
 
 class Client:
-    """Keeps all rules. A liar has other values for some of these."""
+    """A client that keeps all rules. A faulty client has other values for some attributes."""
 
     growth, silence_s, stop_wait_s, refused_wait_s, version_wait_s = 2, 25, 1, 0, 0
     known_s, unknown_s, all_s, report_s, replies, chats = 5, 1, 20, 3, 1, 1
@@ -37,12 +37,12 @@ class Client:
     checks_size = checks_slot = checks_address = asks_slot = asks_again = believes_slot = True
     asks_named = believes_role = doubts_clock = drives_on = True
     counts_pings_only = counts_junk = counts_answers = believes_late_refusals = joins_again = False
-    loses = frozenset()  # codes that it does not send
+    loses = frozenset()  # codes that it never sends
     loses_second = frozenset()  # codes that it sends only once
     join, enter, block_asked = JOIN, ENTER, BLOCK
 
-    def __init__(self, **lies):
-        vars(self).update({"dies_of": lambda datagram: False} | lies)
+    def __init__(self, **faults):
+        vars(self).update({"dies_of": lambda datagram: False} | faults)
         self.out, self.heard_s, self.has_ended, self.slot, self.in_car = [], 0, False, None, False
         self.proved_s = self.questions = self.car_left = self.slot_due_s = self.car_sent_s = 0
         self.has_role = self.has_died = False
@@ -73,7 +73,7 @@ class Client:
         self.heard_s = now if self.counts_junk else self.heard_s
         if self.checks_size and len(datagram) != SIZES_DOWN.get(code):
             return
-        if self.checks_slot and code in stages.WITH_SLOT and slot > 31:
+        if self.checks_slot and code in simulation.WITH_SLOT and slot > 31:
             return
         if code == C.PING or not self.counts_pings_only:
             self.heard_s = now
@@ -195,8 +195,8 @@ class Client:
             self.send(JOIN)
 
 
-# What a liar does, which rules it breaks, and what the kit says of one of them.
-LIARS = (
+# The faults, the rules that they break (None: not checked), and a text of the reasons.
+FAULTY_CLIENTS = (
     ({"enter": b"\x0f\1" + bytes(98)}, {"bytes"}, "CMD_ENTER_GAME with the unused byte 1 not zero"),
     ({"join": JOIN[:66] + b"\x27\0"}, {"bytes"}, "CMD_JOIN with the version 39"),
     ({"growth": 1}, {"joins", "refusals", "version", "stop", "rates"}, "after a wait of 1.0 s"),
@@ -223,16 +223,16 @@ LIARS = (
     ({"stop_wait_s": 60}, {"stop"}, "no CMD_JOIN in 10 s after CMD_SERVER_SHUTDOWN"),
     ({"checks_size": False}, {"hostile", "silence"}, "a CMD_JOIN_ACCEPTED that is too short"),
     ({"checks_slot": False}, {"hostile"}, "because of a wrong datagram"),
-    ({"checks_address": False}, {"hostile"}, "it believes a CMD_JOIN_ACCEPTED that"),
+    ({"checks_address": False}, {"hostile"}, "it accepts a CMD_JOIN_ACCEPTED that"),
     ({"dies_of": lambda datagram: datagram == b""}, {"hostile", "running"}, "it died with status"),
     ({"dies_of": lambda datagram: len(datagram) == 2 and datagram[0] == C.PLAYER_INFO}, None,
      "it died with status 1 (hostile-datagrams"),
     ({"counts_junk": True}, {"silence"}, "no CMD_JOIN in 34 s of silence (gone"),
-    ({"asks_again": False}, None, "the question for its slot, after CMD_ENTER_GAME"),
+    ({"asks_again": False}, None, "the request for its slot, after CMD_ENTER_GAME"),
     ({"block_asked": bytes(28)}, {"slot-again"}, "with an empty block instead of its own"),
     ({"counts_answers": True}, {"re-entry"}, "no CMD_ENTER_GAME for 31 s without proof"),
     ({"enter": b"\x0f" + bytes(23) + b"\1" + bytes(75)}, {"re-entry"}, "STATE_FLOATS before and"),
-    ({"entry_growth": 1}, {"entering"}, "after waits of 1.0 s and 1.0 s, not twice"),
+    ({"entry_growth": 1}, {"entering"}, "after waits of 1.0 s and 1.0 s, not doubled"),
     ({"asks_named": False}, {"others"}, "for the slot of CMD_ENTER_GAME_REPLY"),
     ({"most_asked": 3}, {"others"}, "for slot 7 for 3.5 s after 2 without an answer"),
     ({"old_s": 60}, {"others"}, "for a record 2.3 s old, after unknown floats"),
@@ -251,7 +251,7 @@ LIARS = (
 )  # fmt: skip
 
 # Sends from two ports, answers every address, and does not leave.
-REAL_LIAR = """if True:
+FAULTY_PROGRAM = """if True:
     import socket, sys
     one, two = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
     join, enter = (bytes.fromhex(word) for word in sys.argv[3:])
@@ -260,18 +260,18 @@ REAL_LIAR = """if True:
     while True:
         two.sendto(b"\\2", two.recvfrom(2000)[1])"""
 
-# What no liar above does, as what happened: a rule, events, and what the kit says.
-ACCEPTED = stages.accepted(2)
+# Faults that no client above has: the rule, the events, and a text of the reason.
+ACCEPTED = simulation.accepted(2)
 IN_GAME = ((0, ">", JOIN), (0, "<", ACCEPTED), (0.1, ">", ENTER),
            (0.2, "<", bytes([C.ENTER_GAME_REPLY, 2, 0, 0])))  # fmt: skip
-MOVED = ((0, "<", stages.accepted(3)), (0, "<", ACCEPTED), (1, ">", ASK),
+MOVED = ((0, "<", simulation.accepted(3)), (0, "<", ACCEPTED), (1, ">", ASK),
          (1, "<", bytes([C.NOT_IN_CAR, 3])), (9, ">", bytes([C.GET_PLAYER_INFO, 5])),
-         (12, "<", stages.accepted(6)), (13, ">", ASK))  # fmt: skip
+         (12, "<", simulation.accepted(6)), (13, ">", ASK))  # fmt: skip
 STOP = (30, "mark", "stop")
 TRANSCRIPTS = (
     ("bytes", (*IN_GAME, (1, "mark", "another port")), "another source port"),
     ("joins", (STOP,), "no CMD_JOIN"),
-    ("refusals", ((0, "<", stages.refused(C.JOIN_REFUSED_FULL)), (1, "<", ACCEPTED),
+    ("refusals", ((0, "<", simulation.refused(C.JOIN_REFUSED_FULL)), (1, "<", ACCEPTED),
                   (1, "mark", "refusals come late"), (2, "mark", "died")), "it died for a refusal"),
     ("entering", ((0, "<", ACCEPTED), STOP), "no CMD_ENTER_GAME after CMD_JOIN_ACCEPTED"),
     ("entering", ((0, "<", ACCEPTED), (3, ">", ASK)), "CMD_CAR_BLOCK_A 3.0 s after"),
@@ -280,10 +280,10 @@ TRANSCRIPTS = (
     ("entering", (*IN_GAME, (4, ">", JOIN)), "CMD_JOIN while it waits to enter"),
     ("own-slot", (*MOVED, STOP), "no CMD_ENTER_GAME in 5 s after the server named another slot"),
     ("own-slot", (*MOVED, STOP), "it never asks for slot 2"),
-    ("questions", (*IN_GAME, (3, "<", stages.position(4, 0)),
+    ("questions", (*IN_GAME, (3, "<", simulation.position(4, 0)),
                    (4, ">", bytes([C.GET_PLAYER_INFO, 4])), STOP),
      "an unanswered CMD_GET_PLAYER_INFO for slot 4 is not repeated"),
-    ("questions", (*IN_GAME, (3, "<", stages.position(4, 0)),
+    ("questions", (*IN_GAME, (3, "<", simulation.position(4, 0)),
                    (5.5, ">", bytes([C.GET_PLAYER_INFO, 4]))), "slot 4, which a relay named"),
     ("own-slot", (*MOVED[:4], (1.5, ">", bytes([C.GET_PLAYER_INFO, 3]))), "it asks for slot 3"),
     ("pings", ((0, "<", b"\1"), (0.6, ">", b"\2"), STOP), "0 CMD_PING_REPLY in 0.5 s"),
@@ -294,7 +294,7 @@ TRANSCRIPTS = (
     ("rates", [(count, ">", ENTER) for count in range(18)], "more CMD_ENTER_GAME than 16 at once"),
     ("hostile", ((0, "to stranger", b"\2"),), "CMD_PING_REPLY to another address"),
     ("hostile", ((0, ">", bytes([C.GET_PLAYER_INFO, 32])),), "it asks for slot 32"),
-    ("leaving", ((0, "mark", "stop"),), "it runs on 3 s after the signal"),
+    ("leaving", ((0, "mark", "stop"),), "it still runs 3 s after the signal"),
     *(("repeats", [(2 * count, ">", bytes([code, 1]).ljust(size, b"\0")) for count in range(11)],
        f"CMD_{name} is repeated 10 times in 20 s") for name, code, size in
       (("CAR_STATE", C.CAR_STATE, 80), ("DIED", C.DIED, 2))),
@@ -306,40 +306,41 @@ TRANSCRIPTS = (
 
 
 def play(scenario, client):
-    """What happens in a scenario, on a clock that goes on by ticks."""
+    """Runs a client in a scenario, on a simulated clock. Returns the events."""
     arrived, now = [], 0
-    stage = stages.Stage(stages.SCENARIOS[scenario], 1, lambda *datagram: arrived.append(datagram))
-    while not (stage.is_done or client.has_ended):
+    sim = simulation.Simulation(simulation.SCENARIOS[scenario], 1,
+                                lambda *datagram: arrived.append(datagram))  # fmt: skip
+    while not (sim.is_done or client.has_ended):
         now += TICK_S
-        stage.step(now)
+        sim.step(now)
         heard, arrived[:] = arrived[:], []
         for datagram, from_stranger in heard:
             client.hear(datagram, now, from_stranger)
             if from_stranger:
                 for answer in client.out:
-                    stage.note("to stranger", answer)
+                    sim.note("to stranger", answer)
                 client.out.clear()
         client.step(now)
         for datagram in client.out:
-            stage.hear(datagram, now + 0.001)
+            sim.hear(datagram, now + 0.001)
         client.out.clear()
     if client.has_ended:
-        stage.note("mark", "died with status 1")
-        return stage.log
-    stage.note("mark", "stop in the game" if stage.in_game else "stop")
+        sim.note("mark", "died with status 1")
+        return sim.log
+    sim.note("mark", "stop in the game" if sim.in_game else "stop")
     client.send(bytes([C.PLAYER_LEFT]))
     for datagram in client.out:
-        stage.hear(datagram, now + 0.01)
-    stage.note("mark", "ended with status 0")
-    return stage.log
+        sim.hear(datagram, now + 0.01)
+    sim.note("mark", "ended with status 0")
+    return sim.log
 
 
-def verdicts_on(**lies):
-    logs = {scenario: play(scenario, Client(**lies)) for scenario in stages.SCENARIOS}
-    return {name: rules.judge(rule, logs) for name, rule in rules.RULES.items()}
+def verdicts_on(**faults):
+    logs = {scenario: play(scenario, Client(**faults)) for scenario in simulation.SCENARIOS}
+    return {name: rules.verdict_on(rule, logs) for name, rule in rules.RULES.items()}
 
 
-def kit(*arguments):
+def start_script(*arguments):
     command = [sys.executable, "-B", SCRIPT / "lib/check-client.py", *arguments]
     return subprocess.Popen(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
 
@@ -347,27 +348,27 @@ def kit(*arguments):
 class CheckClientTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        """They take seconds, so the other tests run meanwhile."""
-        cls.right = kit("--only", "other-version", sys.executable, "-B", __file__, "--client",
-                        "HOST", "PORT")  # fmt: skip
-        cls.lying = kit("--only", "hostile-datagrams", sys.executable, "-c", REAL_LIAR,
-                        "HOST", "PORT", JOIN.hex(), ENTER.hex())  # fmt: skip
-        for each in (cls.right, cls.lying):
+        """Starts programs that take seconds. The other tests run meanwhile."""
+        cls.correct = start_script("--only", "other-version", sys.executable, "-B", __file__,
+                                   "--client", "HOST", "PORT")  # fmt: skip
+        cls.faulty = start_script("--only", "hostile-datagrams", sys.executable, "-c", FAULTY_PROGRAM,
+                                  "HOST", "PORT", JOIN.hex(), ENTER.hex())  # fmt: skip
+        for each in (cls.correct, cls.faulty):
             cls.addClassCleanup(each.wait)
 
-    def test_right_client_keeps_all_rules(self):
+    def test_correct_client_keeps_all_rules(self):
         self.assertEqual(verdicts_on(), dict.fromkeys(rules.RULES, ("kept", "")))
 
-    def test_excuses_a_busy_machine(self):
-        """The kit's pause and the client's delay of a reply, 0.2 s, both widen the tolerance."""
+    def test_tolerates_a_busy_machine(self):
+        """The script's pause and the client's delay of a reply, 0.2 s, both widen the tolerance."""
         for pause_s, text in ((0.1, "JOIN after a wait of 0.3 s"), (0.3, "[]")):
             events = ((0, ">", JOIN), (0.1, "mark", f"paused {pause_s}"), (0.3, ">", JOIN),
                       (1, "<", b"\1"), (1.2, ">", b"\2"), (1, "<", bytes([C.SERVER_SHUTDOWN])),
                       (0.2, "<", bytes([C.JOIN_REFUSED_VERSION]) + bytes(64)))  # fmt: skip
-            events = [stages.Event(*event) for event in events]
-            self.assertIn(text, str(rules.findings(rules.RULES["version"].judge, events)))
+            events = [simulation.Event(*event) for event in events]
+            self.assertIn(text, str(rules.findings(rules.RULES["version"].check, events)))
 
-    def test_names_what_is_wrong_with_a_datagram(self):
+    def test_describes_wrong_datagrams(self):
         for datagram, wrong in (
             (b"", "an empty datagram"), (b"\3", "the unknown code 3"), (b"\x0f", "GAME of 1 byte"),
             (b"\x1f" + bytes(256), "CMD_CHAT of 257 bytes"), (b"\x1f", None), (b"\x1fhello", None),
@@ -376,54 +377,54 @@ class CheckClientTest(unittest.TestCase):
         ):  # fmt: skip
             self.assertIn(wrong or "None", str(rules.wrong_bytes(datagram)))
 
-    def test_each_transcript_is_judged(self):
+    def test_detects_the_fault_in_each_transcript(self):
         for name, events, text in TRANSCRIPTS:
-            events = [stages.Event(*event) for event in events]
-            self.assertIn(text, str(rules.findings(rules.RULES[name].judge, events)))
+            events = [simulation.Event(*event) for event in events]
+            self.assertIn(text, str(rules.findings(rules.RULES[name].check, events)))
 
-    def test_each_lie_is_seen(self):
-        unseen = set(rules.RULES)
-        for lies, broken, text in LIARS:
+    def test_detects_each_faulty_client(self):
+        undetected = set(rules.RULES)
+        for faults, broken, text in FAULTY_CLIENTS:
             with self.subTest(text):
-                verdicts = verdicts_on(**lies)
+                verdicts = verdicts_on(**faults)
                 seen = {name for name, (verdict, _) in verdicts.items() if verdict == "broken"}
                 if broken:
                     self.assertEqual(seen, broken)
                 self.assertIn(text, str(verdicts.values()))
-                unseen -= seen
-        self.assertEqual(unseen, set())
+                undetected -= seen
+        self.assertEqual(undetected, set())
 
-    def test_plays_to_real_programs(self):
-        dying = kit("--only", "hostile-datagrams", "sh", "-c",
-                    "echo 'PORT is\033[1m no good'; exit 3")  # fmt: skip
+    def test_runs_real_programs(self):
+        dying = start_script("--only", "hostile-datagrams", "sh", "-c",
+                             "echo 'PORT is\033[1m no good'; exit 3")  # fmt: skip
         said, errors = dying.communicate()
         self.assertEqual((dying.returncode, errors), (1, ""))
         self.assertIn("\nrunning: broken: it died with status 3 (hostile-datagrams, 0.", said)
         self.assertRegex(said, r"its last lines:\n  \d+ is no good\n")
         for arguments, complaint in (
-            ((), "COMMAND must have the word PORT"), (("true", "PORTS"), "the word PORT"),
+            ((), "COMMAND must contain the word PORT"), (("true", "PORTS"), "the word PORT"),
             (("/nothing", "PORT"), "cannot start /nothing: No such file or directory"),
             (("--record", "/nothing", "true", "PORT"), "/nothing is no directory"),
             (("--only", "PORT", "true"), "invalid choice: 'PORT'"),
         ):  # fmt: skip
-            wrong = kit(*arguments)
+            wrong = start_script(*arguments)
             said, errors = wrong.communicate()
             self.assertEqual((wrong.returncode, said), (2, ""))
             self.assertIn(complaint, errors)
-        said, errors = self.right.communicate()
-        self.assertEqual((self.right.returncode, errors), (0, ""))
+        said, errors = self.correct.communicate()
+        self.assertEqual((self.correct.returncode, errors), (0, ""))
         self.assertIn("\nversion: kept\n", said)
-        lies, errors = self.lying.communicate()
-        self.assertEqual((self.lying.returncode, errors), (1, ""))
-        self.assertIn("bytes: broken: a datagram from another source port (", lies)
-        self.assertIn("\nhostile: broken: CMD_PING_REPLY to another address (", lies)
-        self.assertIn("\nleaving: broken: no CMD_PLAYER_LEFT after the signal (", lies)
+        said, errors = self.faulty.communicate()
+        self.assertEqual((self.faulty.returncode, errors), (1, ""))
+        self.assertIn("bytes: broken: a datagram from another source port (", said)
+        self.assertIn("\nhostile: broken: CMD_PING_REPLY to another address (", said)
+        self.assertIn("\nleaving: broken: no CMD_PLAYER_LEFT after the signal (", said)
         self.assertIn("\nstop: not tested: no scenario for it was played\n", said)
 
-    def test_ends_the_client_when_it_is_ended(self):
+    def test_ends_the_client_when_the_script_ends(self):
         folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        ended = kit("--only", "silent-server", "sh", "-c", f"trap '' TERM; echo $$ >{folder}/new; "
-                    f"mv {folder}/new {folder}/id; sleep 60; : PORT")  # fmt: skip
+        program = f"trap '' TERM; echo $$ >{folder}/new; mv {folder}/new {folder}/id; sleep 60; : PORT"
+        ended = start_script("--only", "silent-server", "sh", "-c", program)
         while not (folder / "id").exists():
             self.assertIsNone(ended.poll())
             time.sleep(0.02)

@@ -1,5 +1,5 @@
-"""Plays a server and a bad network to a client, and says which rules of docs/protocol.md the client
-keeps."""
+"""Simulates a server and a bad network for a client, and reports which rules of docs/protocol.md the
+client keeps."""
 
 import argparse
 import contextlib
@@ -18,23 +18,24 @@ import sys
 import termios
 import time
 
-from client_rules import RULES, judge
-from client_stage import END_S, SCENARIOS, Stage
+from client_rules import RULES, verdict_on
+from client_stage import END_S, SCENARIOS, Simulation
 
 USAGE = "script/check-client [OPTION...] COMMAND..."
-EPILOG = """COMMAND starts the client. In its words HOST and PORT are replaced by the address of the
-server that is played. The client runs in a terminal of 80 columns and 24 rows, once for each
-scenario, all at the same time. Exit status: 0 when no rule is broken, 1 when one is, 2 when the
-client cannot be started. Example: script/check-client python3 client.py HOST PORT"""
+EPILOG = """COMMAND starts the client. The script replaces the words HOST and PORT in COMMAND by the
+address of the simulated server. The client runs once for each scenario, all at the same time, on
+terminals of 80 columns and 24 rows. Exit status: 0 no rule is broken, 1 a rule is broken, 2 wrong
+arguments, or the client cannot be started. Example: script/check-client python3 client.py HOST
+PORT"""
 SIGNALS = {"TERM": signal.SIGTERM, "INT": signal.SIGINT}
 PR_SET_PDEATHSIG = 1
-LAST_LINES, LINE_WIDTH = 5, 200  # of what a client printed that died
+LAST_LINES, LINE_WIDTH = 5, 200  # limits for the shown output of a client that died
 POLL_S = 0.02
-MOST_AT_ONCE = 1000  # datagrams that are read before anything else is done
-MOST_EVENTS = 200_000  # of a client that floods
-STALL_S = 0.25  # a pause of the kit itself that is told
-NOTED_STALL_S = 0.1  # one that widens the tolerances
-SO_TIMESTAMPNS = 35  # Python has no name for it; also the kind of its ancillary data
+MOST_AT_ONCE = 1000  # datagrams in a row from one socket
+MOST_EVENTS = 200_000  # then the scenario ends: the client floods
+STALL_S = 0.25  # the shortest pause of this script that it reports
+NOTED_STALL_S = 0.1  # the shortest pause of this script that widens the tolerances
+SO_TIMESTAMPNS = 35  # not in Python's socket module; also the type of the ancillary data
 LIBC = ctypes.CDLL(None)
 
 
@@ -47,8 +48,8 @@ def bound_socket():
 
 
 def receive(link):
-    """The datagrams that have come, with their senders and the times of their arrival, which the
-    kernel notes: the kit may read them late."""
+    """Yields the waiting datagrams with their senders and their times of arrival. The times are the
+    kernel's, because this script may read a datagram late."""
     offset_s = time.monotonic() - time.time()
     with contextlib.suppress(BlockingIOError):
         for _ in range(MOST_AT_ONCE):
@@ -61,19 +62,19 @@ def receive(link):
 
 def prepare_client():
     for number in SIGNALS.values():
-        signal.signal(number, signal.SIG_DFL)  # a shell ignores some for its background jobs
+        signal.signal(number, signal.SIG_DFL)  # shells make background jobs ignore some signals
     fcntl.ioctl(0, termios.TIOCSCTTY, 0)
     LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
 
 
 class Run:
-    """A client in a scenario. Its process leads a process group and a session."""
+    """A client in a scenario. Its process leads a new process group and session."""
 
     def __init__(self, name, command, seed, stop_signal):
         self.name, self.stop_signal = name, stop_signal
         self.server, self.stranger = (bound_socket() for _ in range(2))
         self.client, self.output, self.stopped_s, self.is_over = None, b"", None, False
-        self.stage = Stage(SCENARIOS[name], seed, self.deliver)
+        self.sim = Simulation(SCENARIOS[name], seed, self.deliver)
         host, port = self.server.getsockname()
         words = [re.sub(r"\bHOST\b", host, word) for word in command]
         words = [re.sub(r"\bPORT\b", str(port), word) for word in words]
@@ -96,39 +97,39 @@ class Run:
                 (self.stranger if from_stranger else self.server).sendto(datagram, self.client)
 
     def hear(self):
-        """Reads what has come."""
+        """Reads the waiting datagrams and the output of the client."""
         for datagram, sender, arrival in receive(self.server):
             if self.client not in (None, sender):
-                self.stage.note("mark", "another port")
+                self.sim.note("mark", "another port")
             self.client = sender
-            self.stage.hear(datagram, arrival - self.start)
+            self.sim.hear(datagram, arrival - self.start)
         for datagram, *_ in receive(self.stranger):
-            self.stage.note("to stranger", datagram)
+            self.sim.note("to stranger", datagram)
         with contextlib.suppress(OSError):  # the client may have closed its terminal
             for _ in range(MOST_AT_ONCE):
                 self.output = (self.output + os.read(self.terminal, 65536))[-65536:]
 
     def step(self):
-        """Goes on. Ends the client when its scenario is over."""
+        """Handles everything that is due. Stops the client when its scenario is over."""
         self.hear()
         now = self.now()
         if end := os.waitid(os.P_PID, self.process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT):
             self.hear()
             what = "died" if self.stopped_s is None else "ended"
             how = "with status" if end.si_code == os.CLD_EXITED else "by signal"
-            self.stage.note("mark", f"{what} {how} {end.si_status}")
+            self.sim.note("mark", f"{what} {how} {end.si_status}")
             self.is_over = True
             return
-        self.stage.step(now)
+        self.sim.step(now)
         if self.stopped_s is not None:
             self.is_over = now > self.stopped_s + END_S
-        elif self.stage.is_done or len(self.stage.log) > MOST_EVENTS:
-            self.stage.note("mark", "stop in the game" if self.stage.in_game else "stop")
+        elif self.sim.is_done or len(self.sim.log) > MOST_EVENTS:
+            self.sim.note("mark", "stop in the game" if self.sim.in_game else "stop")
             self.stopped_s = now
             os.killpg(self.process.pid, self.stop_signal)
 
     def close(self):
-        """The process is not reaped before, so its group's number is still its own."""
+        """Kills the client's process group. Its number is valid, because wait() comes later."""
         os.killpg(self.process.pid, signal.SIGKILL)
         self.process.wait()
         os.close(self.terminal)
@@ -137,7 +138,7 @@ class Run:
 
 
 def play(names, command, options):
-    """Returns the runs of the scenarios after their end, and the kit's own longest pause."""
+    """Returns the runs of the scenarios after their end, and the longest pause of this script."""
     runs, longest_s = [], 0.0
     with contextlib.ExitStack() as stack:
         for name in names:
@@ -154,7 +155,7 @@ def play(names, command, options):
             paused_s = time.monotonic() - begin
             if paused_s > NOTED_STALL_S:
                 for run in active:
-                    run.stage.note("mark", f"paused {paused_s:.2f}")
+                    run.sim.note("mark", f"paused {paused_s:.2f}")
             longest_s = max(longest_s, paused_s)
     return runs, longest_s
 
@@ -165,7 +166,7 @@ def misuse(message):
 
 
 def last_lines(output):
-    """The last lines of what a program printed on a terminal, without control sequences."""
+    """Returns the last lines of a program's output, without the terminal's control sequences."""
     sequences = r"\x1b(?:\[[0-?]*[ -/]*[@-~]|\][^\x07]*\x07|.)"
     text = re.sub(sequences, "", output.decode(errors="replace"))
     lines = [re.sub(r"[\x00-\x1f\x7f-\x9f]", "", line).strip() for line in text.splitlines()]
@@ -173,11 +174,11 @@ def last_lines(output):
 
 
 def show_deaths(runs):
-    """Of clients that nobody refused; once for those that printed the same."""
+    """Prints how clients died, once for clients with the same output. Skips refused clients."""
     said = {}
     for run in runs:
-        for event in run.stage.log:
-            is_refused = SCENARIOS[run.name].may_end and not run.stage.in_game
+        for event in run.sim.log:
+            is_refused = SCENARIOS[run.name].may_end and not run.sim.in_game
             if event.way == "mark" and event.what.startswith("died") and not is_refused:
                 said.setdefault((event.what, *last_lines(run.output)), []).append(run.name)
     for (what, *lines), names in said.items():
@@ -186,7 +187,7 @@ def show_deaths(runs):
 
 def write_record(directory, run):
     with open(directory / f"{run.name}.txt", "w") as file:
-        for event in run.stage.log:
+        for event in run.sim.log:
             what = event.what if event.way == "mark" else event.what.hex(" ")
             file.write(f"{event.time:9.3f} {event.way:11} {what}\n")
     (directory / f"{run.name}.output").write_bytes(run.output)
@@ -197,15 +198,15 @@ def read_options():
         prog="script/check-client", usage=USAGE, description=__doc__, epilog=EPILOG)  # fmt: skip
     parser.add_argument("--rules", action="store_true", help="list the rules and the scenarios")
     parser.add_argument("--only", metavar="SCENARIO", action="append", choices=SCENARIOS,
-                        help="play only this scenario; may be repeated")  # fmt: skip
+                        help="run only this scenario; may be repeated")  # fmt: skip
     parser.add_argument("--skip", metavar="RULE", action="append", choices=RULES, default=[],
-                        help="do not judge this rule; may be repeated")  # fmt: skip
+                        help="do not check this rule; may be repeated")  # fmt: skip
     parser.add_argument("--stop-signal", choices=SIGNALS, default="TERM",
                         help="the signal that ends the client (default: TERM)")  # fmt: skip
     parser.add_argument("--seed", type=int, default=1,
-                        help="of the bad network's choices (default: 1)")  # fmt: skip
+                        help="seed of the bad network's random choices (default: 1)")  # fmt: skip
     parser.add_argument("--record", metavar="DIRECTORY", type=pathlib.Path,
-                        help="write each scenario's datagrams and output there")  # fmt: skip
+                        help="write the datagrams and the output to files there")  # fmt: skip
     parser.add_argument("command", metavar="COMMAND", nargs=argparse.REMAINDER,
                         help="the client, with the words HOST and PORT")  # fmt: skip
     return parser.parse_args()
@@ -225,22 +226,23 @@ def main():
         show_rules()
         return 0
     if not re.search(r"\bPORT\b", " ".join(options.command)):
-        return misuse("COMMAND must have the word PORT, for the port of the server; see --help")
+        return misuse("COMMAND must contain the word PORT, for the port of the server; see --help")
     if options.record and not options.record.is_dir():
         return misuse(f"{options.record} is no directory")
     for number in SIGNALS.values():
-        signal.signal(number, lambda *_: sys.exit(1))  # the clients are ended then, too
+        signal.signal(number, lambda *_: sys.exit(1))  # the exit also ends the clients
     runs, longest_s = play(options.only or list(SCENARIOS), options.command, options)
     if options.record:
         for run in runs:
             write_record(options.record, run)
-    logs = {run.name: run.stage.log for run in runs}
-    verdicts = {name: judge(rule, logs) for name, rule in RULES.items() if name not in options.skip}
+    logs = {run.name: run.sim.log for run in runs}
+    verdicts = {name: verdict_on(rule, logs) for name, rule in RULES.items()
+                if name not in options.skip}  # fmt: skip
     for name, (verdict, seen) in verdicts.items():
         print(f"{name}: {verdict}{': ' if seen else ''}{seen}")
     show_deaths(runs)
     if longest_s > STALL_S:
-        print(f"this machine is busy: the kit paused for {longest_s:.1f} s, so times may be wrong")
+        print(f"this machine is busy: the script paused for {longest_s:.1f} s, so times may be wrong")
     return 1 if any(verdict == "broken" for verdict, _ in verdicts.values()) else 0
 
 

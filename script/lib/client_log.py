@@ -1,4 +1,4 @@
-"""What happened in one scenario, in the form that the judges of script/check-client read."""
+"""The events of one scenario, in the form that the rules of script/check-client read."""
 
 import itertools
 
@@ -7,11 +7,11 @@ from client_stage import MAX_PLAYERS, SIZES_DOWN, SIZES_UP, WITH_SLOT, C, is_in_
 NAMES_UP = {code: name for name, code in sorted(vars(C).items()) if code in SIZES_UP
             and name not in ("NOT_IN_CAR", "PLAYER_STATE")}  # fmt: skip
 
-MOST_LATE_S = 0.5  # of an answer to a ping; one that comes later breaks a rule
+MOST_LATE_S = 0.5  # time limit for the answer to a ping; a later one breaks a rule
 
 
 class NotTested(Exception):
-    """The client gave no occasion."""
+    """The client never came into the situation that the rule is about."""
 
 
 def name_of(code):
@@ -19,13 +19,13 @@ def name_of(code):
 
 
 def is_right(datagram):
-    """Whether a client may believe a datagram of the server."""
+    """Returns whether a datagram of the server is valid, so that the client must accept it."""
     return (datagram != b"" and len(datagram) == SIZES_DOWN.get(datagram[0])
             and (datagram[0] not in WITH_SLOT or datagram[1] < MAX_PLAYERS))  # fmt: skip
 
 
 class Log:
-    """What happened in a scenario. Of the server's datagrams it has those that are right. An empty
+    """The events of a scenario. `got` contains only the valid datagrams of the server. An empty
     datagram of the client has the code -1."""
 
     def __init__(self, events):
@@ -39,8 +39,8 @@ class Log:
         self.late_s = self.lateness()
 
     def lateness(self):
-        """How late the client may have been without its fault, because the machine was busy: the
-        kit's longest pause and the client's longest delay of an answer to a ping, in seconds."""
+        """Returns by how many seconds a busy machine may have delayed the client: the longest pause
+        of check-client plus the longest delay of the client's answer to a ping."""
         pauses = [float(mark.what.split()[1]) for mark in self.marks("paused")]
         replies = self.times(C.PING_REPLY)
         delays = [min((reply - ping for reply in replies if reply >= ping), default=0)
@@ -52,27 +52,27 @@ class Log:
         return [mark for mark in marks if mark.what.startswith(start)]
 
     def times(self, *codes, after=-1.0, until=float("inf")):
-        """When the client sent these codes."""
+        """Returns the times at which the client sent these codes."""
         return [time for time, code, _ in self.sent if code in codes and after < time <= until]
 
     def times_about(self, slot, after=-1.0, until=float("inf")):
-        """When the client asked for this slot."""
+        """Returns the times at which the client asked for this slot."""
         return [time for time, code, datagram in self.sent if code == C.GET_PLAYER_INFO
                 and datagram[1:2] == bytes([slot]) and after < time <= until]  # fmt: skip
 
     def got_times(self, *codes, slot=None):
-        """When the client got these codes, for this slot if one is given."""
+        """Returns the times at which the client got these codes, for this slot if one is given."""
         return [time for time, code, datagram in self.got
                 if code in codes and (slot is None or datagram[1] == slot)]  # fmt: skip
 
     def first(self, code, why):
-        """When the client first got this code."""
+        """Returns the time at which the client first got this code."""
         if not (times := self.got_times(code)):
             raise NotTested(why)
         return times[0]
 
     def rides(self):
-        """Each datagram that the client sent, and whether it sat in a car by its own reports."""
+        """Yields each datagram of the client, and whether the client is in a car after it."""
         in_car = False
         for time, code, datagram in self.sent:
             if datagram:
@@ -85,5 +85,5 @@ def waits(times):
 
 
 def gaps(times, limit_s):
-    """The times at which nothing had happened for so long."""
+    """Returns each time at which `limit_s` had passed since the last of `times` without another."""
     return [time + limit_s for time, later in itertools.pairwise(times) if later > time + limit_s]

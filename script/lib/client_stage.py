@@ -1,8 +1,7 @@
-"""The server and the network that script/check-client plays to a client, and what happens in each
-scenario.
+"""The server and the network that script/check-client simulates for a client, and its scenarios.
 
-A stage has no socket and no clock. Its caller tells it the time and what the client sent, and gives
-it a function that delivers. So a test can play a scenario in milliseconds."""
+A simulation has no socket and no clock. The caller passes the time and the client's datagrams, and a
+function that delivers datagrams to the client. So a test runs a scenario in milliseconds."""
 
 import collections
 import heapq
@@ -20,7 +19,8 @@ EVERYTHING = frozenset(range(256))
 
 
 def sizes():
-    """Of the client's datagrams and of the server's, by code; of a CMD_CHAT the most."""
+    """Returns the sizes of the client's and of the server's datagrams, by code. The size of CMD_CHAT
+    is its maximum."""
     text = (ROOT / "docs/protocol.md").read_text()
     heading = re.compile(r"^### `CMD_\w+` \((\d+)\), (?:1 to )?(\d+) byte", re.M)
     return [{int(code): int(size) for code, size in heading.findall(part)}
@@ -31,13 +31,17 @@ SIZES_UP, SIZES_DOWN = sizes()
 # The server's datagrams with a slot in their second byte.
 WITH_SLOT = (C.JOIN_ACCEPTED, C.NOT_IN_CAR, C.PLAYER_INFO, C.PLAYER_STATE, C.PLAYER_LEFT,
              *range(C.PLAYER_POSITION, C.PLAYER_WEAPON + 1), C.PLAYER_DIED)  # fmt: skip
-START_S = 10  # a client that has not joined by then is not judged
-END_S = 3  # a client that has not ended so long after the signal is killed
+START_S = 10  # time limit for the client's first join
+END_S = 3  # time limit for the client's end after the signal
 
-# An event: at a time, in a way, a datagram or a text.
-#   ">" the client sent it    "<" the client got it    "mark" a note of the stage or its caller
-#   "stranger" it got it from another address          "to stranger" it sent it there
+# An event has a time, a way, and `what`: a datagram or a text. The ways are:
+#   ">"            the client sent the datagram to the server
+#   "<"            the client got the datagram from the server
+#   "stranger"     the client got the datagram from another address
+#   "to stranger"  the client sent the datagram to that address
+#   "mark"         `what` is a note of the simulation or of its caller
 Event = collections.namedtuple("Event", "time way what")
+# may_end: the client may end by itself in this scenario.
 Scenario = collections.namedtuple("Scenario", "play seconds may_end about")
 
 
@@ -64,30 +68,30 @@ def position(slot, x):
 
 
 def state_floats(second):
-    """Of a player that the datagram does not name."""
+    """Returns state floats. The datagram contains no slot."""
     return struct.pack("<Bxxx2f", C.PLAYER_STATE_FLOATS, second, 77)
 
 
-class Stage:
+class Simulation:
     def __init__(self, scenario, seed, deliver):
         """`deliver(datagram, from_stranger)` sends a datagram to the client."""
         self.now, self.log, self.deliver = 0.0, [], deliver
         self.random = random.Random(seed)
-        self.due, self.numbers = [], itertools.count()  # actions that come later: time, number, action
+        self.due, self.numbers = [], itertools.count()  # delayed actions: (time, number, action)
         self.loss = self.repeats = self.delays = 0.0  # shares of the datagrams
         self.lost_last = set()
-        self.count = collections.Counter()  # of the client's datagrams, by code
+        self.count = collections.Counter()  # the client's datagrams, by code
         self.slot, self.in_game, self.in_car, self.has_died = None, False, False, False
-        self.entry = None  # what the pings belong to
-        self.peers = {0}  # in the game
-        self.unanswered = set()  # codes of the client that the network loses
-        self.lose_next = collections.Counter()  # how many with this code it loses yet
+        self.entry = None  # the latest entry; pings of earlier ones stop
+        self.peers = {0}  # slots of other players in the game
+        self.unanswered = set()  # codes of client datagrams that the network loses
+        self.lose_next = collections.Counter()  # how many more of each code it loses
         self.pings = self.answers_car_state = True
         self.game_type = 0
         self.named = None  # the slot that CMD_ENTER_GAME_REPLY names instead of the client's own
-        self.mute = set()  # slots of players in the game; the answers about them are lost
-        self.record_times = {0: 0.0}  # when the client got the last record, by slot
-        self.drives = False  # by the client's own reports, the lost ones among them
+        self.mute = set()  # slots of players whose answers are lost
+        self.record_times = {0: 0.0}  # time of the last record that the client got, by slot
+        self.drives = False  # by all reports of the client, including the lost ones
         self.is_done = False
         self.script = scenario.play(self)
         self.wake = 0.0
@@ -96,13 +100,13 @@ class Stage:
     # For the caller.
 
     def step(self, now):
-        """Does what is due."""
+        """Handles everything that is due at this time."""
         self.now = now
         while self.due and self.due[0][0] <= now:
             heapq.heappop(self.due)[2]()
         while not self.is_done and self.wake <= now:
             try:
-                # The caller may come late, but a long pause must not end in a burst.
+                # Catches up at most 0.1 s, so that a long pause of the caller causes no burst.
                 self.wake = max(self.wake, now - 0.1) + next(self.script)
             except StopIteration:
                 self.is_done = True
@@ -111,7 +115,7 @@ class Stage:
         return min(self.wake, self.due[0][0]) if self.due else self.wake
 
     def hear(self, datagram, now):
-        """`now` may be earlier than the time of the last step: the caller may read late."""
+        """`now` may be earlier than the last step, because the caller may read a datagram late."""
         self.log.append(Event(now, ">", datagram))
         self.now = max(now, self.now)
         if datagram:
@@ -128,7 +132,8 @@ class Stage:
         heapq.heappush(self.due, (self.now + seconds, next(self.numbers), action))
 
     def carry(self, direction, datagram, arrive):
-        """It never loses two in a row with the same code, so that each scenario gets on."""
+        """Loses, repeats or delays a datagram. Never loses two in a row with the same code, so that
+        no scenario gets stuck."""
         key = (direction, datagram[:1])
         if self.random.random() < self.loss and key not in self.lost_last:
             self.lost_last.add(key)
@@ -168,7 +173,7 @@ class Stage:
     def serve_join(self):
         if self.in_game:
             self.note("mark", "the server moved the client")
-        # The first free slot that is not the old one.
+        # The first free slot other than the old one.
         self.put_into(next(slot for slot in (2, 3, 6) if slot not in {self.slot, *self.peers}))
         self.send(accepted(self.slot, self.game_type))
 
@@ -215,7 +220,7 @@ class Stage:
     # For the scenarios.
 
     def until(self, is_so, limit_s):
-        """Waits for it. False when it was not so in time."""
+        """Waits until the condition holds. Returns False after `limit_s`."""
         end = self.now + limit_s
         while not is_so():
             if self.now >= end:
@@ -230,7 +235,7 @@ class Stage:
         return (yield from self.until(lambda: self.in_game, START_S))
 
     def repeat(self, seconds, interval_s, act):
-        """Calls `act` with the number of the time, again and again."""
+        """Calls `act` with 0, 1, 2 and so on, at this interval."""
         end = self.now + seconds
         for number in itertools.count():
             if self.now >= end:
@@ -240,7 +245,7 @@ class Stage:
 
 
 def is_in_car(datagram, before):
-    """Whether the sender sits in a car after this datagram, by the server's rules."""
+    """Returns whether the server considers the sender to be in a car after this datagram."""
     code = datagram[0]
     if code in (C.ENTER_GAME, C.VEHICLE):
         return datagram[32 if code == C.ENTER_GAME else 1] != 0
@@ -249,176 +254,177 @@ def is_in_car(datagram, before):
     return before and code not in (C.LEAVE_CAR, C.DIED, C.FOOT_UPDATE, C.JOIN, C.PLAYER_LEFT)
 
 
-# The scenarios. Each yields the seconds until it wants to go on.
+# The scenarios. Each yields the seconds until its next step.
 
 
-def silent_server(stage):
-    stage.unanswered = EVERYTHING
-    yield from stage.until(stage.heard(C.JOIN), START_S)
+def silent_server(sim):
+    sim.unanswered = EVERYTHING
+    yield from sim.until(sim.heard(C.JOIN), START_S)
     yield 16.5
 
 
-def full_server(stage):
-    """Full for three joins. Refusals of earlier joins come late, after the fourth was accepted."""
-    stage.unanswered = {C.JOIN}
+def full_server(sim):
+    """Refuses three joins and accepts the fourth. Late refusals arrive after that."""
+    sim.unanswered = {C.JOIN}
     for count in (1, 2, 3):
-        if not (yield from stage.until(stage.heard(C.JOIN, count), START_S)):
+        if not (yield from sim.until(sim.heard(C.JOIN, count), START_S)):
             return
-        stage.send(refused(C.JOIN_REFUSED_FULL))
-    stage.unanswered = set()
-    if not (yield from stage.until(lambda: stage.slot is not None, 12)):
+        sim.send(refused(C.JOIN_REFUSED_FULL))
+    sim.unanswered = set()
+    if not (yield from sim.until(lambda: sim.slot is not None, 12)):
         return
-    stage.note("mark", "refusals come late")
-    stage.send(refused(C.JOIN_REFUSED_FULL))
-    yield from stage.until_in_game()
+    sim.note("mark", "refusals come late")
+    sim.send(refused(C.JOIN_REFUSED_FULL))
+    yield from sim.until_in_game()
     yield 1
-    stage.send(refused(C.JOIN_REFUSED_FULL))
-    stage.send(refused(C.JOIN_REFUSED_VERSION))
+    sim.send(refused(C.JOIN_REFUSED_FULL))
+    sim.send(refused(C.JOIN_REFUSED_VERSION))
     yield 5
 
 
-def other_version(stage):
-    stage.unanswered = {C.JOIN}
-    yield from stage.until(stage.heard(C.JOIN), START_S)
+def other_version(sim):
+    sim.unanswered = {C.JOIN}
+    yield from sim.until(sim.heard(C.JOIN), START_S)
     answered = 0
-    end = stage.now + 5
-    while stage.now < end:
-        while answered < stage.count[C.JOIN]:
+    end = sim.now + 5
+    while sim.now < end:
+        while answered < sim.count[C.JOIN]:
             answered += 1
-            stage.send(refused(C.JOIN_REFUSED_VERSION))
+            sim.send(refused(C.JOIN_REFUSED_VERSION))
         yield 0.02
 
 
-def lost_entry(stage):
-    """Loses two questions for the own slot and three entries."""
-    stage.lose_next.update({C.CAR_BLOCK_A: 2, C.ENTER_GAME: 3})
-    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+def lost_entry(sim):
+    """Loses the client's first two requests for its slot, and its first three entries."""
+    sim.lose_next.update({C.CAR_BLOCK_A: 2, C.ENTER_GAME: 3})
+    if not (yield from sim.until(sim.heard(C.JOIN), START_S)):
         return
-    yield from stage.until(stage.heard(C.ENTER_GAME), 8)
-    yield from stage.until(lambda: stage.in_game, 9)
+    yield from sim.until(sim.heard(C.ENTER_GAME), 8)
+    yield from sim.until(lambda: sim.in_game, 9)
     yield 3
 
 
-def long_game(stage):
-    """Slot 0 is in the game from the beginning. Slot 4 moves from the third second on, and enters
-    four seconds later. Nothing is ever heard of the others."""
-    # The first report of a car is lost, so the server takes the client for one on foot.
-    stage.lose_next.update({C.VEHICLE: 1, C.CAR_STATE: 1})
-    stage.game_type = 1
-    if not (yield from stage.until_in_game()):
+def long_game(sim):
+    """Slot 0 is in the game from the beginning. Relays name slot 4 three seconds after the client's
+    entry, and four seconds later its record is available. All other slots are silent."""
+    # The first report of a car is lost, so the server considers the client to be on foot.
+    sim.lose_next.update({C.VEHICLE: 1, C.CAR_STATE: 1})
+    sim.game_type = 1
+    if not (yield from sim.until_in_game()):
         return
     yield 3
-    stage.later(4, lambda: stage.peers.add(4))
+    sim.later(4, lambda: sim.peers.add(4))
     told, driven = set(), 0
 
     def once(is_so, code, count, delay_s):
-        """Tells the client about its own slot."""
-        if is_so and stage.in_game and code not in told:
+        """Sends a datagram with the client's own slot, only once for each code."""
+        if is_so and sim.in_game and code not in told:
             told.add(code)
-            datagram = bytes([code, stage.slot])
+            datagram = bytes([code, sim.slot])
             for _ in range(count):
-                stage.later(delay_s, lambda: stage.send(datagram))
+                sim.later(delay_s, lambda: sim.send(datagram))
 
     def act(number):
         nonlocal driven
-        driven = driven + 1 if stage.drives else 0
+        driven = driven + 1 if sim.drives else 0
         once(driven == 5, C.NOT_IN_CAR, 6, 0)
-        once(stage.count[C.DIED], C.PINKPANTHER, 1, 5)
-        stage.send(position(4, number / 5))
-        stage.send(position(0, number / 5))
+        once(sim.count[C.DIED], C.PINKPANTHER, 1, 5)
+        sim.send(position(4, number / 5))
+        sim.send(position(0, number / 5))
         if number == 20:
             for _ in range(3):
-                stage.send(bytes([C.PING]))
+                sim.send(bytes([C.PING]))
 
-    yield from stage.repeat(28.5, 0.2, act)
+    yield from sim.repeat(28.5, 0.2, act)
 
 
-def gone_server(stage):
-    """What comes then are no datagrams of a server: two are too short, one is too long."""
-    if (yield from stage.until_in_game()):
+def gone_server(sim):
+    """After three seconds, the client gets only wrong datagrams: an unknown code, two that are too
+    short, and one that is too long."""
+    if (yield from sim.until_in_game()):
         yield 3
-        stage.unanswered, stage.pings = EVERYTHING, False
-        stage.note("mark", "the server is gone")
+        sim.unanswered, sim.pings = EVERYTHING, False
+        sim.note("mark", "the server is gone")
         junk = (bytes([99]), position(0, 1)[:2], bytes([C.PING, 0]), record(0)[:2])
-        yield from stage.repeat(33, 3, lambda number: stage.send(junk[number % len(junk)]))
+        yield from sim.repeat(33, 3, lambda number: sim.send(junk[number % len(junk)]))
 
 
-def vanished_server(stage):
-    """Silent as soon as it has accepted the client."""
-    stage.unanswered = EVERYTHING - {C.JOIN}
-    if (yield from stage.until(stage.heard(C.JOIN), START_S)):
-        stage.unanswered = EVERYTHING
-        stage.note("mark", "the server is gone")
+def vanished_server(sim):
+    """The server accepts the join, and is silent from then on."""
+    sim.unanswered = EVERYTHING - {C.JOIN}
+    if (yield from sim.until(sim.heard(C.JOIN), START_S)):
+        sim.unanswered = EVERYTHING
+        sim.note("mark", "the server is gone")
         yield 33
 
 
-def lost_pings(stage):
-    stage.pings = False
-    if not (yield from stage.until_in_game()):
+def lost_pings(sim):
+    sim.pings = False
+    if not (yield from sim.until_in_game()):
         return
 
     def act(number):
-        stage.send(position(0, number))
+        sim.send(position(0, number))
         if number % 5 == 0:
-            stage.send(bytes([C.CHAT_LINE]) + b"Peer0: hello".ljust(64, b"\0"))
+            sim.send(bytes([C.CHAT_LINE]) + b"Peer0: hello".ljust(64, b"\0"))
 
-    yield from stage.repeat(31, 1, act)
+    yield from sim.repeat(31, 1, act)
 
 
-def stopped_server(stage):
-    if not (yield from stage.until_in_game()):
+def stopped_server(sim):
+    if not (yield from sim.until_in_game()):
         return
     yield 2
-    stage.put_into(None)
-    stage.lose_next[C.JOIN] = 3
-    stage.send(bytes([C.SERVER_SHUTDOWN]))
-    joins = stage.count[C.JOIN]
-    yield from stage.until(stage.heard(C.JOIN, joins + 1), 12)
-    if (yield from stage.until(lambda: stage.slot is not None, 12)):
+    sim.put_into(None)
+    sim.lose_next[C.JOIN] = 3
+    sim.send(bytes([C.SERVER_SHUTDOWN]))
+    joins = sim.count[C.JOIN]
+    yield from sim.until(sim.heard(C.JOIN, joins + 1), 12)
+    if (yield from sim.until(lambda: sim.slot is not None, 12)):
         yield 3
 
 
-def moved_client(stage):
-    """Both answers to two joins come late and in the wrong order: the client is in slot 3, and
-    another player takes slot 2. Later the server moves it to slot 6."""
-    stage.unanswered = {C.JOIN}
-    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+def moved_client(sim):
+    """The answers to two joins arrive late and in the wrong order: the client is in slot 3, and
+    another player gets slot 2. Later the server moves the client to slot 6."""
+    sim.unanswered = {C.JOIN}
+    if not (yield from sim.until(sim.heard(C.JOIN), START_S)):
         return
-    if not (yield from stage.until(stage.heard(C.JOIN, 2), 5)):
+    if not (yield from sim.until(sim.heard(C.JOIN, 2), 5)):
         return
-    stage.unanswered = set()
-    stage.put_into(3)
-    stage.peers.add(2)
-    stage.send(accepted(3))
-    stage.send(accepted(2))
-    yield from stage.repeat(11, 0.2, lambda number: stage.send(position(2, number)))
-    if stage.in_game:
-        stage.put_into(6)
-        stage.send(accepted(6))
+    sim.unanswered = set()
+    sim.put_into(3)
+    sim.peers.add(2)
+    sim.send(accepted(3))
+    sim.send(accepted(2))
+    yield from sim.repeat(11, 0.2, lambda number: sim.send(position(2, number)))
+    if sim.in_game:
+        sim.put_into(6)
+        sim.send(accepted(6))
         yield 6
 
 
-def hostile_datagrams(stage):
-    """Everything that a client must ignore, from the server's address and from another one."""
-    stage.lose_next[C.JOIN] = 1
-    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+def hostile_datagrams(sim):
+    """Sends datagrams that a client must ignore, from the server's address and from another one."""
+    sim.lose_next[C.JOIN] = 1
+    if not (yield from sim.until(sim.heard(C.JOIN), START_S)):
         return
-    stage.send_as_stranger(accepted(7))
-    stage.send(accepted(7)[:-1])
-    if not (yield from stage.until_in_game()):
+    sim.send_as_stranger(accepted(7))
+    sim.send(accepted(7)[:-1])
+    if not (yield from sim.until_in_game()):
         return
-    stage.send_as_stranger(accepted(7))
-    stage.send_as_stranger(bytes([C.SERVER_SHUTDOWN]))
-    stage.send_as_stranger(bytes([C.PING]))
-    datagrams = list(hostile(stage.random))
-    stage.random.shuffle(datagrams)
+    sim.send_as_stranger(accepted(7))
+    sim.send_as_stranger(bytes([C.SERVER_SHUTDOWN]))
+    sim.send_as_stranger(bytes([C.PING]))
+    datagrams = list(hostile(sim.random))
+    sim.random.shuffle(datagrams)
     for number, datagram in enumerate(datagrams):
-        stage.send(datagram)
+        sim.send(datagram)
         if number % 100 == 0:
-            stage.send(bytes([C.PING]))
+            sim.send(bytes([C.PING]))
         yield 0.005
     yield 1
-    stage.send(bytes([C.PING]))
+    sim.send(bytes([C.PING]))
     yield 2
 
 
@@ -432,81 +438,81 @@ def hostile(chance):
     for code in WITH_SLOT:
         for slot in (MAX_PLAYERS, 100, 255):
             yield bytes([code, slot]) + chance.randbytes(SIZES_DOWN[code] - 2)
-    # Of the right size, with bytes that are no text.
+    # The size is right, but the bytes are random.
     yield from (bytes([C.CHAT_LINE]) + chance.randbytes(64) for _ in range(5))
 
 
-def other_players(stage):
-    """The entry's reply names slot 29. All answers about slot 7 are lost. State floats that are in
-    no record come three times, when the record of slot 0 is between two and three seconds old."""
-    stage.peers |= {7, 29}
-    stage.mute, stage.named = {7}, 29
-    if not (yield from stage.until_in_game()):
+def other_players(sim):
+    """CMD_ENTER_GAME_REPLY names slot 29. All answers about slot 7 are lost. Three times, when the
+    record of slot 0 is 2.3 to 2.8 seconds old, state floats arrive that match no record."""
+    sim.peers |= {7, 29}
+    sim.mute, sim.named = {7}, 29
+    if not (yield from sim.until_in_game()):
         return
     for number in range(3):
         yield 0.5
-        yield from stage.until(lambda: 2.3 < stage.now - stage.record_times[0] < 2.8, 7)
-        stage.send(state_floats(number))
+        yield from sim.until(lambda: 2.3 < sim.now - sim.record_times[0] < 2.8, 7)
+        sim.send(state_floats(number))
     yield 7
 
 
-def own_state(stage):
-    """No CMD_CAR_STATE is answered. Each time that the client has sat in a car for four seconds, an
-    old CMD_JOIN_ACCEPTED arrives, so it asks for its slot."""
-    stage.answers_car_state = False
-    if not (yield from stage.until_in_game()):
+def own_state(sim):
+    """The server answers no CMD_CAR_STATE. When the client has been in a car for four seconds, an old
+    CMD_JOIN_ACCEPTED arrives, so that the client asks for its slot."""
+    sim.answers_car_state = False
+    if not (yield from sim.until_in_game()):
         return
     driven = 0
 
     def act(number):
         nonlocal driven
-        stage.send(position(0, number))
-        driven = driven + 1 if stage.in_car else 0
+        sim.send(position(0, number))
+        driven = driven + 1 if sim.in_car else 0
         if driven % 20 == 19:
-            stage.send(accepted(5))
+            sim.send(accepted(5))
 
-    yield from stage.repeat(34, 0.2, act)
+    yield from sim.repeat(34, 0.2, act)
 
 
-def forgotten_entry(stage):
-    """The server answers the client, which is not in the game any more."""
-    if not (yield from stage.until_in_game()):
+def forgotten_entry(sim):
+    """The server removes the client from the game without a notice, but still answers requests."""
+    if not (yield from sim.until_in_game()):
         return
     yield 3
-    stage.note("mark", "the server forgets the entry")
-    stage.in_game = False
-    yield from stage.until(lambda: stage.in_game, 31)
+    sim.note("mark", "the server forgets the entry")
+    sim.in_game = False
+    yield from sim.until(lambda: sim.in_game, 31)
     yield 4
 
 
-def bad_network(stage):
-    stage.loss, stage.repeats, stage.delays = 0.25, 0.15, 0.2
-    if not (yield from stage.until(stage.heard(C.JOIN), START_S)):
+def bad_network(sim):
+    sim.loss, sim.repeats, sim.delays = 0.25, 0.15, 0.2
+    if not (yield from sim.until(sim.heard(C.JOIN), START_S)):
         return
 
     def act(number):
-        if stage.in_game:
-            stage.send(position(0, number))
+        if sim.in_game:
+            sim.send(position(0, number))
 
-    yield from stage.repeat(20, 0.2, act)
-    stage.loss = stage.repeats = stage.delays = 0.0
+    yield from sim.repeat(20, 0.2, act)
+    sim.loss = sim.repeats = sim.delays = 0.0
     yield 4
 
 
 SCENARIOS = {
-    "silent-server": Scenario(silent_server, 17, False, "nothing is answered"),
-    "full-server": Scenario(full_server, 20, True, "three joins are refused, the next is accepted"),
-    "other-version": Scenario(other_version, 5, True, "joins are refused for their version"),
-    "lost-entry": Scenario(lost_entry, 16, False, "questions and entries are lost"),
-    "long-game": Scenario(long_game, 32, False, "other players move, some of them unknown"),
+    "silent-server": Scenario(silent_server, 17, False, "the server answers nothing"),
+    "full-server": Scenario(full_server, 20, True, "the server refuses three joins"),
+    "other-version": Scenario(other_version, 5, True, "the server refuses the client's version"),
+    "lost-entry": Scenario(lost_entry, 16, False, "requests for the own slot and entries are lost"),
+    "long-game": Scenario(long_game, 32, False, "known and unknown players move"),
     "gone-server": Scenario(gone_server, 37, False, "the server falls silent"),
     "vanished-server": Scenario(vanished_server, 34, False, "the server falls silent after a join"),
-    "lost-pings": Scenario(lost_pings, 32, False, "the server's pings are lost, nothing else"),
+    "lost-pings": Scenario(lost_pings, 32, False, "only the server's pings are lost"),
     "stopped-server": Scenario(stopped_server, 15, False, "the server stops and starts again"),
     "moved-client": Scenario(moved_client, 20, False, "the answers to two joins swap places"),
-    "hostile-datagrams": Scenario(hostile_datagrams, 10, False, "wrong and forged datagrams"),
+    "hostile-datagrams": Scenario(hostile_datagrams, 10, False, "wrong and forged datagrams arrive"),
     "other-players": Scenario(other_players, 22, False, "answers about a player are lost"),
-    "own-state": Scenario(own_state, 35, False, "nothing happens but what the client does"),
-    "forgotten-entry": Scenario(forgotten_entry, 38, False, "the server takes the client out"),
-    "bad-network": Scenario(bad_network, 26, False, "datagrams get lost, repeated and late"),
+    "own-state": Scenario(own_state, 35, False, "only the client itself acts"),
+    "forgotten-entry": Scenario(forgotten_entry, 38, False, "the client loses its place in the game"),
+    "bad-network": Scenario(bad_network, 26, False, "datagrams are lost, repeated and late"),
 }

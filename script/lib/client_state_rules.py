@@ -1,5 +1,4 @@
-"""The rules of script/check-client about what a client says of itself: its slot, its reports, its
-car and its deaths."""
+"""The rules of script/check-client about the client's own slot, reports, car and deaths."""
 
 import itertools
 
@@ -10,17 +9,18 @@ REPORTS = {C.POSITION_UPDATE, C.CAR_STATE, C.LEAVE_CAR, C.DIED, C.FOOT_UPDATE, C
            C.STATE_FLOATS, C.VEHICLE}  # fmt: skip
 CAR_REPORTS = {C.CAR_BLOCK_A, C.CAR_BLOCK_B, C.CAR_STATUS}
 
-CAR_CHANGES = (C.CAR_STATE, C.VEHICLE)  # each carries the whole car
+CAR_CHANGES = (C.CAR_STATE, C.VEHICLE)  # each contains the whole car
 ALWAYS = (((C.POSITION_UPDATE, *CAR_CHANGES), "position"), ((C.STATE_FLOATS,), "CMD_STATE_FLOATS"))
 FOOT_GROUPS = (((C.FOOT_UPDATE,), "CMD_FOOT_UPDATE"),)
 CAR_GROUPS = tuple(((code, *CAR_CHANGES), f"{name_of(code)} in a car")
                    for code in sorted(CAR_REPORTS))  # fmt: skip
-MOST_GAP_S = 3.8  # between two reports of a kind
-MOST_REPEATS = 9  # of a datagram that makes the server print a line, and two a minute more
+MOST_GAP_S = 3.8  # time limit between two reports of the same kind
+# Limit for equal datagrams that make the server print a line. Two more are allowed each minute.
+MOST_REPEATS = 9
 
 
 def rides_of(rides, begin, end):
-    """The phases in which the client sat in a car or did not: begin, end, and whether it sat."""
+    """Returns the periods in a car and on foot: begin, end, and whether the client was in a car."""
     turns = []
     for time, _, _, in_car in rides:
         if time >= begin and (not turns or in_car != turns[-1][1]):
@@ -29,29 +29,29 @@ def rides_of(rides, begin, end):
             itertools.pairwise([*turns, (end, None)])]  # fmt: skip
 
 
-def judge_reports(log):
-    """From the first report on."""
+def check_reports(log):
+    """Starts at the client's first report."""
     rides = list(log.rides())
     entered = log.first(C.ENTER_GAME_REPLY, "it was never in the game")
     reported = [time for time, code, _, in_car in rides if entered <= time <= log.end
                 and (code in REPORTS or code in CAR_REPORTS and in_car)]  # fmt: skip
     if not reported:
-        raise NotTested("it never reports a state of its own")
+        raise NotTested("it never reports its state")
     for begin, end, in_car in rides_of(rides, reported[0], log.end):
         yield from rare(log, CAR_GROUPS if in_car else FOOT_GROUPS, begin, end)
     yield from rare(log, ALWAYS, reported[0], log.end)
 
 
 def rare(log, groups, begin, end):
-    """The reports that came too rarely in this time."""
+    """Yields the gaps between reports that are too long in this period."""
     for codes, what in groups:
         times = [begin, *(time for time in log.times(*codes) if begin < time < end), end]
         for time in gaps(times, MOST_GAP_S + log.late_s):
             yield time, f"no {what} for {MOST_GAP_S} s"
 
 
-def judge_entry(log, enter):
-    """A value in an entry must not differ from equal values in the reports before and after it."""
+def check_entry(log, enter):
+    """If the reports before and after an entry have the same value, the entry must have it, too."""
     entry = next(each for time, code, each in log.sent if (time, code) == (enter, C.ENTER_GAME))
     for code, first, where in (
         (C.POSITION_UPDATE, 4, slice(4, 16)), (C.FOOT_UPDATE, 4, slice(16, 20)),
@@ -64,7 +64,7 @@ def judge_entry(log, enter):
             yield enter, f"CMD_ENTER_GAME with another value than {name_of(code)} before and after"
 
 
-def judge_slot_again(log):
+def check_slot_again(log):
     enters, rides = log.times(C.ENTER_GAME), list(log.rides())
     entered = log.first(C.ENTER_GAME_REPLY, "it was never in the game")
     yield from other_blocks(rides)
@@ -73,11 +73,11 @@ def judge_slot_again(log):
     if not log.times(C.CAR_BLOCK_A, after=enters[0], until=min([*starts, end])):
         if min([*starts, log.end]) < entered + 2 + log.late_s:
             raise NotTested("it enters in a car, or gets into one at once")
-        yield end, "no CMD_CAR_BLOCK_A, the question for its slot, after CMD_ENTER_GAME"
+        yield end, "no CMD_CAR_BLOCK_A, the request for its slot, after CMD_ENTER_GAME"
 
 
 def other_blocks(rides):
-    """Of a driver: an empty block A between two that are the same and not empty."""
+    """Yields each empty block A of a driver between two equal blocks that are not empty."""
     blocks = []
     for time, code, datagram, in_car in rides:
         if code == C.CAR_BLOCK_A or code in CAR_CHANGES:
@@ -90,17 +90,18 @@ def other_blocks(rides):
             blocks = []
 
 
-def judge_car(log):
-    """Without a car, CMD_NOT_IN_CAR only answers the question for the own slot."""
+def check_car(log):
+    """CMD_NOT_IN_CAR counts only if the client is in a car. On foot, it answers the request for the
+    slot."""
     rides, has_driven = list(log.rides()), False
     for told in log.got_times(C.NOT_IN_CAR):
         before = [in_car for time, _, _, in_car in rides if time < told]
         if not before or not before[-1] or told > log.end - 2.5 - log.late_s:
             continue
         has_driven = True
-        # A report that it sent just before is an answer, too.
+        # A report just before CMD_NOT_IN_CAR also counts.
         after = [ride for ride in rides if told - 0.6 <= ride[0] <= told + 2.5 + log.late_s]
-        # A client that was moved enters again, with its car.
+        # A client that has learned of a new slot enters again, with its car.
         if not any(code in (C.CAR_STATE, C.ENTER_GAME) or not in_car
                    for _, code, _, in_car in after):  # fmt: skip
             yield told + 2.5, "no CMD_CAR_STATE in 2.5 s after CMD_NOT_IN_CAR in a car"
@@ -114,8 +115,8 @@ def judge_car(log):
 
 
 def own_rides(log):
-    """When a ride began with a report and when it ended. A repeated death does not end the ride of
-    a driver that reports its car at once."""
+    """Returns the begin and the end of each ride that began with a report. A repeated death does not
+    end a ride if the driver reports its car again within half a second."""
     found, begin, died = [], None, -1.0
     for time, code, _, in_car in log.rides():
         if in_car and begin is None and code in CAR_CHANGES:
@@ -129,8 +130,8 @@ def own_rides(log):
     return [*found, (begin, log.end)] if begin is not None else found
 
 
-def judge_rides(log):
-    """No CMD_CAR_STATE is answered."""
+def check_rides(log):
+    """The server answers no CMD_CAR_STATE."""
     limit_s = 4 + log.late_s
     rides = [(begin, min(end, begin + 13.5)) for begin, end in own_rides(log)]
     if not any(end > begin + limit_s for begin, end in rides):
@@ -141,7 +142,7 @@ def judge_rides(log):
             yield time, "no CMD_CAR_STATE for 4 s in a new car, and no clock has answered one"
 
 
-def judge_deaths(log):
+def check_deaths(log):
     deaths = [(time, datagram[1:2]) for time, code, datagram in log.sent
               if code == C.DIED and time < log.end]  # fmt: skip
     if not deaths:
@@ -151,20 +152,20 @@ def judge_deaths(log):
         is_short = any(time < other < time + wait_s and each != count for other, each in deaths)
         if counts.count(count) < 2 and time < log.end - wait_s and not is_short:
             yield time + wait_s, f"CMD_DIED {count.hex()} is not repeated"
-    yield from judge_role(log, deaths)
-    yield from judge_driver(log, deaths)
+    yield from check_role(log, deaths)
+    yield from check_driver(log, deaths)
 
 
-def judge_role(log, deaths):
-    """Once a CMD_PINKPANTHER names the client, only a new death may be reported."""
+def check_role(log, deaths):
+    """After a CMD_PINKPANTHER that names the client, the client may report only a new death."""
     for told in log.got_times(C.PINKPANTHER):
         after = [death for death in deaths if death[0] > told + 0.3 + log.late_s]
         if after and after[0][1] in [count for time, count in deaths if time <= told]:
             yield after[0][0], "CMD_DIED is repeated after a CMD_PINKPANTHER that names the client"
 
 
-def judge_driver(log, deaths):
-    """CMD_CAR_STATE follows the repeat of a death, not the CMD_NOT_IN_CAR that comes of it."""
+def check_driver(log, deaths):
+    """After a repeated death, a driver must send CMD_CAR_STATE before a CMD_NOT_IN_CAR arrives."""
     before = (C.FOOT_UPDATE, C.LEAVE_CAR, C.CAR_STATE, C.VEHICLE)
     in_car = False
     for time, code, datagram, is_now_in_car in log.rides():
@@ -177,9 +178,9 @@ def judge_driver(log, deaths):
         in_car = is_now_in_car
 
 
-def judge_repeats(log):
-    """Of datagrams that make the server print a line. A change or an entry begins a new count. A
-    CMD_CAR_STATE after a death, or one that the server asked for, does not count."""
+def check_repeats(log):
+    """Counts equal datagrams that make the server print a line. A change or an entry restarts the
+    count. A CMD_CAR_STATE within a second after a death or a CMD_NOT_IN_CAR does not count."""
     excused = [*log.times(C.DIED), *log.got_times(C.NOT_IN_CAR)]
     counted = {}
     for time, code, datagram in log.sent:
