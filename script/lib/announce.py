@@ -1,10 +1,13 @@
 #!/usr/bin/python3
-"""Runs real servers against the real list, behind nginx: they are asked, listed, counted, removed,
-refused, and come back when the list does. Then many announces at once, a flood of servers that are
-not there, a disk that is full, and a master server that is silent.
+"""Checks announcing and listing with real servers and a real list behind nginx: zolask asks servers,
+and the list shows, counts, refuses and removes them. Servers come back after the list has lost its
+data. Then checks 1,000 announces at once, a flood of announces of servers that do not exist, a full
+disk, and a silent master server.
 
-All of it in a network of its own, in which the master server's name means this machine, on a clock
-that can be put forward."""
+Usage: script/checks/announce      (takes about a minute)
+
+Runs in a separate network namespace, in which the name of the master server is this machine's, and
+on a clock that the check can advance."""
 
 import concurrent.futures
 import contextlib
@@ -28,10 +31,10 @@ from lib import BUILD, ROOT, build
 
 PATIENCE_S = 30
 LIST = "http://127.0.0.1:80"
-SOON_S = 10  # a server waits so long for its verdict, and a reader for a new server
+SOON_S = 10  # time limit for a server's verdict, and for a new server to appear on the list
 AGENT = "ZOL/0.1 (list)"
 REFUSED = b"\x0eYou need Version 9".ljust(65, b"\0")
-IP_PKTINFO = 8  # the local address of a datagram
+IP_PKTINFO = 8  # socket option: adds the local address to each received datagram
 FLOOD = [(f"127.2.{i % 200}.1", 3000 + i // 200) for i in range(200 * 64)]
 
 
@@ -48,7 +51,7 @@ def enter_namespace():
 
 
 class Clock:
-    """Stands in for /proc/uptime, which servers read, and can be put forward."""
+    """Replaces /proc/uptime, the servers' clock, by a file that is `ahead_s` ahead."""
 
     def __init__(self):
         self.file = pathlib.Path("uptime")
@@ -58,16 +61,16 @@ class Clock:
 
     def tick(self):
         now = time.clock_gettime(time.CLOCK_BOOTTIME) + self.ahead_s
-        # In place and of equal length: a reader must never see half of it.
+        # One write in place and of constant length, so that a reader never sees a part of a value.
         with open(self.file, "r+b", buffering=0) as file:
             file.write(b"%017.2f 0.00\n" % now)
 
 
-def await_that(holds, what, clock=None, limit_s=PATIENCE_S):
+def wait_until(holds, what, clock=None, limit_s=PATIENCE_S):
     end = time.monotonic() + limit_s
     while not holds():
         if time.monotonic() > end:
-            fail(f"not within {limit_s} s: {what}")
+            fail(f"this did not happen within {limit_s} s: {what}")
         if clock:
             clock.tick()
         time.sleep(0.05)
@@ -79,7 +82,7 @@ def listed():
 
 
 def count_of(port):
-    """The players of the server on this port; None when it is not listed."""
+    """Returns the number of players of the server on this port, or None if it is not listed."""
     return next((entry["players"] for entry in listed() if entry["port"] == port), None)
 
 
@@ -100,11 +103,11 @@ class Server:
     def stop(self):
         self.process.send_signal(signal.SIGTERM)
         if self.process.wait(PATIENCE_S) != 1:
-            fail("an orderly stop ends with status 1")
+            fail("a server did not stop with exit status 1")
 
 
 def start_list(stack, folder="list"):
-    """nginx and fcgiwrap by script/list; returns how to end it."""
+    """Starts script/list and waits until the list answers. Returns its process."""
     log = open("list.log", "ab")
     process = subprocess.Popen([ROOT / "script/list", "80", folder], stdout=log, stderr=log)
     stack.callback(process.wait)
@@ -115,23 +118,23 @@ def start_list(stack, folder="list"):
             return process.poll() is None and listed() is not None
         return False
 
-    await_that(is_up, "the list answers")
+    wait_until(is_up, "the list answers")
     return process
 
 
 def must_refuse(port, folder, reason):
-    """script/list ends without a list, and has written nothing."""
+    """Checks that script/list fails with this reason and creates no file."""
     before = sorted(pathlib.Path().iterdir())
     done = subprocess.run([ROOT / "script/list", port, folder], capture_output=True, text=True,
                           timeout=PATIENCE_S)  # fmt: skip
     if done.returncode != 1 or reason not in done.stderr or done.stdout:
-        fail(f"script/list {port} {folder} ends with {done.returncode}: {done.stdout}{done.stderr}")
+        fail(f"script/list {port} {folder} exits with {done.returncode}: {done.stdout}{done.stderr}")
     if sorted(pathlib.Path().iterdir()) != before:
-        fail(f"script/list {port} {folder} writes before it looks")
+        fail(f"script/list {port} {folder} creates files before its checks")
 
 
 def check_script(stack):
-    """script/list leaves another list alone, and leaves nothing when it is killed."""
+    """Checks that script/list does not disturb another list, and that no process survives a SIGKILL."""
     folder = "a & b;c|d $x [*] \"'"
     for port in ("0", "65536", "abc", "080", ""):
         must_refuse(port, "refused", "is no port")
@@ -139,30 +142,30 @@ def check_script(stack):
         must_refuse("80", "refused", "port 80 is in use")
     first = start_list(stack, folder)
     if announce("127.0.0.1", 1) != "1":
-        fail("a list in a directory with an odd name takes no announce")
+        fail("a list in a directory with special characters accepts no announce")
     documented = re.search(r"^curl .*\n.*$", (ROOT / "docs/listing.md").read_text(), re.M)[0]
     command = documented.replace(":8080/", ":80/").replace("curl", "curl --silent --show-error", 1)
     verdict = subprocess.check_output(["sh", "-c", command])
     if verdict != b"  \r\n1\n":
-        fail(f"the documented announce prints {verdict!r}")
+        fail(f"the announce in docs/listing.md prints {verdict!r}")
     must_refuse("80", "refused", "port 80 is in use")
     must_refuse("81", folder, "another script/list runs in")
     if announce("127.0.0.1", 1) not in ("0", "2"):
-        fail("the first list does not go on")
+        fail("a second script/list has stopped the first one")
     first.kill()
     first.wait()
     second = start_list(stack, folder)
     if announce("127.0.0.1", 1) not in ("0", "2"):
-        fail("the list lacks the entries of the one that was killed")
+        fail("a new list in the directory of a killed one lacks its entries")
     second.terminate()
     second.wait(PATIENCE_S)
     with contextlib.suppress(ConnectionRefusedError):
         socket.create_connection(("127.0.0.1", 80))
-        fail("nginx outlives script/list")
+        fail("nginx still runs after the end of script/list")
 
 
 def announce(source, port):
-    """The verdict, as a server reads it: from the first 512 bytes that come."""
+    """Announces a server. Returns the verdict that it reads: from the first 512 bytes that arrive."""
     with socket.create_connection(("127.0.0.1", 80), PATIENCE_S, source_address=(source, 0)) as to:
         query = f"name=Burst&p=0&mp=16&gt=0&port={port}&v=40&os=lin"
         to.send(f"GET /cgi-bin/zol.pl?{query} HTTP/1.1\nHost: list\nUser-Agent: {AGENT}\n\n".encode())
@@ -171,7 +174,7 @@ def announce(source, port):
 
 
 def answer_questions(ports, stop):
-    """Plays the servers of these ports at all addresses of this machine, until somebody sends stop."""
+    """Answers for servers on these ports at all addresses of this machine, until `stop` is readable."""
     sockets = []
     for port in ports:
         each = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -181,14 +184,15 @@ def answer_questions(ports, stop):
     while stop not in (ready := select.select([*sockets, stop], [], [])[0]):
         for each in ready:
             _, control, _, asker = each.recvmsg(300, 100)
-            # It answers from the address that was asked.
+            # The control data makes the address that was asked the source of the answer.
             each.sendmsg([REFUSED], control, 0, asker)
     for each in sockets:
         each.close()
 
 
 def check_burst():
-    """1,000 announces over 50 connections at a time: each that was answered 1 or 2 is on the list."""
+    """Sends 1,000 announces over 50 connections at a time. Each server with the answer 1 or 2 must
+    appear on the list."""
     wanted = [(f"127.0.1.{1 + i % 50}", 2000 + i // 50) for i in range(1000)]
     here, there = socket.socketpair()
     servers = threading.Thread(target=answer_questions, args=(range(2000, 2020), there))
@@ -199,20 +203,20 @@ def check_burst():
     seconds = time.monotonic() - start
     answered = {each for each, verdict in zip(wanted, verdicts) if verdict in ("1", "2")}
     if len(answered) < 900:
-        fail(f"only {len(answered)} of 1,000 were answered 1 or 2")
+        fail(f"only {len(answered)} of 1,000 announces got the answer 1 or 2, 900 expected")
 
     def are_listed():
         return answered <= {(entry["address"], entry["port"]) for entry in listed()}
 
-    await_that(are_listed, "servers that were answered 1 or 2 are on the list", limit_s=SOON_S)
-    print(f"{len(answered)} of 1,000 announces taken in {seconds:.1f} s, and on the list "
+    wait_until(are_listed, "each server with the answer 1 or 2 is on the list", limit_s=SOON_S)
+    print(f"{len(answered)} of 1,000 announces accepted in {seconds:.1f} s, and listed "
           f"{time.monotonic() - start - seconds:.1f} s later")  # fmt: skip
     here.close()
     servers.join()
 
 
 class Flood:
-    """Announces of servers that are not there, over 50 connections at a time, until it is stopped."""
+    """Announces servers that do not exist, over 50 connections at a time, until stop()."""
 
     def __init__(self):
         self.next, self.count, self.ends = itertools.cycle(FLOOD), itertools.count(), False
@@ -236,8 +240,8 @@ class Flood:
 
 
 def check_flood(stack, clock):
-    """An honest server is heard and seen in a full list, and so are twenty that start at once."""
-    # Announces would take a minute or more to fill the list.
+    """Checks that a real server, and then twenty at once, get onto a full list during a flood."""
+    # Fills the list directly, because announces would take more than a minute.
     now = int(time.time())
     with contextlib.closing(sqlite3.connect("list/list.sqlite", timeout=PATIENCE_S)) as database:
         with database:
@@ -252,64 +256,64 @@ def check_flood(stack, clock):
         fail(f"the list has only {count} entries")
     for ports in (range(20000, 20001), range(20001, 20021)):
         begin = time.monotonic()
-        servers = [Server(port, f"Honest {port}") for port in ports]
+        servers = [Server(port, f"Real {port}") for port in ports]
         for each in servers:
             stack.callback(each.process.kill)
-        await_that(lambda: all(each.says("This server is now listed") for each in servers),
-                   "honest servers are told that they are listed", clock, SOON_S)  # fmt: skip
+        wait_until(lambda: all(each.says("This server is now listed") for each in servers),
+                   "real servers are told that they are listed", clock, SOON_S)  # fmt: skip
         told = time.monotonic()
-        await_that(lambda: set(ports) <= {entry["port"] for entry in listed()},
-                   "honest servers are listed in a flood", clock, SOON_S)  # fmt: skip
-        print(f"{len(ports)} honest servers: told after {told - begin:.1f} s, seen after "
+        wait_until(lambda: set(ports) <= {entry["port"] for entry in listed()},
+                   "real servers appear on the list during a flood", clock, SOON_S)  # fmt: skip
+        print(f"{len(ports)} real servers: verdicts after {told - begin:.1f} s, listed after "
               f"{time.monotonic() - begin:.1f} s")  # fmt: skip
     flood.stop()
-    print(f"{next(flood.count)} announces of the flood were taken meanwhile")
+    print(f"the list answered {next(flood.count)} announces of the flood meanwhile")
     ghosts = [entry for entry in listed() if entry["address"].startswith("127.2.")]
     if ghosts:
-        fail(f"servers are listed that are not there: {ghosts[:3]}")
+        fail(f"the list shows servers that do not exist: {ghosts[:3]}")
 
 
 def check_servers(stack, clock):
     process = start_list(stack)
     server = Server(16309)
     stack.callback(server.process.kill)
-    await_that(lambda: count_of(16309) == 0, "a server is listed", clock)
-    await_that(lambda: server.says("This server is now listed on the zol server list"),
+    wait_until(lambda: count_of(16309) == 0, "a server is listed", clock)
+    wait_until(lambda: server.says("This server is now listed on the zol server list"),
                "the server knows that it is listed")  # fmt: skip
     bots = subprocess.Popen([BUILD / "zolbots", "--players", "1", "--seconds", "1000"],
                             stdout=subprocess.DEVNULL)  # fmt: skip
     stack.callback(bots.kill)
-    await_that(lambda: count_of(16309) == 1, "a player is counted", clock, 15)
+    wait_until(lambda: count_of(16309) == 1, "a player is counted", clock, 15)
     bots.terminate()
-    await_that(lambda: count_of(16309) == 0, "a player who left is not counted", clock, 15)
+    wait_until(lambda: count_of(16309) == 0, "a player that left is not counted", clock, 15)
 
-    other = Server(99999, "Of a port that is none")
+    other = Server(99999, "Wrong port")
     stack.callback(other.process.kill)
-    await_that(lambda: other.says("Check your config"), "a server is refused", clock)
+    wait_until(lambda: other.says("Check your config"), "a server is refused", clock)
     other.stop()
 
     process.terminate()
     process.wait(PATIENCE_S)
     clock.ahead_s += 301
-    # It tries to write a thousand times, ten milliseconds and more apart.
-    await_that(lambda: server.says("Could not connect"), "the list is missed", clock, 90)
+    # The server tries to write a thousand times, with pauses of at least ten milliseconds.
+    wait_until(lambda: server.says("Could not connect"), "a server reports a missing list", clock, 90)
     for file in pathlib.Path("list").glob("list.sqlite*"):
         file.unlink()
     start_list(stack)
     if count_of(16309) is not None:
-        fail("a new list knows a server")
+        fail("a new list has an entry")
     clock.ahead_s += 301
-    await_that(lambda: count_of(16309) == 0, "a server comes back to a list after 5 minutes", clock)
+    wait_until(lambda: count_of(16309) == 0, "a server comes back to a list after 5 minutes", clock)
     check_burst()
     server.stop()
-    await_that(lambda: count_of(16309) is None, "a server that stopped is not listed")
+    wait_until(lambda: count_of(16309) is None, "a server that stopped is not listed")
     if not server.says("Removing server from master list: success"):
         fail("the removal does not end in success")
     check_flood(stack, clock)
 
 
 def check_full_disk():
-    """Nothing is written, and the reason is said."""
+    """Checks that an announce on a full disk gets status 503, and that the log contains the reason."""
     disk = pathlib.Path("disk")
     disk.mkdir()
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=200k", "tmpfs", disk], check=True)
@@ -323,7 +327,7 @@ def check_full_disk():
         return done.stdout.split()[1], done.stderr
 
     if announced(1) != ("200", ""):
-        fail("an announce fails with room on the disk")
+        fail("an announce fails although the disk has room")
     with contextlib.suppress(OSError), open(disk / "filler", "wb", buffering=0) as filler:
         while filler.write(bytes(4096)):
             pass
@@ -332,7 +336,7 @@ def check_full_disk():
         fail(f"a full disk gives {status}: {said}")
     (disk / "filler").unlink()
     if announced(3) != ("200", ""):
-        fail("the list does not go on after a full disk")
+        fail("an announce fails after the disk has room again")
     subprocess.run(["umount", disk], check=True)
 
 
@@ -343,9 +347,9 @@ def check_silent_master():
     bots = subprocess.run([BUILD / "zolbots", "--seconds", "3", "--alone"], stdout=subprocess.PIPE,
                           text=True)  # fmt: skip
     if bots.returncode != 0:
-        fail(f"the bots complain:\n{bots.stdout}")
+        fail(f"a silent master server disturbs the game:\n{bots.stdout}")
     if server.says("Could not connect"):
-        fail("the master server did not stay silent")
+        fail("the server gave up the announce before the game ended, so the check proves nothing")
     server.process.kill()
     server.process.wait()
     accepted[0].close()
@@ -369,7 +373,7 @@ def main():
         subprocess.run(["umount", "/proc/uptime"], check=True)
         check_full_disk()
         check_silent_master()
-    print("announce: listed, counted, removed, refused and listed again; undisturbed by floods and silence")
+    print("announce: announcing and listing passed, also in a flood and with a silent master server")
 
 
 main()

@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
-"""Requires that a check runs every command of the documents for operators as it is written there, or
-that EXCEPTIONS says why none does. Commands are the lines of fenced `sh` blocks."""
+"""Checks that the other checks run every command of the operators' documents as it is written there.
+EXCEPTIONS gives the reason for every other command. Commands are the lines of fenced `sh` blocks.
+
+Usage: script/checks/commands"""
 
 import ast
 import re
@@ -17,9 +19,9 @@ EXCEPTIONS = {
     "-T fields -e ip.src -e udp.srcport -e zol.player_name -e zol.name -e zol.text":
         "script/checks/dissector reads it from the document and runs it",
     "podman build -t zolserver .":
-        "script/checks/container adds options for a machine without registry",
+        "script/checks/container adds options for a machine without a registry",
     "podman run --network host --stop-timeout 120 -v ./garage:/srv/zolserver:ro zolserver":
-        "script/checks/container runs it with the options for confinement",
+        "script/checks/container runs it with more options",
     "curl -A 'ZOL/0.1 (me)' "
     "'http://127.0.0.1:8080/cgi-bin/zol.pl?name=Mine&p=0&mp=16&gt=0&port=16309&v=40&os=lin'":
         "script/checks/announce reads it from the document and runs it on port 80",
@@ -27,12 +29,12 @@ EXCEPTIONS = {
         "the build folder would keep the name; script/checks/boot makes a package with it",
     'for name in garage harbour quarry; do sed "s/garage/$name/g; s/16309/$port/g" kubernetes.yaml | '
     "kubectl apply -f - port=$((port + 1)) done":
-        "needs a cluster; script/checks/container plays the file with podman",
+        "needs a cluster; script/checks/container runs the file with podman kube play",
 }  # fmt: skip
 
 
 def joined(lines):
-    """Without comments and indentation; a line that goes on is one with the next."""
+    """Returns the lines without comments and indentation. Joins continued lines."""
     text = "\n".join(re.sub(r"(^|\s)#\s.*", "", line) for line in lines)
     text = re.sub(r"\\\n\s*", " ", text)
     text = re.sub(r"(\||&&)\s*\n\s*", r"\1 ", text)
@@ -40,7 +42,7 @@ def joined(lines):
 
 
 def documented_commands(text):
-    """A loop is one command."""
+    """Returns the commands of a document. A loop is one command."""
     commands = []
     for block in re.findall(r"^```sh\n(.*?)^```$", text, re.M | re.S):
         block = re.sub(r"^(for|while) .*?^done$", lambda loop: loop[0].replace("\n", "\\\n"), block,
@@ -50,36 +52,37 @@ def documented_commands(text):
 
 
 def code_of(path):
-    """The lines of a check that run something. Of Python those are the strings, without docstrings."""
+    """Returns the lines of a check that may run commands. In Python, these are the strings without the
+    docstrings."""
     text = path.read_text()
     if path.suffix != ".py":
         return joined(text.splitlines())
     tree = ast.parse(text)
-    remarks = {id(node.value) for node in ast.walk(tree) if isinstance(node, ast.Expr)}
+    docstrings = {id(node.value) for node in ast.walk(tree) if isinstance(node, ast.Expr)}
     return joined(node.value for node in ast.walk(tree)
                   if isinstance(node, ast.Constant) and isinstance(node.value, str)
-                  and id(node) not in remarks)  # fmt: skip
+                  and id(node) not in docstrings)  # fmt: skip
 
 
 def runs(code, command):
-    """Whether a line holds the command as whole words."""
+    """Returns whether a line contains the command as whole words, without further options."""
     pattern = re.compile(r"(?<![\w./=-])" + re.escape(command) + r"(?![\w./=-]| -)")
     return any(pattern.search(line) for line in code)
 
 
 def compare(documents, code, exceptions):
-    """What is wrong, a line each. The documents are the texts by name."""
+    """Returns a list of problems. `documents` maps names to texts."""
     complaints, found = [], set()
     for name, text in documents.items():
         commands = documented_commands(text)
         if not commands:
-            complaints.append(f"{name} has no command in an sh block")
+            complaints.append(f"{name}: no command in an sh block")
         found.update(commands)
         complaints += [f"{name}: no check runs `{command}`" for command in commands
                        if command not in exceptions and not runs(code, command)]
-    complaints += [f"no document has the exception `{command}`" for command in exceptions
+    complaints += [f"EXCEPTIONS: no document contains `{command}`" for command in exceptions
                    if command not in found]
-    complaints += [f"a check runs the exception `{command}`" for command in exceptions
+    complaints += [f"EXCEPTIONS: a check runs `{command}`" for command in exceptions
                    if command in found and runs(code, command)]
     return complaints
 
@@ -93,7 +96,7 @@ def main():
     if complaints:
         fail("\n  ".join(["", *complaints]).strip())
     count = sum(len(documented_commands(text)) for text in documents.values())
-    print(f"{count} commands of {', '.join(DOCUMENTS)}: all are run, except {len(EXCEPTIONS)}")
+    print(f"checks run all {count} commands of {', '.join(DOCUMENTS)}, except {len(EXCEPTIONS)}")
 
 
 if __name__ == "__main__":

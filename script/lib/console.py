@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Checks that a slow console delays no player: two players exchange positions while a third makes
+"""Checks that a slow console delays no player: two players exchange positions while a third one makes
 the server print more lines than its console takes.
 
-Usage: script/checks/console [ZOLSERVER]      (default: the build's; half a minute)
+Usage: script/checks/console [ZOLSERVER]      (default: build/zolserver; takes half a minute)
 
-The consoles run at the same time, each with a server and players of its own."""
+Runs all kinds of consoles at the same time, each with a separate server."""
 
 import contextlib
 import os
@@ -25,13 +25,13 @@ from lib import BUILD, Player, build, fail, free_port
 
 WEAPONS_PER_S = 1900
 POSITIONS_PER_S, SECONDS = 20, 15
-SETTLE_S = 2  # after the first second of patience, for the datagrams queued in it
+SETTLE_S = 2  # time to handle the datagrams queued while the server first waited for its console
 LEAST_SHARE, MOST_P90_S = 0.98, 0.030
 NOTICE = re.compile(rb"^\d+ lines are missing here$", re.M)
 WEAPON, POSITION, RELAY = 122, 100, 200
 
-# For each console: the kind, the bytes a second that its reader takes, and whether the server may
-# open it again.
+# For each console: its kind, the bytes per second that the reader takes, and whether the server is
+# allowed to reopen it.
 CONSOLES = {
     "fast pipe": ("pipe", 1_000_000, True),
     "pipe": ("pipe", 11_500, True),
@@ -44,7 +44,7 @@ CONSOLES = {
 
 
 def open_console(kind):
-    """Returns the reading end and the writing end."""
+    """Returns the reader's and the server's end of a new console."""
     if kind == "pipe":
         return os.pipe()
     if kind == "terminal":
@@ -56,7 +56,7 @@ def open_console(kind):
 
 
 def read_slowly(reader, rate, log):
-    """Reads until the server has ended. For a terminal, the read then fails."""
+    """Reads at this rate until the server has ended. At a terminal's end, the read fails."""
     start, taken = time.monotonic(), 0
     with contextlib.suppress(OSError):
         while True:
@@ -67,7 +67,7 @@ def read_slowly(reader, rate, log):
                 if not text:
                     return
                 log += text
-                taken += due  # does not catch up after a pause
+                taken += due  # does not read faster after a pause
             time.sleep(0.005)
 
 
@@ -81,7 +81,7 @@ def change_weapons(player, done):
 
 
 def exchange_positions(sender, receiver):
-    """Returns the delays of the positions that arrived, in seconds."""
+    """Sends positions for SECONDS. Returns the delays of those that arrived, in seconds."""
     delays = []
     start = time.monotonic()
     end = start + SECONDS
@@ -100,16 +100,17 @@ def exchange_positions(sender, receiver):
 
 
 def complaints(delays, log, is_slow):
-    """Compares the sorted delays and the log of a console with the limits."""
+    """Yields the problems with the sorted delays and the log of a console."""
     if len(delays) < LEAST_SHARE * POSITIONS_PER_S * SECONDS:
-        yield f"{len(delays)} positions arrived"
+        yield f"only {len(delays)} of {POSITIONS_PER_S * SECONDS} positions arrived"
     elif statistics.quantiles(delays, n=10)[-1] > MOST_P90_S:
         yield f"the delay's p90 is {statistics.quantiles(delays, n=10)[-1] * 1000:.1f} ms"
     if is_slow != bool(NOTICE.search(log)):
-        yield "the log must say that lines are missing" if is_slow else "lines are missing"
+        yield "no notice of missing lines" if is_slow else "lines are missing on a fast console"
 
 
-def judge_the_judge():
+def check_complaints():
+    """Checks that complaints() detects each problem."""
     whole, line, notice = [0.001] * 300, b"Player 1 reconnected\n", b"12 lines are missing here\n"
     for delays, log, is_slow, wanted in (
         (whole, line + notice, True, 0), (whole, line, False, 0), (whole[:294], line, False, 0),
@@ -117,7 +118,7 @@ def judge_the_judge():
         (whole, line, True, 1), (whole, line + notice, False, 1), ([], line, True, 2),
     ):
         if len(list(complaints(delays, log, is_slow))) != wanted:
-            fail(f"wrong verdict on {len(delays)} delays and {log}")
+            fail(f"complaints() is wrong about {len(delays)} delays and {log}")
 
 
 def try_console(program, name):
@@ -129,7 +130,7 @@ def try_console(program, name):
     with tempfile.TemporaryDirectory() as folder:
         with open(f"{folder}/zolserver.cfg", "w", encoding="ascii") as settings:
             settings.write(f"Port={port}\n")
-        # Without root's privilege to open every file.
+        # Removes root's privilege to open every file.
         command = ["setpriv", "--securebits=+noroot"] if os.getuid() == 0 else []
         server = subprocess.Popen([*command, program], cwd=folder, stdout=writer)
         os.close(writer)
@@ -165,13 +166,13 @@ def main():
     program = os.path.realpath(sys.argv[1]) if len(sys.argv) > 1 else str(BUILD / "zolserver")
     if len(sys.argv) == 3:
         sys.exit(0 if try_console(program, sys.argv[2]) else 1)
-    judge_the_judge()
+    check_complaints()
     if len(sys.argv) == 1:
         build("zolserver")
     print(f"{'console':26} {'of 300':>6} {'median':>7} {'p90':>9} {'max, ms':>10}", flush=True)
     tries = [subprocess.Popen([sys.executable, __file__, program, name]) for name in CONSOLES]
     if any([each.wait() != 0 for each in tries]):
-        fail("a console delays players")
+        fail("a console delays players or loses its notice; see above")
     print("console: no console delays a player")
 
 

@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
-"""Ends script/demo by each signal and key that should end it, and by killing its view. Each time it
-must end within seconds, in order, leave no process or file, and restore the terminal. Also
-runs the server by the commands of the README."""
+"""Ends script/demo with each signal and key that should end it, and by killing its view. Each time the
+demo must end within seconds, end its programs in the right order, leave no process and no file, and
+restore the terminal. Also runs the README's commands for a server.
+
+Usage: script/checks/demo"""
 
 import ctypes
 import fcntl
@@ -18,13 +20,13 @@ import time
 
 from lib import READY_S, ROOT, build, fail
 
-END_S = 10  # it takes half a second
+END_S = 10  # the demo needs half a second to end
 PR_SET_CHILD_SUBREAPER = 36
-# The alternate screen and the usual one, the bots' report, and the end of the server's log, which
-# shows that the bots left first.
+# The terminal's output in this order: begin and end of the alternate screen, the bots' table, and the
+# end of the server's log, which shows that the bots left before the server stopped.
 IN_ORDER = (b"\x1b[?1049h", b"\x1b[?1049l", b"delay of a relay", b"disconnected", b"Exitting")
 CURSOR = (b"\x1b[?25l", b"\x1b[?25h")
-# In the README, for a clone.
+# The commands of the README.
 HOSTING = """
 mkdir garage
 cp packaging/zolserver.cfg garage/
@@ -34,7 +36,7 @@ SIGNALS = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP, signal.SIGQUIT)
 
 
 class Demo:
-    """The demo on a pseudo-terminal. A dumb terminal shows no map."""
+    """A running demo on a pseudo-terminal. On a terminal of type dumb, the demo shows no map."""
 
     def __init__(self, term, folder):
         self.output = b""
@@ -51,14 +53,15 @@ class Demo:
         end = time.monotonic() + limit_s
         while not is_done():
             if time.monotonic() > end:
-                fail(f"{what} not within {limit_s} s: {self.output[-2000:]}")
+                fail(f"{what} did not come within {limit_s} s: {self.output[-2000:]}")
             if select.select([self.master], [], [], 0.02)[0]:
                 self.output += os.read(self.master, 65536)
 
 
 def take_terminal():
     fcntl.ioctl(0, termios.TIOCSCTTY, 0)
-    # The caller may ignore some of these signals, and a shell cannot trap ignored signals.
+    # The caller may ignore some of these signals, and bash cannot trap a signal that it inherited as
+    # ignored.
     for number in SIGNALS:
         signal.signal(number, signal.SIG_DFL)
 
@@ -76,7 +79,7 @@ def name_of(pid):
 
 
 def end_children():
-    """Makes this process the parent of all its orphaned descendants."""
+    """Kills all descendants. Orphans are children of this process, because it is a subreaper."""
     while remaining := children(os.getpid()):
         for pid in remaining:
             os.kill(pid, signal.SIGKILL)
@@ -110,7 +113,7 @@ def check(way, act, term):
     shows_map = term != "dumb"
     with tempfile.TemporaryDirectory() as folder:
         demo = Demo(term, folder)
-        # The view lists the bots by name.
+        # The view shows the names of the bots.
         sign = b"Ada" if shows_map else b"Eight bots"
         demo.read_until(lambda: sign in demo.output, READY_S, "the game")
         act(demo)
@@ -127,11 +130,11 @@ def check(way, act, term):
         os.close(demo.master)
         os.close(demo.slave)
     if any(wrong.values()):
-        fail(f"{way} on {term} leaves {wrong}: {demo.output[-2000:]}")
+        fail(f"after {way} on terminal {term}: {wrong}: {demo.output[-2000:]}")
 
 
 def check_hosting():
-    """In a separate network namespace, where the port is free."""
+    """Runs the commands in a separate network namespace, where the default port is free."""
     with tempfile.TemporaryDirectory() as folder:
         for name in ("packaging", "script"):
             os.symlink(ROOT / name, pathlib.Path(folder, name))
@@ -159,7 +162,7 @@ def main():
         check_hosting()
     finally:
         end_children()
-    print(f"demo: ended well in {len(WAYS) + len(SIGNALS)} ways")
+    print(f"demo: ended correctly in all {len(WAYS) + len(SIGNALS)} ways")
 
 
 if __name__ == "__main__":

@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
-"""Captures real traffic of build/zolserver and checks that wireshark/zol.lua understands all of it.
+"""Captures real traffic of build/zolserver and checks that wireshark/zol.lua decodes all of it.
 
-Usage: script/checks/dissector         (Debian packages: tshark, python3; takes about 30 seconds)
+Usage: script/checks/dissector      (takes about 30 seconds)
 
-Two servers play the worked sessions of docs/protocol.md; one of them also serves build/zolbots.
-Every datagram must decode without an error, and every code must occur in each of its directions.
-Three datagrams are wrong on purpose and must cause the only errors. Capturing on loopback needs
-root or membership in the group wireshark (dpkg-reconfigure wireshark-common).
+Two servers get the example sessions of docs/protocol.md, and one of them also gets build/zolbots. Every
+datagram must decode without an error, and every code must occur in each of its directions. Three
+datagrams are wrong on purpose, and only these may cause errors. Capturing on the loopback interface
+needs root or membership in the group wireshark (dpkg-reconfigure wireshark-common).
 
-Written captures check the links between answers and requests and between players and datagrams,
-that hostile datagrams cause no Lua error, and that the commands in the documents work.
+Generated captures check the links between requests and answers, the player of each datagram, that
+hostile datagrams cause no Lua error, and that the commands in the documents work.
 """
 
 import concurrent.futures
@@ -36,12 +36,13 @@ DISSECTOR = ROOT / "wireshark/zol.lua"
 
 CAPTURE = "capture.pcapng"
 PING_PERIOD = 10.0  # seconds
-SETTLE_SECONDS = 1.0  # until the sent datagrams are in the capture
+SETTLE_SECONDS = 1.0  # time until dumpcap has captured a sent datagram
 
-# Datagrams that are wrong on purpose, with the dissector's errors: cut short, no command, empty.
+# Wrong datagrams and the dissector's error: too short, an unknown command, empty.
 WRONG = {b"\x64\0\0\0": "malformed", b"\x03": "unknown command", b"": "malformed"}
 
-# Datagrams from a stranger to the second server. "Decode As" sets its port, not the preference.
+# Filters that must match in a capture of both servers. "Decode As" sets the port of the second server,
+# and the preference sets that of the first. LATIN is a join with a name in Latin-1.
 LATIN = b"\x0aB\xf6b\xff" + bytes(61) + b"\x28\0"
 DECODED_AS = [
     'zol.datagram == "CMD_JOIN" && zol.name == "B\u00f6b\u00ff" && zol.sender == "client"',
@@ -49,12 +50,12 @@ DECODED_AS = [
     "zol.malformed",
 ]
 
-# Texts that the Info column must contain.
+# Texts at the end of the Info column.
 INFO = ["CMD_PLAYER_POSITION slot=0 position=(4, 2, 3)", "CMD_POSITION_UPDATE [malformed]",
         "CMD_ENTER_GAME position=(-1, 0.25, 8) in_car=0",
         'CMD_PLAYER_INFO slot=1 just_entered=1 name="Bob" position=(-1, 0.25, 8) in_car=0']
 
-# The contents of the sessions as display filters; each must match a datagram.
+# Display filters for the contents of the sessions. Each must match a datagram.
 FLOATS = "zol.position.1 == -1 && zol.position.2 == 0.25 && zol.position.3 == 8"
 VALUES = [
     'zol.datagram == "CMD_JOIN" && zol.name == "Alice" && zol.version == 40',
@@ -68,17 +69,17 @@ VALUES = [
 ]
 
 
-# Written captures, with the dissector's expected results. Each case has a different server.
-#   a A> NAME bytes   client A sends this, named "a"; zeros up to the record's size follow
-#   A< NAME = a       A receives this as the answer to "a"; without "=" it has no link
-#   A< NAME ~ a       the same, but the link is known only after the answers that follow
-#   A> NAME | 3:A 4   the players that it is about and their names; "-" for none
-#   A< NAME @ 3       the slot of A; "-" for none
-#   A! NAME bytes     an ICMP error quotes this datagram of A to A
-#   A= 03             A joins as "A" and gets slot 3
+# Generated captures and the expected links. Each case has a separate server. The lines:
+#   a A> NAME bytes   client A sends this datagram, padded with zeros; "a" labels it
+#   A< NAME = a       A receives the answer to "a"; without "=", the datagram has no link
+#   A< NAME ~ a       the same, but the dissector knows the link only after later answers
+#   A> NAME | 3:A 4   the dissector shows these players, with their names if it knows them; "-": none
+#   A< NAME @ 3       the dissector shows slot 3 for client A; "-": none
+#   A! NAME bytes     A receives an ICMP error that quotes this datagram of A
+#   A= 03             A joins with the name "A" and gets slot 3
 #   +3                three seconds pass
 CASES = {
-    "a newer join supersedes": """
+    "a newer join replaces an older one": """
         A> CMD_JOIN 41 00*64 28
         b A> CMD_JOIN 41 00*64 28
         A< CMD_JOIN_ACCEPTED 00 = b
@@ -90,7 +91,7 @@ CASES = {
         e A> CMD_JOIN 41 00*64 27
         A< CMD_JOIN_REFUSED_VERSION = e
         A< CMD_JOIN_REFUSED_VERSION""",
-    "questions are told apart by slot and by what follows": """
+    "requests differ by slot and by kind of answer": """
         A= 00
         A> CMD_GET_PLAYER_INFO 01
         b A> CMD_GET_PLAYER_INFO 02
@@ -99,7 +100,7 @@ CASES = {
         A< CMD_PLAYER_INFO 01
         A< CMD_PLAYER_STATE 02
         A< CMD_PLAYER_STATE 01 = c""",
-    "records of entering answer no question": """
+    "the records after an entry answer no request": """
         A= 01
         A> CMD_GET_PLAYER_INFO 02
         b A> CMD_ENTER_GAME
@@ -122,7 +123,7 @@ CASES = {
         A> CMD_ENTER_GAME
         A> CMD_GET_PLAYER_INFO 02
         A< CMD_PLAYER_INFO 02""",
-    "answers without a slot are linked when none is lost": """
+    "answers without a slot are linked if none is lost": """
         A= 00
         a A> CMD_CAR_STATE
         b A> CMD_LEAVE_CAR
@@ -146,7 +147,7 @@ CASES = {
         j A> CMD_CAR_STATE
         A< CMD_PLAYER_STATE 01 = i
         A< CMD_GAME_CLOCK = j""",
-    "only some requests are answered": """
+    "the server answers only some requests": """
         A= 00
         A> CMD_STATE_FLOATS
         a A> CMD_CAR_STATE
@@ -173,7 +174,7 @@ CASES = {
         A> CMD_LEAVE_CAR
         f A> CMD_CAR_STATUS
         A< CMD_NOT_IN_CAR 01 = f""",
-    "a death and the end of a ride that were not captured": """
+    "a death and the end of a ride are not captured": """
         A= 00
         A> CMD_STATE_FLOATS
         A< CMD_GAME_CLOCK
@@ -184,7 +185,7 @@ CASES = {
         A< CMD_NOT_IN_CAR 00
         b A> CMD_CAR_STATUS
         A< CMD_NOT_IN_CAR 00 = b""",
-    "a capture from the middle of a game": """
+    "the capture starts in the middle of a game": """
         A> CMD_STATE_FLOATS
         A> CMD_CAR_STATE
         A< CMD_GAME_CLOCK
@@ -240,7 +241,7 @@ CASES = {
         C> CMD_WEAPON @ 4 | 4:C
         C> CMD_PLAYER_LEFT @ 4 | 4:C
         C> CMD_WEAPON @ - | -""",
-    "a player whose join was not captured": """
+    "the join of a player is not captured": """
         A> CMD_WEAPON @ - | -
         A< CMD_NOT_IN_CAR 06 @ 6 | 6
         A> CMD_WEAPON @ 6 | 6
@@ -250,13 +251,13 @@ CASES = {
         A> CMD_WEAPON @ - | -""",
 }
 
-# The commands that each command may answer, for random captures.
+# The request codes that each answer code may link to, for the hostile datagrams.
 ANSWERS = {2: {1}, 12: {10}, 14: {10}, 17: {10}, 16: {15}, 42: {40}, 43: {41}, 72: {101, 102, 123},
            41: {120, 121, 124}}
 HOSTILE = 2000  # datagrams
 
-# The user who runs the commands of each document. The stand-in programs permit what Debian permits:
-# root may capture but not decode, because Wireshark ignores Lua scripts for root.
+# The user that runs the commands of each document. The stand-in programs have the permissions of
+# Debian: root may capture but not decode, because Wireshark ignores Lua scripts for root.
 STARTS_AS = {"docs/wireshark.md": "user", "docs/operating.md": "root"}
 STAND_IN = """#!/bin/sh
 case ${0##*/} in
@@ -274,7 +275,7 @@ tshark | wireshark)
 esac
 """
 INSTALLED = "/usr/share/doc/zolserver/examples/zol.lua"
-# The expected output of each document's commands: lines that contain all of these.
+# For each document, lines of the commands' output: each must contain all words of a list.
 SHOWN = {
     "docs/wireshark.md": [["ZOL", "CMD_ENTER_GAME position=(1, 2, 3)"]],
     "docs/operating.md": [["10.0.0.10", "50001", "Bob"], ["10.0.0.9", "50000", "Alice", "hi"]],
@@ -296,7 +297,7 @@ def killed_at_the_end(process):
 
 
 def start_capture(port, directory):
-    """Returns the process and the file of its output."""
+    """Starts dumpcap. Returns its process and the file of its output."""
     command = ["dumpcap", "-q", "-i", "lo", "-f", f"udp port {port}", "-B", "32", "-w", CAPTURE]
     log = directory / "dumpcap.log"
     with log.open("w") as output:
@@ -309,7 +310,7 @@ def end_capture(process, log):
     stop(process, signal.SIGINT)
     counts = re.search(r"received/dropped on interface .*: (\d+)/(\d+)", log.read_text())
     if not counts or counts[2] != "0":
-        fail(f"the capture is not complete: {counts and counts[0]}")
+        fail(f"dumpcap dropped datagrams or printed no count: {counts and counts[0]}")
 
 
 def run(*command):
@@ -323,7 +324,7 @@ def play_default(port):
 
 
 def play_pinkpanther(port):
-    """Leaves a player in the game, so that the server pings it and tells it of the stop."""
+    """Leaves a player in the game, so that the capture contains CMD_PING and CMD_SERVER_SHUTDOWN."""
     started = time.monotonic()
     run(ROOT / "script/replay-session", f"127.0.0.1:{port}", "session-pinkpanther")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as stranger:
@@ -333,7 +334,7 @@ def play_pinkpanther(port):
 
 
 def record(settings, play, directory):
-    """The traffic of one server from start to stop: its port and the capture file."""
+    """Captures the traffic of a server from start to stop. Returns its port and the capture file."""
     directory.mkdir()
     port = free_port()
     capturing, log = start_capture(port, directory)
@@ -348,8 +349,8 @@ def record(settings, play, directory):
 
 
 def reader(*paths):
-    """The start of a command that reads these paths. Root runs it as the user nobody, because
-    Wireshark 4.4 and later ignore Lua scripts for root."""
+    """Makes these paths readable, and returns a command prefix: for root, it runs the command as the
+    user nobody, because Wireshark 4.4 and later ignore Lua scripts for root."""
     for path in paths:
         os.chmod(path, 0o755 if path.is_dir() else 0o644)
     if os.geteuid() != 0:
@@ -358,7 +359,7 @@ def reader(*paths):
 
 
 def tshark(port, capture, *options):
-    """The lines that tshark prints for a capture."""
+    """Returns the lines that tshark prints for a capture."""
     directory = capture.parent
     script = pathlib.Path(shutil.copy(DISSECTOR, directory))
     prefix = reader(directory.parent, directory, script, capture)
@@ -373,7 +374,7 @@ def tshark(port, capture, *options):
 
 
 def fields_of(port, capture, columns, *options):
-    """The columns of each datagram, as text. All ports are decoded as ZOL, because a client's
+    """Returns the columns of each datagram, as text. Decodes all ports as ZOL, because a client's
     random port may belong to another protocol in Wireshark."""
     columns = [word for column in columns for word in ("-e", column)]
     lines = tshark(port, capture, "-d", "udp.port==1-65535,zol", "-T", "fields",
@@ -387,26 +388,26 @@ def check_found(port, capture, filters, *options):
     total = [line for line in lines if "<>" in line][-1]
     counts = [int(number) for number in re.findall(r"\d+", total.split("|", 2)[2])][::2]
     if len(counts) != len(filters):
-        fail(f"{len(filters)} filters, and tshark counts:\n" + "\n".join(lines))
+        fail(f"tshark printed no count for some of {len(filters)} filters:\n" + "\n".join(lines))
     for text, count in zip(filters, counts):
         if count == 0:
-            fail(f"no datagram shows {text}")
+            fail(f"no datagram matches the filter {text}")
 
 
 def decode(port, capture):
-    """For each datagram: protocols, sender, code, errors, Info column."""
+    """Returns protocols, sender, code, errors and Info column of each datagram."""
     return fields_of(port, capture, ["frame.protocols", "zol.sender", "zol.command",
                                      "_ws.expert.message", "_ws.col.Info"])
 
 
 def check_datagrams(rows):
-    """The (sender, code) pairs found. The errors must be exactly those of WRONG."""
+    """Returns the pairs (sender, code) found. The errors must be exactly those of WRONG."""
     complaints = []
     seen = set()
     for protocols, sender, code, messages, info in rows:
         if not sender:
             fail(f"not decoded as ZOL: {protocols} {info}")
-        # Wireshark adds this message for some ports, and a random port may be one of them.
+        # Wireshark adds this message for some port numbers, and the random port may be one of them.
         of_datagram = [text for text in messages.split("|")
                        if text and not text.startswith("Possible traceroute")]
         complaints += [(text, info) for text in of_datagram]
@@ -414,7 +415,7 @@ def check_datagrams(rows):
             seen.add((sender, int(code)))
     expected = sorted(WRONG.values())
     if sorted(text.split(":")[0] for text, _ in complaints) != expected:
-        fail(f"expected the complaints {expected}, got:\n" + "\n".join(map(str, complaints)))
+        fail(f"expected the errors {expected}, got:\n" + "\n".join(map(str, complaints)))
     return seen
 
 
@@ -422,7 +423,7 @@ def check_coverage(seen):
     layouts = re.findall(r'^  \{"(client|server)", (\d+), "CMD_', DISSECTOR.read_text(), re.M)
     missing = {(sender, int(code)) for sender, code in layouts} - seen
     if missing or not layouts:
-        fail(f"never seen: {sorted(missing)}")
+        fail(f"datagrams that were not captured: {sorted(missing)}")
 
 
 def layout_sizes():
@@ -445,7 +446,7 @@ def ip_packet(source, destination, payload, protocol):
 
 
 def packet(client, direction, payload, server=0):
-    """A datagram between a client and a server, as an IP packet."""
+    """Returns a datagram between a client and a server, as an IP packet."""
     peers = [client_address(client), (bytes([127, 0, 1, server]), SERVER_PORT)]
     source, destination = peers if direction != "<" else reversed(peers)
     udp = struct.pack("!HHHH", source[1], destination[1], 8 + len(payload), 0) + payload
@@ -456,7 +457,7 @@ def packet(client, direction, payload, server=0):
 
 
 def write_capture(path, packets):
-    """Writes a capture of pairs (microseconds, IP packet)."""
+    """Writes a capture file. `packets` are pairs (microseconds, IP packet)."""
     path.parent.mkdir()
     raw_ip = 101
     with path.open("wb") as file:
@@ -484,7 +485,8 @@ LINE = re.compile(r" *(?:(?P<label>\w+) )?(?P<client>[A-Z])(?P<direction>[<>!]) 
 
 
 def read_cases():
-    """The packets of all cases; for each the match of its line and the frame that it answers."""
+    """Returns the packets of all cases, and for each the match of its line and the number of the frame
+    that it answers."""
     packets, expected = [], []
     time_us = 0
     for server, lines in enumerate(CASES.values()):
@@ -493,7 +495,7 @@ def read_cases():
             if line.strip()[0] == "+":
                 time_us += 1000000 * int(line.strip()[1:])
                 continue
-            parts = LINE.match(line) or fail(f"a case has the line {line}")
+            parts = LINE.match(line) or fail(f"cannot parse a line of CASES: {line}")
             sender = "server" if parts["direction"] == "<" else "client"
             datagram = replay.expand(parts["text"])
             datagram = datagram.ljust(SIZES[sender, parts["text"].split()[0]], b"\0")
@@ -505,7 +507,7 @@ def read_cases():
 
 
 def check_case(parts, answers, answered_in, row, packets):
-    """Checks that one frame is shown as its line says."""
+    """Checks the links and the players that the dissector shows for a frame."""
     number, response_in, response_to, response_time, slot, players, names = row
     wanted = {"response to": str(answers or ""), "response in": str(answered_in or "")}
     shown = {"response to": response_to, "response in": response_in}
@@ -520,7 +522,7 @@ def check_case(parts, answers, answered_in, row, packets):
                              "|".join(pair[2] for pair in pairs if pair[2])]
         shown["players"] = [players, names]
     if shown != wanted:
-        fail(f"frame {number}, {parts[0].strip()}:\nwanted {wanted}\nshown  {shown}")
+        fail(f"frame {number}, {parts[0].strip()}:\nexpected {wanted}\nshown    {shown}")
 
 
 LINK_COLUMNS = ["frame.number", "zol.response_in", "zol.response_to", "zol.response_time",
@@ -533,26 +535,27 @@ def check_cases(directory):
     write_capture(capture, packets)
     rows = fields_of(SERVER_PORT, capture, LINK_COLUMNS, "-2")
     if len(rows) != len(expected):
-        fail(f"{len(expected)} datagrams were written, and {len(rows)} are shown")
+        fail(f"the capture has {len(expected)} datagrams, but tshark shows {len(rows)}")
     answered_in = {answers: frame for frame, (_, answers) in enumerate(expected, 1)}
     for frame, ((parts, answers), row) in enumerate(zip(expected, rows), 1):
         check_case(parts, answers, answered_in.get(frame), row, packets)
-    # All servers get the same name here, with different addresses.
+    # Again with resolved names, where all servers have the same name and different addresses.
     hosts = directory / "hosts"
     hosts.write_text("".join(f"127.0.1.{server} server\n" for server in range(len(CASES))))
     once = fields_of(SERVER_PORT, capture, [*LINK_COLUMNS, "_ws.col.Source"],
                      "-N", "n", "-H", hosts)
     if not any(row[-1] == "server" for row in once):
-        fail("the servers are not shown by their name")
+        fail("tshark does not show the servers' name")
     for (parts, answers), row in zip(expected, once):
         if row[2] != (str(answers) if answers and parts["sure"] == "=" else ""):
-            fail(f"frame {row[0]}, {parts[0].strip()}: on one pass a response to {row[2]}")
+            fail(f"frame {row[0]}, {parts[0].strip()}: in a single pass, a response to {row[2]}")
         if parts["slot"] == "-" and row[4]:
-            fail(f"frame {row[0]}, {parts[0].strip()}: on one pass the slot {row[4]}")
+            fail(f"frame {row[0]}, {parts[0].strip()}: in a single pass, the slot {row[4]}")
 
 
 def hostile_packets():
-    """Datagrams of players: reordered, repeated, cut, changed, from any address, at any time."""
+    """Returns datagrams of the sessions that are reordered, repeated, cut or changed, with random
+    addresses and times."""
     source = random.Random(40)
     datagrams = [(direction, datagram) for name in ("session", "session-pinkpanther")
                  for _, direction, datagram in replay.read_session(name)]
@@ -575,8 +578,8 @@ def hostile_packets():
 
 
 def check_hostile(directory):
-    """Checks that neither pass has a Lua error, and that each link is between one request and one
-    later answer to the same client."""
+    """Checks with one pass and with two that no Lua error occurs, and that each link is between one
+    request and one later answer to the same client."""
     capture = directory / CAPTURE
     write_capture(capture, hostile_packets())
     for options in ((), ("-2",)):
@@ -584,7 +587,7 @@ def check_hostile(directory):
                    "ip.dst", "_ws.expert.message"]
         rows = fields_of(SERVER_PORT, capture, columns, *options)
         if any("Lua" in row[6] or "rror" in row[6] for row in rows):
-            fail("a hostile datagram raises an error:\n" +
+            fail("a hostile datagram causes an error:\n" +
                  "\n".join(row[6] for row in rows if "rror" in row[6])[:2000])
     links = 0
     for frame, (_, response_to, command, sender, source, destination, _) in enumerate(rows, 1):
@@ -595,13 +598,13 @@ def check_hostile(directory):
         if (int(request[2]) not in ANSWERS[int(command)] or int(response_to) >= frame or
                 request[0] != str(frame) or request[3] == sender or
                 (request[4], request[5]) != (destination, source)):
-            fail(f"frame {frame} is linked as an answer to {response_to}")
+            fail(f"frame {frame} is shown as the answer to frame {response_to}")
     if links < HOSTILE // 100:
-        fail(f"only {links} hostile datagrams are linked")
+        fail(f"only {links} hostile datagrams have a link, so the check proves little")
 
 
 def commands_of(document):
-    """The blocks of code that capture or decode."""
+    """Returns the blocks of code that capture or decode."""
     text = (ROOT / document).read_text()
     blocks = re.findall(r"^```sh\n(.*?)^```$", text, re.M | re.S)
     blocks += re.findall(r"(?:^    .*\n)+", text, re.M)
@@ -609,7 +612,7 @@ def commands_of(document):
 
 
 def check_commands(directory):
-    """Checks that the documented commands show the worked session and do not run tshark as root."""
+    """Checks that the documented commands show the example session, and do not run tshark as root."""
     capture = directory / CAPTURE
     write_capture(capture, [(1000 * frame, packet(player, direction, datagram))
                             for frame, (player, direction, datagram)
@@ -633,7 +636,7 @@ def check_commands(directory):
                 [*prefix, "sh", "-ec", block.replace(INSTALLED, str(script))], cwd=directory,
                 capture_output=True, text=True, errors="replace", env=environment, check=False)
             if result.returncode != 0 or not result.stdout:
-                fail(f"{document}: this fails or prints nothing:\n{block}{result.stderr}")
+                fail(f"{document}: these commands fail or print nothing:\n{block}{result.stderr}")
             shown += result.stdout
         for words in SHOWN[document]:
             if not any(all(word in line for word in words) for line in shown.splitlines()):
@@ -646,7 +649,7 @@ def main():
         directory = pathlib.Path(name)
         with concurrent.futures.ThreadPoolExecutor() as pool:
             recording = pool.submit(record, "GameType=1\nmaxClients=2\n", play_pinkpanther,
-                                    directory / "pinkpanther")  # waits for a ping
+                                    directory / "pinkpanther")  # waits 10 seconds for a ping
             check_cases(directory / "cases")
             check_hostile(directory / "hostile")
             check_commands(directory / "commands")
@@ -656,12 +659,12 @@ def main():
         check_coverage(check_datagrams(rows))
         for text in INFO:
             if not any(info.endswith(text) for *_, info in rows):
-                fail(f"no Info column says {text}")
+                fail(f"no Info column ends with {text}")
         check_found(*default, VALUES, "-d", "udp.port==1-65535,zol")
         merged = directory / "merged.pcapng"
         run("mergecap", "-w", merged, default[1], pinkpanther[1])
         check_found(default[0], merged, DECODED_AS, "-d", f"udp.port=={pinkpanther[0]},zol")
-    print(f"{len(rows)} datagrams decoded, every command seen")
+    print(f"dissector: {len(rows)} datagrams decoded, with every command")
 
 
 if __name__ == "__main__":

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Draws docs/zolview.svg: the screen of zolview in a real game of eight bots.
-Usage: script/draw-view [SECONDS]      time of the game before it draws; default: 12"""
+
+Usage: script/draw-view [SECONDS]      length of the game before the picture; default: 12"""
 
 import html
 import itertools
@@ -22,7 +23,7 @@ from lib import BUILD, ROOT, build, free_port, start_server
 COLUMNS, ROWS = 90, 26
 WIDTH, HEIGHT = 8, 17  # of a character, in pixels
 PAGE, TEXT = "#101418", "#d8dee4"
-# By pyte's names of the colours.
+# Pyte's colour names and the colours of the picture.
 COLOURS = {
     "green": "#56d364", "brown": "#e3b341", "cyan": "#39c5cf", "blue": "#79a8ff", "red": "#ff7b72",
     "white": "#ffffff", "magenta": "#ff5fb0",
@@ -35,7 +36,7 @@ Port={PORT}
 
 
 def watch(seconds):
-    """The screen of a view that has run for this time."""
+    """Returns the screen of a view that has run for this time."""
     screen = pyte.Screen(COLUMNS, ROWS)
     stream = pyte.ByteStream(screen)
     child, terminal = pty.fork()
@@ -53,7 +54,7 @@ def watch(seconds):
 
 
 def texts_of(screen):
-    """An SVG text for each word of one style."""
+    """Yields an SVG text element for each word."""
     for row in range(ROWS):
         cells = [screen.buffer[row][column] for column in range(COLUMNS)]
         styles = itertools.groupby(range(COLUMNS), lambda at: (cells[at].fg, cells[at].bold))

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Checks packaging/zolserver.nft, loaded by packaging/zollimits: it limits strangers and does not
+"""Checks that packaging/zolserver.nft, loaded by packaging/zollimits, limits strangers and does not
 affect players.
 
-Usage: script/checks/firewall [RULES]         (default: packaging/zolserver.nft; about a minute)
+Usage: script/checks/firewall [RULES]      (default: packaging/zolserver.nft; takes about a minute)
 
-The server, the players and the strangers have a network namespace each. Every attack runs twice, on
-a server that has just started: without the rules, to show its effect, and with them. Strangers
-send from any address. Needs root, or user namespaces for all users."""
+The server, the players and the strangers are in three network namespaces. Each attack runs twice, each
+time on a new server: without the rules, to show its effect, and with them. Strangers can forge any
+address. Needs root, or user namespaces for all users."""
 
 import json
 import os
@@ -29,14 +29,14 @@ JOIN = b"\x0aStranger" + bytes(57) + b"\x28\0"
 LEAVE = 60
 POSITION, UNKNOWN = b"\x64" + bytes(15), b"\xc8"
 CHAT = b"\x1f" + b"\nExitting...\n" * 4 + b"\0"
-ACCEPTED_BYTES, REPLY_BYTES = 67 + 42, 4 + 42  # with the headers of UDP, IP and Ethernet
-LINK_BYTES = 1000  # the maximum of the link's own traffic meanwhile
-SMALL_SET = 100  # elements of each set in the attack that fills them
+ACCEPTED_BYTES, REPLY_BYTES = 67 + 42, 4 + 42  # including the headers of UDP, IP and Ethernet
+LINK_BYTES = 1000  # maximum of other traffic on the link, such as ARP
+SMALL_SET = 100  # size of each set in the attacks that fill the sets
 
 
 def datagram(source, port, payload):
-    """An IP packet without options or checksums: the kernel adds the IP checksum and does not need
-    that of UDP."""
+    """Returns an IP packet without options and checksums. The kernel adds the IP checksum and accepts
+    UDP without one."""
     udp = struct.pack("!4H", port, PORT, 8 + len(payload), 0) + payload
     return packet(source, udp)
 
@@ -58,21 +58,22 @@ def fragmented_joins():
         yield packet(STRANGER, whole[8:], behind_header, number)
 
 
-# Each attack: the packets, the measured value, its minimum without the rules, its maximum with
-# them, and the increase of that maximum for each second of the attack.
+# Each attack: the packets, the measured value, its minimum without the rules, its maximum with the
+# rules, and the increase of this maximum in each second of the attack.
 ATTACKS = {
     "unknown commands": (lambda: [datagram(STRANGER, 2000, UNKNOWN)] * 500, "arrived", 500, 0, 0),
     "a join and empty datagrams": (
         lambda: [datagram(STRANGER, 2000 + i, b"" if i else JOIN) for i in range(40)],
         "slots", 32, 1, 0),
     "joins in fragments": (fragmented_joins, "slots", 32, 0, 0),
-    "joins of one address": (
+    "joins from one address": (
         lambda: [datagram(STRANGER, 2000 + i, JOIN) for i in range(40)], "slots", 32, 8, 2 / 60),
-    "one player": (lambda: [datagram(STRANGER, 2000, POSITION)] * 3000, "arrived", 3000, 300, 300),
-    "one address": (
+    "a flood from one player": (
+        lambda: [datagram(STRANGER, 2000, POSITION)] * 3000, "arrived", 3000, 300, 300),
+    "a flood from one address": (
         lambda: [datagram(STRANGER, 2000 + i % 100, POSITION) for i in range(20000)],
         "arrived", 20000, 2000, 2000),
-    "forged enters": (
+    "entries with a forged address": (
         lambda: [datagram(VICTIM, 2000, payload) for payload in [JOIN] + [ENTER] * 500],
         "bytes sent", 500 * REPLY_BYTES, ACCEPTED_BYTES + 16 * REPLY_BYTES + LINK_BYTES,
         REPLY_BYTES / 10),
@@ -84,16 +85,16 @@ ATTACKS = {
     "sets filled with addresses": (
         lambda: [datagram(address(i), 2000, POSITION) for i in range(500)], "arrived", 500,
         SMALL_SET, 0),
-    "joins once the sets are full": (
+    "joins after the sets are full": (
         lambda: [datagram(address(i), 2000, POSITION) for i in range(500)] +
         [datagram(STRANGER, 3000 + i, JOIN) for i in range(40)], "slots", 32, 0, 0),
-    "to all machines of the network": (
+    "broadcasts to the network": (
         lambda: [b"broadcast"] * 20, "arrived", 20, 0, 0),
 }  # fmt: skip
 
 
 def attack(name):
-    """Runs in the strangers' namespace. Prints its duration in seconds."""
+    """Sends an attack from the strangers' namespace. Prints its duration in seconds."""
     raw = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
     plain = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     plain.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
@@ -111,7 +112,7 @@ def attack(name):
 
 
 def play():
-    """Runs in the players' namespace: 8 players at 150 Hz behind one address."""
+    """Runs 8 players at 150 Hz with the same address, in the players' namespace."""
     players = [Player((PLAYERS, PORT)) for _ in range(8)]
     start = time.monotonic()
     for step in range(3 * 150):
@@ -126,7 +127,7 @@ def run(*command, **options):
     done = subprocess.run([*map(str, command)], text=True, capture_output=True, check=False,
                           **options)
     if done.returncode != 0:
-        fail(f"{command}: {done.stdout}{done.stderr}")
+        fail(f"{' '.join(map(str, command))} failed: {done.stdout}{done.stderr}")
     return done.stdout
 
 
@@ -151,7 +152,7 @@ def make_networks():
         for place, link, host in (("server", space, 1), (space, "eth", 2)):
             run(*inside(place, "ip", "address", "add", f"{net}.{host}/16", "brd", "+", "dev", link))
             run(*inside(place, "ip", "link", "set", link, "up"))
-    # The answers to all forged addresses go to the strangers' link.
+    # Sends the answers to forged addresses to the strangers' link.
     mac = state_of_link("strangers", "eth")["address"]
     run(*inside("server", "ip", "route", "replace", "10.77.0.0/16", "via", STRANGER, "dev",
                 "strangers", "onlink"))
@@ -159,12 +160,12 @@ def make_networks():
 
 
 class Server:
-    """A new server, with these rules or none."""
+    """A new server with these rules, or without rules."""
 
     def __init__(self, work, rules):
         run(*inside("server", "nft", "flush", "ruleset"))
         if rules:
-            # Bans stay when the rules are loaded again.
+            # Loads the rules twice, because loading them again must keep the bans.
             settings = work / "servers/attacked/zolserver.cfg"
             settings.parent.mkdir(parents=True, exist_ok=True)
             settings.write_text(f"Port={PORT}\n")
@@ -174,7 +175,7 @@ class Server:
             for _ in range(2):
                 said = run(*inside("server", ROOT / "packaging/zollimits", "load"), env=places)
                 if said != f"limits are loaded for UDP port {PORT}\n":
-                    fail(f"zollimits says {said}")
+                    fail(f"zollimits printed {said}")
                 run(*inside("server", "nft", "add", "element", "ip", "zolserver_bans", "banned",
                             f"{{ {BANNED}/31 }}"))
         self.process, self.log = start_server(work, f"maxClients=32\nPort={PORT}\n",
@@ -196,7 +197,7 @@ class Server:
         return state_of_link("server", "strangers")["stats64"]["tx"]["bytes"]
 
     def settled(self, what):
-        """The measured value when it no longer changes."""
+        """Returns the measured value when it no longer changes."""
         before = None
         while before != (now := self.measure(what)):
             before = now
@@ -211,7 +212,7 @@ class Server:
     def stop(self):
         self.process.send_signal(signal.SIGTERM)
         if self.process.wait(timeout=10) != 1 or not self.text().endswith("Exitting...\n"):
-            fail("the server did not stop in order")
+            fail("the server did not stop with status 1 and the line Exitting...")
 
 
 def strangers(name):
@@ -219,7 +220,7 @@ def strangers(name):
 
 
 def try_attack(work, name, rules):
-    """Returns the measured value and the duration."""
+    """Runs an attack on a new server. Returns the increase of the measured value, and the duration."""
     what = ATTACKS[name][1]
     server = Server(work, rules)
     before = server.settled(what)
@@ -234,16 +235,16 @@ def check_attacks(work, rules):
     for name, (_, what, least, most, each_second) in ATTACKS.items():
         without, _ = try_attack(work, name, None)
         if without < least:
-            fail(f"{name}: without rules only {without} {what}, {least} expected")
+            fail(f"{name}: without rules {what}: {without}, at least {least} expected")
         passed, seconds = try_attack(work, name, small if "sets" in name else rules)
         if passed > most + (seconds + 1) * each_second:
-            fail(f"{name}: {passed} {what} in {seconds:.1f} s, {most} and {each_second:.3f} a "
-                 "second allowed")
-        print(f"{name}: {what} {without} without rules, {passed} with", flush=True)
+            fail(f"{name}: with rules {what}: {passed} in {seconds:.1f} s, at most {most} and "
+                 f"{each_second:.3f} a second expected")
+        print(f"{name}: {what}: {without} without rules, {passed} with rules", flush=True)
 
 
 def check_players(work, rules):
-    """Without attacks the rules drop nothing of players; in the attacks bots lose nothing."""
+    """Checks that the rules drop no datagram of players, and that bots lose none during the attacks."""
     server = Server(work, rules)
     run(*inside("players", sys.executable, __file__, "play"))
     if any(server.dropped().values()):
@@ -259,10 +260,10 @@ def check_players(work, rules):
             run(*strangers(name))
     table = bots.communicate()[0]
     if bots.returncode != 0:
-        fail("the bots report errors:\n" + table)
+        fail("bots lose datagrams during the attacks:\n" + table)
     unused = [name for name, count in server.dropped().items() if count == 0 and name != "no_room"]
     if unused:
-        fail(f"never counted: {unused}")
+        fail(f"counters that no attack increased: {unused}")
     server.stop()
 
 
@@ -276,7 +277,7 @@ def check(rules_file):
 
 
 def enter(rules_file):
-    """Processes that still run at the end stop with their namespace."""
+    """Runs this script again in new namespaces. At its end, the kernel kills all their processes."""
     build("zolserver", "zolbots", "zolcheck")
     spaces = ["--map-root-user", "--net", "--mount", "--pid", "--fork", "--kill-child"]
     os.execvp("unshare", ["unshare", *spaces, sys.executable, "-B", __file__, "check", rules_file])

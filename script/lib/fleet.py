@@ -1,8 +1,8 @@
-"""Measures many servers on one machine: their resources without players, and with bots on each.
+"""Measures many servers on one machine: their resources without players, and with bots on each server.
 
-Servers, bots and the kernel share all cores, as on a busy machine, so the delays include the bots'
-own time. Exits with status 1 when a bot received a wrong datagram. A loss is no failure, because a
-machine that is too small loses datagrams.
+Servers, bots and the kernel share all cores, as on a busy machine, so the delays include the time that
+the bots need. Exit status: 0 success, 1 a bot received a wrong datagram. A lost datagram is no failure,
+because a machine that is too small loses datagrams.
 """
 
 import argparse
@@ -23,7 +23,7 @@ PLAYERS = 16
 
 
 def add_server(stack, folder):
-    """Returns the process and its port."""
+    """Starts a server. Returns its process and its port."""
     port = free_port()
     folder.mkdir()
     server, _ = start_server(folder, f"Port={port}\nmaxClients={PLAYERS}\n")
@@ -39,14 +39,14 @@ def fleet(count):
 
 
 def memory_kib(servers, kind):
-    """Pss divides the shared pages of the program and its libraries among their users; Rss counts
-    them for each user."""
+    """Returns the memory of each server. Pss divides each shared page by the number of processes that
+    use it; Rss counts it for each process."""
     texts = (pathlib.Path(f"/proc/{server.pid}/smaps_rollup").read_text() for server, _ in servers)
     return [int(re.search(rf"^{kind}:\s+(\d+) kB", text, re.M)[1]) for text in texts]
 
 
 def processor_ns(servers):
-    """The scheduler's accounts of all threads, the kernel's work on their behalf included."""
+    """Returns each server's processor time in all threads, including system calls."""
     tasks = [pathlib.Path(f"/proc/{server.pid}/task").iterdir() for server, _ in servers]
     return [sum(int((task / "schedstat").read_text().split()[0]) for task in each) for each in tasks]
 
@@ -55,7 +55,7 @@ def measure_idle(count, seconds):
     with fleet(count) as servers:
         before, begin = processor_ns(servers), time.monotonic()
         time.sleep(seconds)
-        # Both readings take the same time, so the interval is the same for each server.
+        # Each reading takes the same time, so the interval is the same for each server.
         after, elapsed_s = processor_ns(servers), time.monotonic() - begin
         used = sum(after) - sum(before)
         resident, shared = memory_kib(servers, "Rss"), memory_kib(servers, "Pss")
@@ -73,16 +73,16 @@ def start_bots(port, seconds):
 
 
 def read_bots(text):
-    """The datagrams of one run of bots: expected, received, lost and wrong; and its delays."""
+    """Returns the numbers of expected, received, lost and wrong datagrams, and the delays."""
     counts = re.findall(r"^(?:relays|answers) +(\d+) +(\d+) +(\d+) +(\d+)$", text, re.M)
     delays = re.search(r"p50 ([\d.]+) ms, p99 ([\d.]+) ms, max ([\d.]+) ms", text)
     if len(counts) != 2 or not delays:
-        fail(f"the bots say:\n{text}")
+        fail(f"the bots printed no result:\n{text}")
     return [sum(map(int, both)) for both in zip(*counts)], [float(each) for each in delays.groups()]
 
 
 def play(servers, seconds):
-    """The results of the bots of each server."""
+    """Runs bots on each server. Returns their results."""
     with contextlib.ExitStack() as stack:
         bots = [stack.enter_context(start_bots(port, seconds)) for _, port in servers]
         return [read_bots(each.communicate()[0]) for each in bots]
@@ -116,7 +116,7 @@ def measure_busy(count, seconds):
 
 
 def show(rows):
-    """The table in Markdown, which is also readable as text."""
+    """Prints the rows as a Markdown table."""
     widths = [max(len(row[i]) for row in rows) for i in range(2)]
     for number, row in enumerate([("", ""), *rows]):
         if number == 1:
@@ -126,10 +126,10 @@ def show(rows):
 
 def main():
     parser = argparse.ArgumentParser(prog="script/fleet", description=__doc__)
-    parser.add_argument("--quick", action="store_true", help="a few seconds, to see that it works")
+    parser.add_argument("--quick", action="store_true", help="measure for a few seconds, as a test of this script")
     quick = parser.parse_args().quick
     build("zolserver", "zolbots")
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the exit ends the started programs
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # the exit ends the servers and the bots
     rows = [*measure_idle(20 if quick else 200, 5 if quick else 60),
             *measure_busy(4 if quick else 16, 5 if quick else 30)]
     show(rows)

@@ -1,9 +1,11 @@
 #!/usr/bin/python3
-"""Looks at the list's page in a real browser: names that are markup, long names, 300 servers, and
-none; on a phone, a tablet and desktops, in the light and in the dark. Follows the filters' links, and
-waits for the page's own refresh. Leaves pictures in build/list-page.
+"""Checks the list's page in a real browser: names that contain markup, long names, 300 servers, and no
+server; in the widths of a phone, a tablet and desktops, with light and dark colours. Follows the links
+of the filters, and waits for the page's refresh. Leaves screenshots in build/list-page.
 
-    script/checks/list-page [--write-docs]      also draws docs/listing.svg again"""
+Usage: script/checks/list-page [--write-docs]
+
+--write-docs also draws docs/listing.svg."""
 
 import contextlib
 import html
@@ -24,7 +26,7 @@ from lib import BUILD, ROOT, build, fail
 
 PATIENCE_S = 30
 PICTURES = BUILD / "list-page"
-# On both sides of the width at which the table becomes blocks, too.
+# Includes both sides of 800 pixels, the width below which the table becomes blocks.
 WIDTHS = {"phone": 360, "phone-wide": 641, "tablet": 800, "tablet-wide": 801, "wide": 1280,
           "desktop": 1920}  # fmt: skip
 PICTURED = ("phone", "tablet", "desktop")
@@ -33,7 +35,7 @@ LONG = ["W" * 31, "W" * 15 + " " + "m" * 15, "Thirty characters in this name", "
 SAMPLE = [("Friday Garage", 7, 16, 1), ("Harn Tor Nights", 3, 32, 0), ("Rookies welcome", 0, 8, 0)]
 FULL_ADDRESS = "255.255.255.255"
 
-# The texts that take more than one line. Only a server's name may.
+# Returns the texts that take more than one line, except the names of servers, which may.
 BROKEN = """
 return [...document.querySelectorAll('td:not(:first-child), th, nav a, nav b')].filter(cell => {
   const range = document.createRange();
@@ -41,7 +43,7 @@ return [...document.querySelectorAll('td:not(:first-child), th, nav a, nav b')].
   return new Set([...range.getClientRects()].map(box => Math.round(box.bottom / 8))).size > 1;
 }).map(cell => cell.textContent)
 """
-# Every cell has its column's header above it or its label in it. A label is seen, too.
+# Returns the visible labels of the cells: the table's header, or the labels in the cells.
 LABELS = """
 const head = document.querySelector('thead');
 if (head.getBoundingClientRect().height > 0) return [...head.querySelectorAll('th')].map(
@@ -64,19 +66,20 @@ def zollist(folder, path, query="", address="192.0.2.1"):
 
 
 def fill(folder, servers, first=(FULL_ADDRESS, 65485)):
-    """Servers are (name, players, most, game type). The first ones are at this address."""
+    """Announces servers: (name, players, max_players, game type). The first 50 have this address."""
     for i, (name, players, most, game_type) in enumerate(servers):
         name = urllib.parse.quote_plus(name.encode()[:31])
         port = first[1] + i % 50
         query = f"name={name}&p={players}&mp={most}&gt={game_type}&port={port}&v=40&os=lin"
         address = f"192.0.2.{i // 50}" if i >= 50 else first[0]
         if "1" not in zollist(folder, "/cgi-bin/zol.pl", query, address):
-            fail(f"not listed: {query}")
+            fail(f"zollist refused the announce {query}")
 
 
 @contextlib.contextmanager
 def served(servers, refresh_s=None, first=(FULL_ADDRESS, 65485)):
-    """Their list on a port of this machine, and the paths that it was asked for."""
+    """Serves a list of these servers on the loopback interface. Yields its URL and the requested
+    paths."""
     asked = []
 
     class Handler(http.server.BaseHTTPRequestHandler):
@@ -119,17 +122,17 @@ def names_on(driver):
 
 
 def faults_of(driver, width):
-    """What is wrong with the page at this width."""
+    """Returns what is wrong with the page at this width."""
     faults = []
     across = driver.execute_script("return document.documentElement.scrollWidth")
     if across > width:
-        faults.append(f"it takes {across} pixels")
+        faults.append(f"the page is {across} pixels wide")
     if broken := driver.execute_script(BROKEN):
-        faults.append(f"these take several lines: {broken[:3]}")
+        faults.append(f"these texts take several lines: {broken[:3]}")
     if driver.find_elements(By.TAG_NAME, "table"):
         labels = driver.execute_script(LABELS)
         if labels != ["Address", "Players", "Game", "Seen"]:
-            faults.append(f"the values have the labels {labels}")
+            faults.append(f"the cells have the labels {labels}")
     return faults
 
 
@@ -142,13 +145,13 @@ def look(driver, case, servers):
     with served(servers) as (address, _):
         driver.get(address)
         if driver.execute_script("return window.hit !== undefined"):
-            fail(f"a name has run as a script in {case}")
+            fail(f"{case}: a name ran as a script")
         names = driver.execute_script(
             "return [...document.querySelectorAll('td:first-child')].map(cell => cell.textContent)"
         )
         wanted = [name.encode()[:31].decode(errors="ignore") for name, *_ in servers]
         if sorted(names) != sorted(wanted):
-            fail(f"{case} shows {names}")
+            fail(f"{case}: the page shows the names {names}")
         for name, width in WIDTHS.items():
             set_width(driver, width)
             if faults := faults_of(driver, width):
@@ -160,12 +163,12 @@ def look(driver, case, servers):
                 command(driver, "setEmulatedMedia", features=media)
                 ground = driver.execute_script("return matchMedia('(prefers-color-scheme: dark)').matches")
                 if ground != (shade == "dark"):
-                    fail(f"the browser is not {shade}")
+                    fail(f"the browser does not use the colour scheme {shade}")
                 driver.save_screenshot(str(PICTURES / f"{case}-{name}-{shade}.png"))
 
 
-def check_the_judge(driver):
-    """A page that breaks its lines, is too wide and has no labels must be found."""
+def check_faults_of(driver):
+    """Checks that faults_of() detects broken lines, a page that is too wide, and missing labels."""
     with served([(name, 1, 16, 1) for name in LONG]) as (address, _):
         driver.get(address)
         for style, width, fault in (
@@ -176,17 +179,17 @@ def check_the_judge(driver):
         ):
             set_width(driver, width)
             if faults_of(driver, width):
-                fail(f"faults before a change: {faults_of(driver, width)}")
+                fail(f"the page has faults without the added style: {faults_of(driver, width)}")
             driver.execute_script(
-                "const style = document.createElement('style'); style.id = 'liar';"
+                "const style = document.createElement('style'); style.id = 'fault';"
                 "style.textContent = arguments[0]; document.head.append(style)", style)  # fmt: skip
             if not any(fault in found for found in faults_of(driver, width)):
-                fail(f"does not see {style}")
-            driver.execute_script("document.getElementById('liar').remove()")
+                fail(f"faults_of() does not detect {style}")
+            driver.execute_script("document.getElementById('fault').remove()")
 
 
 def check_filters(driver):
-    """As a reader: click, and wait for the page's own refresh."""
+    """Clicks the links of the filters, and waits for the page's refresh."""
     servers = [("Pink", 3, 16, 1), ("Solo", 1, 16, 0), ("Calm", 0, 16, 1), ("Quiet", 0, 16, 0)]
     with served(servers, refresh_s=2) as (address, asked):
         driver.get(address)
@@ -203,17 +206,18 @@ def check_filters(driver):
                 driver.find_element(By.LINK_TEXT, link).click()
             WebDriverWait(driver, PATIENCE_S).until(
                 lambda _: names_on(driver) == names.split(),
-                f"\"{link}\" shows {names_on(driver)}, not {names}",
+                f"the link \"{link}\" does not show {names}",
             )
             if count not in driver.find_element(By.TAG_NAME, "body").text:
-                fail(f'"{link}" does not say {count}')
+                fail(f'the page of the link "{link}" does not contain "{count}"')
         before = len(asked)
-        WebDriverWait(driver, PATIENCE_S).until(lambda _: len(asked) > before, "no refresh")
+        WebDriverWait(driver, PATIENCE_S).until(lambda _: len(asked) > before,
+                                                "the page does not refresh itself")  # fmt: skip
         if asked[-1] != "/?empty=no" or names_on(driver) != ["Pink", "Solo"]:
-            fail(f"the refresh asks for {asked[-1]} and shows {names_on(driver)}")
+            fail(f"the refresh requests {asked[-1]} and shows {names_on(driver)}")
 
 
-# Each piece of text with its place and looks, and the lines below the rows.
+# Returns each piece of text with its position and style, the lines below the rows, and the height.
 PIECES = """
 const pieces = [];
 const walker = document.createTreeWalker(document.body, NodeFilter.SHOW_TEXT);
@@ -235,7 +239,7 @@ return [pieces, lines, document.querySelector('table').getBoundingClientRect().b
 
 
 def draw_document(driver):
-    """The page as plain SVG, which programs other than browsers show, too."""
+    """Draws the page as SVG without HTML, so that programs other than browsers can show it."""
     set_width(driver, 860)
     with served(SAMPLE, first=("192.0.2.7", 16309)) as (url, _):
         driver.get(url)
@@ -259,7 +263,7 @@ def main():
     PICTURES.mkdir()
     driver = browser()
     try:
-        check_the_judge(driver)
+        check_faults_of(driver)
         look(driver, "markup", [(name, 0, 16, 0) for name in MARKUP])
         look(driver, "long", [(name, 32 - 32 * (i % 2), 32, i % 2) for i, name in enumerate(LONG)])
         look(driver, "many", [(f"Server {i}", i % 17, 16, i % 2) for i in range(300)])
@@ -269,7 +273,7 @@ def main():
             draw_document(driver)
     finally:
         driver.quit()
-    print(f"list-page: all is well; the pictures are in {PICTURES.relative_to(ROOT)}")
+    print(f"list-page: passed; the screenshots are in {PICTURES.relative_to(ROOT)}")
 
 
 main()

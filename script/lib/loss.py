@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Checks the client library on a network that loses, repeats and delays datagrams: 32 clients have
-correct pictures of each other at the end, no client takes a running server for stopped, and on a
-full server no client keeps a slot that it does not use.
+"""Checks the client library on a network that loses, repeats and delays datagrams. At the end, each of
+32 clients must know the correct state of the others. No client may consider a running server to be
+stopped, and on a full server no client may keep a slot that it does not use.
 
-Usage: script/checks/loss [SEED]      (80 seconds; all games run at the same time)
+Usage: script/checks/loss [SEED]      (default: a random seed; takes 80 seconds)
 
-One of the games lacks the repeats that the pictures need. Its pictures must be wrong."""
+All games run at the same time. In the game "forget", the clients do not repeat their reports. This game
+must fail."""
 
 import contextlib
 import pathlib
@@ -18,7 +19,7 @@ import tempfile
 from lib import BUILD, ROOT, fail, free_port, wait_until_ready
 
 LIMIT_S = 250
-# For each game: the server's slots, and the exit status.
+# For each game: the number of the server's slots, and the expected exit status.
 GAMES = {"play": (32, 0), "forget": (32, 1), "silence": (32, 0), "alone": (32, 0), "full": (4, 0)}
 
 
@@ -52,13 +53,13 @@ def main():
                 [BUILD / "lossy_crowd", game, f"127.0.0.1:{port}", seed],
                 stdout=subprocess.PIPE, text=True)
         for game, process in runs.items():
-            said = process.communicate(timeout=LIMIT_S)[0].splitlines() or ["nothing was said"]
+            said = process.communicate(timeout=LIMIT_S)[0].splitlines() or ["no output"]
             print(f"{game}: {said[-1]}")
             if process.returncode != GAMES[game][1]:
                 failed.append(game)
                 print(*said[:20], sep="\n")
     if failed:
-        fail(f"with seed {seed}: {', '.join(failed)}")
+        fail(f"wrong exit status with seed {seed}: {', '.join(failed)}")
 
 
 main()

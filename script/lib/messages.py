@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
-"""Compares the console lines of the server with the table of docs/operating.md: every line must have
-a row, and every row a line. In a row, words in capitals are placeholders."""
+"""Checks that the table in docs/operating.md explains every line that the server prints, and no other
+line. In the table, words in capitals are placeholders.
+
+Usage: script/checks/messages"""
 
 import re
 
@@ -15,14 +17,14 @@ STRING = re.compile(r'"((?:[^"\\]|\\.)*)"')
 
 
 def printed_formats():
-    """The format of every line that the server prints."""
+    """Returns the format of every line that the server prints."""
     formats = set()
     for folder in ("announce", "config", "net", "server", "util"):
         for source in (ROOT / folder).glob("*.cpp"):
             text = source.read_text()
             calls = CALL.findall(text)
             if len(calls) != len(ANY_PRINT.findall(text)):
-                fail(f"a line of {folder}/{source.name} cannot be parsed")
+                fail(f"{folder}/{source.name}: this check cannot parse the arguments of a print call")
             for call in calls:
                 joined = "".join(STRING.findall(call)).replace('\\"', '"')
                 formats |= {line.strip() for line in joined.split("\\n") if line.strip()}
@@ -30,7 +32,7 @@ def printed_formats():
 
 
 def pattern_of(text):
-    """The pattern of a row for this format."""
+    """Returns the pattern that the table's row must match for this format."""
     parts = re.split(r"%(?:\.\*)?[sdu]", text)
     return re.compile("[A-Z]*".join(map(re.escape, parts)))
 
@@ -38,14 +40,14 @@ def pattern_of(text):
 def main():
     section = (ROOT / DOCUMENT).read_text().split("## What the lines mean\n")
     if len(section) != 2:
-        fail(f"{DOCUMENT} has no table of lines")
+        fail(f"{DOCUMENT} has no section \"What the lines mean\"")
     rows = re.findall(r"^\| `(.+?)` \|", section[1].split("\n## ")[0], re.M)
     patterns = {text: pattern_of(text) for text in printed_formats()}
     missing = [text for text, pattern in patterns.items() if not any(map(pattern.fullmatch, rows))]
     stale = [row for row in rows if not any(p.fullmatch(row) for p in patterns.values())]
     if missing or stale:
-        fail(f"{DOCUMENT} lacks {missing} and has {stale}, which is never printed")
-    print(f"{len(patterns)} console lines are explained in {DOCUMENT}")
+        fail(f"{DOCUMENT}: rows to add: {missing}; rows that the server never prints: {stale}")
+    print(f"{DOCUMENT} explains all {len(patterns)} console lines")
 
 
 if __name__ == "__main__":

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Measures the tests: changes the programs' code in random places, one at a time, and counts the
-mutants that no test detects. A survivor is behaviour without a test, a needless line, or a change
-without effect. Ctrl-C ends a run early; build-mutate/report.txt is always up to date. Equal seed
-and code give equal mutants. Mutants run in separate namespaces, and end with the run."""
+"""Measures the tests: changes the programs' code in one random place at a time, and counts the mutants
+that no test detects. A mutant that survives is behaviour without a test, a needless line, or a change
+without an effect. Ctrl-C ends a run early; build-mutate/report.txt is always up to date. The same seed
+and the same code give the same mutants. Mutants run in separate namespaces, and end with the run."""
 
 import argparse
 import collections
@@ -32,9 +32,9 @@ WORK = ROOT / "build-mutate"
 FOLDERS = ["util", "net", "config", "server", "announce", "check", "client", "bots", "text", "view",
            "listing"]  # fmt: skip
 BUILD_LIMIT = 900  # seconds
-TEST_LIMIT = 20  # seconds, the least limit of every test
-LINK_SECONDS = 2  # about
-# Bytes. A mutant must not fill the disk or the memory.
+TEST_LIMIT = 20  # seconds, the minimum time limit of a test
+LINK_SECONDS = 2  # the estimated time to link a test
+# In bytes, so that a mutant cannot fill the disk or the memory.
 LIMITS = {resource.RLIMIT_CORE: 0, resource.RLIMIT_FSIZE: 1 << 28, resource.RLIMIT_AS: 1 << 32}
 
 TOKEN = re.compile(
@@ -45,8 +45,8 @@ TOKEN = re.compile(
       | (?P<sign> <<= | >>= | -> | :: | \+\+ | -- | && | \|\| | << | >> | [-+*/%&|^<>=!]= | \S)""",
     re.VERBOSE | re.MULTILINE | re.DOTALL,
 )
-# The formatter puts blanks only around binary operators: not around the brackets of a template, and
-# not at the sign of a pointer or a reference.
+# Replacements for binary operators. clang-format puts blanks only around these: not around the brackets
+# of a template, and not around the sign of a pointer or a reference.
 BINARY = {
     "<": ("<=", ">"), "<=": ("<", ">="), ">": (">=", "<"), ">=": (">", "<="), "==": ("!=", "<="),
     "!=": ("==", "<"), "&&": ("||",), "||": ("&&",), "+": ("-",), "-": ("+",), "*": ("/",),
@@ -54,7 +54,8 @@ BINARY = {
     "+=": ("-=", "="), "-=": ("+=", "="), "|=": ("&=", "="), "&=": ("|=", "="),
 }  # fmt: skip
 ELSEWHERE = {"!": ("",), "++": ("--",), "--": ("++",), "true": ("false",), "false": ("true",)}
-# A jump, a call, an assignment, or a step. A declaration has a blank before the name it declares.
+# Matches jumps, calls, assignments, increments and decrements. Matches no declaration, which has a
+# blank before the declared name.
 STATEMENT = re.compile(
     r"return;|break;|continue;|\w[^\s=(]*\(.*;|[\w*]\S* (?:[-+*/%&|^]|<<|>>)?= .*;"
     r"|(?:\+\+|--)\w\S*;|\w\S*(?:\+\+|--);",
@@ -90,7 +91,7 @@ def token_variants(text, token):
 
 
 def statement_end(text, tokens, i):
-    """The end of the statement that starts at token i; None if it is not to be deleted."""
+    """Returns the end of the statement that starts at token i, or None if a mutant must keep it."""
     before, start = tokens[i - 1], tokens[i].start()
     label = before[0] == ":" and "\n" in text[before.end() : start]
     if not label and before[0] not in (";", "{", "}", ")", "else"):
@@ -100,7 +101,7 @@ def statement_end(text, tokens, i):
 
 
 def points_of(text):
-    """Every place that can be mutated: start, end, and the replacements."""
+    """Yields the places that a mutant can change: start, end, and replacements."""
     tokens = [token for token in TOKEN.finditer(text) if token.lastgroup != "skip"]
     for i, token in enumerate(tokens):
         variants = token_variants(text, token)
@@ -112,15 +113,15 @@ def points_of(text):
             start, end = tokens[i + 1].end(), tokens[i + 1 + inside].start()
             yield start, end, [f"!({text[start:end]})"]
         end = statement_end(text, tokens, i)
-        if end:  # The following lines keep their numbers.
+        if end:  # the line feeds keep the numbers of later lines
             yield token.start(), end, ["{}" + "\n" * text.count("\n", token.start(), end)]
 
 
 def read_tree():
-    """The files that git tracks, as they are in the clone, committed or not."""
+    """Returns the contents of all files that git tracks, including uncommitted changes."""
     listed = subprocess.run(["git", "ls-files", "-z"], stdout=subprocess.PIPE)
     if listed.returncode:
-        raise SystemExit("mutate: needs git and a clone of the repository")
+        raise SystemExit("mutate: run this in a clone of the repository, with git")
     names = [name for name in listed.stdout.decode().split("\0") if os.path.isfile(name)]
     return {name: pathlib.Path(name).read_bytes() for name in names}
 
@@ -133,7 +134,7 @@ def choose_mutants(tree, seed, only):
     product = [name for name in sorted(tree)
                if folder_of(name) in FOLDERS and name.endswith((".cpp", ".h"))]  # fmt: skip
     if wrong := set(only) - set(product) - set(FOLDERS):
-        raise SystemExit(f"mutate: no folder or source of the programs: {', '.join(sorted(wrong))}")
+        raise SystemExit(f"mutate: --only: unknown folder or source: {', '.join(sorted(wrong))}")
     sources = [name for name in product if {name, folder_of(name)} & set(only or FOLDERS)]
     chance = random.Random(seed)
     mutants = [
@@ -151,7 +152,8 @@ def broken(tree, mutant):
 
 
 def run(command, folder, limit):
-    """The exit status, None after the limit in seconds, and the output. Leaves no process."""
+    """Runs a command and ends its process group. Returns the exit status (None after `limit` seconds)
+    and the output."""
     with tempfile.TemporaryFile() as output:
         child = subprocess.Popen(
             command, cwd=folder, stdin=subprocess.DEVNULL, stdout=output, stderr=output,
@@ -169,12 +171,12 @@ def run(command, folder, limit):
 def must_run(command, folder):
     status, output = run(command, folder, BUILD_LIMIT)
     if status != 0:
-        raise RuntimeError(f"{output}\nthis failed on whole code: {' '.join(command)}")
+        raise RuntimeError(f"{output}\nthis failed on the unchanged code: {' '.join(command)}")
     return output
 
 
 class Job:
-    """A copy of the tree with a build folder, which tests one mutant at a time."""
+    """Tests one mutant at a time in a copy of the sources, with a separate build folder."""
 
     def __init__(self, number, tree):
         self.tree = tree
@@ -199,7 +201,7 @@ class Job:
             programs = [word for word in command if word.startswith(str(self.build))]
             name = test["name"]
             if any(word.startswith("--gtest_filter") for word in command):
-                # All of its tests in one process, which saves most of the time.
+                # Runs all tests of the program in one process, which saves most of the time.
                 name, command = os.path.basename(programs[0]), [*programs, "--gtest_fail_fast"]
             else:
                 command = [*command, "--failfast"]
@@ -213,23 +215,23 @@ class Job:
         shutil.copytree(self.build, self.whole, symlinks=True)
 
     def cost(self, test):
-        """The estimated seconds until the test kills a mutant, from its results so far."""
+        """Returns the estimated seconds until this test detects a mutant, from the results so far."""
         return (LINK_SECONDS + test.seconds) / (self.kills[test.name] + 1)
 
     def is_whole(self, path):
-        """Whether a file of the build is the same as for unchanged code."""
+        """Returns whether a file of the build is still that of the unchanged code."""
         kept = self.whole / path.relative_to(self.build)
         return path.exists() and path.stat().st_mtime_ns == kept.stat().st_mtime_ns
 
     def end_orphans(self):
-        """Ends the programs that a test has left running."""
+        """Kills the programs that a test has left running."""
         for process in pathlib.Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(OSError):
                 if os.readlink(process / "exe").startswith(str(self.build)):
                     os.kill(int(process.name), signal.SIGKILL)
 
-    def judge(self, mutant):
-        """The verdict, and the test that found it."""
+    def try_mutant(self, mutant):
+        """Returns the verdict, and the name of the test that detected the mutant."""
         (self.folder / mutant.file).write_bytes(broken(self.tree, mutant).encode())
         for test in sorted(self.tests, key=self.cost):
             targets = [os.path.relpath(program, self.build) for program in test.programs]
@@ -242,13 +244,13 @@ class Job:
                 self.end_orphans()
                 self.kills[test.name] += 1
                 return TIMED_OUT if status is None else KILLED, test.name
-        # Also compiles the programs without a test.
+        # Compiles the programs that no test uses.
         status, _ = run(["ninja", "-j1"], self.build, BUILD_LIMIT)
         return SURVIVED if status == 0 else REFUSED, ""
 
     def restore(self, mutant):
-        """Puts files back instead of compiling again. The source comes last: a run that ends
-        before finds it changed and compiles it."""
+        """Copies the unchanged build back, which is faster than a build. Restores the source last: if
+        the run ends before, the next one finds the source changed and compiles it."""
         for path in self.whole.rglob("*"):
             built = self.build / path.relative_to(self.whole)
             if path.is_file() and not self.is_whole(built):
@@ -256,7 +258,7 @@ class Job:
                 shutil.copy2(path, built)
         source = self.folder / mutant.file
         source.write_bytes(self.tree[mutant.file])
-        os.utime(source, (1, 1))  # older than everything built from it
+        os.utime(source, (1, 1))  # older than all files built from it
 
     def work(self, mutants, results):
         try:
@@ -265,7 +267,7 @@ class Job:
             while True:
                 mutant = mutants.get()
                 begin = time.monotonic()
-                verdict = self.judge(mutant)
+                verdict = self.try_mutant(mutant)
                 self.restore(mutant)
                 results.put(Result(mutant, *verdict, time.monotonic() - begin))
         except Exception as error:
@@ -275,20 +277,20 @@ class Job:
 
 def start_jobs(tree, count):
     mutants, results = queue.Queue(), queue.Queue()
-    print(f"building {count} copies and running the tests on whole code", flush=True)
+    print(f"building {count} copies and running the tests on the unchanged code", flush=True)
     for number in range(count):
         job = Job(number, tree)
         threading.Thread(target=job.work, args=(mutants, results), daemon=True).start()
     for _ in range(count):
         results.get()
-    os.environ["CCACHE_DISABLE"] = "1"  # no mutant is compiled twice
-    os.environ["ZOL_PATIENCE_S"] = "10"  # for a test that waits for a mutant
+    os.environ["CCACHE_DISABLE"] = "1"  # each mutant is compiled only once
+    os.environ["ZOL_PATIENCE_S"] = "10"  # a test waits only this long for a mutant
     return mutants, results
 
 
 def try_mutants(tree, options, done):
-    """Hands out the mutants in order, and no more than needed: the choice of mutants does not
-    depend on which job is faster."""
+    """Gives the jobs the chosen mutants in order, and only as many as needed, so that the tested
+    mutants do not depend on the speed of the jobs."""
     chosen, given = choose_mutants(tree, options.seed, options.only), 0
     mutants, results = start_jobs(tree, options.jobs)
     while True:
@@ -304,7 +306,7 @@ def try_mutants(tree, options, done):
 
 
 def summary(done):
-    """A line for each folder with its share of survivors and the 95 % Wilson interval."""
+    """Returns a line for each folder, with the share of survivors and its 95 % Wilson interval."""
     said = f"{'folder':9}{REFUSED:>9}{'compiled':>10}{KILLED:>8}{TIMED_OUT:>11}{SURVIVED:>10}\n"
     for folder in [*FOLDERS, ""]:
         counts = collections.Counter(
@@ -338,8 +340,8 @@ def report(tree, done):
 
 
 def isolate():
-    """Runs this script again in new namespaces for network, processes and /tmp. The clone moves
-    with it, because it may be in /tmp. The user stays the same, because a test checks it."""
+    """Runs this script again in new namespaces for network, processes and mounts, with an empty /tmp.
+    Mounts the clone again, because it may be in /tmp. Keeps the user id, because a test checks it."""
     setup = """ip link set lo up
         mount -n --rbind "$PWD" /mnt; mount -n -t tmpfs tmpfs /tmp
         mkdir -p "$PWD"; mount -n --move /mnt "$PWD"; cd "$PWD"; exec "$@" """
@@ -353,12 +355,15 @@ def isolate():
 
 
 def read_options():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--count", type=int, default=500, help="mutants that compile (500)")
-    parser.add_argument("--seed", type=int, default=1, help="chooses them (1)")
-    parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="at once (cores)")
+    parser = argparse.ArgumentParser(prog="script/mutate", description=__doc__)
+    parser.add_argument("--count", type=int, default=500,
+                        help="number of mutants that compile (default: 500)")
+    parser.add_argument("--seed", type=int, default=1,
+                        help="seed of the choice of mutants (default: 1)")
+    parser.add_argument("--jobs", type=int, default=os.cpu_count(),
+                        help="mutants at a time (default: the number of cores)")
     parser.add_argument("--only", nargs="+", default=[], metavar="FOLDER",
-                        help="break these folders or files only")
+                        help="change only these folders or files")
     parser.add_argument("--isolated", action="store_true", help=argparse.SUPPRESS)
     return parser.parse_args()
 
@@ -376,8 +381,8 @@ def main():
     done = []
     with contextlib.suppress(KeyboardInterrupt):
         try_mutants(read_tree(), options, done)
-    print(f"\n{summary(done)}Survivors in full: build-mutate/report.txt", flush=True)
-    os._exit(0)  # the end of this first process of its namespace ends all others
+    print(f"\n{summary(done)}All survivors: build-mutate/report.txt", flush=True)
+    os._exit(0)  # this is the first process of its namespace, so all others end with it
 
 
 if __name__ == "__main__":

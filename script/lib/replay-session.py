@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Replays a worked session of docs/protocol.md against a server that was just started.
+"""Replays an example session of docs/protocol.md on a server that has just started.
 
-Usage: script/replay-session [SERVER:PORT [SESSION]]     (127.0.0.1:16309, session)
+Usage: script/replay-session [HOST:PORT [SESSION]]      (default: 127.0.0.1:16309 session)
 
-SESSION is the name after the ``` of the block: session or session-pinkpanther. Every datagram to a
-player in the block must arrive, byte for byte and in that player's order, and no other. Only the
-time of day (CMD_ENTER_GAME_REPLY, CMD_GAME_CLOCK) may differ, and a CMD_PING may arrive.
+SESSION is the name after the ``` of the block: session or session-pinkpanther. Each player must receive
+its datagrams in the order of the block, byte for byte, and no others. Exceptions: the time of day in
+CMD_ENTER_GAME_REPLY and CMD_GAME_CLOCK may differ, and each player may receive CMD_PING.
 """
 
 import re
@@ -16,14 +16,14 @@ from lib import ROOT, command_codes
 
 DOCUMENT = ROOT / "docs/protocol.md"
 CODES = command_codes()
-TIME_OF_DAY = {16: slice(2, 4), 72: slice(1, 3)}  # by code
+TIME_OF_DAY = {16: slice(2, 4), 72: slice(1, 3)}  # bytes of the datagram, by code
 PING = b"\x01"
 REPLY_SECONDS = 2.0
 SILENCE_SECONDS = 0.2
 
 
 def expand(text):
-    """The bytes of "CMD_JOIN 42 00*3"."""
+    """Returns the bytes of a text such as "CMD_JOIN 42 00*3"."""
     name, *rest = text.split()
     datagram = bytearray([CODES[name]])
     for token in rest:
@@ -33,13 +33,13 @@ def expand(text):
 
 
 def read_session(name):
-    """The lines (player, "<" or ">", datagram) of a block."""
+    """Returns the lines of a block, as (player, "<" or ">", datagram)."""
     block = re.search(rf"^```{name}\n(.*?)^```$", DOCUMENT.read_text(), re.M | re.S)
     if block is None:
-        sys.exit(f"{DOCUMENT.name} has no block {name}")
+        sys.exit(f"replay-session: {DOCUMENT.name} has no block {name}")
     lines = [line for line in block[1].splitlines() if not line.startswith("#")]
     if not lines:
-        sys.exit(f"{DOCUMENT.name}: the block {name} is empty")
+        sys.exit(f"replay-session: the block {name} of {DOCUMENT.name} is empty")
     return [(line[0], line[1], expand(line[2:])) for line in lines]
 
 
@@ -52,7 +52,7 @@ def without_time(datagram):
 
 
 def receive(player, seconds):
-    """The next datagram that is no ping, or None."""
+    """Returns the next datagram that is no ping, or None after this time."""
     player.settimeout(seconds)
     try:
         while (datagram := player.recv(65536)) == PING:
@@ -74,10 +74,12 @@ def replay(server, lines):
         received = receive(players[name], REPLY_SECONDS)
         if received is None or without_time(received) != without_time(datagram):
             shown = received.hex(" ") if received else "nothing"
-            sys.exit(f"datagram {number}: {name} got {shown}\ninstead of {datagram.hex(' ')}")
+            sys.exit(f"replay-session: datagram {number}: player {name} received {shown}\n"
+                     f"instead of {datagram.hex(' ')}")
     for name, player in players.items():
         if (extra := receive(player, SILENCE_SECONDS)) is not None:
-            sys.exit(f"{name} got {extra.hex(' ')}, which the session does not show")
+            sys.exit(f"replay-session: player {name} received {extra.hex(' ')}, "
+                     "which is not in the session")
 
 
 def main():
@@ -88,7 +90,7 @@ def main():
     try:
         replay((host, int(port)), lines)
     except ConnectionRefusedError:
-        sys.exit(f"no server at {address}")
+        sys.exit(f"replay-session: no server listens at {address}; start one first")
     print(f"{session}: {len(lines)} datagrams as documented")
 
 

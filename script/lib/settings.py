@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
-"""Compares the settings in the documents with the server's table of settings, CONFIG_KEYS: the keys
-and their order, the defaults and the limits."""
+"""Checks the settings in the documents against CONFIG_KEYS in config/config_reader.h: the keys and their
+order, the defaults and the limits.
+
+Usage: script/checks/settings"""
 
 import collections
 import re
@@ -10,7 +12,7 @@ from lib import ROOT, fail
 TABLE = "config/config_reader.h"
 RECORD = "config/server_config.h"
 PROTOCOL = "server/protocol.h"
-# The pattern of a setting in each document. The limits are numbers in its text.
+# The pattern of a setting in each document. The numbers in its text are the limits.
 DOCUMENTS = {
     "README.md": r"^\| `(?P<key>\w+)` \| `(?P<default>.*?)` \| (?P<text>.*) \|$",
     "packaging/zolserver.cfg": r"(?P<text>(?:^# .*\n)+)(?P<key>\w+)=(?P<default>.*)$",
@@ -26,7 +28,7 @@ def read(name):
 
 
 def read_table():
-    """The settings in the order of the table. The limit of a text is its length."""
+    """Returns the settings in the order of the table. The limit of a text is its length."""
     record = read(RECORD)
     numbers = dict(re.findall(r"\b([A-Z_]+) = (\d+)\b", read(PROTOCOL) + record))
     fields = {name: (width, numbers.get(default, default)) for name, width, default in
@@ -34,7 +36,7 @@ def read_table():
     rows = re.findall(r'key_of\("(\w+)",\s+Kind::(\w+),\s+server_config\.(\w+)'
                       r"(?:,\s+(\w+),\s+(\w+))?\)", read(TABLE))
     if sorted(fields) != sorted(key for key, *_ in rows):
-        fail(f"{TABLE} or {RECORD} has another form")
+        fail(f"this check cannot parse {TABLE} or {RECORD}: their fields and keys differ")
     table = []
     for key, kind, field, *limits in rows:
         width, default = fields[field]
@@ -47,7 +49,7 @@ def read_table():
 
 def compare(name, what, found, expected):
     if found != expected:
-        fail(f"{name}: {what} {found}, but {expected} in {TABLE} and {RECORD}")
+        fail(f"{name}: {what} {found}, but in {TABLE} and {RECORD} {expected}")
 
 
 def compare_document(name, table):
@@ -55,7 +57,7 @@ def compare_document(name, table):
     compare(name, "the keys are", [entry["key"] for entry in entries], [each.key for each in table])
     for entry, setting in zip(entries, table):
         compare(name, f"the default of {setting.key} is", entry["default"], setting.default)
-        is_port = setting.kind == "PORT"  # its text has other numbers, or none
+        is_port = setting.kind == "PORT"  # its text may contain other numbers
         limits = re.findall(r"\d+(?= characters)" if is_port else r"\d+", entry["text"])
         if limits or not is_port:
             compare(name, f"the limits of {setting.key} are", limits, setting.limits)
