@@ -1,4 +1,4 @@
-"""The server list and its asker, with servers that answer and that do not.
+"""Tests zolask and the list with simulated servers, some of which do not answer.
 
 Usage: ask_test.py ZOLLIST ZOLASK [TEST...]"""
 
@@ -23,8 +23,7 @@ REFUSED = b"\x0eYou need Version 9".ljust(65, b"\0")
 
 
 class FakeServer:
-    """Answers its try of this number and all later ones; None is no answer. It hears from one asker at
-    a time."""
+    """Answers each try from this number on, or never if the answer is None."""
 
     def __init__(self, case, answer=REFUSED, first_try=1, other_port=False, address="127.0.0.1"):
         self.near, self.far = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
@@ -71,12 +70,12 @@ class AskTest(ListCase):
     def serve_until_answered(self, servers):
         self.serve_until(lambda: all(self.state_of(each) != OPEN for each in servers), servers)
 
-    def page_says_nobody_asks(self):
+    def page_reports_no_asker(self):
         return b"New servers do not appear now" in self.ask()[2]
 
     def test_shows_servers_that_answer(self):
-        cases = (  # the server, its state, how often it may be asked
-            (FakeServer(self), SEEN, (1, 2)),  # a busy machine may take the first answer late
+        cases = (  # the server, its state, the possible numbers of tries
+            (FakeServer(self), SEEN, (1, 2)),  # on a busy machine, the first answer may be late
             (FakeServer(self, address="127.3.2.1"), SEEN, (1, 2)),
             (FakeServer(self, first_try=3), SEEN, (3,)),
             (FakeServer(self, answer=None), SILENT, (3,)),
@@ -89,7 +88,7 @@ class AskTest(ListCase):
         servers = [case[0] for case in cases]
         for server in servers:
             self.assertEqual(self.announced(server), "1")
-            self.assertEqual(self.announced(server), "2", "the question is open")
+            self.assertEqual(self.announced(server), "2", "the server has not answered yet")
         self.assertEqual(self.listed(), [])
         self.start_asker()
         self.serve_until_answered(servers)
@@ -112,11 +111,11 @@ class AskTest(ListCase):
         (entry,) = self.listed()
         self.assertEqual((entry["name"], entry["players"]), ("New", 3))
         self.announced(late, p="0", os=None, disconnect="1")
-        self.assertEqual(self.announced(late), "1", "it is asked like a new one")
+        self.assertEqual(self.announced(late), "1", "zolask asks it like a new server")
         self.assertEqual(self.listed(), [])
 
     def test_a_crowd_does_not_delay_the_others(self):
-        """As many as the list holds, of 200 addresses, and then 20 servers of another address."""
+        """Fills the list with servers of 200 addresses, and then announces 20 of another address."""
         self.announce()
         last = FakeServer(self, address="127.9.0.1")
         self.fill((f"127.9.{i % 200}.1", 1 + i // 200, OPEN, 0) for i in range(LIMIT - 2))
@@ -127,10 +126,10 @@ class AskTest(ListCase):
         self.assertEqual(self.change("SELECT count(*) FROM server"), [(LIMIT,)])
         self.start_asker()
         self.serve_until_answered([*honest, last])
-        self.assertLess(max(each.times[0] for each in honest), last.times[0], "the oldest of 50 comes last")
+        self.assertLess(max(each.times[0] for each in honest), last.times[0], "the oldest server of the largest address comes last")
         self.assertEqual({self.state_of(each) for each in honest}, {SEEN})
 
-    def test_what_nobody_sees_goes_first(self):
+    def test_a_full_list_drops_invisible_entries_first(self):
         def left(address):
             return sorted(self.change("SELECT port, state FROM server WHERE address = ?", (address,)))
 
@@ -141,10 +140,10 @@ class AskTest(ListCase):
                   ("10.9.0.3", 1, OPEN, 4), ("10.9.0.4", 1, SILENT, 0), ("10.9.0.5", 1, OPEN, 0)]  # fmt: skip
         self.fill(mass + seen + others)
         for newcomer, crowd, rest in (
-            ("10.8.0.1", "10.9.0.4", []),  # the silent one
-            ("10.8.0.2", "10.9.0.2", [(1, OPEN), (2, OPEN)]),  # the newest of most
+            ("10.8.0.1", "10.9.0.4", []),  # the silent entry
+            ("10.8.0.2", "10.9.0.2", [(1, OPEN), (2, OPEN)]),  # the newest entry of the address with most
             ("10.8.0.3", "10.9.0.2", [(1, OPEN)]),
-            ("10.8.0.4", "10.9.0.1", [(port, SEEN) for port in range(1, 6)]),  # no crowd of others
+            ("10.8.0.4", "10.9.0.1", [(port, SEEN) for port in range(1, 6)]),  # no address has more invisible entries
             ("10.8.0.4", "10.9.0.1", [(port, SEEN) for port in range(1, 5)]),
             ("10.8.0.5", "10.8.0.4", [(16309, OPEN)]),
             ("10.8.0.6", "10.9.0.1", [(port, SEEN) for port in range(1, 4)]),
@@ -157,41 +156,41 @@ class AskTest(ListCase):
         self.fill(("10.7.0.1", port, SILENT, 0) for port in (1, 2))
         seen = self.change("SELECT count(*) FROM server WHERE state = 2")
         for i in range(9):
-            self.assertEqual(self.announce(f"10.6.0.{i}"), "1", "it takes the place of an older one")
-        self.assertEqual(self.announce("10.6.0.8", port="1"), "0", "it would drive out another")
+            self.assertEqual(self.announce(f"10.6.0.{i}"), "1", "it replaces an older entry")
+        self.assertEqual(self.announce("10.6.0.8", port="1"), "0", "it may not replace the entry of another address")
         self.assertEqual(self.change("SELECT count(*) FROM server WHERE state = 2"), seen)
 
-    def test_silent_ports_of_an_address_leave_room(self):
+    def test_silent_entries_do_not_use_up_the_limit_of_an_address(self):
         self.announce(disconnect="1")
         self.fill(("192.0.2.1", port, SILENT, 0) for port in range(1, 65))
         self.assertEqual(self.announce(), "1")
         self.change("UPDATE server SET state = 0")
-        self.assertEqual(self.announce(port="1000"), "0", "of open questions there are 64 at most")
+        self.assertEqual(self.announce(port="1000"), "0", "an address has at most 64 open entries")
 
-    def test_says_on_the_page_that_nobody_asks(self):
-        self.assertTrue(self.page_says_nobody_asks())
+    def test_page_reports_that_no_asker_runs(self):
+        self.assertTrue(self.page_reports_no_asker())
         self.asks = "no"
-        self.assertFalse(self.page_says_nobody_asks())
+        self.assertFalse(self.page_reports_no_asker())
         self.asks = "yes"
         for stop, status in ((signal.SIGTERM, 0), (signal.SIGINT, 0), (signal.SIGKILL, -9)):
             asker = self.start_asker()
-            self.serve_until(lambda: not self.page_says_nobody_asks())
+            self.serve_until(lambda: not self.page_reports_no_asker())
             asker.send_signal(stop)
             self.assertEqual(asker.wait(PATIENCE_S), status)
             self.assertEqual(asker.stderr.read(), "")
-            self.assertTrue(self.page_says_nobody_asks())
+            self.assertTrue(self.page_reports_no_asker())
 
-    def test_the_asker_survives_its_database(self):
+    def test_survives_failures_of_the_database(self):
         self.path.write_bytes(b"this is no database, but it is long enough to look like one" * 20)
         asker = self.start_asker()
         self.assertIn("file is not a database", asker.stderr.readline())
-        self.assertFalse(select.select([asker.stderr], [], [], 1.2)[0], "it says so once in two looks")
+        self.assertFalse(select.select([asker.stderr], [], [], 1.2)[0], "it repeats no message")
         self.path.unlink()
         server = FakeServer(self)
-        self.serve_until(lambda: not self.page_says_nobody_asks())
+        self.serve_until(lambda: not self.page_reports_no_asker())
         second = self.start_asker()
         self.assertIn("another zolask asks for this list", second.stderr.readline())
-        for file in self.path.parent.glob("list.sqlite*"):  # as when it is deleted by hand
+        for file in self.path.parent.glob("list.sqlite*"):  # an operator deletes the list
             file.unlink()
         self.assertEqual(self.announced(server), "1")
         self.serve_until_answered([server])
@@ -208,7 +207,7 @@ class AskTest(ListCase):
             each.terminate()
             self.assertEqual((each.wait(PATIENCE_S), each.stderr.read()), (0, ""))
 
-    def test_the_asker_needs_a_name(self):
+    def test_needs_the_path_of_the_database(self):
         done = subprocess.run([ZOLASK], env={}, stderr=subprocess.PIPE, text=True)
         self.assertEqual((done.returncode, done.stderr),
                          (2, "zolask: ZOLLIST_DATABASE is not set: name the file of the list\n"))  # fmt: skip

@@ -1,4 +1,4 @@
-"""The real zolcheck and the real server.
+"""Tests zolcheck, also beside a real server.
 
 Usage: check_test.py ZOLSERVER ZOLCHECK [TEST...]"""
 
@@ -35,7 +35,7 @@ class CheckTest(ServerCase):
                                 text=True, timeout=timeout, **options)  # fmt: skip
         return result.returncode, result.stdout, result.stderr
 
-    def test_says_what_servers_will_use(self):
+    def test_prints_the_settings(self):
         self.directory("good", SAMPLE.read_text())
         self.directory("doubtful", "ServerName=D\nPort=70001\nGameType=1\nmaxClient=3\n")
         good = 'good: "Unnamed Server", port 16309, 16 players, Deathmatch, not listed\n'
@@ -52,7 +52,7 @@ class CheckTest(ServerCase):
         status, said, _ = self.check("--help")
         self.assertEqual((status, said[:40]), (0, "usage: zolcheck [--start | --port] [DIRE"))
 
-    def test_says_what_would_go_wrong(self):
+    def test_reports_failures(self):
         self.directory("one", "Port=5000\n")
         self.directory("two", "Port=5000\n")
         self.directory("wrong", "Port=65536\n")
@@ -61,7 +61,7 @@ class CheckTest(ServerCase):
         self.directory("empty", None)
         no_settings = "empty: no zolserver.cfg and no zolserver.conf; a server would use the defaults\n"
         self.assertEqual(self.check("empty")[::2], (1, no_settings))
-        # If this machine has a server on the default port, the output has another line.
+        # A second line follows if a server of this machine uses the default port.
         status, _, complaints = self.check("--start", "empty")
         self.assertEqual((status, complaints.splitlines(True)[0]), (2, no_settings))
         self.directory("closed", "Port=5000\n")
@@ -70,7 +70,7 @@ class CheckTest(ServerCase):
         (self.folder / "loop/zolserver.cfg").symlink_to("zolserver.cfg")
 
         def limits():
-            resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32))  # 40 directories need no more
+            resource.setrlimit(resource.RLIMIT_NOFILE, (32, 32))  # so it must close the files of 40 directories
             for right in CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH:
                 LIBC.prctl(PR_CAPBSET_DROP, right)
 
@@ -92,8 +92,8 @@ class CheckTest(ServerCase):
                 status, _, complaints = self.check(*arguments, preexec_fn=limits)
                 self.assertEqual((status, complaints), (2, complaint))
 
-    def test_says_what_a_list_makes_of_a_name(self):
-        """Only a server that announces itself is listed."""
+    def test_reports_names_that_a_list_shows_differently(self):
+        """Only with AnnounceServer=true, because only then a list shows the name."""
         advice = "; avoid & + % and more than 31 bytes\n"
         for i, (name, doubts) in enumerate((
             ("A plain name", ""),
@@ -122,7 +122,7 @@ class CheckTest(ServerCase):
                     expected = f"{directory}/zolserver.cfg:2: {doubts}{advice}"
                     self.assertEqual(found, [expected] if doubts and announces == b"true" else [])
 
-    def test_explains_the_longest_lines_in_time(self):
+    def test_is_fast_on_the_longest_lines(self):
         more = "1: more lines are suspicious; correct these first"
         for key, count, last in (("a=", 1, '1: unknown key "a"'), ("maxClients=", 100, more)):
             with self.subTest(key):
@@ -131,7 +131,7 @@ class CheckTest(ServerCase):
                 self.assertEqual((status, doubts.count("\n"), doubts.splitlines()[-1]),
                                  (1, count, f"{key}/zolserver.cfg:{last}"))
 
-    def test_keeps_two_servers_from_one_port(self):
+    def test_detects_a_port_in_use(self):
         self.start_on_free_port("Foo=1\n")
         self.read_to(RULE)
         self.directory("second", f"Port={self.port}\nmaxClients=99\n")
@@ -139,12 +139,12 @@ class CheckTest(ServerCase):
         status, said, complaints = self.check("--start", "second")
         self.assertEqual((status, said, complaints.splitlines()[-1]),
                          (2, "", f"second: port {self.port} is in use; is the server running already?"))
-        self.assertEqual(self.check("second")[0], 1, "the server itself may be what runs there")
+        self.assertEqual(self.check("second")[0], 1, "without --start, the server itself may use the port")
         status, said, complaints = self.check("--start", "other")
         self.assertEqual((status, said, complaints.count("\n")), (0, "", 1))
 
-    @unittest.skipIf(FIRST_FREE_PORT < 1024, "any user may open any port here")
-    def test_says_when_a_port_takes_a_right(self):
+    @unittest.skipIf(FIRST_FREE_PORT < 1024, "on this machine, any user may open this port")
+    def test_reports_a_missing_privilege(self):
         self.directory("low", "Port=1023\n")
         drop = lambda: LIBC.prctl(PR_CAPBSET_DROP, CAP_NET_BIND_SERVICE)
         status, _, complaints = self.check("--start", "low", preexec_fn=drop)

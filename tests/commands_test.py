@@ -1,4 +1,4 @@
-"""script/checks/commands believes neither a document nor a check that lies."""
+"""Tests that script/checks/commands detects commands that no check runs."""
 
 import importlib
 import pathlib
@@ -37,10 +37,10 @@ class Commands(unittest.TestCase):
         self.assertEqual(self.complaints(RUN.replace("- | show", "- |\n  show")), [])
         self.assertEqual(self.complaints(f"'''Docstring'''\nrun('''{RUN}''')\n", ".py"), [])
 
-    def test_liars(self):
+    def test_commands_that_no_check_runs(self):
         for name, check in {
             "not run": "",
-            "run in other words": "nft list counter",
+            "run under another name": "nft list counter",
             "run with another option": "nft list counters -a",
             "a part of another path": "/opt/nft list counters",
             "a part of another word": "xnft list counters",

@@ -1,4 +1,4 @@
-"""The real example client on a real server.
+"""Tests the example client on a real server.
 
 Usage: example_test.py ZOLSERVER ZOLEXAMPLE [TEST...]"""
 
@@ -31,7 +31,7 @@ class ExampleTest(ServerCase):
             self.assertEqual(example.communicate(timeout=PATIENCE_S)[0], "accepted\nin the game\n")
             self.assertEqual(example.returncode, 0)
 
-    def test_says_why_it_does_not_play(self):
+    def test_prints_refusals(self):
         server, port = bound_socket()
         server.settimeout(PATIENCE_S)
         with server, subprocess.Popen([ZOLEXAMPLE, f"127.0.0.1:{port}"], stdout=subprocess.PIPE,
@@ -45,7 +45,7 @@ class ExampleTest(ServerCase):
             example.terminate()
             self.assertEqual(example.communicate(timeout=PATIENCE_S)[0], "Full\naccepted\nit stopped\n")
 
-    def test_wants_one_address(self):
+    def test_bad_arguments(self):
         for arguments, complaint in (((), "usage: zolexample HOST[:PORT]"),
                                      (("127.0.0.1:x",), "a server is HOST or HOST:PORT")):
             done = subprocess.run([ZOLEXAMPLE, *arguments], capture_output=True, text=True,

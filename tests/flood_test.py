@@ -1,4 +1,4 @@
-"""The real zolview and zolbots with servers that never answer, or that flood them.
+"""Tests zolview and zolbots with servers that never answer, and with servers that flood them.
 
 Usage: flood_test.py ZOLSERVER ZOLVIEW ZOLBOTS [TEST...]"""
 
@@ -16,7 +16,7 @@ from view_test import ZOLVIEW, Terminal
 
 ZOLBOTS = os.path.realpath(sys.argv.pop(1))
 
-# One call sends many datagrams: the kernel splits the bytes, see UDP_SEGMENT in udp(7).
+# Ancillary data: the kernel splits the bytes of one call into datagrams. See UDP_SEGMENT in udp(7).
 ONE_BYTE_EACH = (socket.IPPROTO_UDP, 103, struct.pack("H", 1))
 
 
@@ -35,14 +35,14 @@ class Unanswered:
         self.joins = [self.server.recv(300)]
 
     def end(self):
-        """The number of joins, the datagram after them, and the exit status."""
+        """Returns the number of joins, the datagram after them, and the exit status."""
         while (heard := self.server.recv(300)) == self.joins[0]:
             self.joins.append(heard)
         return len(self.joins), heard, self.process.wait(PATIENCE_S)
 
 
 class FloodingServer:
-    """Lets one client in, and sends it pings faster than any client takes them."""
+    """Accepts one client, and sends it pings faster than any client can read them."""
 
     def __init__(self, case):
         self.case = case
@@ -51,7 +51,7 @@ class FloodingServer:
         self.socket.settimeout(PATIENCE_S)
 
     def flood(self, process):
-        """Begins after the client has joined. Both share a processor; the client gets little of it."""
+        """Waits for the client's join. Both programs share a processor core, at the client's cost."""
         client = self.socket.recvfrom(300)[1]
         self.socket.sendto(b"\x11\0\0Flood".ljust(67, b"\0"), client)
         processor = {min(os.sched_getaffinity(0))}
@@ -71,7 +71,7 @@ class FloodingServer:
 class FloodTest(ServerCase):
     @classmethod
     def setUpClass(cls):
-        # It stops trying after four seconds. Other tests run meanwhile.
+        # This program ends after four seconds. Other tests run meanwhile.
         cls.unanswered = Unanswered(cls.addClassCleanup, ZOLVIEW, "--once")
 
     def test_leaves_a_server_that_does_not_answer(self):
@@ -112,11 +112,11 @@ class FloodTest(ServerCase):
             self.addCleanup(bots.wait)
             self.addCleanup(bots.kill)
             server.flood(bots)
-        for _ in range(1000):  # answered pings: the flood is at full rate
+        for _ in range(1000):  # the answers to pings show that the flood is at full rate
             server.socket.recv(300)
         runs[1].send_signal(signal.SIGINT)
         for bots in runs:
-            bots.wait(15)  # seconds; it needs three
+            bots.wait(15)  # seconds; it needs about three
 
 
 if __name__ == "__main__":

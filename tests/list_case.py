@@ -1,4 +1,5 @@
-"""The server list in a folder, called as a web server calls it."""
+"""The base class of the list's tests. Calls zollist as a web server does, with a list in a new
+folder."""
 
 import contextlib
 import json
@@ -31,10 +32,10 @@ class ListCase(unittest.TestCase):
         folder = self.enterContext(tempfile.TemporaryDirectory())
         self.path = pathlib.Path(folder, "list.sqlite")
         self.bans = pathlib.Path(folder, "bans")
-        self.said = ""  # by the last call, to the error log
+        self.said = ""  # standard error of the last call
 
     def ask(self, path="/", query="", address="192.0.2.1", method="GET", ports=None, agent=AGENT, **options):
-        """The status, the headers and the body."""
+        """Calls zollist. Returns the status, the headers and the body."""
         environment = {
             "REQUEST_METHOD": method, "SCRIPT_NAME": path, "QUERY_STRING": query,
             "REMOTE_ADDR": address, "ZOLLIST_DATABASE": str(self.path), "ZOLLIST_ASK": self.asks,
@@ -52,18 +53,18 @@ class ListCase(unittest.TestCase):
         return headers["Status"][:3], headers, body
 
     def announce(self, address="192.0.2.1", ports=None, **changes):
-        """The digit that a server reads."""
+        """Announces a server. Returns the digit of the answer."""
         status, _, body = self.ask(ANNOUNCE, query_of(**changes), address, ports=ports)
         self.assertEqual((status, body[:4], body[5:]), ("200", b"  \r\n", b"\n"))
         return body[4:5].decode()
 
     def change(self, *statement):
-        """Of the database by somebody else; the rows that it gives."""
+        """Runs a statement on the database, as another program may do. Returns the rows."""
         with contextlib.closing(sqlite3.connect(self.path)) as database, database:
             return database.execute(*statement).fetchall()
 
     def fill(self, entries):
-        """Lists (address, port, state, first seen) without announces."""
+        """Adds entries (address, port, state, first_seen) without announces."""
         now = int(time.time())
         with contextlib.closing(sqlite3.connect(self.path)) as database, database:
             database.executemany(

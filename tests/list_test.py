@@ -1,4 +1,4 @@
-"""The server list without its asker.
+"""Tests zollist without zolask.
 
 Usage: list_test.py ZOLLIST [TEST...]"""
 
@@ -16,7 +16,7 @@ from list_case import AGENT, ANNOUNCE, LIMIT, SEEN, ListCase, query_of
 class ListTest(ListCase):
     asks = "no"
 
-    def test_enters_refreshes_and_removes(self):
+    def test_adds_updates_and_removes(self):
         self.assertEqual(self.announce(), "1")
         entry = self.listed()[0]
         self.assertRegex(entry["first_seen"], r"^20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ$")
@@ -52,7 +52,7 @@ class ListTest(ListCase):
             self.assertEqual(self.announce(address), "0", address)
         self.assertEqual(self.listed(), [])
 
-    def test_takes_any_name(self):
+    def test_accepts_any_name(self):
         for sent, shown in {
             "": "", "A%20b%2Bc+d": "A b+c d", "100%": "100%", "%4": "%4", "%zz%41": "%zzA",
             "%C3%B6\udcf6": "Ã¶ö", "%00%1b%7f%9b%0a": "?????", "x" * 40: "x" * 31,
@@ -63,17 +63,17 @@ class ListTest(ListCase):
             self.announce(name=sent)
             self.assertEqual(self.listed()[0]["name"], shown, sent)
         self.announce(name="&mp=1&p=99&port=7&v=1&gt=9")
-        self.assertEqual(self.listed()[0]["port"], 16309, "the last one of a key counts")
+        self.assertEqual(self.listed()[0]["port"], 16309, "the last value of a key counts")
         self.announce(name="<b>'\"&amp")
         self.assertIn("<td>&lt;b&gt;&#39;&quot;</td>", self.page())
 
-    def test_shows_the_address_for_a_name_that_is_blank(self):
+    def test_shows_the_address_instead_of_a_blank_name(self):
         for name in ("", "+", "%20%C2%A0+", "%E3%80%80"):
             self.announce(name=name)
             self.assertIn("<tr class=\"free\"><td>192.0.2.1:16309</td><td><code>", self.page(), name)
 
     def test_counts_and_filters(self):
-        """The page and JSON give the same servers for each query."""
+        """The page and the JSON must contain the same servers for each query."""
         self.assertEqual(json.loads(self.ask("/servers.json")[2]),
                          {"total_players": 0, "total_servers": 0, "servers": []})  # fmt: skip
         self.assertIn("No server is listed now", self.page("empty=no"))
@@ -103,7 +103,7 @@ class ListTest(ListCase):
                 self.assertEqual(answer["total_servers"], len(answer["servers"]))
                 self.assertEqual(answer["total_players"], int(count.split()[0]))
 
-    def test_links_keep_the_other_choice(self):
+    def test_links_keep_the_other_filter(self):
         self.announce()
         for query, links in (
             ("", ["?empty=no", "?game=0", "?game=1"]),
@@ -114,7 +114,7 @@ class ListTest(ListCase):
         ):
             self.assertEqual(re.findall('href="(.*?)"', self.page(query)), links, query)
 
-    def test_forgets_who_is_silent(self):
+    def test_removes_old_entries(self):
         self.announce()
         self.age(658)
         self.assertEqual(len(self.listed()), 1)
@@ -125,13 +125,13 @@ class ListTest(ListCase):
     def test_has_limits(self):
         verdicts = [self.announce(port=str(1000 + i), ports="3") for i in range(5)]
         self.assertEqual(verdicts, ["1", "1", "1", "0", "0"])
-        self.assertEqual(self.announce(port="1000", ports="3"), "2", "who is on it stays")
+        self.assertEqual(self.announce(port="1000", ports="3"), "2", "the limit does not apply to known servers")
         self.assertEqual(self.announce("192.0.2.2", ports="3"), "1")
         self.announce(port="1000", disconnect="1")
         self.assertEqual(self.announce(port="1003", ports="3"), "1")
         self.fill((f"10.0.{i // 256}.{i % 256}", 1, SEEN, 0) for i in range(LIMIT - 4))
-        self.assertEqual(self.announce("198.51.100.1"), "1", "10,000 entries: one with three goes")
-        self.assertEqual(self.announce("198.51.100.1", port="1"), "0", "an address has two at most")
+        self.assertEqual(self.announce("198.51.100.1"), "1", "an entry of an address with three is dropped")
+        self.assertEqual(self.announce("198.51.100.1", port="1"), "0", "no address has more than two entries")
         self.assertEqual(self.announce("192.0.2.2"), "2")
         self.assertEqual(self.change("SELECT count(*) FROM server"), [(LIMIT,)])
 
@@ -148,7 +148,7 @@ class ListTest(ListCase):
         self.assertEqual(self.ask("/x")[0], "404")
         self.assertEqual(self.ask("/", method="POST")[0], "405")
 
-    def test_takes_announces_of_servers_only(self):
+    def test_accepts_announces_only_from_servers(self):
         self.announce(port="7")
         for method, agent, status in (
             ("GET", "Mozilla/5.0", "403"), ("GET", "", "403"), ("GET", "ZOL/0.1", "403"),
@@ -161,10 +161,10 @@ class ListTest(ListCase):
         self.assertIn(b"User-Agent", self.ask(ANNOUNCE, query_of(), agent="x")[2])
         self.assertEqual([each["port"] for each in self.listed()], [7])
 
-    def test_drops_entries_of_the_future(self):
+    def test_removes_entries_of_the_future(self):
         self.announce()
         self.age(-5)
-        self.assertEqual(len(self.listed()), 1, "a process may have read the clock a moment ago")
+        self.assertEqual(len(self.listed()), 1, "another process may have read the clock a little later")
         self.age(-60)
         self.assertEqual(self.listed(), [])
         self.assertEqual(self.announce(), "1", "it is new again")
@@ -212,7 +212,7 @@ class ListTest(ListCase):
             for statement in statements:
                 database.execute(statement)
 
-    def test_refuses_other_files_and_leaves_them_alone(self):
+    def test_does_not_change_other_files(self):
         other = "another program's database, left as it is: name another file in ZOLLIST_DATABASE"
         table = "CREATE TABLE server (name)"
         for statements, reason in (
@@ -241,11 +241,11 @@ class ListTest(ListCase):
                      "CREATE INDEX server_last_seen ON server (last_seen)",
                      f"INSERT INTO server VALUES {row}", "PRAGMA user_version = 1")  # fmt: skip
         self.asks = "yes"
-        self.assertEqual([each["name"] for each in self.listed()], ["A"], "it counts as seen")
+        self.assertEqual([each["name"] for each in self.listed()], ["A"], "an old entry is visible")
         self.assertEqual(self.announce(), "2")
         self.assertEqual(self.change("PRAGMA user_version"), [(2,)])
 
-    def test_says_why_it_fails_after_it_was_opened(self):
+    def test_reports_a_damaged_database(self):
         self.announce()
         page = self.change("SELECT rootpage FROM sqlite_schema WHERE name = 'server'")[0][0] - 1
         size = self.change("PRAGMA page_size")[0][0]
@@ -254,7 +254,7 @@ class ListTest(ListCase):
         self.path.write_bytes(content[: page * size] + b"\x55" * size + content[(page + 1) * size :])
         self.assert_unavailable("database disk image is malformed: the file is damaged; stop the list")
 
-    def test_says_who_is_in_the_way(self):
+    def test_reports_a_locked_database(self):
         self.announce()
         with contextlib.closing(sqlite3.connect(self.path)) as database:
             database.execute("BEGIN IMMEDIATE")
@@ -262,15 +262,15 @@ class ListTest(ListCase):
                                     [ANNOUNCE])  # fmt: skip
             self.assertEqual(len(self.listed()), 1)
 
-    def test_keeps_what_it_has_when_the_disk_is_full(self):
+    def test_keeps_its_entries_when_the_disk_is_full(self):
         self.announce()
         limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (8192, 8192))
         reason = "the disk or the quota is full: free some space"
         self.assert_unavailable(reason, [ANNOUNCE], preexec_fn=limit)
         self.assertEqual([each["port"] for each in self.listed()], [16309])
 
-    def test_many_at_once_lose_nothing(self):
-        """From an empty file, which all of them find."""
+    def test_loses_no_concurrent_announce(self):
+        """The database does not exist before, so many processes create it at the same time."""
         verdicts = {}
 
         def work(first):

@@ -1,4 +1,4 @@
-"""The real zolview on a server that answers late or not at all, and what it prints with --once.
+"""Tests zolview --once, and zolview on a server that answers late or never.
 
 Usage: once_test.py ZOLSERVER ZOLVIEW [TEST...]"""
 
@@ -22,7 +22,7 @@ class OnceTest(ViewCase):
             text=True, timeout=PATIENCE_S, stdin=subprocess.DEVNULL,
         )  # fmt: skip
 
-    def test_once_does_not_wait_where_nobody_listens(self):
+    def test_does_not_wait_for_a_closed_port(self):
         nobody = subprocess.run([ZOLVIEW, "--once", "127.0.0.1:1"], capture_output=True, text=True,
                                 timeout=3)
         self.assertEqual((nobody.returncode, nobody.stdout, nobody.stderr),
@@ -37,13 +37,13 @@ class OnceTest(ViewCase):
             broadcast.until_text("zolview: cannot reach the server: ")
             self.assertEqual(broadcast.process.wait(PATIENCE_S), 1)
 
-    def test_once_hears_all_and_asks_three_times(self):
+    def test_asks_three_times_for_unknown_slots(self):
         server, port = bound_socket()
         server.settimeout(PATIENCE_S)
         client = subprocess.Popen([ZOLVIEW, "--once", f"127.0.0.1:{port}"], stdout=subprocess.PIPE)
         with server, client:
             address = server.recvfrom(300)[1]
-            client.send_signal(signal.SIGSTOP)  # it reads the next three datagrams together
+            client.send_signal(signal.SIGSTOP)  # it then reads three datagrams at once
             os.waitpid(client.pid, os.WUNTRACED)
             for datagram in (bytes([17, 0]).ljust(67), bytes([42, 1]).ljust(164), bytes([42, 2]).ljust(164)):
                 server.sendto(datagram, address)
@@ -54,7 +54,7 @@ class OnceTest(ViewCase):
             self.assertEqual(questions, [bytes([40, slot]) for slot in range(3, 32)] * 3)
             self.assertEqual(client.stdout.read().count(b"\n"), 3)
 
-    def test_once_says_who_is_on(self):
+    def test_prints_the_players(self):
         self.start_on_free_port('maxClients=3\nGameType=1\nWelcomeMessage=Hi "you"\n')
         self.read_to(RULE)
         empty = self.once()
@@ -90,8 +90,8 @@ class OnceTest(ViewCase):
             self.assertEqual((wrong.returncode, wrong.stderr), (2, f"zolview: {complaint}\n"))
 
     def relay(self):
-        """A relay to the server that loses the first datagram of each kind, and the first record of
-        each player. It swaps every fifth datagram with the next one."""
+        """Starts a proxy that loses the first datagram of each kind and the first record of each
+        player, and swaps every fifth datagram with the next one. Returns its port."""
         near, far = (socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2))
         near.bind(("127.0.0.1", 0))
         far.connect(("127.0.0.1", self.port))
@@ -123,7 +123,7 @@ class OnceTest(ViewCase):
         self.addCleanup(done.set)
         return near.getsockname()[1]
 
-    def test_sees_all_through_a_bad_network(self):
+    def test_finds_all_players_on_a_bad_network(self):
         self.start_and_wait("maxClients=32\n")
         for i in range(5):
             self.guest(b"P%d" % i, i, i)

@@ -1,4 +1,4 @@
-"""The real program: its output, its stop, and its processor time when idle.
+"""Tests the server as a process: its console, its stop, and its processor time when idle.
 
 Usage: process_test.py ZOLSERVER [TEST...]"""
 
@@ -35,7 +35,7 @@ def pipe(mode):
 
 
 def terminal():
-    """It cannot be opened again by its path."""
+    """Returns both ends of a terminal that the server cannot reopen by its path."""
     reader, writer = os.openpty()
     tty.setraw(writer)
     os.fchmod(writer, 0)
@@ -43,8 +43,8 @@ def terminal():
 
 
 def consoles():
-    """For each kind of console: the end to read, the end for the server, whether it is the server's
-    controlling terminal, and a number of lines that do not fit into it."""
+    """Yields each kind of console: the test's end, the server's end, whether it is the server's
+    controlling terminal, and a number of lines that exceeds its buffer."""
     yield *pipe(0o600), False, 300
     yield *pipe(0), False, 300
     yield *terminal(), True, 2000
@@ -55,7 +55,7 @@ def consoles():
 
 
 def server_on(reader, writer, is_controlling):
-    """A server on this console, and a player in its game."""
+    """Starts a server on this console. Returns its case and a player in its game."""
     def prepare():
         LIBC.prctl(PR_SET_SECUREBITS, SECBIT_NOROOT)  # root may not open every file
         if is_controlling:
@@ -72,7 +72,7 @@ def server_on(reader, writer, is_controlling):
 
 
 def check_on_all_consoles(check):
-    """All consoles at the same time, because each waits for seconds."""
+    """Runs the check on all consoles at the same time, because each waits for seconds."""
     with contextlib.ExitStack() as cleanups, concurrent.futures.ThreadPoolExecutor() as pool:
         started = []
         for reader, writer, is_controlling, lines in consoles():
@@ -83,7 +83,7 @@ def check_on_all_consoles(check):
 
 
 class ProcessTest(ServerCase):
-    def test_each_stop_signal_ends_it_in_order(self):
+    def test_stop_signals(self):
         for number in (signal.SIGINT, signal.SIGHUP, signal.SIGTERM):
             self.start_and_wait()
             player = self.enter_game()
@@ -92,14 +92,14 @@ class ProcessTest(ServerCase):
             names = set()
             while "zol-ping\n" not in names and time.monotonic() < end:
                 names = {task.read_text() for task in self.proc("task").glob("*/comm")}
-            # The program, or its emulator.
+            # The name of the program or of its emulator.
             own_name = self.proc("exe").readlink().name
             self.assertEqual(names, {"zol-ping\n", f"{own_name}\n"})
             self.server.send_signal(number)
             self.assertEqual(player.heard(), b"\x13")
             self.assert_stopped_in_order()
 
-    # The game's tests set all globals first. The next two tests use the program's initial values.
+    # The tests of the game set all globals. Only the next two tests use the initial values.
 
     def test_begins_with_a_table_of_zeros(self):
         self.start_and_wait()
@@ -119,7 +119,7 @@ class ProcessTest(ServerCase):
         self.assertEqual(second.heard()[0], 42)
         self.assertEqual([second.heard(), second.heard()], [b"\xd1\x64", b"\xd1\0"])
 
-    def test_keeps_no_descriptor_but_its_socket(self):
+    def test_leaks_no_descriptor(self):
         self.start_and_wait()
         for _ in range(50):
             self.enter_game().say(60)
@@ -127,12 +127,12 @@ class ProcessTest(ServerCase):
         self.assertEqual(kept, [0, 1, 2, 3])
 
     @unittest.skipIf(os.getuid() != 0, "needs root")
-    def test_gives_raised_rights_up(self):
+    def test_drops_privileges(self):
         self.start_and_wait(preexec_fn=lambda: os.setresuid(65534, 0, 0))
         users = re.search("^Uid:(.*)$", self.proc("status").read_text(), re.M)[1].split()
         self.assertEqual(users[:2], ["65534", "65534"])
 
-    def test_says_why_it_cannot_start(self):
+    def test_reports_why_it_cannot_start(self):
         taken, port = bound_socket()
         self.addCleanup(taken.close)
         for text, reason in ((port, 7), (65536, 3)):
@@ -158,14 +158,14 @@ class ProcessTest(ServerCase):
         thread = threading.Thread(target=flood)
         thread.start()
         try:
-            self.assertEqual(witness.heard()[0], 200, "the flood is being handled")
+            self.assertEqual(witness.heard()[0], 200, "the server handles the flood")
             self.server.send_signal(signal.SIGTERM)
             self.assert_stopped_in_order()
         finally:
             done.set()
             thread.join()
 
-    def test_lives_on_without_a_reader_and_costs_nothing_when_idle(self):
+    def test_survives_a_closed_pipe_and_sleeps_when_idle(self):
         self.start_and_wait()
         player = self.enter_game()
         self.server.stdout.close()
@@ -173,7 +173,7 @@ class ProcessTest(ServerCase):
             player.say(200)
         player.say(15, 100)
         self.assertEqual(player.heard()[0], 16)
-        # Nanoseconds that the main thread has run. They stop increasing when it waits again.
+        # The run time of the main thread in nanoseconds is constant while the thread sleeps.
         before = None
         while before != (ran := self.proc("schedstat").read_text().split()[0]):
             before = ran
@@ -181,20 +181,20 @@ class ProcessTest(ServerCase):
         time.sleep(0.3)
         self.assertEqual(self.proc("schedstat").read_text().split()[0], before)
 
-    def test_opens_a_console_again_where_it_can(self):
+    def test_reopens_a_console_without_blocking(self):
         def never_blocks(case, *_):
             flags = re.search(r"^flags:\s*(\d+)$", case.proc("fdinfo/1").read_text(), re.M)[1]
             return int(flags, 8) & os.O_NONBLOCK != 0
 
         self.assertEqual(check_on_all_consoles(never_blocks), [True, False, True, False, False])
 
-    def test_a_console_that_nobody_reads_stops_neither_the_game_nor_the_stop(self):
+    def test_a_full_console_delays_neither_the_game_nor_the_stop(self):
         def check(case, player, reader, lines):
             case.say_unknown(player, lines)
             text, missing = b"", []
             os.set_blocking(reader.fileno(), False)
             while not missing or not text.endswith(b" here\nUnknown Command: 200 \n"):
-                case.say_unknown(player, 1)  # the server tries a console that blocks once a second
+                case.say_unknown(player, 1)  # the server tries a full console only once a second
                 lines += 1
                 with contextlib.suppress(BlockingIOError):
                     while more := os.read(reader.fileno(), 4096):
@@ -209,10 +209,10 @@ class ProcessTest(ServerCase):
 
         check_on_all_consoles(check)
 
-    def test_a_reader_that_is_a_little_late_loses_nothing(self):
+    def test_waits_for_a_slow_reader(self):
         def check(case, player, reader, lines):
-            # Another process reads, because this one is busy. Much later than this, on a machine with
-            # other work, the second of patience would be over. A terminal ends with an error.
+            # Another process reads, because this one is busy. It must begin well within the second that
+            # the server waits, also on a busy machine. At the end of a terminal, cat reports an error.
             late = subprocess.Popen(["sh", "-c", "sleep 0.2; exec cat"], stdin=reader,
                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
             case.say_unknown(player, lines)
@@ -223,7 +223,7 @@ class ProcessTest(ServerCase):
 
         check_on_all_consoles(check)
 
-    def test_a_console_file_at_its_limit_ends_nothing(self):
+    def test_survives_the_size_limit_of_a_console_file(self):
         limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (150, 150))
         with tempfile.TemporaryFile() as file:
             self.start_on_free_port(stdout=file, preexec_fn=limit)
@@ -235,7 +235,7 @@ class ProcessTest(ServerCase):
             self.server.send_signal(signal.SIGTERM)
             self.assertEqual(self.server.wait(PATIENCE_S), 1)
 
-    def test_no_socket_becomes_a_standard_descriptor(self):
+    def test_no_socket_gets_a_standard_descriptor(self):
         close = lambda: [os.close(handle) for handle in range(3)]
         self.start_on_free_port(preexec_fn=close, stdout=None)
         player = Player(self.port)

@@ -1,4 +1,4 @@
-"""A real server in a new folder, and its players."""
+"""The base class of tests with a real server: starts it in a new folder, and adds players."""
 
 import os
 import pathlib
@@ -10,7 +10,7 @@ import sys
 import tempfile
 import unittest
 
-PATIENCE_S = int(os.environ.get("ZOL_PATIENCE_S", "60"))  # until a test considers a server stuck
+PATIENCE_S = int(os.environ.get("ZOL_PATIENCE_S", "60"))  # time limit for anything a test waits for
 RULE = "-" * 38 + "\n"
 PING, FULL_JOIN = b"\1", b"\nBob" + bytes(62) + b"\x28\0"
 ZOLSERVER = os.path.realpath(sys.argv.pop(1))
@@ -31,8 +31,8 @@ def free_port():
 
 
 def port_for_server():
-    """A socket that holds the port, so that the kernel gives it to no other, and the port. A server can
-    open the port as well; close the socket when it has."""
+    """Returns a socket that reserves a port, and the port. A server can open the port, too. Close the
+    socket when the server has opened the port."""
     holder, port = bound_socket()
     holder.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     return holder, port
@@ -48,7 +48,7 @@ class Player:
         self.socket.send(bytes([code]) + bytes(size - 1))
 
     def heard(self):
-        """The next datagram that is no ping."""
+        """Returns the next datagram that is no ping."""
         while (heard := self.socket.recv(300)) == PING:
             pass
         return heard
@@ -79,7 +79,7 @@ class ServerCase(unittest.TestCase):
             self.assertEqual(self.read_to(RULE), online)
 
     def read_to(self, last):
-        """The server's output up to and including this text, or up to its end."""
+        """Reads the server's output up to this text, which is included, or up to its end."""
         text = ""
         while not text.endswith(last):
             ready = select.select([self.console], [], [], PATIENCE_S)[0]
@@ -102,7 +102,7 @@ class ServerCase(unittest.TestCase):
         return player
 
     def say_unknown(self, player, count):
-        """Makes the server print this many lines; returns when it has handled all datagrams."""
+        """Makes the server print this many lines, and waits until it has handled all datagrams."""
         for first in range(0, count, 100):
             for _ in range(min(100, count - first)):
                 player.say(200)

@@ -1,4 +1,4 @@
-"""The real zolview in a terminal, on a real server.
+"""Tests zolview in a terminal, on a real server.
 
 Usage: view_test.py ZOLSERVER ZOLVIEW [TEST...]"""
 
@@ -21,7 +21,7 @@ import pyte
 from server_case import PATIENCE_S, Player, ServerCase
 
 ZOLVIEW = os.path.realpath(sys.argv.pop(1))
-MAP_COLUMNS, MAP_ROWS = 41, 17  # of a terminal of 80 columns and 24 rows
+MAP_COLUMNS, MAP_ROWS = 41, 17  # the map's size on a terminal of 80 columns and 24 rows
 TITLE = "Welcome to this Harn Tor Multiplayer Server - have fun"
 
 def state(x=0.0, y=0.0, weapon=0):
@@ -29,7 +29,7 @@ def state(x=0.0, y=0.0, weapon=0):
 
 
 class Guest(Player):
-    """A player of any name, in the game."""
+    """A player in the game, with any bytes as its name."""
 
     def __init__(self, port, name, *place, car=None):
         super().__init__(port)
@@ -50,7 +50,7 @@ class Guest(Player):
 
 
 class Terminal:
-    """zolview on a pseudo-terminal, and the text on it."""
+    """zolview on a pseudo-terminal, and the text that the terminal shows."""
 
     def __init__(self, case, *arguments, term="linux", size=(24, 80), server=None):
         self.case = case
@@ -91,7 +91,7 @@ class Terminal:
         return [row.rstrip() for row in self.screen.display]
 
     def until(self, is_shown):
-        """Waits until a frame shows it."""
+        """Waits until the condition holds for the rows of the screen."""
         end = time.monotonic() + PATIENCE_S
         while not is_shown(self.rows()):
             if time.monotonic() > end:
@@ -112,7 +112,7 @@ class Terminal:
         return [line.strip() for line in self.map() if line]
 
     def list(self):
-        """The rows of the list, without the time since the last datagram."""
+        """Returns the rows of the list, without the seconds since the last datagram."""
         rows = self.screen.display[2:MAP_ROWS]
         return [row[MAP_COLUMNS + 1 :].rsplit(None, 1)[0] for row in rows if row[42:].strip()]
 
@@ -159,10 +159,10 @@ class ViewTest(ViewCase):
         ida.move(-5, 3)
         view.until_equal(view.marks, ["2", "0"])
         view.until_equal(lambda: view.list()[1:], ["2 Jö?]0;a??ÿÿÿÿÿ foot     99   5"])
-        # Slot 0 became the PinkPanther when the view came; its death passes the role on.
+        # Slot 0 became the PinkPanther when the view entered. Its death passes the role on.
         view.until(lambda _: view.colour_of("Bob") == "magenta")
         ida.move(0, 0)
-        view.until_equal(view.marks, ["0"])  # drawn over the other one
+        view.until_equal(view.marks, ["0"])  # both are at the same place
         self.assertEqual(view.colour_of("foot     99"), "cyan")
         bob.socket.send(b"\x67\x01")
         bob.socket.send(b"\x67\x02")
@@ -190,21 +190,21 @@ class ViewTest(ViewCase):
         self.assertNotIn(b"\x1b]0", view.bytes)
         self.assertEqual(len(view.bytes.split(b"\x1b[2J")), len(view.bytes.split(b"\x1b[H\x1b[2J")))
 
-    def test_knows_no_place_but_all_players_where_there_is_no_room(self):
+    def test_small_terminals_and_unknown_positions(self):
         self.start_and_wait("maxClients=32\n")
         for i in range(30):
             self.guest(b"" if i == 0 else b"P%d" % i, *[(float("inf"), 0), (1e30, 0), (i, i)][min(i, 2)])
         view = Terminal(self, term="vt100")
         view.until_text("and 16 more")
         view.until_equal(lambda: view.list()[:1], ["0                foot      0   -"])
-        # Players 0 and 1 have no known place.
+        # The map does not show players 0 and 1, whose positions are infinite or too large.
         view.until_equal(lambda: "".join(view.marks()[:1])[:1] + "".join(view.marks())[-1:], "t2")
         for rows, columns in ((1, 1), (5, 20), (2, 200)):
             view.resize(rows, columns)
             view.read(0.2)
         view.resize(24, 50)
         view.until(lambda rows: re.match(r"\D\d\d:\d\d  Deathmatch", rows[0][24:]))
-        # The status is cut at the end of its line; none of it is in the chat line below.
+        # The status is cut at the end of its line, and does not continue on the chat line below.
         view.until(lambda rows: re.fullmatch(f"[q─]{{2}} {TITLE[:45]}[q─]{{2}}", rows[MAP_ROWS])
                    and not rows[MAP_ROWS + 1])
         view.resize(38, 132)
@@ -212,7 +212,7 @@ class ViewTest(ViewCase):
         view.resize(39, 132)
         view.until(lambda rows: len(rows) == 39 and rows[31][94:].startswith("t P29"))
 
-    def test_comes_back_when_the_server_does(self):
+    def test_joins_again_after_a_restart_of_the_server(self):
         self.start_and_wait()
         view = Terminal(self)
         view.until_text(TITLE)
@@ -224,7 +224,7 @@ class ViewTest(ViewCase):
         self.read_to("Connected!\n")
         view.until(lambda rows: rows[0][42:].startswith("00:"))
 
-    def test_gives_the_terminal_back(self):
+    def test_restores_the_terminal(self):
         self.start_and_wait()
         for name, end in (
             ("q", lambda view: view.press("q")),
