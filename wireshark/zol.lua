@@ -3,14 +3,15 @@
 --   wireshark -X lua_script:wireshark/zol.lua
 --   tshark -X lua_script:wireshark/zol.lua -o zol.port:16309 -r capture.pcap
 --
--- Wireshark 4.4 and later silently ignore Lua scripts when root runs them.
--- Wireshark loads scripts in ~/.local/lib/wireshark/plugins by itself. For other servers in the
--- same capture, use "Decode As" or -d udp.port==PORT,zol.
--- The ports identify the sender: a datagram to the server's port comes from a client. If a client
--- has the same port number, its datagrams cannot be identified.
+-- Wireshark also loads this script from ~/.local/lib/wireshark/plugins. From version 4.4 on,
+-- Wireshark silently ignores Lua scripts for root. For other servers in the same capture, use
+-- "Decode As" or -d udp.port==PORT,zol.
+--
+-- The dissector identifies the sender by the ports: a datagram to the server's port comes from a
+-- client. If a client uses the same port number, the dissector cannot identify its datagrams.
 
--- The layout of every datagram on the wire, written by script/checks/protocol from
--- server/protocol.h. A field is {offset, width, name, kind}; byte 0, the command, has no row.
+-- The layout of every datagram. script/checks/protocol writes it from server/protocol.h. A field is
+-- {offset, width, name, kind}. Byte 0, the command, has no row.
 -- BEGIN
 local RECEIVE_BUFFER_SIZE = 256
 local NOBODY = 100
@@ -222,12 +223,12 @@ zol.prefs.port = Pref.uint("Server port", PORT, "UDP port of the server")
 
 local VALUE_NAMES = {game_type = {[0] = "Deathmatch", [1] = "CatchPinkPanther"}}
 
--- One filter field for each name, in all datagrams: zol.slot, zol.state_f1, ...
+-- The filter fields. Fields with the same name in different datagrams share one: zol.slot, ...
 local fields = {
   sender = ProtoField.string("zol.sender", "Sender"),
   datagram = ProtoField.string("zol.datagram", "Datagram"),
   command = ProtoField.uint8("zol.command", "command"),
-  ignored = ProtoField.bytes("zol.ignored", "behind the record, not read"),
+  ignored = ProtoField.bytes("zol.ignored", "ignored bytes after the record"),
   client = ProtoField.uint8("zol.client", "Client's slot"),
   player = ProtoField.uint8("zol.player", "Player"),
   player_name = ProtoField.string("zol.player_name", "Name"),
@@ -283,9 +284,9 @@ local unknown_command = ProtoExpert.new("zol.unknown_command", "unknown command"
                                         expert.group.UNDECODED, expert.severity.WARN)
 zol.experts = {malformed, unknown_command}
 
--- Reads up to the NUL or the end of the field. The protocol defines no encoding; Latin-1 shows
--- every byte. Wireshark reads Lua's texts as UTF-8, and its string(ENC_ISO_8859_1) cuts a text that
--- grows.
+-- Returns the text up to the NUL or the end of the field, converted from Latin-1 to UTF-8. The
+-- protocol defines no encoding, and Latin-1 can show every byte. Wireshark's own conversion,
+-- string(ENC_ISO_8859_1), cuts a text that gets longer in UTF-8.
 local function read_text(range)
   local text = range:raw():match("^%Z*")
   return (text:gsub("[\128-\255]", function(character)
@@ -294,7 +295,7 @@ local function read_text(range)
   end))
 end
 
--- Makes a text fit for the Info column, which is one line.
+-- Returns the text in quotes and on one line, for the Info column.
 local function quote(text)
   local escaped = text:gsub('[%c"\\]', function(character)
     return string.format("\\x%02x", character:byte())
@@ -308,7 +309,7 @@ local function add_position(tree, name, range, notes)
   for i = 1, 3 do
     local part = range:range(4 * (i - 1), 4)
     places[i] = string.format("%g", part:le_float())
-    -- Adds the bits, because clients may send any, and the server relays each NaN unchanged.
+    -- Also shows the bits, because clients may send any NaN and the server relays it unchanged.
     subtree:add_le(fields[name .. i], part):append_text(
         string.format(" (0x%08x)", part:le_uint()))
   end
@@ -324,8 +325,8 @@ local function add_value(seen, name, kind, range)
   end
 end
 
--- seen: the contents of the datagram, as notes for the Info column and as values by the fields'
--- names. From a block, the notes have only the position.
+-- Collects in `seen` the contents of the datagram: `notes` for the Info column, and `values` by the
+-- names of the fields. Of a block, the notes contain only the position.
 local function add_rows(tree, tvb, start, rows, seen)
   local has_car = true
   for _, row in ipairs(rows) do
@@ -348,13 +349,14 @@ local function add_rows(tree, tvb, start, rows, seen)
     else
       tree:add_le(fields[name], range)
       if not seen.in_block then add_value(seen, name, kind, range) end
-      -- Without a car, the server does not read its bytes.
+      -- Without a car, the server ignores the bytes of the car.
       if name == "in_car" or name == "got_in" then has_car = range:uint() ~= 0 end
     end
   end
 end
 
--- False when the datagram is malformed: too short, or, from the server, too long.
+-- Returns whether the datagram has a valid length. A client's datagram may be too long, because the
+-- server ignores the rest.
 local function check_length(tree, tvb, sender, layout)
   local length, size = tvb:len(), layout.size
   local is_chat = layout.name == "CMD_CHAT"
@@ -373,7 +375,7 @@ local function set_info(pinfo, text)
   pinfo.cols.info = string.format("%d → %d %s", pinfo.src_port, pinfo.dst_port, text)
 end
 
--- Uses the port of the preference, or else the port for which "Decode As" has chosen ZOL.
+-- Looks for the port of the preference, and then for the port of "Decode As".
 local function find_sender(pinfo)
   for _, port in ipairs({zol.prefs.port, pinfo.match_uint}) do
     if pinfo.dst_port == port then return "client" end
@@ -382,15 +384,15 @@ local function find_sender(pinfo)
   return nil
 end
 
--- Earlier datagrams show which request an answer belongs to, and which client has which slot. The
--- first pass sees the frames in order, so it finds this and stores it by frame number.
+-- The rest of this file finds the request of each answer and the slot of each client. They depend on
+-- earlier datagrams, so the first pass, which sees the frames in order, stores them by frame number.
 
 -- The version that the server requires in a join, as in server/protocol.h.
 local VERSION = 40
--- The dissector takes an answer after this time for lost.
+-- After this time, the dissector considers an answer to be lost.
 local LATE_S = 2
 
--- By command: the kind of the request, and the kind of the request that it answers.
+-- The kinds of requests, by the command of the request and by the command of the answer.
 local REQUESTS = {
   CMD_JOIN = "join", CMD_ENTER_GAME = "enter", CMD_GET_PLAYER_INFO = "info",
   CMD_GET_PLAYER_STATE = "state", CMD_CAR_STATE = "clock", CMD_LEAVE_CAR = "clock",
@@ -402,24 +404,25 @@ local ANSWERS = {
   CMD_ENTER_GAME_REPLY = "enter", CMD_PLAYER_INFO = "info", CMD_PLAYER_STATE = "state",
   CMD_GAME_CLOCK = "clock", CMD_NOT_IN_CAR = "on_foot",
 }
--- A client that repeats one of these got no answer, so the next answer belongs to the latest one.
+-- Clients repeat these requests only without an answer, so an answer belongs to the latest request.
 local REPEATABLE = {join = true, enter = true, info = true, state = true}
 
--- Whether the sender is in a car after the command. CMD_ENTER_GAME and CMD_VEHICLE contain it.
+-- Whether the sender is in a car after the command. CMD_ENTER_GAME and CMD_VEHICLE contain a field
+-- for this.
 local IN_CAR_AFTER = {CMD_CAR_STATE = true, CMD_LEAVE_CAR = false, CMD_DIED = false,
                       CMD_FOOT_UPDATE = false}
 
--- Datagrams to one client about that client. The server relays the others or broadcasts them.
+-- Datagrams to one client about itself. The server relays or broadcasts all others.
 local PERSONAL = {
   CMD_PING = true, CMD_JOIN_REFUSED_FULL = true, CMD_JOIN_REFUSED_VERSION = true,
   CMD_ENTER_GAME_REPLY = true, CMD_JOIN_ACCEPTED = true, CMD_SERVER_SHUTDOWN = true,
   CMD_NOT_IN_CAR = true, CMD_PLAYER_INFO = true, CMD_PLAYER_STATE = true, CMD_GAME_CLOCK = true,
 }
 
-local addresses      -- {address, id} by the text that Wireshark shows
-local all_addresses  -- the same as a list
+local addresses      -- lists of {address, id}, by the text that Wireshark shows
+local all_addresses  -- all {address, id}, by id
 local servers        -- by address and port
-local found          -- by frame number, in a table for each thing found
+local found          -- the results: tables by frame number
 
 local function forget_all()
   addresses, all_addresses, servers = {}, {}, {}
@@ -436,9 +439,9 @@ local function find_address(list, address)
   return nil
 end
 
--- The text of an address is no key: it changes when Wireshark resolves the name, and two addresses
--- may have the same name. The field ip.src is no key either: the first pass of tshark -2 has no
--- fields.
+-- Returns a number that identifies the address. The text of the address cannot, because it changes
+-- when Wireshark resolves the name, and two addresses may have the same name. The field ip.src
+-- cannot, because the first pass of tshark -2 has no fields.
 local function identify(address)
   local text = tostring(address)
   local entry = find_address(addresses[text], address)
@@ -460,7 +463,8 @@ local function get_or_make(list, address, port, new)
   return list[key]
 end
 
--- The server and the client of a datagram. in_car and died are nil until a datagram shows them.
+-- Returns the states of the server and of the client of a datagram. The client's in_car and died are
+-- nil until a datagram shows them.
 local function find_peers(pinfo, sender)
   local client, client_port = pinfo.src, pinfo.src_port
   local server, server_port = pinfo.dst, pinfo.dst_port
@@ -472,7 +476,7 @@ local function find_peers(pinfo, sender)
   return server_state, get_or_make(server_state.clients, client, client_port, {open = {}})
 end
 
--- A run: the requests of one kind that wait for answers, and the answers so far.
+-- Adds a request to the run of its kind: the requests that wait for answers, and the answers so far.
 local function add_request(client, key, request, is_repeatable)
   local run = client.open[key]
   if is_repeatable or not run or request.time - run.time > LATE_S then
@@ -483,8 +487,9 @@ local function add_request(client, key, request, is_repeatable)
   table.insert(run.requests, request)
 end
 
--- The server answers a client in the order of its requests: after the answer to a request, no
--- earlier one gets an answer. If it was unknown whether the server answers those, it does not.
+-- Drops all requests up to this frame. The server answers the requests of a client in order, so after
+-- an answer to a request, no earlier request gets one. If the dissector did not know whether the
+-- server answers such a request, it now knows that the server does not.
 local function drop_requests(client, frame)
   for key, run in pairs(client.open) do
     local first = run.requests[1]
@@ -503,8 +508,8 @@ local function drop_requests(client, frame)
   end
 end
 
--- Answers contain no number. When all requests of a run are answered, the first answer belongs to
--- the first request. If an answer is lost, the dissector links none, because the link may be wrong.
+-- Answers contain no number. If all requests of a run have an answer, the dissector links them in
+-- order. If an answer is lost, it links none of the run, because it cannot know which one is lost.
 local function add_answer(client, key, frame, time)
   local run = client.open[key]
   if not run then return nil end
@@ -539,7 +544,7 @@ local function free_slot(server, slot)
   server.holders[slot] = nil
 end
 
--- Whether the server answers the request: true, false, or nil if unknown.
+-- Returns whether the server answers the request: true, false, or nil if unknown.
 local function is_answered(client, kind, name)
   if name == "CMD_STATE_FLOATS" then return client.died end
   if kind == "on_foot" and client.in_car ~= nil then return not client.in_car end
@@ -570,8 +575,9 @@ local function see_from_client(server, client, name, values, frame, time)
   if name == "CMD_PLAYER_LEFT" and client.slot then free_slot(server, client.slot) end
 end
 
--- After the reply to an entry, the server sends the records of the other players in slot order.
--- They look like answers to questions, but are not. The ping thread may send between them.
+-- Returns whether the datagram is one of the records that follow CMD_ENTER_GAME_REPLY. The server
+-- sends them in the order of the slots. They look like answers to requests, but are not. The server's
+-- ping thread may send other datagrams between them.
 local function is_record_of_entering(client, name, values)
   if name == "CMD_PING" or name == "CMD_PLAYER_LEFT" then return false end
   local entering = client.entering
@@ -580,7 +586,7 @@ local function is_record_of_entering(client, name, values)
     client.entering = {slot = -1, left_out = values.last_join_slot}
   end
   if name ~= "CMD_PLAYER_INFO" or values.just_entered ~= 0 then return false end
-  if client.open.enter then return true end  -- the reply is lost or late
+  if client.open.enter then return true end  -- CMD_ENTER_GAME_REPLY is lost or late
   if not entering or values.slot <= entering.slot or values.slot == entering.left_out then
     return false
   end
@@ -589,7 +595,7 @@ local function is_record_of_entering(client, name, values)
   return true
 end
 
--- The only answer that contains more of its request than the slot.
+-- Returns whether the answer to a join agrees with the version in the join.
 local function fits_join(client, name)
   local join = client.open.join and client.open.join.requests[1]
   if not join or not join.version then return true end
@@ -602,7 +608,7 @@ local function see_answer(client, name, values, frame, time)
   if not kind or is_record or values.just_entered == 1 then return nil end
   if kind == "join" and not fits_join(client, name) then return nil end
   local key = (kind == "info" or kind == "state") and kind .. values.slot or kind
-  -- An answer to no request: the death may be missing in the capture.
+  -- An answer without a request: the capture may lack the death of the client.
   if kind == "clock" and not client.open.clock then client.died = nil end
   return add_answer(client, key, frame, time)
 end
@@ -631,7 +637,8 @@ local function see_from_server(server, client, name, values, frame, time)
   end
 end
 
--- For a client that leaves, use its previous slot. A slot keeps its name until the next join.
+-- Updates the states with a datagram. A client that leaves is shown with its previous slot. A slot
+-- keeps its name until the next join.
 local function see(pinfo, sender, name, values)
   local server, client = find_peers(pinfo, sender)
   local frame, time = pinfo.number, pinfo.rel_ts
@@ -676,7 +683,7 @@ local function add_found(tree, pinfo, sender, name, values)
   end
 end
 
--- A datagram quoted by an ICMP error has been seen before, if it was captured.
+-- Skips a datagram that an ICMP error quotes, because it is not sent again.
 local function see_and_show(tree, pinfo, sender, name, values)
   if pinfo.in_error_pkt then return end
   if not pinfo.visited then see(pinfo, sender, name, values) end
@@ -711,13 +718,13 @@ function zol.dissector(tvb, pinfo, root)
   end
   local is_whole = check_length(tree, tvb, sender, layout)
   if not is_whole then notes[#notes + 1] = "[malformed]" end
-  -- Clients ignore a malformed datagram of the server; the server reads every datagram.
+  -- Clients ignore malformed datagrams. The server does not.
   see_and_show(tree, pinfo, sender, (is_whole or sender == "client") and layout.name or nil, values)
   set_info(pinfo, table.concat(notes, " "))
   return tvb:len()
 end
 
--- Wireshark passes no empty datagram to the dissector of a port, so this one sees all datagrams.
+-- Wireshark passes no empty datagram to the dissector of a port, so a postdissector handles these.
 local empty = Proto("zol_empty", "ZOL game protocol, empty datagram")
 local udp_length = Field.new("udp.length")
 
@@ -725,7 +732,7 @@ function empty.dissector(_, pinfo, root)
   local length = udp_length()
   if not length or length.value ~= 8 or pinfo.dst_port ~= zol.prefs.port then return end
   pinfo.cols.protocol = "ZOL"
-  set_info(pinfo, "[malformed] empty: repeats the command that the server got last")
+  set_info(pinfo, "[malformed] empty: the server handles its previous command again")
   local tree = root:add(zol):append_text(", empty")
   tree:add(fields.sender, "client"):set_generated()
   tree:add_proto_expert_info(malformed, "malformed: empty")
