@@ -109,7 +109,9 @@ class Server:
 def start_list(stack, folder="list"):
     """Starts script/list and waits until the list answers. Returns its process."""
     log = open("list.log", "ab")
-    process = subprocess.Popen([ROOT / "script/list", "80", folder], stdout=log, stderr=log)
+    user_path = {**os.environ, "PATH": "/usr/local/bin:/usr/bin:/bin"}
+    process = subprocess.Popen([ROOT / "script/list", "80", folder], stdout=log, stderr=log,
+                               env=user_path)  # fmt: skip
     stack.callback(process.wait)
     stack.callback(process.terminate)
 

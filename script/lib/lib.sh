@@ -3,6 +3,8 @@
 
 script=$(realpath "$0")
 root=$(realpath "${BASH_SOURCE[0]%/*}/../..")
+# Debian installs nginx and fcgiwrap in /usr/sbin, which is not in a user's PATH.
+PATH=$PATH:/usr/sbin:/sbin
 
 fail() {
   echo "${0##*/}: $1" >&2
