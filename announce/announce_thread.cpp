@@ -6,7 +6,7 @@
 #include "server/player_table.h"
 #include "util/console.h"
 
-// Returns the master server's verdict. Prints a line when that is a refusal.
+// Returns the master server's verdict. Prints a line when the verdict is a refusal.
 static std::int8_t announce(AnnounceState& state, std::uint32_t now) {
   state.last_announce_ms = now;
   const std::int8_t verdict = master_announce();

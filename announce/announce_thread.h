@@ -11,12 +11,12 @@ struct AnnounceState {
   std::int32_t previous_count = 0;     // slots in use at the previous check
 };
 
-// Announces the server for the first time and asks for the first PinkPanther. False when the master
-// server did not answer or refused: the server then announces nothing more. Announce thread.
+// Announces the server for the first time and requests the first PinkPanther. False when the master
+// server did not answer or refused: the thread then ends. Announce thread.
 bool announce_first(AnnounceState& state);
 
-// Announces again when the number of players has changed or the period is over. Announce thread.
+// Announces again when the number of slots in use changes or the period ends. Announce thread.
 void announce_check(AnnounceState& state);
 
-// The thread's function. It returns only when the first announce failed.
+// The thread's entry point. It returns only when the first announce failed.
 void* announce_thread(void* unused);

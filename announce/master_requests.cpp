@@ -14,7 +14,7 @@
 
 namespace {
 
-// Attempts of a write or a read on a connection that is not ready.
+// Attempts to write or read while the connection is not ready, PAUSE_US apart.
 constexpr int BUDGET = 1000;
 constexpr std::uint32_t PAUSE_US = 10'000;
 constexpr std::size_t REPLY_SIZE = 512;  // bytes; only the first read is parsed
@@ -28,8 +28,8 @@ void say_no_connection() {
 
 using Reply = std::array<char, REPLY_SIZE + 1>;
 
-// last: the last parameter, in which the two requests differ. Lines end in bare line feeds. In the
-// name, only blanks are replaced.
+// last: the last parameter of the query; only this differs between the two requests. Lines end with
+// a line feed alone. The name is not escaped, except for its blanks.
 Request make_request(std::int32_t players, const char* last) {
   char name[sizeof server_config.ServerName];
   std::ranges::replace_copy(server_config.ServerName, name, ' ', '+');
@@ -48,8 +48,7 @@ Request make_request(std::int32_t players, const char* last) {
   return request;
 }
 
-// Repeats an attempt while it returns -1 and the budget lasts. Fails when the budget is used up,
-// even when the last attempt succeeded.
+// Repeats an attempt that returns -1. Fails once the budget is used up, even after a success.
 template <typename Attempt>
 bool succeeds_in_time(Attempt attempt) {
   int budget = BUDGET;
@@ -60,8 +59,8 @@ bool succeeds_in_time(Attempt attempt) {
   return budget > 0;
 }
 
-// Sends a request and reads the first piece of the reply, with a NUL after it. Returns its bytes,
-// or -1 after printing a line; the connection then stays open.
+// Sends a request and makes one successful read of the reply, and adds a NUL. Returns the bytes
+// read; or prints a line, leaves the connection open and returns -1.
 int exchange(std::int32_t players, const char* last, Reply& reply) {
   if (socket_layer_start() == -1) {
     console_print("Error setting up network connection - Error message: %s\n", system_error_text());

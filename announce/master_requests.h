@@ -1,12 +1,12 @@
 // The two requests to the master server. Each is an HTTP GET over a separate connection.
 //
-// A call may block its thread for about 10 seconds of writing and 10 of reading, in addition to the
-// name lookup. Any thread may call, also two at a time.
+// A call may block its thread for the name lookup, and then for about 10 seconds of writing and 10
+// of reading. Any thread may call, even two at a time.
 #pragma once
 
 #include <cstdint>
 
-// The verdicts with a meaning. Callers get every other byte of the master server unchanged.
+// The verdicts with a meaning. A verdict is a byte of the reply minus '0', so any value may occur.
 inline constexpr std::int8_t MASTER_RESULT_NO_ANSWER = -1;
 inline constexpr std::int8_t MASTER_RESULT_REFUSED = 0;
 inline constexpr std::int8_t MASTER_RESULT_LISTED = 1;

@@ -30,11 +30,11 @@ void read_key(std::FILE* file, int first, char (&key)[KEY_WIDTH]) {
   key[length] = '\0';
 }
 
-// Reads a number into the work integer, any other kind into the value. Returns what the limits
-// apply to: a number, or the length of a text.
+// Reads a NUMBER or a GAME_TYPE into work_integer, any other kind into value. Returns the number
+// that the limits of the key apply to: the value, or the length of a TEXT in bytes.
 std::int32_t read_value(ConfigReader& reader, Kind kind) {
   if (kind == Kind::NUMBER || kind == Kind::GAME_TYPE) {
-    long number = 0;  // without digits the work integer stays; a sign is consumed
+    long number = 0;  // without digits, work_integer stays; a sign is consumed
     if (std::fscanf(reader.file, "%ld", &number) == 1) reader.work_integer = clamp_to_int32(number);
     return reader.work_integer;
   }
@@ -68,7 +68,7 @@ void print_refusal(const ConfigReader& reader, const ConfigKey& key) {
 
 void set_key(ConfigReader& reader, const ConfigKey& key) {
   const std::int32_t number = read_value(reader, key.kind);
-  // The reader continues directly after a NUMBER.
+  // After a NUMBER, the rest of the line is not skipped: it begins the next key.
   if (key.kind != Kind::NUMBER) skip_rest_of_line(reader.file);
   reader.is_taken = number >= key.least && number <= key.most;
   if (!reader.is_taken) {
@@ -81,7 +81,7 @@ void set_key(ConfigReader& reader, const ConfigKey& key) {
   if (key.field == server_config.WelcomeMessage) reader.print("%s \n", reader.value);
 }
 
-// A pipe or a device reads as empty: a pipe may never get data, and a device may never end.
+// A pipe or a device reads as empty, because a read of it may wait forever or never end.
 std::FILE* open_one(const char* name, void (*complain)(const char* name, const char* reason)) {
   const int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (handle == -1) {
@@ -105,7 +105,8 @@ const ConfigKey* key_named(const char* name) {
   return nullptr;
 }
 
-// An unknown key loses only itself: its value becomes the beginning of the next key.
+// The value of an unknown key is not skipped: it becomes the beginning of the next key, so the key
+// on the next line is unknown, too.
 bool read_setting(ConfigReader& reader) {
   for (int c = std::getc(reader.file); c != EOF; c = std::getc(reader.file)) {
     if (c == '#') {

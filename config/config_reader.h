@@ -1,5 +1,5 @@
-// The table of the settings, and the reader of the settings' file, one key at a time. config_load()
-// reads the whole file; zolcheck checks each step. Only one thread may use a reader at a time.
+// The table of the settings, and a reader that reads one key of the settings' file in each call.
+// config_load() reads the whole file; zolcheck checks each key. Used before other threads exist.
 #pragma once
 
 #include <array>
@@ -17,9 +17,9 @@ enum class Kind : std::uint8_t { TEXT, NUMBER, GAME_TYPE, BOOLEAN, PORT };
 struct ConfigKey {
   const char* name;
   Kind kind;
-  void* field;         // in server_config; it holds the default until the file is read
-  std::size_t width;   // of the field in bytes; longer texts are cut, for a terminating NUL
-  std::int32_t least;  // of the number, or of a text's length
+  void* field;         // in server_config; holds the default until the file is read
+  std::size_t width;   // of the field in bytes, including the NUL; longer texts are cut
+  std::int32_t least;  // limits of the number, or of a TEXT's length in bytes
   std::int32_t most;
 };
 
@@ -51,20 +51,21 @@ inline std::int32_t number_in(const ConfigKey& key) {
 
 struct ConfigReader {
   std::FILE* file;
-  // Prints the server's messages about the settings, as printf(3).
+  // Prints the console lines about the settings, as printf(3).
   [[gnu::format(printf, 1, 2)]] void (*print)(const char* format, ...);
-  // The last number, or the number of characters read of the last text value. It is never reset: a
-  // line without a number gets this value.
+  // The last number, or the number of bytes read of the last TEXT. It is never reset: a key without
+  // a number gets this value.
   std::int32_t work_integer = 0;
   char value[VALUE_WIDTH] = "";
-  long key_offset = 0;               // in the file, of the first byte of the last key
-  const ConfigKey* known = nullptr;  // the row of that key; null when there is none
+  long key_offset = 0;               // of the first byte of the last key in the file
+  const ConfigKey* known = nullptr;  // the row of that key; null for an unknown key
   bool is_taken = false;             // the value of a known key is within its limits
 };
 
-// Opens "zolserver.cfg", or else "zolserver.conf"; null when neither can be opened. Complains about
-// an entry that cannot be read or is not a regular file. The latter reads as empty.
+// Opens "zolserver.cfg", or else "zolserver.conf"; null when neither can be opened. Calls complain
+// for a file that exists and cannot be opened, and for a file that is not regular. The latter reads
+// as empty.
 std::FILE* open_settings(void (*complain)(const char* name, const char* reason));
 
-// Reads the next key with its value into server_config. False at the end of the file.
+// Reads the next key and its value into server_config. False at the end of the file.
 bool read_setting(ConfigReader& reader);

@@ -8,7 +8,7 @@
 
 using namespace zol;
 
-inline constexpr std::int32_t MIN_CLIENTS = 2;  // to MAX_CLIENTS
+inline constexpr std::int32_t MIN_CLIENTS = 2;  // slots
 
 struct ServerConfig {
   std::int32_t maxClients = 16;     // slots for players, MIN_CLIENTS to MAX_CLIENTS
@@ -21,6 +21,6 @@ struct ServerConfig {
 
 inline constinit ServerConfig server_config;
 
-// Reads "zolserver.cfg", or else "zolserver.conf", in the working directory into server_config and
-// prints messages about it. A setting without a valid value keeps its value.
+// Reads "zolserver.cfg", or else "zolserver.conf", in the working directory into server_config, and
+// prints lines about wrong values. A setting without a valid value does not change.
 void config_load();

@@ -7,7 +7,7 @@
 #include "util/assertion.h"
 #include "util/number.h"
 
-// Bytes for one database entry with all its names. A larger entry counts as not found.
+// Bytes for one entry of a database, including its aliases. A larger entry counts as not found.
 static constexpr std::size_t ENTRY_SIZE = 8192;
 
 // The port of a service in host byte order; none when the services database does not have it.
@@ -33,7 +33,7 @@ static std::uint16_t number_as_port(const char* text) {
   return static_cast<std::uint16_t>(text_to_int32(text));
 }
 
-// Uses the port of a known service unchecked; only a number is tested.
+// A port from the services database is not checked. A number must give a positive port.
 std::optional<in_port_t> port_to_bind(const char* service, const char* protocol) {
   const std::int64_t offset = socket_layer_state.port_offset;
   const std::optional<std::uint16_t> known = find_service_port(service, protocol);

@@ -44,8 +44,8 @@ inline constexpr std::array<const char*, 9> SOCKET_ERROR_TEXTS = {
 // The maximum number of addresses in one udp_send_to_each.
 inline constexpr std::size_t MAX_DESTINATIONS = 32;
 
-// Call these before the first use of the layer and after the last; calls may nest. 0 on success, -1
-// on failure; on this platform they do nothing and cannot fail.
+// Call start before the first use of the layer and stop after the last; calls may nest. 0 on
+// success, -1 on failure. On this platform both do nothing and cannot fail.
 int socket_layer_start();
 int socket_layer_stop();
 
@@ -59,8 +59,8 @@ std::optional<in_port_t> port_to_bind(const char* service, const char* protocol)
 int udp_open_port(const char* port_text);
 
 // Whether the system would send a datagram to this address: false for port 0, an unroutable or a
-// broadcast address, and 0.0.0.0/8, which Linux treats as this machine. True when the route look-up
-// failed, for example without memory. Sends nothing.
+// broadcast address, and 0.0.0.0/8, which Linux treats as this machine. Also true when the check
+// itself failed, for example for lack of memory. Sends nothing.
 bool udp_can_reach(int handle, const sockaddr_in* address);
 
 // recvfrom(2): fills buffer and sender. Returns the bytes stored, 0 for an empty datagram; the rest
@@ -70,31 +70,31 @@ int udp_receive(int handle, void* buffer, unsigned length, sockaddr_in* sender);
 // While the send buffer is full, both send functions wait, up to 5 ms in a call. A signal does not
 // make them fail.
 
-// sendto(2): sends the whole buffer as one datagram. Returns length, or -1 with errno set.
+// sendto(2): sends the buffer as one datagram. Returns its length in bytes, or -1 with errno set.
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination);
 
-// sendmmsg(2): sends the payload as one datagram to each destination, in order. A send buffer that
-// stays full loses datagrams, as the network may. After any other error it stops and returns false
-// with errno set.
+// sendmmsg(2): sends the payload as one datagram to each destination, in order. If the send buffer
+// stays full, the datagrams without room are lost and the result is true. After any other error it
+// stops and returns false with errno set.
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
                       std::span<const std::uint8_t> payload);
 
 // Opens a non-blocking TCP connection, which may still be in progress. Tries up to three times when
-// the system refuses at once. The host is a name or a dotted address; null or empty is this
-// machine. The service is a name from the services database or a decimal port. Only the name lookup
-// blocks. Returns the handle, or -1 with socket_error_code set.
+// connect(2) fails at once. The host is a name or a dotted address; null or empty is this machine.
+// The service is a name from the services database or a decimal port. Only the name lookup blocks.
+// Returns the handle, or -1 with socket_error_code set.
 int tcp_connect(const char* host, const char* service);
 
-// read(2) and write(2). Return the bytes read, 0 at the end of the stream; or the bytes written,
-// possibly fewer than length. -1 with errno set: EAGAIN when the call would block, or the reason
-// why the connection failed after tcp_connect.
+// read(2) and write(2). tcp_read returns the bytes read, 0 at the end of the stream. tcp_write
+// returns the bytes written, possibly fewer than length. Both return -1 with errno set: EAGAIN when
+// the call would block, or the reason why the connection has failed.
 int tcp_read(int handle, void* buffer, unsigned length);
 int tcp_write(int handle, const void* buffer, unsigned length);
 
-// Shuts the socket down. Returns the result of close(2), or 0 when the handle is no socket.
+// Shuts down and closes a socket. Returns the result of close(2); 0 when the handle is no socket.
 int socket_close(int handle);
 
-// The reason of the last failed open, connect or resolve in any thread.
+// The error of the last open, connect or look-up in any thread; SOCKERR_NONE when it succeeded.
 SocketError socket_error_code();
 
 // strerror(3) of the calling thread's errno. The text belongs to the system library.

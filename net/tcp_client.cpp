@@ -38,7 +38,7 @@ int tcp_read(int handle, void* buffer, unsigned length) {
   return static_cast<int>(read(handle, buffer, length));
 }
 
-// As write(2), but a connection that the other side has closed is an error, not a signal.
+// As write(2), but a connection that the peer has closed gives EPIPE and no SIGPIPE.
 int tcp_write(int handle, const void* buffer, unsigned length) {
   return static_cast<int>(send(handle, buffer, length, MSG_NOSIGNAL));
 }

@@ -10,8 +10,8 @@
 int udp_open_port(const char* port_text) {
   const int handle = open_bound_socket(port_text, "udp", 0);
   if (handle == -1) return -1;
-  // For bursts, and because Linux holds datagrams for seconds while a host of the local network
-  // does not answer. The system may grant less.
+  // 4 MiB for bursts, and for datagrams that Linux holds for seconds while a host of the local
+  // network does not answer ARP. The system may grant less.
   const int bytes = 4 << 20;
   setsockopt(handle, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
   setsockopt(handle, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
@@ -32,12 +32,12 @@ static bool is_full() {
   return errno == EAGAIN || errno == ENOBUFS;
 }
 
-// After a failed send: whether to try again. Waits for a full send buffer once in a call.
+// After a failed send: whether to try again. Waits for room in the send buffer if may_wait is set.
 static bool may_try_again(int handle, bool& may_wait) {
   if (errno == EINTR) return true;
   if (!is_full() || !may_wait) return false;
   may_wait = false;
-  // ENOBUFS does not concern the socket's send buffer, so there is no event to wait for.
+  // ENOBUFS means that a queue outside the socket is full; no event tells when it has room.
   pollfd wait{.fd = handle, .events = 0, .revents = 0};
   if (errno == EAGAIN) wait.events = POLLOUT;
   poll(&wait, 1, ROOM_WAIT_MS);
@@ -55,14 +55,14 @@ static ssize_t send_patiently(int handle, const void* buffer, std::size_t length
 }
 
 // With MSG_CONFIRM, this flag and no bytes, Linux checks the route and the address as for any other
-// send, and sends nothing. The C library has no name for the flag.
+// send, and sends nothing. The C library does not define this flag.
 static constexpr int PROBE_FLAG = 0x10;
 
 bool udp_can_reach(int handle, const sockaddr_in* address) {
   check_argument(address != nullptr, SFLSOCK_MODULE);
   if (ntohl(address->sin_addr.s_addr) >> 24U == 0) return false;
   if (send_patiently(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, address) != -1) return true;
-  // These errors do not concern the address.
+  // These errors say nothing about the address.
   return is_full() || errno == ENOMEM || errno == EOPNOTSUPP;
 }
 
@@ -76,7 +76,7 @@ bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
                       std::span<const std::uint8_t> payload) {
   check_argument(destinations.size() <= MAX_DESTINATIONS, SFLSOCK_MODULE);
   iovec bytes{const_cast<std::uint8_t*>(payload.data()), payload.size()};
-  std::array<mmsghdr, MAX_DESTINATIONS> messages;  // initialised up to destinations.size()
+  std::array<mmsghdr, MAX_DESTINATIONS> messages;  // uninitialised from destinations.size() on
   for (std::size_t i = 0; i < destinations.size(); ++i) {
     messages[i] = {};
     msghdr& message = messages[i].msg_hdr;
@@ -93,7 +93,7 @@ bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
       served += static_cast<unsigned>(sent);
     } else if (!may_try_again(handle, may_wait)) {
       if (!is_full()) return false;
-      ++served;  // lost, as the network may lose any datagram
+      ++served;  // no room: the datagram is lost
     }
   }
   return true;

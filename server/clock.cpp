@@ -11,7 +11,7 @@
 #include <ctime>
 #include <thread>
 
-// In seconds, more than the uptime of any machine. It keeps the sums below within 64 bits.
+// Seconds. No machine runs so long; the limit keeps the sums below within 64 bits.
 static constexpr double MAX_UPTIME = 1e12;
 
 // The machine's uptime in seconds, -1 when it cannot be read. The file is one line of two decimal
@@ -28,17 +28,16 @@ static double read_uptime_file() {
   return seconds >= 0 && seconds <= MAX_UPTIME ? seconds : -1;  // rejects NaN
 }
 
-static_assert(FLT_EVAL_METHOD == 0, "single precision must not be widened on the way");
+static_assert(FLT_EVAL_METHOD == 0, "float arithmetic must round to single precision");
 
-// Converts through 64 bits, because a direct conversion of 2^32 ms or more is undefined. The double
-// is so close to the file's decimals that both round to the same float.
+// Converts through 64 bits, because a direct conversion of 2^32 ms or more is undefined. A double
+// is precise enough: it and the decimal number in the file round to the same float.
 std::uint32_t seconds_to_ms(double seconds) {
   const float milliseconds = static_cast<float>(seconds) * 1000.0F;
   return static_cast<std::uint32_t>(static_cast<std::int64_t>(milliseconds));
 }
 
-// How far /proc/uptime is ahead of CLOCK_BOOTTIME, in hundredths of a second. They differ in a
-// container that hides the machine's uptime.
+// /proc/uptime minus CLOCK_BOOTTIME, in hundredths of a second; 0 except in some containers.
 static constinit std::atomic<std::int64_t> file_ahead = 0;
 
 // When /proc/uptime cannot be read, for example because no file descriptor is free, the time

@@ -1,5 +1,4 @@
-// The server's only source of time, and its waits. The tests link a version with a clock that they
-// set and waits that return at once. Any thread may call.
+// The server's only clock, and its sleeps. The tests link a fake clock. Any thread may call.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +8,10 @@
 // the uptime: 2 ms after five hours, 256 ms after 25 days.
 std::uint32_t uptime_ms();
 
-// Converts an uptime to the value of uptime_ms.
+// Converts an uptime in seconds to the value that uptime_ms returns.
 std::uint32_t seconds_to_ms(double seconds);
 
-// Signed: negative when since is later than now. Correct across the wrap.
+// Negative when `since` is later than `now`. Correct when the value has wrapped in between.
 inline std::int32_t ms_between(std::uint32_t since, std::uint32_t now) {
   return static_cast<std::int32_t>(now - since);
 }

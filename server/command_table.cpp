@@ -13,7 +13,6 @@ using enum ClientCommand;
 
 using Handler = void (*)(Slot slot, const ReceivedDatagram& datagram);
 
-// Every command that the server understands.
 constexpr std::pair<ClientCommand, Handler> COMMANDS[] = {
     {CMD_PING_REPLY, handle_ping_reply},
     {CMD_JOIN, handle_join},
@@ -35,7 +34,7 @@ constexpr std::pair<ClientCommand, Handler> COMMANDS[] = {
     {CMD_CAR_STATUS, handle_car_status},
 };
 
-// Indexed by the code; null where there is no command.
+// Indexed by the command code; null for an unknown code.
 constexpr auto HANDLERS = [] {
   std::array<Handler, 256> table{};
   for (const auto& [code, handler] : COMMANDS) table[static_cast<std::size_t>(code)] = handler;

@@ -7,5 +7,6 @@
 bool is_command(std::uint8_t code);
 
 // Calls the handler of a datagram, or prints a line about an unknown code. Then runs the
-// PinkPanther step, except after a join. A sender without a slot can only join. Main thread.
+// PinkPanther step, except after a join. Ignores every other command of a sender without a slot.
+// Main thread.
 void dispatch_datagram(const ReceivedDatagram& datagram);

@@ -7,8 +7,9 @@
 
 using namespace zol;
 
-// The time since server_start_ms. Hour and minute are separate clock readings. Any thread.
+// The time since server_start_ms, modulo 24 hours. Hour and minute come from separate readings of
+// the clock. Any thread.
 GameClock game_clock();
 
-// Sends the time of day as the answer to a command.
+// Sends the time of day as the answer to a command. Main thread.
 void send_game_clock(const sockaddr_in& destination);

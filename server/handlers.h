@@ -1,6 +1,8 @@
-// A received datagram, and one handler for each command, all on the main thread. A handler gets the
-// slot of the sender; only handle_join is also called without one, with NO_SLOT. A handler reads
-// fixed offsets even in a short datagram, and stores before it relays.
+// A received datagram, and one handler for each command. Main thread, except finish_leaving.
+//
+// A handler gets the slot of the sender. Only handle_join also runs for a sender without a slot,
+// with NO_SLOT. A handler reads fixed offsets, even in a short datagram. It stores before it
+// relays.
 #pragma once
 
 #include <netinet/in.h>
@@ -10,14 +12,14 @@
 using namespace zol;
 
 struct ReceivedDatagram {
-  // The receive buffer. The bytes after the received ones are from earlier datagrams.
+  // The receive buffer. The bytes from index `received` on are from earlier datagrams.
   const std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>& bytes;
   std::size_t received;  // bytes; only handle_chat uses it
   sockaddr_in sender;
 };
 
-// membership.cpp. The thread that changes a seat to LEAVING calls finish_leaving, which tells
-// everyone in the game that the player has left, and makes the slot FREE.
+// membership.cpp. The thread that has changed a seat to LEAVING calls finish_leaving. This sends
+// the notice to every player in the game and makes the slot FREE.
 void handle_join(Slot slot, const ReceivedDatagram& datagram);
 void handle_leave(Slot slot, const ReceivedDatagram& datagram);
 void finish_leaving(Slot slot);

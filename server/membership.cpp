@@ -12,7 +12,7 @@
 #include "util/console.h"
 #include "util/sflstr.h"
 
-// Added to the silence that liveness.cpp allows: the time for a new player to enter the game.
+// A new player has this much longer before it times out (liveness.cpp): time to enter the game.
 static constexpr std::uint32_t JOIN_GRACE_MS = 60'000;
 
 static void refuse_version(const sockaddr_in& sender) {
@@ -35,7 +35,7 @@ void finish_leaving(Slot slot) {
   change_seat(player, player.seat, SeatState::FREE);
 }
 
-// Takes the seat last, because from then on the ping thread checks last_heard.
+// take_seat comes last: as soon as the seat is JOINED, the ping thread checks last_heard.
 static void seat_player(Slot slot, const JoinRequest& request, const ReceivedDatagram& datagram) {
   PlayerSlot& player = player_table[slot];
   copy_text(player.name, request.name.data());
@@ -47,11 +47,11 @@ static void seat_player(Slot slot, const JoinRequest& request, const ReceivedDat
   console_print("%s, Player [%d] Connected!\n", player.name, slot);
 }
 
-// Drops a join silently when nothing can be sent to its address: in the game, that player would
-// make the next broadcast fail and so end the process.
+// Drops a join silently when the system cannot send to its address. Such a player would make the
+// next broadcast fail, and that ends the process.
 //
-// Finds a free slot before the player leaves its old one. So a reconnecting player moves to another
-// slot, and a full server refuses it.
+// Finds a free slot before the player leaves its old slot. So a reconnecting player moves to
+// another slot, and a full server refuses it.
 void handle_join(Slot slot, const ReceivedDatagram& datagram) {
   if (!udp_can_reach(server_socket, &datagram.sender)) return;
   const auto request = record_of<JoinRequest>(datagram.bytes);

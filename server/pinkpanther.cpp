@@ -15,7 +15,7 @@ static PinkPanther pinkpanther_notice() {
   return {.slot = pinkpanther_slot == NO_SLOT ? NOBODY : pinkpanther_slot};
 }
 
-// In any game type.
+// Does not check the game type; run_pinkpanther_step does.
 void ask_for_pinkpanther_after_join() {
   if (player_count > 1 && pinkpanther_slot == NO_SLOT) pinkpanther_reselect = 1;
 }

@@ -24,8 +24,8 @@ std::int32_t count_used_slots() {
   return count;
 }
 
-// A linear scan: 32 slots need no index that may become inconsistent. A FREE slot keeps its
-// address, so only a used slot can match.
+// A linear scan: with 32 slots, an index is not worth the risk that it becomes inconsistent. A FREE
+// slot keeps its old address, so the address alone is not a match.
 Slot find_slot_by_address(const sockaddr_in& address) {
   const Endpoint wanted = endpoint_of(address);
   for (Slot slot = 0; slot < slots_in_play(); ++slot) {
@@ -43,7 +43,7 @@ Slot find_free_slot() {
 }
 
 Slot next_used_slot(Slot slot) {
-  static_assert((NO_SLOT + 1) % MAX_CLIENTS == 0, "behind NO_SLOT comes slot 0");
+  static_assert((NO_SLOT + 1) % MAX_CLIENTS == 0, "slot 0 follows NO_SLOT");
   for (int i = 1; i <= MAX_CLIENTS; ++i) {
     const auto next = static_cast<Slot>((slot + i) % MAX_CLIENTS);
     if (is_used(player_table[next].seat)) return next;
@@ -71,7 +71,8 @@ bool change_used_seat(PlayerSlot& player, SeatState state) {
   return is_used(seen) && change_seat(player, seen, state);
 }
 
-// Compares the seat after reading the address: a join may have replaced the address before.
+// Compares the seat after reading the address, because a join may have replaced the address since
+// the seat was read.
 bool read_address(const PlayerSlot& player, Seat seen, sockaddr_in& address) {
   address = socket_address_of(player.address);
   return player.seat.load() == seen;

@@ -1,4 +1,4 @@
-// The players: a fixed table of 32 slots, the states of a slot, and the look-ups.
+// The table of the players: 32 slots, the states of a slot, and the look-ups.
 //
 // Threads share the table without a lock. The fields of a slot:
 //   seat            any thread reads it, and changes it by compare-exchange
@@ -13,8 +13,8 @@
 // Known races: a datagram that is being handled while its player times out may still be stored,
 // answered and relayed; sending.h says how the others learn that the player has left. A ping reply
 // is too late once the ping thread has decided on the time-out. A PinkPanther chosen at the moment
-// of its time-out keeps the role until the next choice. One chosen while the announce thread clears
-// the flags has no flag until the next choice.
+// of its time-out keeps the role until the next choice. A PinkPanther chosen while the announce
+// thread clears the flags has no flag until the next choice.
 #pragma once
 
 #include <netinet/in.h>
@@ -29,20 +29,20 @@ enum class SeatState : std::uint32_t {
   FREE,     // a join may take the slot
   JOINED,   // a player has the slot and has not entered the game
   IN_GAME,  // a player has the slot and gets broadcasts and pings
-  LEAVING,  // the player has left, and one thread is telling the others: look-ups skip the slot,
-            // and a join cannot take it yet
+  LEAVING,  // the player has left, and one thread is sending the notice; look-ups skip the slot,
+            // and no join can take it
 };
 
-// The state and the tenancy of a slot, in one word. A thread acts on the seat that it has read: if
-// the player has left since, the seat differs, and change_seat fails.
+// The state and the tenancy of a slot, in one 8-byte word. A thread passes the seat that it has
+// read to change_seat, which fails if the player has left since.
 struct alignas(8) Seat {  // aligned for one atomic access
   SeatState state = SeatState::FREE;
-  std::uint32_t tenancy = 0;  // counts the players that have had the slot
+  std::uint32_t tenancy = 0;  // the number of players that have had the slot
 
   bool operator==(const Seat&) const = default;
 };
 
-// IPv4 address and UDP port, both in network byte order, in one word.
+// IPv4 address and UDP port, both in network byte order, in one 8-byte word.
 struct alignas(8) Endpoint {
   in_addr_t host = 0;
   in_port_t port = 0;
@@ -55,15 +55,15 @@ static_assert(std::atomic<Seat>::is_always_lock_free);
 static_assert(std::atomic<Endpoint>::is_always_lock_free);
 
 // A slot that becomes FREE keeps its other values. A join writes address, name, in_car,
-// death_count, has_died and last_heard. The other fields, also is_pinkpanther, keep the last
-// player's values.
+// death_count, has_died and last_heard. The other fields, including is_pinkpanther, keep the values
+// of the previous player.
 struct PlayerSlot {
   std::atomic<Seat> seat;
   std::atomic<Endpoint> address;
-  char name[NAME_WIDTH];     // ends with NUL
+  char name[NAME_WIDTH];     // with a terminating NUL
   PlayerState state;         // as reported, unused bytes zero
   CarState car;              // as reported, unused bytes zero; kept after the ride
-  std::uint8_t in_car;       // non-zero: the player sits in car
+  std::uint8_t in_car;       // non-zero: the player is in `car`
   std::uint8_t death_count;  // as the client reported it
   std::uint8_t has_died;     // 1: it has died since its join
   std::atomic<std::uint8_t> is_pinkpanther;
@@ -98,13 +98,13 @@ void store_car(PlayerSlot& player, const CarState& car);
 // thread.
 void take_seat(PlayerSlot& player, const sockaddr_in& address);
 
-// Changes the state of the seat that was seen. Returns false and changes nothing when the seat has
-// changed since. Any thread.
+// Changes the state of the seat if the seat is still equal to `seen`. Otherwise returns false and
+// changes nothing. Any thread.
 bool change_seat(PlayerSlot& player, Seat seen, SeatState state);
 
 // Changes the seat from JOINED or IN_GAME. False when the player has left. Main thread: no join can
 // give the slot to a new player meanwhile.
 bool change_used_seat(PlayerSlot& player, SeatState state);
 
-// Reads the address of the seat that was seen. False when the seat has changed. Any thread.
+// Reads the address of the player. False when the seat is not equal to `seen` any more. Any thread.
 bool read_address(const PlayerSlot& player, Seat seen, sockaddr_in& address);

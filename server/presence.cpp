@@ -44,8 +44,8 @@ static void send_all_records(const sockaddr_in& newcomer) {
   }
 }
 
-// The slot of the time-stamp, of the reply and of the record left out is last_join_slot. It differs
-// from the sender's slot when another player has asked to join since.
+// Uses last_join_slot instead of the sender's slot for last_heard, for the reply and for the record
+// that it omits. The two slots differ when another player has asked to join since.
 void handle_enter_game(Slot slot, const ReceivedDatagram& datagram) {
   store_report(player_table[slot], datagram);
   if (last_join_slot != NO_SLOT) player_table[last_join_slot].last_heard = uptime_ms();
@@ -62,7 +62,8 @@ void handle_enter_game(Slot slot, const ReceivedDatagram& datagram) {
   tell_newcomer_of_pinkpanther(datagram.sender);
 }
 
-// The seat of the target, if the server may answer about it: another player in the game.
+// The seat of the target. Nothing if the target is the asker or is not a player in the game: the
+// server does not answer about these.
 static std::optional<Seat> seat_asked_about(Slot asker, Slot target) {
   if (target >= server_config.maxClients || target == asker) return std::nullopt;
   const Seat seat = player_table[target].seat;

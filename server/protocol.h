@@ -1,7 +1,8 @@
 // The protocol, version 40: every command code and every datagram, and nothing else.
 //
 // One datagram is one message. Its first byte is the command code; its fields are at fixed offsets;
-// multi-byte values are little-endian. Codes 41, 43 and 60 have another meaning in each direction.
+// multi-byte values are little-endian. Codes 41, 43 and 60 have one meaning from client to server
+// and another from server to client.
 //
 // The layout of a record in memory is its layout on the wire. Assertions check its size and that it
 // has no padding. Bytes without a meaning are named unused. A default-constructed record has its
@@ -20,19 +21,20 @@
 
 namespace zol {
 
-static_assert(std::endian::native == std::endian::little, "records travel as they lie in memory");
+static_assert(std::endian::native == std::endian::little,
+              "records are sent as their bytes in memory");
 
 inline constexpr std::uint16_t PROTOCOL_VERSION = 40;
 inline constexpr const char* SERVER_VERSION = "0.4";
 
 inline constexpr std::size_t NAME_WIDTH = 64;  // bytes, including the terminating NUL
-inline constexpr std::size_t TEXT_WIDTH = 64;
-inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // longer datagrams are truncated
+inline constexpr std::size_t TEXT_WIDTH = 64;  // bytes of a chat line, a refusal or the welcome
+inline constexpr std::size_t RECEIVE_BUFFER_SIZE = 256;  // bytes; the rest of a datagram is lost
 
 inline constexpr std::int32_t MAX_CLIENTS = 32;  // slots
 using Slot = std::uint8_t;                       // a player's number, from 0 to MAX_CLIENTS - 1
 inline constexpr Slot NO_SLOT = 255;
-inline constexpr Slot NOBODY = 100;  // only in CMD_PINKPANTHER: there is no PinkPanther
+inline constexpr Slot NOBODY = 100;  // in CMD_PINKPANTHER: no player has the role
 
 enum GameType : std::uint8_t { DEATHMATCH = 0, CATCH_PINKPANTHER = 1 };
 
@@ -89,7 +91,7 @@ enum class ServerCommand : std::uint8_t {
   CMD_PLAYER_DIED = 220,
 };
 
-// A float of a client, as its 32 bits.
+// The 32 bits of a float that a client sent. A position is three floats.
 using FloatBits = std::uint32_t;
 using Position = std::array<std::uint32_t, 3>;
 using CarBlockA = std::array<std::uint8_t, 28>;
@@ -238,7 +240,7 @@ struct JoinRefusedVersion {
 
 struct EnterGameReply {
   ServerCommand command = ServerCommand::CMD_ENTER_GAME_REPLY;
-  Slot last_join_slot = 0;  // that the latest join of any sender found free, or NO_SLOT
+  Slot last_join_slot = 0;  // the slot found free by the latest join of any sender; or NO_SLOT
   std::uint8_t hour = 0;
   std::uint8_t minute = 0;
 };
@@ -280,7 +282,7 @@ struct GameClock {
 
 struct ChatLine {
   ServerCommand command = ServerCommand::CMD_CHAT_LINE;
-  std::array<char, TEXT_WIDTH> text{};  // no terminating NUL when it fills the field
+  std::array<char, TEXT_WIDTH> text{};  // without a NUL if the text fills the field
 };
 
 struct PlayerPosition {
@@ -333,7 +335,7 @@ struct PlayerWeapon {
   std::uint8_t state_b = 0;
 };
 
-// Contains no slot, as PlayerStateFloats.
+// Contains no slot: a receiver cannot tell which player this is about.
 struct PlayerCarStatus {
   ServerCommand command = ServerCommand::CMD_PLAYER_CAR_STATUS;
   Unused<1> unused_1{};
@@ -357,7 +359,7 @@ struct Ping {
   ServerCommand command = ServerCommand::CMD_PING;
 };
 
-// Contains no slot: a receiver cannot tell whose floats these are.
+// Contains no slot, like PlayerCarStatus.
 struct PlayerStateFloats {
   ServerCommand command = ServerCommand::CMD_PLAYER_STATE_FLOATS;
   Unused<3> unused_1{};
@@ -370,8 +372,8 @@ struct PinkPanther {
   Slot slot = NOBODY;
 };
 
-// A record or a bare code, of a size that fits the receive buffer and without padding, which would
-// send uninitialised bytes. A view is rejected: its pointer would be sent.
+// A record or a bare code, at most as large as the receive buffer. Padding is rejected, because it
+// would send uninitialised bytes. A span is rejected, because its pointer would be sent.
 template <typename Record>
 concept WireRecord = requires {
   requires std::is_aggregate_v<Record> || std::is_enum_v<Record>;
@@ -379,7 +381,7 @@ concept WireRecord = requires {
   requires sizeof(Record) <= RECEIVE_BUFFER_SIZE;
 };
 
-// A view of the bytes of one datagram; their owner must outlive it. A record converts to its bytes.
+// A non-owning view of the bytes of one datagram. A record converts to a view of its own bytes.
 struct Datagram : std::span<const std::uint8_t> {
   using span::span;
   Datagram(std::span<const std::uint8_t> bytes) : span(bytes) {}
@@ -388,7 +390,8 @@ struct Datagram : std::span<const std::uint8_t> {
       : span(reinterpret_cast<const std::uint8_t*>(&record), sizeof record) {}
 };
 
-// Copies the start of a datagram. Bytes that a short datagram lacks keep their initial values.
+// Copies the first bytes of a datagram into a record. A short datagram leaves the other bytes of
+// the record at their initial values.
 template <WireRecord Record>
 Record record_of(Datagram datagram) {
   Record record;

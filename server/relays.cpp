@@ -1,5 +1,4 @@
-// Commands that store and relay what a player reports or says. Those that come many times a second
-// print nothing.
+// Commands that store and relay a player's reports and chat. The frequent ones print nothing.
 
 #include <algorithm>
 #include <cstdio>
@@ -35,8 +34,8 @@ void handle_weapon(Slot slot, const ReceivedDatagram& datagram) {
   relay_to_others(PlayerWeapon{.slot = slot, .state_b = report.state_b}, slot);
 }
 
-// The client counts its deaths; the server stores the number unchecked. A death ends a car ride
-// without a line or a datagram about it.
+// The client counts its deaths; the server stores the number unchecked. A death also ends a car
+// ride, but the server does not report the end of the ride.
 void handle_died(Slot slot, const ReceivedDatagram& datagram) {
   const auto report = record_of<Died>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
@@ -56,7 +55,7 @@ void handle_chat(Slot slot, const ReceivedDatagram& datagram) {
   const int length = std::max(static_cast<int>(datagram.received) - 1, 0);
   console_print("Message from \"%s\": \"%.*s\"\n", name, length, text);
 
-  // One byte more than the wire's field, for the NUL of snprintf: the line may fill the field.
+  // One byte more than the field on the wire, for the NUL of snprintf: the line may fill the field.
   std::array<char, TEXT_WIDTH + 1> formatted{};
   std::snprintf(formatted.data(), formatted.size(), "%s: %.*s", name, length, text);
   ChatLine line;

@@ -29,7 +29,7 @@ void broadcast_except_sender(Datagram record, Slot slot) {
   }
   if (udp_send_to_each(server_socket, {destinations.data(), count}, record)) return;
   console_print("error writing to socket:%s\n", system_error_text());
-  _exit(EXIT_FAILURE);  // any thread may be here, so nothing that others use is torn down
+  _exit(EXIT_FAILURE);  // no destructors: other threads still run
 }
 
 void relay_to_others(Datagram record, Slot slot) {

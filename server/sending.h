@@ -14,11 +14,10 @@
 
 using namespace zol;
 
-// Whether a blank follows "error writing to socket:". Each datagram to one address has a fixed
-// choice.
+// Whether a blank follows "error writing to socket:". Each kind of datagram has one of the forms.
 enum class SendErrorText { WITH_BLANK, WITHOUT_BLANK };
 
-// Prints a line when the send fails.
+// Sends to one address. Prints a line when the send fails.
 void send_record(const sockaddr_in& destination, Datagram record, SendErrorText error_text);
 
 // Sends to every player in the game, in slot order.
@@ -30,7 +29,8 @@ void broadcast_except_sender(Datagram record, Slot slot);
 // The last step of most handlers: sends the other players a record about this slot. Main thread.
 void relay_to_others(Datagram record, Slot slot);
 
-// Sends to one address a record about the player that was seen in this seat. Main thread.
+// Sends a record about another player to one address. `seen` is that player's seat when the record
+// was made. Main thread.
 void send_record_about(Slot slot, Seat seen, const sockaddr_in& destination, Datagram record);
 
 // Sends a chat line of the server to every player in the game.

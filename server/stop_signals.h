@@ -10,8 +10,8 @@ void install_shutdown_handler();
 // Any thread.
 bool stop_requested();
 
-// Waits until the handle is readable or a stop is requested, also just before the wait. False with
-// errno set when the wait failed. Main thread.
+// Waits until the file descriptor is readable or a stop is requested. A stop signal that arrives
+// just before the wait ends it, too. False with errno set when the wait failed. Main thread.
 bool wait_for_input_or_stop(int handle);
 
 // Blocks the signals in the calling thread. Returns the thread's previous mask. Any thread.

@@ -16,7 +16,7 @@ static void get_in(Slot slot, const CarState& car) {
                   slot);
 }
 
-// how: the end of the console line.
+// how: the last words of the console line.
 static void get_out(Slot slot, const char* how) {
   PlayerSlot& player = player_table[slot];
   player.in_car = 0;
@@ -50,7 +50,7 @@ void handle_leave_car(Slot slot, const ReceivedDatagram& datagram) {
   get_out(slot, "Left his Car");
 }
 
-// A foot update ends a car ride. The datagram about that still has the old state_f1.
+// A foot update ends a car ride. CMD_PLAYER_LEFT_CAR still has the old state_f1.
 void handle_foot_update(Slot slot, const ReceivedDatagram& datagram) {
   const auto update = record_of<FootUpdate>(datagram.bytes);
   PlayerSlot& player = player_table[slot];
@@ -59,8 +59,8 @@ void handle_foot_update(Slot slot, const ReceivedDatagram& datagram) {
   relay_to_others(PlayerFootUpdate{.slot = slot, .state_f1 = update.state_f1}, slot);
 }
 
-// The last step of the partial updates, which are always stored. While the player is on foot, the
-// server answers the sender instead of relaying.
+// The last step of the handlers of car updates, which have stored the update. For a player on foot,
+// the server answers the sender instead of relaying.
 static void relay_if_in_car(Slot slot, Datagram relay, const ReceivedDatagram& datagram) {
   if (player_table[slot].in_car != 0) {
     relay_to_others(relay, slot);

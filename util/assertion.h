@@ -5,7 +5,7 @@
 // and aborts the process.
 [[noreturn]] void assertion_failed(const char* module, unsigned line);
 
-// A failed check is a programming error, never bad input. The line is the caller's.
+// A failed check is a programming error, never bad input. `line` defaults to the line of the call.
 inline void check_argument(bool holds, const char* module, unsigned line = __builtin_LINE()) {
   if (!holds) assertion_failed(module, line);
 }

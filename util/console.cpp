@@ -28,14 +28,14 @@ constexpr std::int64_t RECOVERY = 100;
 
 using Line = std::array<char, 512>;
 
-// How the server keeps a write to standard output from blocking.
+// How a write to standard output avoids blocking: not at all, by MSG_DONTWAIT, or by a timer.
 enum class ConsoleKind { NEVER_BLOCKS, SOCKET, MAY_BLOCK };
 constinit ConsoleKind console_kind = ConsoleKind::NEVER_BLOCKS;
 
 // When all of the patience is available again, in microseconds of CLOCK_MONOTONIC.
 constinit std::atomic<std::int64_t> patient_at_us = 0;
 constinit std::atomic<unsigned> missing_lines = 0;
-constinit std::atomic<bool> is_line_cut = false;  // the console took only the start of a line
+constinit std::atomic<bool> is_line_cut = false;  // only the start of a line was written
 
 std::int64_t monotonic_us() {
   timespec now{};
@@ -47,15 +47,15 @@ bool has_patience() {
   return patient_at_us - monotonic_us() <= (PATIENCE_US - STEP_US) * RECOVERY;
 }
 
-// Two simultaneous waits may count as one. The limit is for a process that was stopped meanwhile.
+// Two threads that wait at once may be charged for one wait. The cap is for a suspended process.
 void charge_wait(std::int64_t since_us) {
   const std::int64_t now_us = monotonic_us();
   const std::int64_t waited_us = std::min(now_us - since_us, PATIENCE_US);
   patient_at_us = std::max(patient_at_us.load(), now_us) + waited_us * RECOVERY;
 }
 
-// Interrupts a blocked write with a signal to this thread only, after each step. The timer repeats,
-// because its first signal may arrive before the write begins.
+// A timer interrupts a blocked write after each step, with a signal to this thread only. The timer
+// repeats, because its first signal may arrive before the write begins.
 ssize_t write_interruptibly(std::string_view text) {
   if (!has_patience()) return errno = EAGAIN, -1;
   sigevent event{};
@@ -87,7 +87,7 @@ bool wait_for_room() {
   if (errno == EINTR) return true;
   if (errno != EAGAIN || !has_patience()) return false;
   const std::int64_t start_us = monotonic_us();
-  // Polls no event: a pipe with room for the line, but not for a page, is not "ready".
+  // Waits for no event: a pipe counts as writable only when it has room for a whole page.
   poll(nullptr, 0, STEP_US / 1'000);
   charge_wait(start_us);
   return true;
@@ -108,7 +108,7 @@ bool write_all(std::string_view text) {
   return true;
 }
 
-// Prints how many lines are missing, on a separate line. False when the console has no room.
+// Prints the number of dropped lines, on a separate line. False when the console has no room.
 bool print_missing() {
   const unsigned missing = missing_lines.exchange(0);
   if (missing == 0) return true;
@@ -123,7 +123,8 @@ bool print_missing() {
 }
 
 // O_NONBLOCK belongs to the open file description, which other processes share, so standard output
-// is opened again. For another user's file, only the controlling terminal can be.
+// is opened again. Another user's file cannot be opened, unless it is the controlling terminal.
+// Returns the new descriptor, or -1.
 int reopen_standard_output() {
   constexpr int FLAGS = O_WRONLY | O_NONBLOCK | O_NOCTTY;
   const int handle = open("/proc/self/fd/1", FLAGS);
@@ -131,7 +132,7 @@ int reopen_standard_output() {
   return open("/dev/tty", FLAGS);
 }
 
-// The handler does nothing. Without SA_RESTART its signal ends a write with EINTR.
+// The handler does nothing. Without SA_RESTART, the signal ends a write with EINTR.
 void let_timers_interrupt_writes() {
   struct sigaction action = {};
   action.sa_handler = [](int /*signal*/) {};
