@@ -22,7 +22,7 @@ constexpr std::string_view VERDICT_MARKER = "  \r\n";
 
 using Request = std::array<char, 1024>;
 
-void say_no_connection() {
+void print_no_connection() {
   console_print("Could not connect to zol master server!\n");
 }
 
@@ -50,7 +50,7 @@ Request make_request(std::int32_t players, const char* last) {
 
 // Repeats an attempt that returns -1. Fails once the budget is used up, even after a success.
 template <typename Attempt>
-bool succeeds_in_time(Attempt attempt) {
+bool retry(Attempt attempt) {
   int budget = BUDGET;
   while (attempt() == -1 && budget > 0) {
     sleep_us(PAUSE_US);
@@ -72,8 +72,8 @@ int exchange(std::int32_t players, const char* last, Reply& reply) {
   int received = -1;
   const auto write = [&] { return tcp_write(handle, request.data(), length); };
   const auto read = [&] { return received = tcp_read(handle, reply.data(), REPLY_SIZE); };
-  if (handle == -1 || !succeeds_in_time(write) || !succeeds_in_time(read)) {
-    say_no_connection();
+  if (handle == -1 || !retry(write) || !retry(read)) {
+    print_no_connection();
     return -1;
   }
   socket_close(handle);
@@ -91,7 +91,7 @@ std::int8_t master_announce() {
   const std::string_view text(reply.data(), static_cast<std::size_t>(received));
   const std::size_t marker = text.find(VERDICT_MARKER);
   if (marker == std::string_view::npos) {
-    say_no_connection();
+    print_no_connection();
     return MASTER_RESULT_NO_ANSWER;
   }
   return static_cast<std::int8_t>(reply[marker + VERDICT_MARKER.size()] - '0');

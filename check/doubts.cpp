@@ -33,7 +33,7 @@ std::string_view trimmed(std::string_view text) {
 }
 
 const ConfigKey* known_key(std::string_view text) {
-  return key_named(std::string(text).c_str());
+  return find_key(std::string(text).c_str());
 }
 
 // The number of letters to insert, delete or replace to turn one word into the other.
@@ -77,7 +77,7 @@ struct Step {
   std::string_view key;
   std::string_view value;
   const ConfigKey* known;  // null when the key is unknown
-  bool is_taken;
+  bool is_accepted;
 };
 
 // Call with offsets that do not decrease.
@@ -154,11 +154,11 @@ void explain_text(Reading& reading, const Step& step) {
   const std::string_view line = first_line(step.value);
   const std::size_t hash = line.find('#');
   const std::string_view text = trimmed(line.substr(0, hash));
-  if (step.is_taken && quoted(text) != value_of(*step.known)) {
+  if (step.is_accepted && quoted(text) != value_of(*step.known)) {
     doubt(reading, step.begin,
           std::string(step.known->name) + " is cut to " + value_of(*step.known));
   }
-  if (step.is_taken && step.known->field == server_config.ServerName) reading.server_name = text;
+  if (step.is_accepted && step.known->field == server_config.ServerName) reading.server_name = text;
   if (hash != line.npos && BLANKS.find(line.substr(hash + 1, 1)) == BLANKS.npos) {
     doubt(reading, step.begin,
           "a # begins a comment, so " + quoted(line.substr(hash)) + " is not a part of " +
@@ -198,7 +198,7 @@ void explain_word(Reading& reading, const Step& step) {
     doubt(reading, step.begin,
           name + " has no value on its line; " + quoted(word) + " is read as its value");
   }
-  if (!step.is_taken) return;
+  if (!step.is_accepted) return;
   if (step.known->kind == Kind::PORT) explain_port(reading, step, word);
   if (step.known->kind == Kind::NUMBER || step.known->kind == Kind::GAME_TYPE) {
     const std::size_t sign = word.find_first_of("+-") == 0 ? 1 : 0;
@@ -228,7 +228,7 @@ void explain_place(Reading& reading, const Step& step) {
 void explain(Reading& reading, const Step& step) {
   if (step.known == nullptr) return explain_unknown(reading, step);
   explain_place(reading, step);
-  if (!step.is_taken) {
+  if (!step.is_accepted) {
     const std::size_t value = std::min(step.begin + step.key.size() + 1, reading.text.size());
     doubt(reading, step.begin,
           std::string(step.known->name) + " cannot be " +
@@ -236,7 +236,7 @@ void explain(Reading& reading, const Step& step) {
               value_of(*step.known));
   }
   step.known->kind == Kind::TEXT ? explain_text(reading, step) : explain_word(reading, step);
-  if (!step.is_taken) return;
+  if (!step.is_accepted) return;
   std::size_t& line = reading.lines[step.known];
   if (line != 0) {
     doubt(reading, step.begin,
@@ -262,7 +262,7 @@ void explain_announced_name(Reading& reading) {
   if (is_same && name.find_first_of(UNESCAPED) == name.npos) return;
   const std::string effect = is_same ? "a server list may show ServerName in another way"
                                      : "a server list shows ServerName as " + quoted(listed);
-  const std::size_t line = reading.lines[key_named("ServerName")];
+  const std::size_t line = reading.lines[find_key("ServerName")];
   const auto next = std::ranges::upper_bound(reading.doubts, line, {}, &Doubt::line);
   reading.doubts.insert(next, {line, effect + "; avoid & + % and more than 31 bytes"});
 }
@@ -284,7 +284,7 @@ Step last_step(const Reading& reading, const ConfigReader& reader) {
           .key = all.substr(0, sign),
           .value = all.substr(std::min(sign + 1, all.size())),
           .known = reader.known,
-          .is_taken = reader.is_taken};
+          .is_accepted = reader.is_accepted};
 }
 
 void print_nothing(const char* /*format*/, ...) {}

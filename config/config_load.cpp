@@ -70,8 +70,8 @@ void set_key(ConfigReader& reader, const ConfigKey& key) {
   const std::int32_t number = read_value(reader, key.kind);
   // After a NUMBER, the rest of the line is not skipped: it begins the next key.
   if (key.kind != Kind::NUMBER) skip_rest_of_line(reader.file);
-  reader.is_taken = number >= key.least && number <= key.most;
-  if (!reader.is_taken) {
+  reader.is_accepted = number >= key.min && number <= key.max;
+  if (!reader.is_accepted) {
     print_refusal(reader, key);
   } else if (key.kind == Kind::TEXT || key.kind == Kind::PORT) {
     std::strncpy(static_cast<char*>(key.field), reader.value, key.width - 1);
@@ -98,7 +98,7 @@ std::FILE* open_one(const char* name, void (*complain)(const char* name, const c
 
 }  // namespace
 
-const ConfigKey* key_named(const char* name) {
+const ConfigKey* find_key(const char* name) {
   for (const ConfigKey& key : CONFIG_KEYS) {
     if (compare_ignoring_case(name, key.name) == 0) return &key;
   }
@@ -115,7 +115,7 @@ bool read_setting(ConfigReader& reader) {
       reader.key_offset = std::ftell(reader.file) - 1;
       char key[KEY_WIDTH];
       read_key(reader.file, c, key);
-      reader.known = key_named(key);
+      reader.known = find_key(key);
       if (reader.known != nullptr) set_key(reader, *reader.known);
       return true;
     }

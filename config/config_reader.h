@@ -17,16 +17,16 @@ enum class Kind : std::uint8_t { TEXT, NUMBER, GAME_TYPE, BOOLEAN, PORT };
 struct ConfigKey {
   const char* name;
   Kind kind;
-  void* field;         // in server_config; holds the default until the file is read
-  std::size_t width;   // of the field in bytes, including the NUL; longer texts are cut
-  std::int32_t least;  // limits of the number, or of a TEXT's length in bytes
-  std::int32_t most;
+  void* field;        // in server_config; holds the default until the file is read
+  std::size_t width;  // of the field in bytes, including the NUL; longer texts are cut
+  std::int32_t min;   // limits of the number, or of a TEXT's length in bytes
+  std::int32_t max;
 };
 
 template <typename Field>
-constexpr ConfigKey key_of(const char* name, Kind kind, Field& field, std::int32_t least = 1,
-                           std::int32_t most = INT32_MAX) {
-  return {name, kind, &field, sizeof field, least, most};
+constexpr ConfigKey key_of(const char* name, Kind kind, Field& field, std::int32_t min = 1,
+                           std::int32_t max = INT32_MAX) {
+  return {name, kind, &field, sizeof field, min, max};
 }
 
 // script/checks/settings compares the documents with these rows.
@@ -40,7 +40,7 @@ inline constexpr std::array<ConfigKey, 6> CONFIG_KEYS = {{
 }};
 
 // The row of a key, in any letter case; null when there is none.
-const ConfigKey* key_named(const char* name);
+const ConfigKey* find_key(const char* name);
 
 // The value of a NUMBER, GAME_TYPE or BOOLEAN.
 inline std::int32_t number_in(const ConfigKey& key) {
@@ -59,7 +59,7 @@ struct ConfigReader {
   char value[VALUE_WIDTH] = "";
   long key_offset = 0;               // of the first byte of the last key in the file
   const ConfigKey* known = nullptr;  // the row of that key; null for an unknown key
-  bool is_taken = false;             // the value of a known key is within its limits
+  bool is_accepted = false;          // the value of a known key is within its limits
 };
 
 // Opens "zolserver.cfg", or else "zolserver.conf"; null when neither can be opened. Calls complain

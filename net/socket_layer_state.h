@@ -37,7 +37,7 @@ int new_inet_socket(const char* protocol);
 // Stores the last error. Returns -1.
 int fail(SocketError error);
 
-inline const sockaddr* generic(const sockaddr_in* address) {
+inline const sockaddr* as_sockaddr(const sockaddr_in* address) {
   return reinterpret_cast<const sockaddr*>(address);
 }
 

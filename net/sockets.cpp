@@ -29,19 +29,19 @@ const char* system_error_text() {
   return std::strerror(errno);  // NOLINT(concurrency-mt-unsafe): safe per thread since glibc 2.32
 }
 
-static void keep_user_ids() {
+static void save_user_ids() {
   SocketLayerState& state = socket_layer_state;
   if (state.saved_real_user == static_cast<uid_t>(-1)) state.saved_real_user = getuid();
   if (state.saved_effective_user == static_cast<uid_t>(-1)) state.saved_effective_user = geteuid();
 }
 
 int raise_privileges() {
-  keep_user_ids();
+  save_user_ids();
   return seteuid(socket_layer_state.saved_effective_user);
 }
 
 int drop_privileges() {
-  keep_user_ids();
+  save_user_ids();
   return seteuid(socket_layer_state.saved_real_user);
 }
 
@@ -78,7 +78,7 @@ static int bind_new_socket(const char* service, const char* protocol) {
   const sockaddr_in local{AF_INET, *port, address, {}};
   const int handle = new_inet_socket(protocol);
   if (handle == -1) return -1;
-  if (bind(handle, generic(&local), sizeof local) == -1) return fail(SOCKERR_BIND_FAILED);
+  if (bind(handle, as_sockaddr(&local), sizeof local) == -1) return fail(SOCKERR_BIND_FAILED);
   return handle;
 }
 

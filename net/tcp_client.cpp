@@ -21,7 +21,7 @@ int connect_with_retries(const char* host, const char* service, const char* prot
     const int handle = new_inet_socket(protocol);
     if (handle == -1) return -1;
     // The socket does not block, so a connection in progress counts as connected.
-    const int result = connect(handle, generic(&endpoint), sizeof endpoint);
+    const int result = connect(handle, as_sockaddr(&endpoint), sizeof endpoint);
     if (result == 0 || errno == EINPROGRESS) return handle;
     socket_close(handle);
     if (left > 1) sleep(pause_s);

@@ -44,12 +44,12 @@ static bool may_try_again(int handle, bool& may_wait) {
   return true;
 }
 
-static ssize_t send_patiently(int handle, const void* buffer, std::size_t length, int flags,
-                              const sockaddr_in* destination) {
+static ssize_t send_with_retry(int handle, const void* buffer, std::size_t length, int flags,
+                               const sockaddr_in* destination) {
   bool may_wait = true;
   ssize_t sent;
   do {
-    sent = sendto(handle, buffer, length, flags, generic(destination), sizeof *destination);
+    sent = sendto(handle, buffer, length, flags, as_sockaddr(destination), sizeof *destination);
   } while (sent == -1 && may_try_again(handle, may_wait));
   return sent;
 }
@@ -61,7 +61,7 @@ static constexpr int PROBE_FLAG = 0x10;
 bool udp_can_reach(int handle, const sockaddr_in* address) {
   check_argument(address != nullptr, SFLSOCK_MODULE);
   if (ntohl(address->sin_addr.s_addr) >> 24U == 0) return false;
-  if (send_patiently(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, address) != -1) return true;
+  if (send_with_retry(handle, "", 0, MSG_CONFIRM | PROBE_FLAG, address) != -1) return true;
   // These errors say nothing about the address.
   return is_full() || errno == ENOMEM || errno == EOPNOTSUPP;
 }
@@ -69,7 +69,7 @@ bool udp_can_reach(int handle, const sockaddr_in* address) {
 int udp_send(int handle, const void* buffer, unsigned length, const sockaddr_in* destination) {
   check_argument(buffer != nullptr, SFLSOCK_MODULE);
   check_argument(destination != nullptr, SFLSOCK_MODULE);
-  return static_cast<int>(send_patiently(handle, buffer, length, 0, destination));
+  return static_cast<int>(send_with_retry(handle, buffer, length, 0, destination));
 }
 
 bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
@@ -86,14 +86,14 @@ bool udp_send_to_each(int handle, std::span<const sockaddr_in> destinations,
     message.msg_iovlen = 1;
   }
   bool may_wait = true;
-  for (std::size_t served = 0; served < destinations.size();) {
-    const auto rest = static_cast<unsigned>(destinations.size() - served);
-    const int sent = sendmmsg(handle, &messages[served], rest, 0);
+  for (std::size_t done_count = 0; done_count < destinations.size();) {
+    const auto remaining = static_cast<unsigned>(destinations.size() - done_count);
+    const int sent = sendmmsg(handle, &messages[done_count], remaining, 0);
     if (sent > 0) {
-      served += static_cast<unsigned>(sent);
+      done_count += static_cast<unsigned>(sent);
     } else if (!may_try_again(handle, may_wait)) {
       if (!is_full()) return false;
-      ++served;  // no room: the datagram is lost
+      ++done_count;  // no room: the datagram is lost
     }
   }
   return true;

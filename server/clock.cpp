@@ -38,18 +38,18 @@ std::uint32_t seconds_to_ms(double seconds) {
 }
 
 // /proc/uptime minus CLOCK_BOOTTIME, in hundredths of a second; 0 except in some containers.
-static constinit std::atomic<std::int64_t> file_ahead = 0;
+static constinit std::atomic<std::int64_t> uptime_file_offset = 0;
 
 // When /proc/uptime cannot be read, for example because no file descriptor is free, the time
 // continues from the last reading.
 std::uint32_t uptime_ms() {
-  const double shown = read_uptime_file();
+  const double seconds = read_uptime_file();
   timespec now{};
   clock_gettime(CLOCK_BOOTTIME, &now);
   const std::int64_t boot = std::int64_t{now.tv_sec} * 100 + now.tv_nsec / 10'000'000;
-  if (shown == -1) return seconds_to_ms(static_cast<double>(boot + file_ahead) / 100);
-  file_ahead = std::llround(shown * 100) - boot;
-  return seconds_to_ms(shown);
+  if (seconds == -1) return seconds_to_ms(static_cast<double>(boot + uptime_file_offset) / 100);
+  uptime_file_offset = std::llround(seconds * 100) - boot;
+  return seconds_to_ms(seconds);
 }
 
 void sleep_us(std::uint32_t microseconds) {

@@ -41,7 +41,7 @@ static void check_player(Slot slot, std::uint32_t now) {
 
 void ping_pass() {
   const std::uint32_t now = uptime_ms();
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) check_player(slot, now);
+  for (Slot slot = 0; slot < slot_limit(); ++slot) check_player(slot, now);
   rotate_pinkpanther(now);
 }
 

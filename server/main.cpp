@@ -74,7 +74,7 @@ int main(int count, char** arguments) {
     return EXIT_SUCCESS;
   }
   run_main_loop();
-  tell_of_stop();
+  broadcast_shutdown();
   if (server_config.AnnounceServer != 0) master_remove_server();
   return EXIT_FAILURE;
 }

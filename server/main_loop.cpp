@@ -31,7 +31,7 @@ void run_main_loop() {
   }
 }
 
-void tell_of_stop() {
+void broadcast_shutdown() {
   console_print("Exitting...\n");
   broadcast_all(ServerShutdown{});
 }

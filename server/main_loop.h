@@ -9,4 +9,4 @@ bool drain_socket();
 void run_main_loop();
 
 // Prints that the server stops, and sends CMD_SERVER_SHUTDOWN to every player in the game.
-void tell_of_stop();
+void broadcast_shutdown();

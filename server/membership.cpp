@@ -69,7 +69,7 @@ void handle_join(Slot slot, const ReceivedDatagram& datagram) {
   send_record(datagram.sender, answer, SendErrorText::WITHOUT_BLANK);
 
   ++player_count;
-  ask_for_pinkpanther_after_join();
+  request_pinkpanther_after_join();
 }
 
 void handle_leave(Slot slot, const ReceivedDatagram& /*datagram*/) {
@@ -77,5 +77,5 @@ void handle_leave(Slot slot, const ReceivedDatagram& /*datagram*/) {
   if (!change_used_seat(player, SeatState::LEAVING)) return;
   console_print("%s, Player [%d] disconnected\n", player.name, slot);
   finish_leaving(slot);
-  give_up_pinkpanther(player);
+  release_pinkpanther(player);
 }

@@ -7,7 +7,7 @@
 
 static constexpr std::int32_t TERM_MS = 119'999;
 
-static bool is_played() {
+static bool is_catch_pinkpanther() {
   return server_config.GameType == CATCH_PINKPANTHER;
 }
 
@@ -16,11 +16,11 @@ static PinkPanther pinkpanther_notice() {
 }
 
 // Does not check the game type; run_pinkpanther_step does.
-void ask_for_pinkpanther_after_join() {
+void request_pinkpanther_after_join() {
   if (player_count > 1 && pinkpanther_slot == NO_SLOT) pinkpanther_reselect = 1;
 }
 
-void give_up_pinkpanther(PlayerSlot& player) {
+void release_pinkpanther(PlayerSlot& player) {
   if (player.is_pinkpanther != 1) return;
   if (player_count > 1) pinkpanther_reselect = 1;
   player.is_pinkpanther = 0;
@@ -29,20 +29,20 @@ void give_up_pinkpanther(PlayerSlot& player) {
 // Reads reselect before since. The main thread sets since and then clears reselect, so the other
 // order could combine the old time with the cleared flag.
 void rotate_pinkpanther(std::uint32_t now) {
-  if (is_played() && pinkpanther_reselect == 0 && ms_between(pinkpanther_since, now) > TERM_MS &&
-      player_count > 1) {
+  if (is_catch_pinkpanther() && pinkpanther_reselect == 0 &&
+      ms_between(pinkpanther_since, now) > TERM_MS && player_count > 1) {
     pinkpanther_reselect = 1;
   }
 }
 
 void restart_pinkpanther() {
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) player_table[slot].is_pinkpanther = 0;
-  pinkpanther_reselect = is_played() ? 1 : 0;
+  for (Slot slot = 0; slot < slot_limit(); ++slot) player_table[slot].is_pinkpanther = 0;
+  pinkpanther_reselect = is_catch_pinkpanther() ? 1 : 0;
 }
 
 // The choice includes players that have not entered the game.
 void run_pinkpanther_step() {
-  if (!is_played() || pinkpanther_reselect == 0) return;
+  if (!is_catch_pinkpanther() || pinkpanther_reselect == 0) return;
   const Slot candidate = next_used_slot(pinkpanther_slot);
   for (PlayerSlot& player : player_table) player.is_pinkpanther = 0;
   pinkpanther_slot = player_count > 1 ? candidate : NO_SLOT;
@@ -57,7 +57,7 @@ void run_pinkpanther_step() {
   pinkpanther_reselect = 0;
 }
 
-void tell_newcomer_of_pinkpanther(const sockaddr_in& newcomer) {
-  if (!is_played() || player_count <= 1) return;
+void send_pinkpanther(const sockaddr_in& newcomer) {
+  if (!is_catch_pinkpanther() || player_count <= 1) return;
   send_record(newcomer, pinkpanther_notice(), SendErrorText::WITHOUT_BLANK);
 }

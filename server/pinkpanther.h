@@ -12,11 +12,11 @@ inline constinit std::atomic<std::uint8_t> pinkpanther_reselect = 0;
 inline constinit std::atomic<std::uint32_t> pinkpanther_since = 0;
 
 // After a join: requests a choice when there are several players and no PinkPanther. Main thread.
-void ask_for_pinkpanther_after_join();
+void request_pinkpanther_after_join();
 
 // Takes the role from a player that leaves or dies. Requests a choice if more than one player has a
 // slot. pinkpanther_slot does not change before that choice. Main thread.
-void give_up_pinkpanther(PlayerSlot& player);
+void release_pinkpanther(PlayerSlot& player);
 
 // Requests a choice when the last choice is two minutes old. Ping thread.
 void rotate_pinkpanther(std::uint32_t now);
@@ -30,4 +30,4 @@ void restart_pinkpanther();
 void run_pinkpanther_step();
 
 // Sends CMD_PINKPANTHER to a player that has just entered the game. Main thread.
-void tell_newcomer_of_pinkpanther(const sockaddr_in& newcomer);
+void send_pinkpanther(const sockaddr_in& newcomer);

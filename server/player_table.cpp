@@ -8,7 +8,7 @@ sockaddr_in socket_address_of(const Endpoint& endpoint) {
   return {AF_INET, endpoint.port, {endpoint.host}, {}};
 }
 
-Slot slots_in_play() {
+Slot slot_limit() {
   return static_cast<Slot>(server_config.maxClients);
 }
 
@@ -18,7 +18,7 @@ bool is_used(const Seat& seat) {
 
 std::int32_t count_used_slots() {
   std::int32_t count = 0;
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
+  for (Slot slot = 0; slot < slot_limit(); ++slot) {
     if (is_used(player_table[slot].seat)) ++count;
   }
   return count;
@@ -28,7 +28,7 @@ std::int32_t count_used_slots() {
 // slot keeps its old address, so the address alone is not a match.
 Slot find_slot_by_address(const sockaddr_in& address) {
   const Endpoint wanted = endpoint_of(address);
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
+  for (Slot slot = 0; slot < slot_limit(); ++slot) {
     const PlayerSlot& player = player_table[slot];
     if (player.address.load() == wanted && is_used(player.seat)) return slot;
   }
@@ -36,7 +36,7 @@ Slot find_slot_by_address(const sockaddr_in& address) {
 }
 
 Slot find_free_slot() {
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
+  for (Slot slot = 0; slot < slot_limit(); ++slot) {
     if (player_table[slot].seat.load().state == SeatState::FREE) return slot;
   }
   return NO_SLOT;

@@ -76,7 +76,7 @@ inline constinit PlayerTable player_table{};
 
 sockaddr_in socket_address_of(const Endpoint& endpoint);
 
-Slot slots_in_play();             // maxClients: joins use only the slots below it; any thread
+Slot slot_limit();                // maxClients: joins use only the slots below it; any thread
 bool is_used(const Seat& seat);   // JOINED or IN_GAME: the slot has a player
 std::int32_t count_used_slots();  // below maxClients; any thread
 

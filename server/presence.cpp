@@ -37,7 +37,7 @@ static PlayerInfo player_info_of(Slot slot, bool just_entered) {
 
 // Sends the record of every joined player, whether or not it is in the game.
 static void send_all_records(const sockaddr_in& newcomer) {
-  for (Slot slot = 0; slot < slots_in_play(); ++slot) {
+  for (Slot slot = 0; slot < slot_limit(); ++slot) {
     const Seat seat = player_table[slot].seat;
     if (slot == last_join_slot || !is_used(seat)) continue;
     send_record_about(slot, seat, newcomer, player_info_of(slot, false));
@@ -59,12 +59,12 @@ void handle_enter_game(Slot slot, const ReceivedDatagram& datagram) {
     relay_to_others(player_info_of(slot, true), slot);
   }
   send_all_records(datagram.sender);
-  tell_newcomer_of_pinkpanther(datagram.sender);
+  send_pinkpanther(datagram.sender);
 }
 
 // The seat of the target. Nothing if the target is the asker or is not a player in the game: the
 // server does not answer about these.
-static std::optional<Seat> seat_asked_about(Slot asker, Slot target) {
+static std::optional<Seat> find_queried_seat(Slot asker, Slot target) {
   if (target >= server_config.maxClients || target == asker) return std::nullopt;
   const Seat seat = player_table[target].seat;
   if (seat.state != SeatState::IN_GAME) return std::nullopt;
@@ -73,14 +73,14 @@ static std::optional<Seat> seat_asked_about(Slot asker, Slot target) {
 
 void handle_get_player_info(Slot slot, const ReceivedDatagram& datagram) {
   const auto query = record_of<GetPlayerInfo>(datagram.bytes);
-  const auto seat = seat_asked_about(slot, query.slot);
+  const auto seat = find_queried_seat(slot, query.slot);
   if (!seat) return;
   send_record_about(query.slot, *seat, datagram.sender, player_info_of(query.slot, false));
 }
 
 void handle_get_player_state(Slot slot, const ReceivedDatagram& datagram) {
   const auto query = record_of<GetPlayerState>(datagram.bytes);
-  const auto seat = seat_asked_about(slot, query.slot);
+  const auto seat = find_queried_seat(slot, query.slot);
   if (!seat) return;
   const PlayerSlot& player = player_table[query.slot];
   PlayerStateReply reply{.slot = query.slot, .position = player.state.position};

@@ -44,7 +44,7 @@ void handle_died(Slot slot, const ReceivedDatagram& datagram) {
   player.has_died = 1;
   console_print("%s, Player [%d] died %d times\n", player.name, slot, player.death_count);
   relay_to_others(PlayerDied{.slot = slot, .death_count = player.death_count}, slot);
-  give_up_pinkpanther(player);
+  release_pinkpanther(player);
 }
 
 // The only command of variable length: the text ends at its first NUL or at the end of the

@@ -21,7 +21,7 @@ void send_record(const sockaddr_in& destination, Datagram record, SendErrorText 
 void broadcast_except_sender(Datagram record, Slot slot) {
   std::array<sockaddr_in, MAX_CLIENTS> destinations;
   std::size_t count = 0;
-  for (Slot other = 0; other < slots_in_play(); ++other) {
+  for (Slot other = 0; other < slot_limit(); ++other) {
     const PlayerSlot& player = player_table[other];
     const Seat seat = player.seat;
     if (seat.state != SeatState::IN_GAME || other == slot) continue;

@@ -18,11 +18,11 @@ static void shutdown_handler(int /*signal*/) {
 
 sigset_t block_stop_signals() {
   sigset_t signals;
-  sigset_t kept_signals;
+  sigset_t saved_signals;
   sigemptyset(&signals);
   for (const int signal : STOP_SIGNALS) sigaddset(&signals, signal);
-  pthread_sigmask(SIG_BLOCK, &signals, &kept_signals);
-  return kept_signals;
+  pthread_sigmask(SIG_BLOCK, &signals, &saved_signals);
+  return saved_signals;
 }
 
 void install_shutdown_handler() {
@@ -40,9 +40,9 @@ bool stop_requested() {
 // Blocks the signals before it reads the flag. ppoll(2) unblocks them, so a signal in between ends
 // the wait.
 bool wait_for_input_or_stop(int handle) {
-  const sigset_t kept_signals = block_stop_signals();
+  const sigset_t saved_signals = block_stop_signals();
   pollfd wait{.fd = handle, .events = POLLIN, .revents = 0};
-  const int ready = stop_requested() ? 0 : ppoll(&wait, 1, nullptr, &kept_signals);
-  pthread_sigmask(SIG_SETMASK, &kept_signals, nullptr);
+  const int ready = stop_requested() ? 0 : ppoll(&wait, 1, nullptr, &saved_signals);
+  pthread_sigmask(SIG_SETMASK, &saved_signals, nullptr);
   return ready != -1 || errno == EINTR;
 }

@@ -17,7 +17,7 @@
 //                        with "late N" before them, after N of the server's pauses;
 //                        with "reset", it resets the connection
 //   announce WHAT        announce_first, announce_check, master_announce, master_remove_server or
-//                        tell_of_stop: first, check, ask, remove or stop
+//                        broadcast_shutdown: first, check, ask, remove or stop
 //   run THREAD SECONDS   the ping or the announce thread from its start,
 //                        until it has slept this long
 //   M| LINE              the first line of the request to the master server
@@ -228,7 +228,7 @@ class SessionTest : public GameTest {
         {"check", [] { announce_check(announcer.state); }},
         {"ask", [] { announcer.verdict = static_cast<std::uint8_t>(master_announce()); }},
         {"remove", master_remove_server},
-        {"stop", tell_of_stop},
+        {"stop", broadcast_shutdown},
     };
     return printed_by(calls.at(what));
   }

@@ -20,11 +20,11 @@
 
 namespace {
 
-// The server waits for a console for at most a second in a row, and after that for 1 percent of the
-// time: each millisecond that a wait uses up is available again 100 ms later.
-constexpr std::int64_t PATIENCE_US = 1'000'000;
-constexpr std::int64_t STEP_US = 10'000;  // one wait
-constexpr std::int64_t RECOVERY = 100;
+// A token bucket limits the waits for a full console to 1 second in a row, and then to 1 percent of
+// the time: each millisecond of waiting is available again 100 ms later.
+constexpr std::int64_t WAIT_BUDGET_US = 1'000'000;
+constexpr std::int64_t WAIT_STEP_US = 10'000;  // one wait
+constexpr std::int64_t REFILL_FACTOR = 100;
 
 using Line = std::array<char, 512>;
 
@@ -32,8 +32,8 @@ using Line = std::array<char, 512>;
 enum class ConsoleKind { NEVER_BLOCKS, SOCKET, MAY_BLOCK };
 constinit ConsoleKind console_kind = ConsoleKind::NEVER_BLOCKS;
 
-// When all of the patience is available again, in microseconds of CLOCK_MONOTONIC.
-constinit std::atomic<std::int64_t> patient_at_us = 0;
+// The time at which the budget is full again, in microseconds of CLOCK_MONOTONIC.
+constinit std::atomic<std::int64_t> budget_full_at_us = 0;
 constinit std::atomic<unsigned> missing_lines = 0;
 constinit std::atomic<bool> is_line_cut = false;  // only the start of a line was written
 
@@ -43,28 +43,28 @@ std::int64_t monotonic_us() {
   return std::int64_t{now.tv_sec} * 1'000'000 + now.tv_nsec / 1'000;
 }
 
-bool has_patience() {
-  return patient_at_us - monotonic_us() <= (PATIENCE_US - STEP_US) * RECOVERY;
+bool has_wait_budget() {
+  return budget_full_at_us - monotonic_us() <= (WAIT_BUDGET_US - WAIT_STEP_US) * REFILL_FACTOR;
 }
 
 // Two threads that wait at once may be charged for one wait. The cap is for a suspended process.
 void charge_wait(std::int64_t since_us) {
   const std::int64_t now_us = monotonic_us();
-  const std::int64_t waited_us = std::min(now_us - since_us, PATIENCE_US);
-  patient_at_us = std::max(patient_at_us.load(), now_us) + waited_us * RECOVERY;
+  const std::int64_t waited_us = std::min(now_us - since_us, WAIT_BUDGET_US);
+  budget_full_at_us = std::max(budget_full_at_us.load(), now_us) + waited_us * REFILL_FACTOR;
 }
 
 // A timer interrupts a blocked write after each step, with a signal to this thread only. The timer
 // repeats, because its first signal may arrive before the write begins.
 ssize_t write_interruptibly(std::string_view text) {
-  if (!has_patience()) return errno = EAGAIN, -1;
+  if (!has_wait_budget()) return errno = EAGAIN, -1;
   sigevent event{};
   event.sigev_notify = SIGEV_THREAD_ID;
   event.sigev_signo = SIGALRM;
   event._sigev_un._tid = gettid();
   timer_t timer{};
   if (timer_create(CLOCK_MONOTONIC, &event, &timer) == -1) return -1;
-  constexpr timespec STEP{.tv_sec = 0, .tv_nsec = STEP_US * 1'000};
+  constexpr timespec STEP{.tv_sec = 0, .tv_nsec = WAIT_STEP_US * 1'000};
   constexpr itimerspec STEPS{.it_interval = STEP, .it_value = STEP};
   const std::int64_t start_us = monotonic_us();
   timer_settime(timer, 0, &STEPS, nullptr);
@@ -85,10 +85,10 @@ ssize_t write_some(std::string_view text) {
 // After a write that failed: whether to try again.
 bool wait_for_room() {
   if (errno == EINTR) return true;
-  if (errno != EAGAIN || !has_patience()) return false;
+  if (errno != EAGAIN || !has_wait_budget()) return false;
   const std::int64_t start_us = monotonic_us();
   // Waits for no event: a pipe counts as writable only when it has room for a whole page.
-  poll(nullptr, 0, STEP_US / 1'000);
+  poll(nullptr, 0, WAIT_STEP_US / 1'000);
   charge_wait(start_us);
   return true;
 }
@@ -125,7 +125,7 @@ bool print_missing() {
 // O_NONBLOCK belongs to the open file description, which other processes share, so standard output
 // is opened again. Another user's file cannot be opened, unless it is the controlling terminal.
 // Returns the new descriptor, or -1.
-int reopen_standard_output() {
+int reopen_stdout() {
   constexpr int FLAGS = O_WRONLY | O_NONBLOCK | O_NOCTTY;
   const int handle = open("/proc/self/fd/1", FLAGS);
   if (handle != -1 || tcgetsid(STDOUT_FILENO) != getsid(0)) return handle;
@@ -133,7 +133,7 @@ int reopen_standard_output() {
 }
 
 // The handler does nothing. Without SA_RESTART, the signal ends a write with EINTR.
-void let_timers_interrupt_writes() {
+void install_timer_signal_handler() {
   struct sigaction action = {};
   action.sa_handler = [](int /*signal*/) {};
   sigemptyset(&action.sa_mask);
@@ -149,9 +149,9 @@ ConsoleKind prepare_standard_output() {
   if (fstat(STDOUT_FILENO, &status) == -1) return ConsoleKind::NEVER_BLOCKS;
   if (S_ISSOCK(status.st_mode)) return ConsoleKind::SOCKET;
   if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return ConsoleKind::NEVER_BLOCKS;
-  const int handle = reopen_standard_output();
+  const int handle = reopen_stdout();
   if (handle == -1) {
-    let_timers_interrupt_writes();
+    install_timer_signal_handler();
     return ConsoleKind::MAY_BLOCK;
   }
   dup2(handle, STDOUT_FILENO);
