@@ -163,13 +163,13 @@ void act(ClientSession& session) {
 void step(const Scenario& scenario, Client& client, bool may_act, Result& result) {
   const std::uint64_t now_ms = monotonic_ms();
   ClientSession& session = client.session;
-  const auto hear = [&](Datagram datagram) { session_hear(session, datagram, now_ms); };
+  const auto handle_datagram = [&](Datagram datagram) { session_hear(session, datagram, now_ms); };
   static Batch batch;
   receive_batch(client.socket, batch);
   for (std::size_t i = 0; i < batch.count; ++i) {
-    pass_through(scenario, client.on_their_way[1], batch.datagrams[i], now_ms, hear);
+    pass_through(scenario, client.on_their_way[1], batch.datagrams[i], now_ms, handle_datagram);
   }
-  deliver_delayed(client.on_their_way[1], now_ms, hear);
+  deliver_delayed(client.on_their_way[1], now_ms, handle_datagram);
   if (session_step(session, now_ms) == SessionEvent::FORGOTTEN) ++result.forgotten;
   const bool is_watching = scenario.clients == 1;
   if (may_act && !is_watching && session.state == SessionState::PLAYING &&
@@ -259,11 +259,11 @@ Result run(const Scenario& scenario, std::vector<Client>& clients) {
 
 int main(int count, char** arguments) {
   sockaddr_in server{};
-  std::string complaint;
+  std::string error_text;
   const auto* scenario = std::ranges::find_if(SCENARIOS, [&](const Scenario& each) {
     return count == 4 && std::string_view(each.name) == arguments[1];
   });
-  if (scenario == std::end(SCENARIOS) || !resolve_server(arguments[2], server, complaint)) {
+  if (scenario == std::end(SCENARIOS) || !resolve_server(arguments[2], server, error_text)) {
     return std::fputs("usage: lossy_crowd SCENARIO HOST:PORT SEED\n", stderr), 2;
   }
   generator.seed(static_cast<unsigned>(std::atoi(arguments[3])));

@@ -38,17 +38,17 @@ static std::int64_t run_updates(Crowd& crowd, const Order& order) {
   std::vector<std::int64_t> delays{0};
   const std::uint32_t first = crowd.sent;
   const Clock::time_point start = Clock::now();
-  bool is_whole = true;
-  while (is_whole && crowd.sent < first + order.count) {
+  bool is_complete = true;
+  while (is_complete && crowd.sent < first + order.count) {
     std::this_thread::sleep_until(
         start + std::chrono::nanoseconds(order.spacing_ns * (crowd.sent - first)));
     const Clock::time_point sent = Clock::now();
-    is_whole = send_update(crowd);
+    is_complete = send_update(crowd);
     if (crowd.sent - first <= order.ahead) continue;
-    is_whole = is_whole && await_update(crowd, crowd.sent - 1 - order.ahead);
+    is_complete = is_complete && await_update(crowd, crowd.sent - 1 - order.ahead);
     delays.push_back(ns_since(sent));
   }
-  if (is_whole) await_update(crowd, crowd.sent - 1);
+  if (is_complete) await_update(crowd, crowd.sent - 1);
   std::sort(delays.begin(), delays.end());
   return delays[delays.size() / 2];
 }
@@ -72,9 +72,9 @@ static bool carry_out(Crowd& crowd, const Order& order) {
 int main(int count, char** arguments) {
   const unsigned players = count == 4 ? static_cast<unsigned>(std::atoi(arguments[3])) : 0;
   sockaddr_in server{};
-  std::string complaint;
-  if (players < 2 || players > MAX_CLIENTS || !resolve_server(arguments[2], server, complaint)) {
-    std::cerr << "usage: zolload server|floor HOST:PORT PLAYERS(2..32)\n" << complaint << "\n";
+  std::string error_text;
+  if (players < 2 || players > MAX_CLIENTS || !resolve_server(arguments[2], server, error_text)) {
+    std::cerr << "usage: zolload server|floor HOST:PORT PLAYERS(2..32)\n" << error_text << "\n";
     return EXIT_FAILURE;
   }
   static Crowd crowd;

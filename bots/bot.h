@@ -1,20 +1,20 @@
-// The bots and what they know about the server.
+// The state of the bots, and their model of the server's state.
 //
-// A bot is one UDP socket that plays one player. The state that the server stores in a slot stays
-// there when the player leaves, so the bots keep their copy of it by slot too.
+// Each bot is one player, with one UDP socket. The server keeps the state of a slot when its player
+// leaves, so the model is kept by slot, too.
 //
-// The server handles datagrams in the order of their arrival. On the loopback interface they arrive
-// in the order in which this process sends them, so the bots know exactly what each of them must
-// receive. On a network (in_order_delivery is false) the datagrams of two bots may overtake each
-// other. Then relays to a bot that joins or leaves are optional, and the bots do not compare what
-// the server tells them about another player's state.
+// The server handles datagrams in the order of their arrival. On the loopback interface, datagrams
+// arrive in the order in which this process sends them, so the bots know exactly which datagrams
+// each bot must receive. On a network (in_order_delivery is false), a datagram of one bot may
+// overtake a datagram of another bot. Then relays to a bot that joins or leaves are optional, and
+// the bots do not compare the state of another player in the server's answers.
 //
-// Others are players that are not bots of this process. The bots do not know what they send. So
-// they judge an unexpected datagram that others may have caused only if the caller has promised
-// that there are none (--alone). Others cannot replace what a bot is due: a wrong datagram in its
-// place counts as a loss.
+// "Others" are players that are not bots of this process. The bots do not know what others send. So
+// they do not judge an unexpected datagram that others may have caused, unless the caller promises
+// with the option --alone that there are no others. The expected datagram that such a datagram
+// replaces counts as lost in any case.
 //
-// Single-threaded.
+// Only one thread may use this module.
 #pragma once
 
 #include <array>
@@ -46,22 +46,22 @@ struct Bot {
   bool has_entered = false;  // at least once, even if it has left since
   std::array<char, NAME_WIDTH> name{};
   std::uint64_t rng = 0;
-  std::uint64_t due_ns = 0;           // when it acts next
-  std::uint64_t leave_notice = 0;     // while it joins again: number in the relay ring of its slot
-  BotSet leave_notice_receivers = 0;  // bots in the game when it sent that join request
-  float x = 0;                        // position, goal and direction
+  std::uint64_t due_ns = 0;           // the time of its next action
+  std::uint64_t leave_notice = 0;     // of a join from a slot: its number in the relay ring
+  BotSet leave_notice_receivers = 0;  // bots in the game at the time of that join
+  float x = 0;                        // position and goal, in units of the world
   float y = 0;
   float goal_x = 0;
   float goal_y = 0;
   float heading = 0;           // radians
-  std::uint16_t sequence = 0;  // of its car statuses
+  std::uint16_t sequence = 0;  // number of its next car status
   std::uint8_t death_count = 0;
 };
 
-// The server's state of a slot.
+// The model of the server's state of one slot.
 struct SlotModel {
   std::uint8_t bot = NO_BOT;  // the bot in the slot
-  bool known = false;         // a bot has entered here, and nobody else can have been here since
+  bool known = false;  // a bot has entered here, and no other player can have been here since
   bool in_car = false;
   bool has_died = false;
   PlayerState state{};
@@ -70,7 +70,7 @@ struct SlotModel {
 
 struct Counters {
   std::uint64_t positions = 0;
-  std::uint64_t skipped = 0;  // position updates that were not sent because the bots were too slow
+  std::uint64_t skipped = 0;  // position updates not sent, because the bots were too slow
   std::uint64_t sent = 0;
   std::uint64_t send_failures = 0;
   std::uint64_t joins = 0;
@@ -84,7 +84,7 @@ struct Fleet {
   unsigned size = 0;
   bool alone = false;  // there are no others
   bool in_order_delivery = false;
-  std::uint16_t process_tag = 0;  // tells our datagrams from those of another zolbots
+  std::uint16_t process_tag = 0;  // distinguishes the datagrams of two zolbots processes
   std::uint64_t step_ns = 0;      // between two position updates of a bot
 
   BotSet in_game = 0;        // must get relays
@@ -94,7 +94,7 @@ struct Fleet {
   std::uint8_t joining_bot = NO_BOT;
   Slot last_join_slot = NO_SLOT;
 
-  std::uint32_t other_slots = 0;  // one bit per slot: others have been there
+  std::uint32_t other_slots = 0;  // one bit per slot that others have used
 
   bool first_accepted_known = false;
   JoinAccepted first_accepted{};
@@ -109,7 +109,7 @@ extern Fleet fleet;
 
 // bot_life.cpp: how bots join, enter and leave.
 
-// Does what is due, and sets the time when the bot is due again.
+// Does the action that is due, and sets due_ns for the next one.
 void act(Bot& bot, std::uint64_t now_ns);
 void set_stage(Bot& bot, Stage stage);
 void take_slot(Bot& bot, Slot slot);
@@ -122,6 +122,6 @@ void send_bytes(const Bot& bot, Datagram datagram);
 void act_in_game(Bot& bot);
 void act_before_entering(Bot& bot);
 
-// bot_hearing.cpp: how bots check what they receive.
+// bot_receive.cpp: how bots check the datagrams that they receive.
 
-void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns);
+void handle_datagram(Bot& bot, Datagram datagram, std::uint64_t now_ns);

@@ -1,5 +1,6 @@
-// The actions of bots between joining and leaving. An action changes the model of the slot as the
-// server will change its state, adds the expected datagrams, and sends.
+// The actions of bots between joining and leaving. An action changes the model of the slot in the
+// same way as the server will change its state, adds the expected datagrams, and sends its
+// datagram.
 
 #include <algorithm>
 #include <cstdio>
@@ -8,8 +9,8 @@
 
 #include "bots/bot_common.h"
 
-// The texts before and after the place. The server cuts the first one. "% s" is a conversion if the
-// server uses a text as a format.
+// The text before and after the place. The first sentence is so long that the server must cut it.
+// In the third, "% s" would be a conversion if the server used a chat text as a format string.
 static constexpr std::pair<const char*, const char*> SENTENCES[] = {
     {"Meet me at the ", ". Bring the big one, and do not tell a soul about it, please"},
     {"Nice car! Did you get it at the ", "?"},
@@ -51,7 +52,7 @@ static void send_position(Bot& bot) {
 
 static void send_state_floats(Bot& bot) {
   StateFloats update;
-  update.state_f2 = tagged_slot(bot);
+  update.state_f2 = slot_tag(bot);
   update.state_f3 = random_float(bot);
   model_of(bot).state.state_f2 = update.state_f2;
   model_of(bot).state.state_f3 = update.state_f3;
@@ -61,7 +62,7 @@ static void send_state_floats(Bot& bot) {
   send_bytes(bot, update);
 }
 
-// Also takes the player out of its car.
+// A foot update also takes the player out of its car.
 static void send_foot_update(Bot& bot) {
   SlotModel& model = model_of(bot);
   FootUpdate update;
@@ -142,7 +143,7 @@ static void send_car_block_b(Bot& bot) {
   send_bytes(bot, update);
 }
 
-// CMD_PLAYER_CAR_STATUS names no slot, so car_byte names it, and car_float holds the process tag.
+// CMD_PLAYER_CAR_STATUS contains no slot, so car_byte contains it, and car_float the process tag.
 static void send_car_status(Bot& bot) {
   CarStatus update;
   update.car_byte = bot.slot;
@@ -164,7 +165,7 @@ static void change_weapon(Bot& bot) {
   send_bytes(bot, update);
 }
 
-// This ends the player's car ride, but the server sends no CMD_PLAYER_LEFT_CAR.
+// A death ends the car ride, but the server sends no CMD_PLAYER_LEFT_CAR.
 static void die(Bot& bot) {
   Died report;
   report.death_count = ++bot.death_count;
@@ -219,8 +220,8 @@ static void query(Bot& bot) {
                             : Datagram(GetPlayerState{.slot = slot}));
 }
 
-// An action and its probability, per draw. The probabilities of a table add up to less than a
-// thousand: the rest is the probability that the bot does nothing.
+// An action and its probability in thousandths. With the rest of the probability, the bot does
+// nothing.
 struct WeightedAction {
   unsigned per_mille;
   void (*act)(Bot& bot);
@@ -265,7 +266,7 @@ void act_in_game(Bot& bot) {
   act_at_random(bot, ANYWHERE);
 }
 
-// The server accepts these from a player who has not entered yet.
+// The server accepts these actions from a player that has not entered yet.
 void act_before_entering(Bot& bot) {
   act_at_random(bot, BEFORE_ENTERING);
 }

@@ -1,4 +1,4 @@
-// What the bots' own files share: random values, expected datagrams, and the places of the chat.
+// Shared by the files of the bots: random values, expected datagrams, and the places in chat texts.
 #pragma once
 
 #include <algorithm>
@@ -17,14 +17,15 @@ inline constexpr float CAR_SPEED = 30;     // units a second
 inline constexpr float TURN_RATE = 2;      // radians a second
 inline constexpr float GOAL_RADIUS = 20;   // units
 
-// CMD_CHAT_LINE names no slot. So a bot talks only about the place of its slot.
+// CMD_CHAT_LINE contains no slot. So each slot has a place, and a bot's chat contains the place of
+// its slot.
 inline constexpr std::array<const char*, SLOTS> PLACES = {
     "airport", "bakery", "bridge",  "brewery",  "casino",     "cinema", "circus",   "docks",
     "farm",    "ferry",  "forest",  "fountain", "gallery",    "garage", "harbour",  "hospital",
     "hotel",   "kiosk",  "laundry", "library",  "lighthouse", "market", "museum",   "opera",
     "pier",    "quarry", "stadium", "station",  "swamp",      "tunnel", "windmill", "zoo"};
 
-// The generator splitmix64.
+// The random number generator splitmix64.
 inline std::uint64_t next_random(Bot& bot) {
   bot.rng += 0x9E37'79B9'7F4A'7C15;
   std::uint64_t z = bot.rng;
@@ -41,7 +42,7 @@ inline std::uint8_t random_byte(Bot& bot) {
   return static_cast<std::uint8_t>(next_random(bot) >> 56U);
 }
 
-// Any bits, and one time in eight a signalling NaN: the server must not change even these.
+// Random bits; one time in eight a signalling NaN, which the server must relay unchanged, too.
 inline FloatBits random_float(Bot& bot) {
   const auto bits = static_cast<FloatBits>(next_random(bot) >> 32U);
   return random_below(bot, 8) == 0 ? (bits & 0x803F'FFFFU) | 0x7F80'0001U : bits;
@@ -74,12 +75,12 @@ inline Position next_position(Bot& bot) {
   return {std::bit_cast<FloatBits>(bot.x), std::bit_cast<FloatBits>(bot.y), random_float(bot)};
 }
 
-// The state_f2 of every bot. CMD_PLAYER_STATE_FLOATS names no slot, so state_f2 names it.
-inline FloatBits tagged_slot(const Bot& bot) {
+// The value of state_f2. CMD_PLAYER_STATE_FLOATS contains no slot, so state_f2 contains it.
+inline FloatBits slot_tag(const Bot& bot) {
   return static_cast<FloatBits>(fleet.process_tag) << 16U | bot.slot;
 }
 
-// The unused bytes are zero, as in what the server sends.
+// The unused bytes are zero, as in the datagrams of the server.
 inline CarState random_car(Bot& bot) {
   CarState car;
   car.car_type = random_byte(bot);
@@ -123,8 +124,9 @@ inline void expect_answer(const Bot& bot, Datagram answer, std::size_t compared_
   expect(answer_ring(bot.number), expectation);
 }
 
-// Without in-order delivery the server may answer with an older state, or not at all. Then, and
-// while the server's state of the slot is unknown, only the first known_size bytes are compared.
+// Without in-order delivery, the server may answer with an older state, or not at all. In that
+// case, and while the server's state of the slot is unknown, only the first known_size bytes are
+// compared.
 inline void expect_player_data(const Bot& bot, const SlotModel& model, Datagram answer,
                                std::size_t known_size) {
   const bool exact = fleet.in_order_delivery && model.known;
@@ -135,7 +137,7 @@ inline void expect_player_data(const Bot& bot, const SlotModel& model, Datagram 
   expect(answer_ring(bot.number), expectation);
 }
 
-// Whether the bots know which slots of the server are taken.
+// Whether the model knows all used slots of the server.
 inline bool knows_slots() {
   return fleet.alone && fleet.in_order_delivery;
 }

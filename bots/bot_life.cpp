@@ -7,11 +7,11 @@
 Fleet fleet;
 
 static constexpr std::uint64_t MS = 1'000'000;       // ns
-static constexpr std::uint64_t RETRY_NS = 2 * MS;    // while another bot joins
+static constexpr std::uint64_t RETRY_NS = 2 * MS;    // wait while another bot joins
 static constexpr unsigned MAX_PAUSE_MS = 500;        // between leaving and joining
 static constexpr unsigned MAX_ENTER_DELAY_MS = 200;  // between joining and entering
 static constexpr std::uint64_t ANSWER_TIMEOUT_NS = 5'000 * MS;
-// Without in-order delivery a datagram may arrive this much later than one that was sent after it.
+// Without in-order delivery, a datagram may arrive this much later than a datagram sent after it.
 static constexpr std::uint64_t REORDER_WINDOW_NS = 1'000 * MS;
 
 void set_stage(Bot& bot, Stage stage) {
@@ -30,8 +30,9 @@ void send_bytes(const Bot& bot, Datagram datagram) {
   if (!send_datagram(bot.socket, datagram)) ++fleet.counters.send_failures;
 }
 
-// The server excludes the slot of the latest join. If another player has joined since, that slot is
-// excluded, and the record of last_join_slot is unexpected.
+// The server does not send the record of the latest join's slot. If a player that is no bot has
+// joined since, the server omits that player's slot, and the record of last_join_slot is
+// unexpected.
 static void expect_other_players(const Bot& bot) {
   for (Slot slot = 0; slot < SLOTS; ++slot) {
     if (fleet.slots[slot].bot == NO_BOT || slot == fleet.last_join_slot) continue;
@@ -39,8 +40,8 @@ static void expect_other_players(const Bot& bot) {
   }
 }
 
-// A bot in the game may enter again. No bot enters while another one joins, because the reply names
-// the slot of the latest join.
+// A bot in the game may enter again. No bot enters while another bot joins, because the reply
+// contains the slot of the latest join.
 static void enter_game(Bot& bot) {
   if (fleet.joining_bot != NO_BOT) return;
   SlotModel& model = model_of(bot);
@@ -48,7 +49,7 @@ static void enter_game(Bot& bot) {
   report.state.position = next_position(bot);
   report.state.state_f1 = random_float(bot);
   report.state.state_b = random_byte(bot);
-  report.state.state_f2 = tagged_slot(bot);
+  report.state.state_f2 = slot_tag(bot);
   report.state.state_f3 = random_float(bot);
   model.state = report.state;
   model.known = true;
@@ -78,8 +79,8 @@ static void enter_game(Bot& bot) {
   send_bytes(bot, report);
 }
 
-// A bot in a slot that joins again leaves this slot only if the server accepts it in another one,
-// so the notice to the other players is optional until the answer comes.
+// A bot with a slot that joins again leaves its slot only if the server gives it another slot. So
+// the notice to the other players is optional until the answer arrives.
 static void expect_leave_notice(Bot& bot) {
   const PlayerLeft notice{.slot = bot.slot};
   Expectation expectation = expectation_of(notice);
@@ -88,8 +89,8 @@ static void expect_leave_notice(Bot& bot) {
   bot.leave_notice = expect(relay_ring(bot.slot), expectation);
 }
 
-// Without in-order delivery, the next datagram of this bot may reach the server before earlier ones
-// of other bots. The server then does not relay those datagrams to this bot.
+// Without in-order delivery, the next datagram of this bot may reach the server before earlier
+// datagrams of other bots. The server then does not relay those datagrams to this bot.
 static void make_recent_optional(const Bot& bot) {
   if (!fleet.in_order_delivery) make_optional(bot.number, monotonic_ns() - REORDER_WINDOW_NS);
 }
@@ -109,7 +110,7 @@ static Slot first_free_slot() {
   return NO_SLOT;
 }
 
-// A bot in a slot moves to another one if one is free, and keeps its own if none is.
+// A bot with a slot moves to a free slot; without a free slot, it keeps its slot.
 static void join(Bot& bot) {
   if (!may_join()) return;
   make_recent_optional(bot);
@@ -175,7 +176,7 @@ void handle_refusal(Bot& bot) {
   end_join(bot);
 }
 
-// Without in-order delivery a receiver that has left the game since may have missed the notice.
+// Without in-order delivery, a receiver that has left the game since may not have got the notice.
 static void require_leave_notice(const Bot& bot) {
   BotSet receivers = bot.leave_notice_receivers;
   if (!fleet.in_order_delivery) receivers &= fleet.in_game;

@@ -11,14 +11,15 @@ struct Ring {
   std::uint64_t end = 0;
 };
 
-static constexpr std::uint64_t DAY_S = 1440;  // of the game: one of its minutes is a second
+static constexpr std::uint64_t DAY_S =
+    1440;  // a day of the game: each of its minutes takes a second
 static constexpr std::uint64_t CLOCK_TOLERANCE_S = 2;
 
 static std::array<Ring, RINGS> rings;
 static std::array<std::array<std::uint64_t, MAX_BOTS>, RINGS> cursors;
 static std::uint64_t outstanding_count;
 
-// The second of our clock at which the game's clock showed 0:00, plus whole days of the game.
+// The time on our clock, in seconds, when the game's clock showed 0:00, modulo a day of the game.
 static std::uint64_t game_start_s;
 static bool game_start_known;
 
@@ -56,9 +57,9 @@ std::uint64_t expect(unsigned ring, const Expectation& expectation) {
   return number;
 }
 
-// The server reads the hour and the minute separately, at some time between our send and our
+// The server reads its clock twice, for the hour and for the minute, between our send and our
 // receive. So each is compared separately with every second of this interval. The first time of day
-// received sets game_start_s.
+// that is received sets game_start_s.
 static bool clock_fits(unsigned hour, unsigned minute, std::uint64_t sent_ns,
                        std::uint64_t now_ns) {
   if (hour > 23 || minute > 59) return false;
@@ -109,7 +110,8 @@ struct Arrival {
   std::uint64_t now_ns;
 };
 
-// The number of the first entry of this status that matches the datagram, or the value of `to`.
+// The number of the first entry in [from, to) that has this status and matches the datagram; `to`
+// if there is none.
 static std::uint64_t find(const Arrival& arrival, Status status, std::uint64_t from,
                           std::uint64_t to) {
   for (std::uint64_t number = from; number < to; ++number) {
@@ -137,9 +139,9 @@ static Expectation* next_required(const Arrival& arrival, std::uint64_t cursor) 
   return nullptr;
 }
 
-// Matches a required entry before an earlier, equal optional one, because the optional datagram may
-// never arrive. If it does arrive, the cursor may be past its entry, so optional entries are
-// matched in any order.
+// Prefers a required entry to an earlier, equal optional entry, because the optional datagram may
+// never arrive. If it does arrive, the cursor may be past its entry, so optional entries match in
+// any order.
 Match match(unsigned ring, unsigned receiver, Datagram datagram, std::uint64_t now_ns) {
   const Arrival arrival{ring, bot_bit(receiver), datagram, now_ns};
   const std::uint64_t end = rings[ring].end;

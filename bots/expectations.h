@@ -1,13 +1,12 @@
-// What the bots must receive: every datagram that the server must send because of a bot's datagram.
+// The expected datagrams: every datagram that the server must send because of a bot's datagram.
 //
-// A relay tells the other players what one bot has sent; an answer goes only to the sender. Each
-// slot has a ring of the relays caused by the bot in it, and each bot has a ring of the answers to
-// it. Both contain the datagrams in the order in which the bots sent their causes. Each receiver
-// has a separate cursor in each ring.
+// A relay goes to the other players; an answer goes only to the sender. Each slot has a ring of the
+// relays that the bot in it has caused, and each bot has a ring of the answers to it. Both contain
+// the datagrams in the order in which the bots sent their causes. Each receiver has a cursor in
+// each ring.
 //
-// A relay is stored once, with one bit for each bot that must or may get it. A missing datagram
-// counts as lost only when its place in the ring is reused, or at the end: until then it may still
-// be in a socket.
+// A relay is stored once, with one bit for each bot that must or may get it. A missing datagram may
+// still be in a socket, so it counts as lost only when its entry is reused, and at the end.
 #pragma once
 
 #include <array>
@@ -31,18 +30,18 @@ inline BotSet bot_bit(unsigned bot) {
   return BotSet{1} << bot;
 }
 
-// The datagram must be one from the server and not empty.
+// The command code of a datagram from the server. The datagram must not be empty.
 inline ServerCommand command_of(Datagram datagram) {
   return ServerCommand{datagram[0]};
 }
 
 struct Expectation {
-  std::uint64_t sent_ns = 0;  // when the bot sent the cause
-  BotSet required = 0;        // bots that must get it
-  BotSet optional = 0;        // bots that may get it
-  BotSet received = 0;        // bots that have got it
-  std::uint8_t size = 0;
-  std::uint8_t compared_size = 0;  // bytes, from the start, that must be equal
+  std::uint64_t sent_ns = 0;       // when the bot sent the cause
+  BotSet required = 0;             // bots that must get it
+  BotSet optional = 0;             // bots that may get it
+  BotSet received = 0;             // bots that have received it
+  std::uint8_t size = 0;           // bytes
+  std::uint8_t compared_size = 0;  // the number of first bytes that must be equal
   std::array<std::uint8_t, sizeof(PlayerInfo)> bytes{};
 };
 
@@ -57,7 +56,7 @@ enum class Verdict { EXPECTED, OUT_OF_ORDER, REPEATED, UNEXPECTED };
 
 struct Match {
   Verdict verdict;
-  // The matching entry. For REPEATED and UNEXPECTED: the next required one, or null.
+  // The matching entry. For REPEATED and UNEXPECTED: the next required entry, or null.
   Expectation* expectation;
 };
 
@@ -74,16 +73,16 @@ std::uint64_t expect(unsigned ring, const Expectation& expectation);
 
 Match match(unsigned ring, unsigned receiver, Datagram datagram, std::uint64_t now_ns);
 
-// Makes an entry required for these bots, unless it has left the ring.
+// Makes an entry required for these bots, unless a newer entry has replaced it.
 void make_required(unsigned ring, std::uint64_t number, BotSet bots);
 
-// Makes optional what the bot has not received yet, of all entries caused since then.
+// Makes all entries sent since then optional for this bot, except for those that it has received.
 void make_optional(unsigned receiver, std::uint64_t since_ns);
 
 // The number of required datagrams that have not arrived yet.
 std::uint64_t outstanding();
 
-// Call at the end: counts the missing datagrams as lost.
+// Counts the missing datagrams as lost. Call it once, at the end.
 void tally_remaining();
 
 extern Tally relay_tally;

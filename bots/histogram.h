@@ -1,5 +1,6 @@
-// Delays, counted in fixed buckets: exact below 64 ns, and 32 buckets for each power of two above,
-// so a percentile is at most 1/32 too high.
+// A histogram of delays: one bucket per nanosecond below 64 ns, and 32 buckets for each power of
+// two above. So a percentile is at most 1/32 too high. Only one thread at a time may use a
+// histogram.
 #pragma once
 
 #include <algorithm>
@@ -27,7 +28,7 @@ inline void histogram_add(Histogram& histogram, std::uint64_t delay_ns) {
   histogram.max_ns = std::max(histogram.max_ns, delay_ns);
 }
 
-// The upper end of the bucket with this percentile, in ns; 0 when nothing was counted.
+// The upper end of the bucket with this percentile, in ns; 0 for an empty histogram.
 inline std::uint64_t histogram_percentile(const Histogram& histogram, unsigned percent) {
   std::uint64_t rank = (histogram.total * percent + 99) / 100;
   for (unsigned bucket = 0; bucket < BUCKETS && rank != 0; ++bucket) {

@@ -90,8 +90,8 @@ ParseResult parse_options(int count, char** arguments, Options& options) {
       return ParseResult::BAD_ARGUMENTS;
     }
   }
-  std::string complaint;
-  if (resolve_server(options.server, options.address, complaint)) return ParseResult::RUN;
-  std::fprintf(stderr, "zolbots: %s\n", complaint.c_str());
+  std::string error_text;
+  if (resolve_server(options.server, options.address, error_text)) return ParseResult::RUN;
+  std::fprintf(stderr, "zolbots: %s\n", error_text.c_str());
   return ParseResult::BAD_ARGUMENTS;
 }

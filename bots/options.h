@@ -10,10 +10,10 @@ struct Options {
   unsigned rate = 20;     // position updates per second and bot
   unsigned seconds = 10;  // how long to play
   unsigned seed = 1;      // of the bots' random choices
-  bool alone = false;     // nobody else plays: every unexpected datagram is wrong
+  bool alone = false;     // no other players: every unexpected datagram is wrong
 };
 
 enum class ParseResult { RUN, HELP_SHOWN, BAD_ARGUMENTS };
 
-// Prints the error of bad arguments to standard error.
+// Prints the reason for BAD_ARGUMENTS to standard error.
 ParseResult parse_options(int count, char** arguments, Options& options);

@@ -14,7 +14,7 @@ static const bool ON_TERMINAL = isatty(STDOUT_FILENO) == 1;
 
 static unsigned wrong_shown;
 static std::uint64_t last_progress_ns;
-static bool on_progress_line;  // the terminal's cursor is at the end of one
+static bool on_progress_line;  // the terminal's cursor is at the end of a progress line
 
 static void end_progress_line() {
   if (on_progress_line) std::printf("\n");
@@ -95,7 +95,7 @@ static void show_others() {
   }
 }
 
-// Events that the table does not show, if there were any.
+// Prints a line for each kind of event that is not in the table.
 static void show_events(std::uint64_t socket_drops) {
   const Counters& counters = fleet.counters;
   show_count(counters.refused, "joins refused, the server was full");

@@ -3,13 +3,13 @@
 
 #include "bots/bot.h"
 
-// Counts the datagram as wrong. Prints the first ten, each with the expectation that was due
-// instead; due is null for none.
+// Counts the datagram as wrong. Prints the first ten wrong datagrams, each with the datagram that
+// the bot should have received next; `due` is null if it should have received none.
 void report_wrong(const Bot& bot, Datagram datagram, Tally& tally, const char* reason,
                   const Expectation* due);
 
-// On a terminal, one line that is rewritten twice a second; elsewhere, a new line every ten
-// seconds.
+// Prints a progress line: on a terminal one line that is replaced twice a second, elsewhere a new
+// line every ten seconds.
 void show_progress(std::uint64_t now_ns);
 
 // Prints a separate line, below a progress line if there is one.

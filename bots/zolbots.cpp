@@ -1,4 +1,4 @@
-// Bots that play on a server and check all that they receive: demo, soak test and load generator.
+// Bots that play on a server and check every datagram from it: demo, soak test and load generator.
 
 #include <linux/sock_diag.h>
 #include <poll.h>
@@ -57,11 +57,11 @@ static bool start_fleet(const Options& options) {
 }
 
 // Handles one batch, so that no socket delays the others.
-static void hear_batch(Bot& bot) {
+static void handle_batch(Bot& bot) {
   static Batch batch;
   receive_batch(bot.socket, batch);
   const std::uint64_t now_ns = monotonic_ns();
-  for (std::size_t i = 0; i < batch.count; ++i) hear(bot, batch.datagrams[i], now_ns);
+  for (std::size_t i = 0; i < batch.count; ++i) handle_datagram(bot, batch.datagrams[i], now_ns);
 }
 
 // Waits for datagrams and signals, at most until the given time.
@@ -73,13 +73,13 @@ static void receive_until(std::uint64_t until_ns) {
   pollfd& signal_wait = waits[fleet.size];
   signal_wait = {.fd = stop_signals, .events = POLLIN, .revents = 0};
   const std::uint64_t now_ns = monotonic_ns();
-  const std::uint64_t rest_ns = until_ns > now_ns ? until_ns - now_ns : 0;
-  const timespec rest = {.tv_sec = static_cast<time_t>(rest_ns / SECOND_NS),
-                         .tv_nsec = static_cast<long>(rest_ns % SECOND_NS)};
-  if (ppoll(waits.data(), fleet.size + 1, &rest, nullptr) <= 0) return;
+  const std::uint64_t remaining_ns = until_ns > now_ns ? until_ns - now_ns : 0;
+  const timespec timeout = {.tv_sec = static_cast<time_t>(remaining_ns / SECOND_NS),
+                            .tv_nsec = static_cast<long>(remaining_ns % SECOND_NS)};
+  if (ppoll(waits.data(), fleet.size + 1, &timeout, nullptr) <= 0) return;
   if (signal_wait.revents != 0) stop_requested = take_stop_signal(stop_signals) != 0;
   for (unsigned i = 0; i < fleet.size; ++i) {
-    if (waits[i].revents != 0) hear_batch(fleet.bots[i]);
+    if (waits[i].revents != 0) handle_batch(fleet.bots[i]);
   }
 }
 
@@ -94,7 +94,7 @@ static std::uint64_t act_all(std::uint64_t end_ns) {
   return next_ns;
 }
 
-static bool nobody_answers(std::uint64_t start_ns, std::uint64_t now_ns) {
+static bool is_server_silent(std::uint64_t start_ns, std::uint64_t now_ns) {
   return now_ns - start_ns > JOIN_TIMEOUT_NS && fleet.counters.joins + fleet.counters.refused == 0;
 }
 
@@ -103,7 +103,7 @@ static void play(const Options& options) {
   const std::uint64_t end_ns = start_ns + options.seconds * SECOND_NS;
   std::uint64_t now_ns = start_ns;
   while (now_ns < end_ns && !stop_requested && !fleet.server_stopped) {
-    if (nobody_answers(start_ns, now_ns)) break;
+    if (is_server_silent(start_ns, now_ns)) break;
     const std::uint64_t next_ns = act_all(end_ns);
     receive_until(next_ns);
     now_ns = monotonic_ns();
@@ -111,9 +111,9 @@ static void play(const Options& options) {
   }
 }
 
-// Receives until all required datagrams have arrived, except for this number, or until no more of
-// them arrive. Other datagrams do not count: they may never end. Waits a little longer in any case,
-// for datagrams that should not arrive.
+// Receives until all required datagrams have arrived, except for already_lost of them, or until no
+// more of them arrive. Other datagrams do not prolong this, because they may never end. Waits a
+// little longer in any case, to detect datagrams that should not arrive.
 static void drain(std::uint64_t already_lost) {
   const std::uint64_t start_ns = monotonic_ns();
   std::uint64_t missing = outstanding();
@@ -128,7 +128,7 @@ static void drain(std::uint64_t already_lost) {
   }
 }
 
-// A bot without a slot also leaves: the answer to its join may be lost.
+// A bot without a slot also leaves, because the answer to its join may be lost.
 static void leave_all() {
   for (unsigned i = 0; i < fleet.size; ++i) {
     Bot& bot = fleet.bots[i];
@@ -136,14 +136,14 @@ static void leave_all() {
   }
 }
 
-// The server may have stopped before it handled the bots' last datagrams, so nothing that they
-// cause is required.
+// The server may have stopped before it handled the bots' last datagrams, so the datagrams that
+// these would cause are optional.
 static void handle_shutdown(std::uint64_t ended_ns) {
   print_line("the server is shutting down");
   for (unsigned i = 0; i < fleet.size; ++i) make_optional(i, ended_ns - SHUTDOWN_WINDOW_NS);
 }
 
-// 0 if the kernel does not count them.
+// The result is 0 if the kernel does not count drops.
 static std::uint64_t count_socket_drops() {
   std::uint64_t drops = 0;
   for (unsigned i = 0; i < fleet.size; ++i) {
@@ -168,7 +168,7 @@ static void end_play() {
   tally_remaining();
 }
 
-static bool all_was_well() {
+static bool has_no_faults() {
   return relay_tally.lost + relay_tally.wrong + answer_tally.lost + answer_tally.wrong == 0;
 }
 
@@ -200,5 +200,5 @@ int main(int count, char** arguments) {
   }
   end_play();
   show_table(options, seconds, count_socket_drops());
-  return all_was_well() ? EXIT_SUCCESS : EXIT_FAILURE;
+  return has_no_faults() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -1,4 +1,4 @@
-// The question whether a server runs at an address, and the answer to it. Neither takes a slot.
+// A question to an address, and the answer that shows that a server runs there. Takes no slot.
 #pragma once
 
 #include <cstdint>
@@ -7,12 +7,12 @@
 
 namespace zol {
 
-// Datagrams may be lost. Together the tries take less than two seconds.
+// Datagrams may be lost. All tries together take less than two seconds.
 inline constexpr int ALIVE_TRIES = 3;
 inline constexpr std::uint64_t ALIVE_TRY_MS = 650;
 
-// A join with a version that no server has, so every server refuses it: a refusal takes no slot and
-// prints nothing.
+// A join with a version that no server has. Every server refuses it, and a refusal takes no slot
+// and prints nothing.
 inline constexpr JoinRequest ALIVE_QUESTION{.version = 0};
 static_assert(ALIVE_QUESTION.version != PROTOCOL_VERSION);
 

@@ -10,12 +10,13 @@ namespace zol {
 
 using enum ServerCommand;
 
-// The number of questions about the own slot from a player in a car. The server answers them only
-// if it has the player on foot.
+// The maximum number of questions about the own slot from a player in a car. The server does not
+// answer them if it has the player in a car, too.
 static constexpr unsigned SLOT_QUESTIONS = 5;
-// Several car updates may be in flight when the first CMD_NOT_IN_CAR arrives.
+// Several car updates may be in flight, so several CMD_NOT_IN_CAR may arrive: the client reacts to
+// one of them in this time.
 static constexpr std::uint64_t CAR_AGAIN_MS = 500;
-static constexpr unsigned LEAVING_COPIES = 3;  // if all are lost, a ghost stays for 100 seconds
+static constexpr unsigned LEAVE_COPIES = 3;  // if all are lost, the player stays for 100 seconds
 
 static void send_code(ClientSession& session, ClientCommand command) {
   outbox_add(session.outbox, command);
@@ -42,9 +43,9 @@ static void send_entry(ClientSession& session) {
   back_off(session);
 }
 
-// The server answers a car block from a player on foot with CMD_NOT_IN_CAR, which has the slot. The
-// block is the player's own: if the server has the player in a car, it relays nothing new and does
-// not answer. So a driver stops asking after some questions.
+// The server answers a car block from a player on foot with CMD_NOT_IN_CAR, which contains the
+// slot. If the server has the player in a car, it relays the block and does not answer. So the
+// block is unchanged, and a player in a car stops asking after SLOT_QUESTIONS questions.
 static void ask_own_slot(ClientSession& session) {
   CarBlockAUpdate question;
   question.car_block_a = session.own.car.car_block_a;
@@ -54,19 +55,19 @@ static void ask_own_slot(ClientSession& session) {
   if (may_be_driving && session.slot_questions_left > 0) --session.slot_questions_left;
 }
 
-static void doubt_own_slot(ClientSession& session, std::uint64_t due_ms) {
+static void verify_own_slot(ClientSession& session, std::uint64_t due_ms) {
   session.slot_questions_left = SLOT_QUESTIONS;
   session.slot_due_ms = due_ms;
 }
 
-// Asks once more: the answer with the slot may be older than the latest move to another slot.
+// Asks for the slot again: the answer may be older than the latest move to another slot.
 static void enter(ClientSession& session, Slot slot) {
   session.picture.own_slot = slot;
   session.picture.players[slot] = {};
   session.state = SessionState::ENTERING;
   session.back_off_ms = 0;
   session.due_ms = session.now_ms;
-  doubt_own_slot(session, session.now_ms + ASK_OWN_SLOT_MS);
+  verify_own_slot(session, session.now_ms + ASK_OWN_SLOT_MS);
 }
 
 static void ask_for_records(ClientSession& session) {
@@ -75,17 +76,17 @@ static void ask_for_records(ClientSession& session) {
   }
 }
 
-static SessionEvent start_over(ClientSession& session, std::uint64_t due_ms, SessionEvent event) {
+static SessionEvent restart_join(ClientSession& session, std::uint64_t due_ms, SessionEvent event) {
   session.state = SessionState::JOINING;
   session.due_ms = due_ms;
   session.back_off_ms = 0;
   return event;
 }
 
-// The server may have stopped, or may have forgotten us. It answers a player on foot with the slot,
-// and a driver with the time of day.
-static void ask_in_silence(ClientSession& session) {
-  const bool is_silent = session.now_ms - session.slot_sure_ms >= QUIET_MS;
+// The server may have stopped, or may have timed us out. It answers the question of a player on
+// foot with the slot, and the report of a player in a car with the time of day.
+static void probe_silent_server(ClientSession& session) {
+  const bool is_silent = session.now_ms - session.slot_confirmed_ms >= QUIET_MS;
   const bool is_asking = session.slot_questions_left > 0 || session.now_ms < session.slot_due_ms;
   if (!is_silent || is_asking) return;
   if (!session.own.in_car) return ask_own_slot(session);
@@ -96,9 +97,9 @@ static void ask_in_silence(ClientSession& session) {
 static void step_in_game(ClientSession& session) {
   ask_for_records(session);
   repeat_own_state(session);
-  // A join that the network repeated may have moved us to another slot.
-  const bool hears_nothing = session.now_ms - session.in_game_ms >= ENTER_AGAIN_MS;
-  if (hears_nothing && session.now_ms >= session.due_ms) send_entry(session);
+  // A join that the network repeated may have moved us to another slot, where we have not entered.
+  const bool is_silent = session.now_ms - session.in_game_ms >= ENTER_AGAIN_MS;
+  if (is_silent && session.now_ms >= session.due_ms) send_entry(session);
 }
 
 SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
@@ -108,35 +109,36 @@ SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
     if (is_due) send_join(session);
     return SessionEvent::NONE;
   }
-  if (now_ms - session.slot_sure_ms > FORGOTTEN_MS) {
-    return start_over(session, now_ms, SessionEvent::FORGOTTEN);
+  if (now_ms - session.slot_confirmed_ms > FORGOTTEN_MS) {
+    return restart_join(session, now_ms, SessionEvent::FORGOTTEN);
   }
   if (session.slot_questions_left > 0 && now_ms >= session.slot_due_ms) ask_own_slot(session);
-  ask_in_silence(session);
+  probe_silent_server(session);
   if (session.state == SessionState::ENTERING && is_due) send_entry(session);
   if (session.state == SessionState::PLAYING) step_in_game(session);
   return SessionEvent::NONE;
 }
 
-// Joins are repeated, and the network repeats and reorders datagrams. This answer may be older than
-// the latest move, so it only makes us ask again.
-static SessionEvent hear_accepted(ClientSession& session, Datagram datagram) {
+// Joins are repeated, and the network repeats and reorders datagrams. After the first acceptance,
+// an acceptance may be older than the latest move to another slot, so the session asks for its
+// slot.
+static SessionEvent handle_accepted(ClientSession& session, Datagram datagram) {
   const auto accepted = record_of<JoinAccepted>(datagram);
   if (accepted.slot >= MAX_CLIENTS) return SessionEvent::NONE;
   if (session.state != SessionState::JOINING) {
-    if (accepted.slot != session.picture.own_slot) doubt_own_slot(session, session.now_ms);
+    if (accepted.slot != session.picture.own_slot) verify_own_slot(session, session.now_ms);
     return SessionEvent::NONE;
   }
   session.picture = picture_of_join(accepted);
   session.state = SessionState::PLACING;
-  session.slot_sure_ms = session.now_ms;
-  doubt_own_slot(session, session.now_ms);
+  session.slot_confirmed_ms = session.now_ms;
+  verify_own_slot(session, session.now_ms);
   return SessionEvent::JOINED;
 }
 
-// A full server also refuses a client that has a slot but has lost the answer. Leaving frees that
-// slot for the next try. A refusal after an acceptance is an old one.
-static SessionEvent hear_refusal(ClientSession& session, Datagram datagram) {
+// A full server also refuses a client that has a slot but did not receive the acceptance. Leaving
+// frees that slot for the next try. A refusal after an acceptance is an old refusal.
+static SessionEvent handle_refusal(ClientSession& session, Datagram datagram) {
   if (session.state != SessionState::JOINING) return SessionEvent::NONE;
   session.refusal = {};
   std::copy(datagram.begin() + 1, datagram.end(), session.refusal.begin());
@@ -144,7 +146,7 @@ static SessionEvent hear_refusal(ClientSession& session, Datagram datagram) {
   return SessionEvent::REFUSED;
 }
 
-static void hear_not_in_car(ClientSession& session, Datagram datagram) {
+static void handle_not_in_car(ClientSession& session, Datagram datagram) {
   const auto answer = record_of<NotInCar>(datagram);
   if (answer.slot >= MAX_CLIENTS) return;
   const bool is_placing = session.state == SessionState::PLACING;
@@ -156,7 +158,7 @@ static void hear_not_in_car(ClientSession& session, Datagram datagram) {
   report_car_again(session);
 }
 
-static SessionEvent hear_entered(ClientSession& session) {
+static SessionEvent handle_enter_reply(ClientSession& session) {
   session.back_off_ms = 0;
   session.due_ms = session.now_ms;
   if (session.state != SessionState::ENTERING) return SessionEvent::NONE;
@@ -179,15 +181,15 @@ static bool shows_in_game(Datagram datagram) {
   }
 }
 
-static SessionEvent hear_from_game(ClientSession& session, Datagram datagram) {
+static SessionEvent handle_game_datagram(ClientSession& session, Datagram datagram) {
   if (session.state == SessionState::JOINING) return SessionEvent::NONE;
-  session.slot_sure_ms = session.now_ms;
+  session.slot_confirmed_ms = session.now_ms;
   if (shows_in_game(datagram)) session.in_game_ms = session.now_ms;
-  picture_hear(session.picture, datagram, session.now_ms);
+  picture_apply(session.picture, datagram, session.now_ms);
   const ServerCommand command{datagram[0]};
-  if (command == CMD_NOT_IN_CAR) hear_not_in_car(session, datagram);
-  if (command == CMD_GAME_CLOCK) hear_clock_answer(session);
-  return command == CMD_ENTER_GAME_REPLY ? hear_entered(session) : SessionEvent::NONE;
+  if (command == CMD_NOT_IN_CAR) handle_not_in_car(session, datagram);
+  if (command == CMD_GAME_CLOCK) handle_clock_answer(session);
+  return command == CMD_ENTER_GAME_REPLY ? handle_enter_reply(session) : SessionEvent::NONE;
 }
 
 template <typename... Records>
@@ -196,7 +198,7 @@ static bool is_one_of(Datagram datagram) {
   return ((command == Records{}.command && datagram.size() == sizeof(Records)) || ...);
 }
 
-// False for a datagram that no server sends. It must not count as a sign of life.
+// False for a datagram that no server sends. Such a datagram does not show that the server runs.
 static bool is_from_server(Datagram datagram) {
   return !datagram.empty() &&
          is_one_of<Ping, JoinRefusedFull, JoinRefusedVersion, EnterGameReply, JoinAccepted,
@@ -211,27 +213,27 @@ SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64
   if (!is_from_server(datagram)) return SessionEvent::NONE;
   switch (ServerCommand{datagram[0]}) {
     case CMD_JOIN_ACCEPTED:
-      return hear_accepted(session, datagram);
+      return handle_accepted(session, datagram);
     case CMD_JOIN_REFUSED_FULL:
     case CMD_JOIN_REFUSED_VERSION:
-      return hear_refusal(session, datagram);
+      return handle_refusal(session, datagram);
     case CMD_SERVER_SHUTDOWN:
-      return start_over(session, now_ms + FIRST_BACK_OFF_MS, SessionEvent::STOPPED);
+      return restart_join(session, now_ms + FIRST_BACK_OFF_MS, SessionEvent::STOPPED);
     case CMD_PING:
       send_code(session, ClientCommand::CMD_PING_REPLY);
-      return hear_from_game(session, datagram);
+      return handle_game_datagram(session, datagram);
     default:
-      return hear_from_game(session, datagram);
+      return handle_game_datagram(session, datagram);
   }
 }
 
-std::size_t chat_room(const ClientSession& session) {
+std::size_t max_chat_length(const ClientSession& session) {
   const std::size_t used = strnlen(session.name.data(), session.name.size()) + 2;  // including ": "
   return TEXT_WIDTH - std::min(used, TEXT_WIDTH);
 }
 
 void session_say(ClientSession& session, std::string_view text) {
-  text = text.substr(0, chat_room(session));
+  text = text.substr(0, max_chat_length(session));
   Chat chat;
   std::copy(text.begin(), text.end(), chat.text.begin());
   outbox_add(session.outbox, Datagram(chat).first(text.size() + 2));
@@ -241,12 +243,12 @@ void session_say(ClientSession& session, std::string_view text) {
                 text.data());
   ChatLine heard;
   std::copy_n(line, strnlen(line, heard.text.size()), heard.text.begin());
-  picture_hear(session.picture, heard, session.now_ms);
+  picture_apply(session.picture, heard, session.now_ms);
 }
 
 void session_leave(ClientSession& session) {
-  for (unsigned i = 0; i < LEAVING_COPIES; ++i) send_code(session, ClientCommand::CMD_PLAYER_LEFT);
-  start_over(session, session.now_ms + FIRST_BACK_OFF_MS, SessionEvent::NONE);
+  for (unsigned i = 0; i < LEAVE_COPIES; ++i) send_code(session, ClientCommand::CMD_PLAYER_LEFT);
+  restart_join(session, session.now_ms + FIRST_BACK_OFF_MS, SessionEvent::NONE);
 }
 
 }  // namespace zol

@@ -1,4 +1,5 @@
-// A bot made with this library: it joins, drives in circles, prints what it hears, and leaves.
+// A bot made with this library: it joins, drives in circles, prints the events of its session, and
+// leaves on SIGINT or SIGTERM.
 //   zolexample HOST[:PORT]
 
 #include <poll.h>
@@ -27,17 +28,22 @@ static void play(ClientSession& session, std::uint64_t now_ms) {
   report_position(session, place);
 }
 
-static void tell(const ClientSession& session, SessionEvent event) {
-  const char* const texts[] = {"",           "accepted",    "in the game", session.refusal.data(),
-                               "it stopped", "it forgot us"};
-  if (event != SessionEvent::NONE) std::puts(texts[static_cast<int>(event)]);
+static void print_event(const ClientSession& session, SessionEvent event) {
+  const char* const texts[] = {"",
+                               "accepted",
+                               "in the game",
+                               "refused, will try again: ",
+                               "the server has stopped; trying to join again",
+                               "the server is silent; trying to join again"};
+  const char* reason = event == SessionEvent::REFUSED ? session.refusal.data() : "";
+  if (event != SessionEvent::NONE) std::printf("%s%s\n", texts[static_cast<int>(event)], reason);
 }
 
 int main(int count, char** arguments) {
   sockaddr_in server{};
-  std::string complaint = "usage: zolexample HOST[:PORT]";
-  if (count != 2 || !resolve_server(arguments[1], server, complaint)) {
-    return std::fprintf(stderr, "zolexample: %s\n", complaint.c_str()), 2;
+  std::string error_text = "usage: zolexample HOST[:PORT]";
+  if (count != 2 || !resolve_server(arguments[1], server, error_text)) {
+    return std::fprintf(stderr, "zolexample: %s\n", error_text.c_str()), 2;
   }
   const int socket = open_client_socket(server);
   const int stop_signals = open_stop_signals({SIGINT, SIGTERM});
@@ -50,9 +56,9 @@ int main(int count, char** arguments) {
     const std::uint64_t now_ms = monotonic_ms();
     receive_batch(socket, batch);
     for (std::size_t i = 0; i < batch.count; ++i) {
-      tell(session, session_hear(session, batch.datagrams[i], now_ms));
+      print_event(session, session_hear(session, batch.datagrams[i], now_ms));
     }
-    tell(session, session_step(session, now_ms));
+    print_event(session, session_step(session, now_ms));
     if (session.state == SessionState::PLAYING && now_ms - played_ms >= STEP_MS) {
       play(session, played_ms = now_ms);
     }

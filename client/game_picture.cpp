@@ -10,9 +10,9 @@ using enum ServerCommand;
 
 static constexpr std::uint32_t DAY_MINUTES = 24 * 60;
 
-// Nothing when the datagram has another size: the server's datagrams are always complete.
+// Nothing when the datagram has another size than the record: no server sends such a datagram.
 template <WireRecord Record>
-static std::optional<Record> whole_record_of(Datagram datagram) {
+static std::optional<Record> complete_record_of(Datagram datagram) {
   if (datagram.size() != sizeof(Record)) return std::nullopt;
   return record_of<Record>(datagram);
 }
@@ -23,14 +23,14 @@ static void copy_text(std::array<char, width>& to, const char* from, std::size_t
   std::memcpy(to.data(), from, strnlen(from, std::min(from_width, width - 1)));
 }
 
-// Apply a datagram to a player. Some relays also show whether the player sits in a car. The
-// datagram about getting in or out may be lost, so the picture uses them.
+// The functions `apply` update a player from a datagram. The datagram about getting in or out of a
+// car may be lost, so every relay that shows whether the player is in a car sets in_car.
 
-// The mark of an entry alone is no news, because players also enter again. Another name is.
+// A different name means another player. just_entered does not, because players also enter again.
 static void apply(PlayerPicture& player, const PlayerInfo& info) {
   std::array<char, NAME_WIDTH> name{};
   copy_text(name, info.name.data(), info.name.size());
-  if (player.has_record && player.name != name) player = {.is_here = true};
+  if (player.has_record && player.name != name) player = {.is_present = true};
   if (info.just_entered != 0) player.is_playing = false;
   player.has_record = true;
   player.name = name;
@@ -87,21 +87,21 @@ static void apply(PlayerPicture& player, const PlayerDied& relay) {
 
 // Returns the player that the datagram is about, or null.
 template <WireRecord Record>
-static PlayerPicture* hear_about(GamePicture& picture, Datagram datagram) {
-  const auto record = whole_record_of<Record>(datagram);
+static PlayerPicture* apply_to_player(GamePicture& picture, Datagram datagram) {
+  const auto record = complete_record_of<Record>(datagram);
   if (!record || record->slot >= MAX_CLIENTS) return nullptr;
   PlayerPicture& player = picture.players[record->slot];
-  player.is_here = true;
+  player.is_present = true;
   player.unanswered = 0;
   apply(player, *record);
   return &player;
 }
 
 template <WireRecord Record>
-static void hear_relay(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  PlayerPicture* player = hear_about<Record>(picture, datagram);
+static void apply_relay(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  PlayerPicture* player = apply_to_player<Record>(picture, datagram);
   if (player == nullptr) return;
-  player->heard_ms = now_ms;
+  player->last_active_ms = now_ms;
   if (!std::is_same_v<Record, PlayerDied>) player->is_playing = true;
 }
 
@@ -112,44 +112,45 @@ static bool is_late_answer(const GamePicture& picture, const PlayerInfo& info,
   return left_ms != 0 && now_ms - left_ms < LATE_ANSWER_MS;
 }
 
-static void hear_info(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  const auto info = whole_record_of<PlayerInfo>(datagram);
+static void apply_info(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto info = complete_record_of<PlayerInfo>(datagram);
   if (!info || is_late_answer(picture, *info, now_ms)) return;
-  PlayerPicture* player = hear_about<PlayerInfo>(picture, datagram);
+  PlayerPicture* player = apply_to_player<PlayerInfo>(picture, datagram);
   if (player == nullptr) return;
-  if (info->just_entered != 0 || player->heard_ms == 0) player->heard_ms = now_ms;
+  if (info->just_entered != 0 || player->last_active_ms == 0) player->last_active_ms = now_ms;
   player->record_ms = now_ms;
 }
 
-static void hear_left(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  const auto notice = whole_record_of<PlayerLeft>(datagram);
+static void apply_left(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto notice = complete_record_of<PlayerLeft>(datagram);
   if (!notice || notice->slot >= MAX_CLIENTS) return;
   picture.players[notice->slot] = {.left_ms = now_ms};
   if (picture.pinkpanther == notice->slot) picture.pinkpanther = NOBODY;
 }
 
-// Applies a relay without a slot. If a player already has the values, the relay is a repeat. If it
-// may be about several players, the picture asks for their records.
+// Applies a relay without a slot. may_be: the player may have caused it. has: the player has the
+// values already, so the relay is a repeat. take: stores the values in the player. If several
+// players may have caused the relay, the picture asks for their records.
 template <typename MayBe, typename Has, typename Take>
-static void hear_unnamed(GamePicture& picture, std::uint64_t now_ms, MayBe may_be, Has has,
-                         Take take) {
+static void apply_ambiguous_relay(GamePicture& picture, std::uint64_t now_ms, MayBe may_be, Has has,
+                                  Take take) {
   PlayerPicture* only = nullptr;
   unsigned count = 0;
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     PlayerPicture& player = picture.players[slot];
-    if (slot == picture.own_slot || !player.is_here || !may_be(player)) continue;
+    if (slot == picture.own_slot || !player.is_present || !may_be(player)) continue;
     if (has(player)) return;
     only = &player;
     ++count;
   }
   if (count == 1) return take(*only);
-  picture.unnamed_ms = now_ms;
+  picture.ambiguous_ms = now_ms;
 }
 
-static void hear_state_floats(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  const auto relay = whole_record_of<PlayerStateFloats>(datagram);
+static void apply_state_floats(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto relay = complete_record_of<PlayerStateFloats>(datagram);
   if (!relay) return;
-  hear_unnamed(
+  apply_ambiguous_relay(
       picture, now_ms, [](const PlayerPicture&) { return true; },
       [&](const PlayerPicture& player) {
         return player.state.state_f2 == relay->state_f2 && player.state.state_f3 == relay->state_f3;
@@ -160,10 +161,10 @@ static void hear_state_floats(GamePicture& picture, Datagram datagram, std::uint
       });
 }
 
-static void hear_car_status(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  const auto relay = whole_record_of<PlayerCarStatus>(datagram);
+static void apply_car_status(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto relay = complete_record_of<PlayerCarStatus>(datagram);
   if (!relay) return;
-  hear_unnamed(
+  apply_ambiguous_relay(
       picture, now_ms, [](const PlayerPicture& player) { return player.in_car; },
       [&](const PlayerPicture& player) {
         return player.car.car_byte == relay->car_byte && player.car.car_float == relay->car_float;
@@ -175,8 +176,8 @@ static void hear_car_status(GamePicture& picture, Datagram datagram, std::uint64
 }
 
 template <WireRecord Record>
-static void hear_clock(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  const auto clock = whole_record_of<Record>(datagram);
+static void apply_clock(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  const auto clock = complete_record_of<Record>(datagram);
   if (!clock) return;
   picture.is_clock_known = true;
   picture.clock_minutes = (clock->hour * 60U + clock->minute) % DAY_MINUTES;
@@ -185,64 +186,64 @@ static void hear_clock(GamePicture& picture, Datagram datagram, std::uint64_t no
 
 // If the reply names another player's slot, that player joined last. Its record is not among those
 // that follow, so the picture adds the player and asks for the record.
-static void hear_entered(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
-  hear_clock<EnterGameReply>(picture, datagram, now_ms);
-  const auto reply = whole_record_of<EnterGameReply>(datagram);
+static void apply_enter_reply(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+  apply_clock<EnterGameReply>(picture, datagram, now_ms);
+  const auto reply = complete_record_of<EnterGameReply>(datagram);
   if (reply && reply->last_join_slot < MAX_CLIENTS) {
-    picture.players[reply->last_join_slot].is_here = true;
+    picture.players[reply->last_join_slot].is_present = true;
   }
 }
 
-static void hear_chat(GamePicture& picture, Datagram datagram) {
-  const auto line = whole_record_of<ChatLine>(datagram);
+static void apply_chat(GamePicture& picture, Datagram datagram) {
+  const auto line = complete_record_of<ChatLine>(datagram);
   if (!line) return;
   ChatText& text = picture.chat[picture.chat_count++ % CHAT_LINES];
   copy_text(text, line->text.data(), line->text.size());
 }
 
-static void hear_pinkpanther(GamePicture& picture, Datagram datagram) {
-  const auto notice = whole_record_of<PinkPanther>(datagram);
+static void apply_pinkpanther(GamePicture& picture, Datagram datagram) {
+  const auto notice = complete_record_of<PinkPanther>(datagram);
   if (notice) picture.pinkpanther = notice->slot;
 }
 
-void picture_hear(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
+void picture_apply(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   if (datagram.empty()) return;
   switch (ServerCommand{datagram[0]}) {
     case CMD_ENTER_GAME_REPLY:
-      return hear_entered(picture, datagram, now_ms);
+      return apply_enter_reply(picture, datagram, now_ms);
     case CMD_CHAT_LINE:
-      return hear_chat(picture, datagram);
+      return apply_chat(picture, datagram);
     case CMD_PLAYER_INFO:
-      return hear_info(picture, datagram, now_ms);
+      return apply_info(picture, datagram, now_ms);
     case CMD_PLAYER_STATE:
-      hear_about<PlayerStateReply>(picture, datagram);
+      apply_to_player<PlayerStateReply>(picture, datagram);
       return;
     case CMD_PLAYER_LEFT:
-      return hear_left(picture, datagram, now_ms);
+      return apply_left(picture, datagram, now_ms);
     case CMD_GAME_CLOCK:
-      return hear_clock<GameClock>(picture, datagram, now_ms);
+      return apply_clock<GameClock>(picture, datagram, now_ms);
     case CMD_PLAYER_POSITION:
-      return hear_relay<PlayerPosition>(picture, datagram, now_ms);
+      return apply_relay<PlayerPosition>(picture, datagram, now_ms);
     case CMD_PLAYER_FOOT_UPDATE:
-      return hear_relay<PlayerFootUpdate>(picture, datagram, now_ms);
+      return apply_relay<PlayerFootUpdate>(picture, datagram, now_ms);
     case CMD_PLAYER_CAR_BLOCK_A:
-      return hear_relay<PlayerCarBlockA>(picture, datagram, now_ms);
+      return apply_relay<PlayerCarBlockA>(picture, datagram, now_ms);
     case CMD_PLAYER_CAR_BLOCK_B:
-      return hear_relay<PlayerCarBlockB>(picture, datagram, now_ms);
+      return apply_relay<PlayerCarBlockB>(picture, datagram, now_ms);
     case CMD_PLAYER_GOT_CAR:
-      return hear_relay<PlayerGotCar>(picture, datagram, now_ms);
+      return apply_relay<PlayerGotCar>(picture, datagram, now_ms);
     case CMD_PLAYER_LEFT_CAR:
-      return hear_relay<PlayerLeftCar>(picture, datagram, now_ms);
+      return apply_relay<PlayerLeftCar>(picture, datagram, now_ms);
     case CMD_PLAYER_WEAPON:
-      return hear_relay<PlayerWeapon>(picture, datagram, now_ms);
+      return apply_relay<PlayerWeapon>(picture, datagram, now_ms);
     case CMD_PLAYER_STATE_FLOATS:
-      return hear_state_floats(picture, datagram, now_ms);
+      return apply_state_floats(picture, datagram, now_ms);
     case CMD_PLAYER_CAR_STATUS:
-      return hear_car_status(picture, datagram, now_ms);
+      return apply_car_status(picture, datagram, now_ms);
     case CMD_PINKPANTHER:
-      return hear_pinkpanther(picture, datagram);
+      return apply_pinkpanther(picture, datagram);
     case CMD_PLAYER_DIED:
-      return hear_relay<PlayerDied>(picture, datagram, now_ms);
+      return apply_relay<PlayerDied>(picture, datagram, now_ms);
     default:
       return;
   }
@@ -256,37 +257,37 @@ GamePicture picture_of_join(const JoinAccepted& accepted) {
   return picture;
 }
 
-static bool was_asked_lately(const PlayerPicture& player, std::uint64_t now_ms) {
+static bool was_asked_recently(const PlayerPicture& player, std::uint64_t now_ms) {
   return player.asked_ms != 0 && now_ms - player.asked_ms < ASK_AGAIN_MS;
 }
 
-static bool is_in_doubt(const GamePicture& picture, const PlayerPicture& player,
-                        std::uint64_t now_ms) {
-  const bool may_be_old = picture.unnamed_ms > player.record_ms;
-  const std::uint64_t age_ms = may_be_old ? UNNAMED_AGE_MS : RECORD_AGE_MS;
+static bool is_stale(const GamePicture& picture, const PlayerPicture& player,
+                     std::uint64_t now_ms) {
+  const bool is_ambiguous = picture.ambiguous_ms > player.record_ms;
+  const std::uint64_t age_ms = is_ambiguous ? AMBIGUOUS_AGE_MS : RECORD_AGE_MS;
   const bool is_known = player.has_record && now_ms - player.record_ms < age_ms;
-  return player.is_here && !is_known && !was_asked_lately(player, now_ms);
+  return player.is_present && !is_known && !was_asked_recently(player, now_ms);
 }
 
-// The next one of the slots without any datagram so far, in turn.
+// Returns the slots that no datagram has named, in turn.
 static Slot next_unknown(GamePicture& picture, std::uint64_t now_ms) {
   if (now_ms - picture.asked_unknown_ms < ASK_UNKNOWN_MS) return NO_SLOT;
   for (Slot tried = 0; tried < MAX_CLIENTS; ++tried) {
     picture.unknown_slot = static_cast<Slot>((picture.unknown_slot + 1) % MAX_CLIENTS);
     PlayerPicture& player = picture.players[picture.unknown_slot];
-    if (picture.unknown_slot == picture.own_slot || player.is_here) continue;
-    if (was_asked_lately(player, now_ms)) continue;
+    if (picture.unknown_slot == picture.own_slot || player.is_present) continue;
+    if (was_asked_recently(player, now_ms)) continue;
     picture.asked_unknown_ms = player.asked_ms = now_ms;
     return picture.unknown_slot;
   }
   return NO_SLOT;
 }
 
-// The server does not answer a question about the asker.
+// Skips the own slot: the server does not answer a player's question about itself.
 Slot next_question(GamePicture& picture, std::uint64_t now_ms) {
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     PlayerPicture& player = picture.players[slot];
-    if (slot == picture.own_slot || !is_in_doubt(picture, player, now_ms)) continue;
+    if (slot == picture.own_slot || !is_stale(picture, player, now_ms)) continue;
     if (player.unanswered == MAX_QUESTIONS) {
       player = {.asked_ms = now_ms};
       continue;

@@ -1,4 +1,4 @@
-// Datagrams to be sent to the server, oldest first. Used by one thread.
+// A queue of datagrams to the server. Only one thread at a time may use an outbox.
 #pragma once
 
 #include <array>
@@ -21,19 +21,19 @@ struct Outbox {
 // A full outbox drops the datagram, as the network may.
 inline void outbox_add(Outbox& outbox, Datagram datagram) {
   if (outbox.count == OUTBOX_SIZE || datagram.size() > RECEIVE_BUFFER_SIZE) return;
-  const std::size_t place = (outbox.first + outbox.count++) % OUTBOX_SIZE;
-  std::copy(datagram.begin(), datagram.end(), outbox.datagrams[place].begin());
-  outbox.sizes[place] = datagram.size();
+  const std::size_t index = (outbox.first + outbox.count++) % OUTBOX_SIZE;
+  std::copy(datagram.begin(), datagram.end(), outbox.datagrams[index].begin());
+  outbox.sizes[index] = datagram.size();
 }
 
-// Removes and returns the oldest datagram; empty when the outbox is empty. Its bytes are valid
-// until the next outbox_add.
+// Removes and returns the oldest datagram; an empty datagram when the outbox is empty. The bytes
+// are valid until the next outbox_add.
 inline Datagram outbox_take(Outbox& outbox) {
   if (outbox.count == 0) return {};
-  const std::size_t place = outbox.first;
+  const std::size_t index = outbox.first;
   outbox.first = (outbox.first + 1) % OUTBOX_SIZE;
   --outbox.count;
-  return Datagram(outbox.datagrams[place]).first(outbox.sizes[place]);
+  return Datagram(outbox.datagrams[index]).first(outbox.sizes[index]);
 }
 
 }  // namespace zol

@@ -2,7 +2,7 @@
 
 namespace zol {
 
-// Sends while the session is in the game. Before that, the next entry carries the state.
+// Sends while the session is in the game. Before that, the next entry contains the state.
 static void send_report(ClientSession& session, Datagram datagram) {
   OwnPlayer& own = session.own;
   if (!own.has_reported) own.repeat_due_ms = session.now_ms + REPEAT_MS;
@@ -11,7 +11,7 @@ static void send_report(ClientSession& session, Datagram datagram) {
 }
 
 static void start_repeats(const ClientSession& session, RepeatTimer& timer, unsigned count) {
-  timer = {.due_ms = session.now_ms + LOGGED_REPEAT_MS, .quick_left = count};
+  timer = {.due_ms = session.now_ms + LOGGED_REPEAT_MS, .fast_repeats_left = count};
 }
 
 static CarStateReport car_state_of(const OwnPlayer& own) {
@@ -59,9 +59,9 @@ static CarStatus car_status_of(const OwnPlayer& own) {
   return status;
 }
 
-static void step_out(ClientSession& session) {
+static void get_out(ClientSession& session) {
   session.own.in_car = false;
-  // If this report is lost, the next repeat on foot ends the ride on the server.
+  // If the report is lost, the repeated CMD_FOOT_UPDATE ends the ride on the server.
   session.own.repeat_due_ms = session.now_ms + LOGGED_REPEAT_MS;
 }
 
@@ -91,16 +91,16 @@ void report_state_floats(ClientSession& session, FloatBits state_f2, FloatBits s
 
 void report_on_foot(ClientSession& session, FloatBits state_f1) {
   session.own.state.state_f1 = state_f1;
-  if (session.own.in_car) step_out(session);
+  if (session.own.in_car) get_out(session);
   send_report(session, foot_update_of(session.own));
 }
 
 void report_death(ClientSession& session, std::uint8_t death_count) {
   session.own.death_count = death_count;
-  // A death costs the role. Until the server says so, the old role would delay the repeats.
+  // A death ends the role. While the picture shows the role, repeat_death would not repeat.
   GamePicture& picture = session.picture;
   if (picture.pinkpanther == picture.own_slot) picture.pinkpanther = NOBODY;
-  step_out(session);
+  get_out(session);
   start_repeats(session, session.own.death, DEATH_REPEATS);
   send_report(session, Died{.death_count = death_count});
 }
@@ -116,7 +116,7 @@ void report_got_in(ClientSession& session, const Position& position, const CarSt
 }
 
 void report_got_out(ClientSession& session, const Position& position) {
-  step_out(session);
+  get_out(session);
   session.own.state.position = position;
   Vehicle report;
   report.position = position;
@@ -129,7 +129,7 @@ void report_car(ClientSession& session, const Position& position, const CarState
 }
 
 void report_left_car(ClientSession& session) {
-  step_out(session);
+  get_out(session);
   send_report(session, ClientCommand::CMD_LEAVE_CAR);
 }
 
@@ -158,8 +158,8 @@ void ask_player_state(ClientSession& session, Slot slot) {
 
 static bool take_due(RepeatTimer& timer, std::uint64_t now_ms) {
   if (now_ms < timer.due_ms) return false;
-  if (timer.quick_left > 0) --timer.quick_left;
-  timer.due_ms = now_ms + (timer.quick_left > 0 ? LOGGED_REPEAT_MS : LOGGED_LATER_MS);
+  if (timer.fast_repeats_left > 0) --timer.fast_repeats_left;
+  timer.due_ms = now_ms + (timer.fast_repeats_left > 0 ? LOGGED_REPEAT_MS : LOGGED_SLOW_REPEAT_MS);
   return true;
 }
 
@@ -175,21 +175,23 @@ static void repeat_unlogged(ClientSession& session) {
 }
 
 // The server answers CMD_CAR_STATE with the time of day, which shows that it has the car. After a
-// death it also answers state floats so, and the answer shows nothing.
-void hear_clock_answer(ClientSession& session) {
-  if (!session.own.death_count) session.own.ride = {.due_ms = session.now_ms + LOGGED_LATER_MS};
+// death it answers state floats in the same way, so the answer shows nothing about the car.
+void handle_clock_answer(ClientSession& session) {
+  if (!session.own.death_count)
+    session.own.ride = {.due_ms = session.now_ms + LOGGED_SLOW_REPEAT_MS};
 }
 
 void report_car_again(ClientSession& session) {
   if (session.own.in_car) outbox_add(session.outbox, car_state_of(session.own));
 }
 
-// A repeated death takes the player out of its car, so the client reports the car after it, and
-// later repeats wait until the player is on foot. It would cost the PinkPanther its role.
+// A repeated death takes the player out of its car, so the client reports the car again. After the
+// fast repeats, it waits until the player is on foot. The PinkPanther does not repeat its death,
+// because that would end its role.
 static void repeat_death(ClientSession& session) {
   const OwnPlayer& own = session.own;
   const bool is_pinkpanther = session.picture.pinkpanther == session.picture.own_slot;
-  const bool is_driving = own.in_car && own.death.quick_left == 0;
+  const bool is_driving = own.in_car && own.death.fast_repeats_left == 0;
   if (!own.death_count || is_pinkpanther || is_driving) return;
   outbox_add(session.outbox, Died{.death_count = *own.death_count});
   report_car_again(session);
@@ -209,11 +211,11 @@ void repeat_own_state(ClientSession& session) {
   if (take_due(own.death, session.now_ms)) repeat_death(session);
 }
 
-// The entry has told the server everything but the deaths.
+// The entry contained the whole state except the deaths.
 void start_repeats_after_entry(ClientSession& session) {
   OwnPlayer& own = session.own;
   own.repeat_due_ms = session.now_ms + REPEAT_MS;
-  own.weapon = own.ride = {.due_ms = session.now_ms + LOGGED_LATER_MS};
+  own.weapon = own.ride = {.due_ms = session.now_ms + LOGGED_SLOW_REPEAT_MS};
   start_repeats(session, own.death, DEATH_REPEATS);
 }
 

@@ -9,7 +9,7 @@
 
 namespace zol {
 
-static constexpr int SOCKET_BUFFER = 4 << 20;  // bytes, for bursts and while the client waits
+static constexpr int SOCKET_BUFFER = 4 << 20;  // bytes, for bursts while the client is busy
 
 static bool read_port(std::string_view text, in_port_t& port) {
   std::uint16_t number = 0;
@@ -19,13 +19,13 @@ static bool read_port(std::string_view text, in_port_t& port) {
   return error == std::errc() && stop == end && number != 0;
 }
 
-bool resolve_server(std::string_view text, sockaddr_in& server, std::string& complaint) {
+bool resolve_server(std::string_view text, sockaddr_in& server, std::string& error_text) {
   const std::size_t colon = text.rfind(':');
   const std::string host(text.substr(0, colon));
   in_port_t port = htons(DEFAULT_PORT);
   if (host.empty() ||
       (colon != std::string_view::npos && !read_port(text.substr(colon + 1), port))) {
-    complaint = "a server is HOST or HOST:PORT, not \"" + std::string(text) + "\"";
+    error_text = "a server is HOST or HOST:PORT, not \"" + std::string(text) + "\"";
     return false;
   }
   addrinfo hints{};
@@ -34,7 +34,7 @@ bool resolve_server(std::string_view text, sockaddr_in& server, std::string& com
   addrinfo* found = nullptr;
   const int error = getaddrinfo(host.c_str(), nullptr, &hints, &found);
   if (error != 0) {
-    complaint = "cannot resolve \"" + host + "\": " + gai_strerror(error);
+    error_text = "cannot resolve \"" + host + "\": " + gai_strerror(error);
     return false;
   }
   std::memcpy(&server, found->ai_addr, sizeof server);
@@ -68,16 +68,16 @@ void send_outbox(int handle, Outbox& outbox) {
   }
 }
 
-void receive_batch(int handle, Batch& batch, std::size_t most) {
+void receive_batch(int handle, Batch& batch, std::size_t max_count) {
   std::array<mmsghdr, RECEIVE_BATCH> messages{};
   std::array<iovec, RECEIVE_BATCH> vectors{};
-  for (std::size_t i = 0; i < most; ++i) {
+  for (std::size_t i = 0; i < max_count; ++i) {
     vectors[i] = {batch.buffers[i].data(), batch.buffers[i].size()};
     messages[i].msg_hdr.msg_iov = &vectors[i];
     messages[i].msg_hdr.msg_iovlen = 1;
   }
   const int received =
-      recvmmsg(handle, messages.data(), static_cast<unsigned>(most), MSG_DONTWAIT, nullptr);
+      recvmmsg(handle, messages.data(), static_cast<unsigned>(max_count), MSG_DONTWAIT, nullptr);
   batch.count = received > 0 ? static_cast<std::size_t>(received) : 0;
   for (std::size_t i = 0; i < batch.count; ++i) {
     batch.datagrams[i] = Datagram(batch.buffers[i]).first(messages[i].msg_len);

@@ -18,21 +18,24 @@ namespace zol {
 inline constexpr std::uint16_t DEFAULT_PORT = 16'309;
 inline constexpr std::size_t RECEIVE_BATCH = 32;  // datagrams
 
-// Looks up the IPv4 address of HOST or HOST:PORT. On failure returns false with the reason in
-// complaint, without a line feed.
-bool resolve_server(std::string_view text, sockaddr_in& server, std::string& complaint);
+// Looks up the IPv4 address of HOST or HOST:PORT; may block. On failure returns false, with the
+// reason in error_text, without a line feed.
+bool resolve_server(std::string_view text, sockaddr_in& server, std::string& error_text);
 
-// Opens a socket connected to the server, with large buffers. -1 with errno set.
+// Opens a UDP socket that is connected to the server. Returns the file descriptor, or -1 with errno
+// set.
 int open_client_socket(const sockaddr_in& server);
 
-// Sends one datagram; waits while the send buffer is full. Tries twice, because the first try may
-// fail with the error of an earlier datagram (ECONNREFUSED, see udp(7)). False with errno set.
+// Sends one datagram; blocks while the send buffer is full. Tries twice, because the first try may
+// fail with the error of an earlier datagram (ECONNREFUSED, see udp(7)). On failure returns false
+// with errno set.
 bool send_datagram(int handle, Datagram datagram);
 
-// Sends what is in the outbox. A datagram that cannot be sent is lost.
+// Sends all datagrams in the outbox. A datagram that cannot be sent is lost.
 void send_outbox(int handle, Outbox& outbox);
 
-// The datagrams received by one call. They point into the buffers, so a batch is not copied.
+// The datagrams received by one call. They point into the buffers, so a batch cannot be copied. The
+// size of a batch is about 9 KiB.
 struct Batch {
   std::array<std::array<std::uint8_t, RECEIVE_BUFFER_SIZE>, RECEIVE_BATCH> buffers;
   std::array<Datagram, RECEIVE_BATCH> datagrams;
@@ -43,7 +46,8 @@ struct Batch {
   Batch& operator=(const Batch&) = delete;
 };
 
-// Takes the datagrams that are waiting, up to this many. Never blocks. None on an error.
-void receive_batch(int handle, Batch& batch, std::size_t most = RECEIVE_BATCH);
+// Receives the waiting datagrams, at most max_count of them, which is at most RECEIVE_BATCH. Never
+// blocks. On an error batch.count is 0.
+void receive_batch(int handle, Batch& batch, std::size_t max_count = RECEIVE_BATCH);
 
 }  // namespace zol

@@ -1,11 +1,12 @@
-// The signals that end a client, as a file descriptor that a loop polls with its sockets.
+// The signals that end a client, as a file descriptor that a loop polls with its sockets. Call
+// before other threads exist.
 #pragma once
 
 #include <initializer_list>
 
 namespace zol {
 
-// Blocks these signals permanently. Returns a descriptor that is readable while one of them is
+// Blocks these signals permanently. Returns a file descriptor that is readable while one of them is
 // pending, or -1 with errno set.
 int open_stop_signals(std::initializer_list<int> signals);
 

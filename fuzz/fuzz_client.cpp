@@ -11,11 +11,11 @@ static void check_picture(const GamePicture& picture, std::uint64_t now_ms) {
   for (const PlayerPicture& player : picture.players) {
     check(player.name.back() == '\0', "a name ends in its field");
     check(player.unanswered <= MAX_QUESTIONS, "questions end");
-    check(player.is_here || !player.has_record, "who has a record is here");
+    check(player.is_present || !player.has_record, "who has a record is here");
   }
   for (const ChatText& text : picture.chat) {
     check(text.back() == '\0', "a line ends in its field");
-    for (const wchar_t each : shown(text.data()))
+    for (const wchar_t each : printable_wide(text.data()))
       check(each >= L' ', "nothing controls a terminal");
   }
   check(game_minutes(picture, now_ms) < 24 * 60, "a time of day");
@@ -25,7 +25,7 @@ static void check_map(MapView& view, const GamePicture& picture, std::uint64_t n
   fit_view(view, picture, now_ms);
   check(std::isfinite(view.side) && std::isfinite(view.middle.x), "the map has a size");
   for (const PlayerPicture& player : picture.players) {
-    const auto place = place_of(player.state.position);
+    const auto place = map_point_of(player.state.position);
     const MapCell cell = cell_of(view, place.value_or(MapPoint{}), 41, 17);
     check(cell.column >= 0 && cell.column < 41 && cell.row >= 0 && cell.row < 17, "on the map");
   }

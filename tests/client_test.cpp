@@ -22,8 +22,8 @@ namespace {
 
 std::string line_of(const GamePicture& picture, Slot slot) {
   const PlayerPicture& player = picture.players[slot];
-  if (!player.has_record) return player.is_here ? "heard of" : "";
-  const auto place = place_of(player.state.position).value_or(MapPoint{-1, -1});
+  if (!player.has_record) return player.is_present ? "heard of" : "";
+  const auto place = map_point_of(player.state.position).value_or(MapPoint{-1, -1});
   char line[128];
   std::snprintf(line, sizeof line, "%s (%g,%g) %s%d gun %d died %d", player.name.data(), place.x,
                 place.y, player.in_car ? "car " : "foot", player.in_car ? player.car.car_type : 0,
@@ -32,7 +32,7 @@ std::string line_of(const GamePicture& picture, Slot slot) {
 }
 
 void hear_words(GamePicture& picture, const std::string& words, std::uint64_t now_ms = 5'000) {
-  picture_hear(picture, bytes_of(words), now_ms);
+  picture_apply(picture, bytes_of(words), now_ms);
 }
 
 // Floats: 1, 2, 4 and 8.
@@ -70,9 +70,9 @@ TEST(PictureTest, BelievesEachDatagram) {
     const std::string before = line_of(picture, 5);
     Bytes bytes = bytes_of(step.words);
     bytes.push_back(0);
-    picture_hear(picture, bytes, 5'000);
+    picture_apply(picture, bytes, 5'000);
     bytes.resize(bytes.size() - 2);
-    picture_hear(picture, bytes, 5'000);
+    picture_apply(picture, bytes, 5'000);
     EXPECT_EQ(line_of(picture, 5), before) << "too long or too short: " << step.words;
     hear_words(picture, step.words);
     EXPECT_EQ(line_of(picture, 5), step.expected) << step.words;
@@ -102,7 +102,7 @@ std::string questions(GamePicture& picture, std::uint64_t from_ms, std::uint64_t
   std::string asked;
   for (std::uint64_t now_ms = from_ms; now_ms <= to_ms; now_ms += 100) {
     for (Slot slot = 0; (slot = next_question(picture, now_ms)) != NO_SLOT;) {
-      if (picture.players[slot].is_here == of_known) {
+      if (picture.players[slot].is_present == of_known) {
         asked += std::to_string(now_ms) + ":" + std::to_string(slot) + " ";
       }
     }
@@ -180,7 +180,7 @@ TEST(PictureTest, GuessesWhoseValuesTheseAre) {
     for (const char* words : each.heard) hear_words(picture, words, now_ms++);
     EXPECT_EQ(picture.players[5].state.state_f2, each.state_f2) << each.heard.back();
     EXPECT_EQ(picture.players[6].car.car_byte, each.car_byte) << each.heard.back();
-    EXPECT_EQ(picture.unnamed_ms > 0, each.are_in_doubt) << each.heard.back();
+    EXPECT_EQ(picture.ambiguous_ms > 0, each.are_in_doubt) << each.heard.back();
     const std::string asked = questions(picture, 7'100, 7'100);
     EXPECT_EQ(asked.find(":5 ") != std::string::npos, each.are_in_doubt) << asked;
   }
@@ -198,12 +198,12 @@ TEST(PictureTest, KnowsWhoPlays) {
       {"ce 05 63", true, 5'100},
       {"2a 05 00 \"Rob\" ..164", false, 6'100}};
   std::uint64_t now_ms = 100;
-  for (const auto& [words, is_playing, heard_ms] : steps) {
+  for (const auto& [words, is_playing, last_active_ms] : steps) {
     hear_words(picture, words, now_ms);
     now_ms += 1'000;
-    EXPECT_TRUE(picture.players[5].is_here) << words;
+    EXPECT_TRUE(picture.players[5].is_present) << words;
     EXPECT_EQ(picture.players[5].is_playing, is_playing) << words;
-    EXPECT_EQ(picture.players[5].heard_ms, heard_ms) << words;
+    EXPECT_EQ(picture.players[5].last_active_ms, last_active_ms) << words;
   }
 }
 
@@ -212,7 +212,7 @@ TEST(PictureTest, TakesNoSlotForAPlayer) {
   for (const char* words : {"c8 20 ..16", "c8 ff ..16", "3c ff", "10 ff 00 00", "2a 20 00 ..164"}) {
     hear_words(picture, words);
   }
-  for (const PlayerPicture& player : picture.players) EXPECT_FALSE(player.is_here);
+  for (const PlayerPicture& player : picture.players) EXPECT_FALSE(player.is_present);
 }
 
 const char* const ACCEPTED = "11 03 01 \"Hi\" ..67";
@@ -300,7 +300,7 @@ TEST_F(SessionTest, JoinsAgainWhenTheServerIsGoneOrSaysSo) {
   play(30'000);
   EXPECT_EQ(hear("13", 32'000), SessionEvent::STOPPED);
   EXPECT_EQ(hear("c8 04 ..16", 32'000), SessionEvent::NONE);
-  EXPECT_FALSE(session.picture.players[4].is_here) << "it is not in the game any more";
+  EXPECT_FALSE(session.picture.players[4].is_present) << "it is not in the game any more";
   EXPECT_EQ(pass(32'000, 34'000), "33000 join 34000 join ");
 }
 
@@ -315,7 +315,7 @@ TEST_F(SessionTest, KnowsSignsOfLife) {
   std::uint64_t now_ms = 3'000;
   for (const auto& [words, has_slot, is_in_game] : signs) {
     hear(words, ++now_ms);
-    EXPECT_EQ(session.slot_sure_ms == now_ms, has_slot) << words;
+    EXPECT_EQ(session.slot_confirmed_ms == now_ms, has_slot) << words;
     EXPECT_EQ(session.in_game_ms == now_ms, is_in_game) << words;
   }
 }
@@ -558,13 +558,13 @@ TEST_F(SessionTest, PassesTheRoleOnToAGameThatIsPlayed) {
                                                        {"3c 05", ""}};
   std::uint64_t passed_ms = 0;
   std::uint64_t now_ms = 20'000;
-  pass_role_on(session, passed_ms, now_ms);
+  pass_on_role(session, passed_ms, now_ms);
   EXPECT_EQ(sent(), "") << "not in the game";
   play(1'000);
   for (const auto& [words, expected] : steps) {
     hear(words, now_ms += 1'000);
     sent();
-    pass_role_on(session, passed_ms, now_ms);
+    pass_on_role(session, passed_ms, now_ms);
     EXPECT_EQ(sent(), expected) << words << " at " << now_ms;
   }
   EXPECT_EQ(latest, bytes_of("67 00"));
@@ -671,7 +671,7 @@ TEST(ConnectionTest, CutsWhatIsTooLong) {
 TEST(TextTest, TakesValidUtf8AsSuchAndTheRestAsLatin1) {
   struct Case {
     const char* bytes;
-    const char* shown;
+    const char* expected;
   };
   const Case cases[] = {
       {"Jörg 車 🚗 \u0800\uFFFD\U0010FFFD", "Jörg 車 🚗 \u0800\uFFFD\U0010FFFD"},
@@ -705,7 +705,7 @@ TEST(TextTest, TakesValidUtf8AsSuchAndTheRestAsLatin1) {
       {"می\u200Cخ ❤\uFE0F👩\u200D🚀", "می\u200Cخ ❤\uFE0F👩\u200D🚀"},
   };
   for (const Case& each : cases) {
-    EXPECT_EQ(printable(each.bytes, std::strlen(each.bytes)), each.shown) << each.bytes;
+    EXPECT_EQ(printable(each.bytes, std::strlen(each.bytes)), each.expected) << each.bytes;
   }
 }
 
@@ -715,7 +715,7 @@ TEST(TextTest, DropsHalfACharacterOnlyWhereATextWasCut) {
   EXPECT_EQ(printable("Caf\xE9", 31), "Café");
   EXPECT_EQ(printable("Caf\xE9", 4), "Caf");
   EXPECT_EQ(printable("車\xE9"), "車") << "the text before is UTF-8";
-  EXPECT_EQ(shown("車\xE8\xBB"), L"車");
+  EXPECT_EQ(printable_wide("車\xE8\xBB"), L"車");
 }
 
 TEST(TextTest, KnowsWhatLooksLikeNothing) {
@@ -727,16 +727,16 @@ TEST(TextTest, KnowsWhatLooksLikeNothing) {
 
 TEST(ConnectionTest, ReadsHostAndPort) {
   sockaddr_in server{};
-  std::string complaint;
-  EXPECT_TRUE(resolve_server("127.0.0.1", server, complaint));
+  std::string error_text;
+  EXPECT_TRUE(resolve_server("127.0.0.1", server, error_text));
   EXPECT_EQ(ntohs(server.sin_port), 16309);
-  EXPECT_TRUE(resolve_server("localhost:65535", server, complaint));
+  EXPECT_TRUE(resolve_server("localhost:65535", server, error_text));
   EXPECT_EQ(ntohs(server.sin_port), 65535);
   for (const char* text : {"", ":1", "127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "a.invalid"}) {
-    EXPECT_FALSE(resolve_server(text, server, complaint)) << text;
-    EXPECT_NE(complaint.find(std::string(text).substr(0, 9)), std::string::npos) << complaint;
+    EXPECT_FALSE(resolve_server(text, server, error_text)) << text;
+    EXPECT_NE(error_text.find(std::string(text).substr(0, 9)), std::string::npos) << error_text;
   }
-  EXPECT_FALSE(resolve_server("::1:5", server, complaint)) << "only IPv4";
+  EXPECT_FALSE(resolve_server("::1:5", server, error_text)) << "only IPv4";
 }
 
 }  // namespace

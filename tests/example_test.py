@@ -43,7 +43,9 @@ class ExampleTest(ServerCase):
                 self.assertEqual(heard[0], expected)
                 server.sendto(answer, client)
             example.terminate()
-            self.assertEqual(example.communicate(timeout=PATIENCE_S)[0], "Full\naccepted\nit stopped\n")
+            self.assertEqual(example.communicate(timeout=PATIENCE_S)[0],
+                             "refused, will try again: Full\naccepted\n"
+                             "the server has stopped; trying to join again\n")
 
     def test_bad_arguments(self):
         for arguments, complaint in (((), "usage: zolexample HOST[:PORT]"),

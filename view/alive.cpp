@@ -15,15 +15,15 @@
 #include "client/server_connection.h"
 #include "client/stop_signals.h"
 
-enum class Answer { NONE, UP, NOBODY_LISTENS, CANNOT_SEND, SIGNAL };
+enum class Answer { NONE, UP, PORT_CLOSED, CANNOT_SEND, SIGNAL };
 
 struct Question {
   int socket = -1;
   int stop_signals = -1;
-  int signal = 0;  // the one that ended the question
+  int signal = 0;  // the signal that ended the question; 0: none
 };
 
-// Other datagrams do not count, and do not extend the wait.
+// Ignores other datagrams; they do not extend the wait.
 static Answer await_refusal(Question& question, std::uint64_t end_ms) {
   pollfd waits[] = {{.fd = question.stop_signals, .events = POLLIN, .revents = 0},
                     {.fd = question.socket, .events = POLLIN, .revents = 0}};
@@ -31,8 +31,8 @@ static Answer await_refusal(Question& question, std::uint64_t end_ms) {
     if (poll(waits, std::size(waits), static_cast<int>(end_ms - now_ms)) <= 0) break;
     question.signal = take_stop_signal(question.stop_signals);
     if (question.signal != 0) return Answer::SIGNAL;
-    // The only error here of a connected socket: an ICMP message says that the port is closed.
-    if ((waits[1].revents & POLLERR) != 0) return Answer::NOBODY_LISTENS;
+    // A connected socket has no other error here than an ICMP message: the port is closed.
+    if ((waits[1].revents & POLLERR) != 0) return Answer::PORT_CLOSED;
     static Batch batch;
     receive_batch(question.socket, batch);
     const Datagram* first = batch.datagrams.data();
@@ -53,7 +53,8 @@ static Answer ask(Question& question) {
   return answer;
 }
 
-// Adds the resolved address and the default port to a text without them.
+// The server as the user wrote it, and in parentheses its address and port if they differ from
+// that.
 static std::string address_of(const ViewOptions& options) {
   char host[INET_ADDRSTRLEN] = "";
   inet_ntop(AF_INET, &options.server.sin_addr, host, sizeof host);
@@ -63,7 +64,7 @@ static std::string address_of(const ViewOptions& options) {
   return text == address ? text : text + " (" + address + ")";
 }
 
-static int complain(const char* problem, const std::string& address, const char* advice) {
+static int print_error(const char* problem, const std::string& address, const char* advice) {
   std::fprintf(stderr, "zolview: %s %s: %s\n", problem, address.c_str(), advice);
   return 1;
 }
@@ -71,7 +72,7 @@ static int complain(const char* problem, const std::string& address, const char*
 int ask_alive(const ViewOptions& options, int stop_signals) {
   Question question{.socket = open_client_socket(options.server), .stop_signals = stop_signals};
   const std::string address = address_of(options);
-  if (question.socket == -1) return complain("cannot send to", address, std::strerror(errno));
+  if (question.socket == -1) return print_error("cannot send to", address, std::strerror(errno));
   const Answer answer = ask(question);
   const int error = errno;
   close(question.socket);
@@ -82,13 +83,14 @@ int ask_alive(const ViewOptions& options, int stop_signals) {
     case Answer::SIGNAL:
       return 128 + question.signal;
     case Answer::CANNOT_SEND:
-      return complain("cannot send to", address, std::strerror(error));
-    case Answer::NOBODY_LISTENS:
-      return complain("no server listens at", address, "check the port, and that the server runs");
+      return print_error("cannot send to", address, std::strerror(error));
+    case Answer::PORT_CLOSED:
+      return print_error("no server listens at", address,
+                         "check the port, and that the server runs");
     case Answer::NONE:
       break;
   }
-  return complain(
+  return print_error(
       "no server answers at", address,
       "check the address, the server, and whether firewalls and routers let UDP through");
 }

@@ -1,4 +1,4 @@
-// The position of players on a map of a given number of columns and rows.
+// Places players on a map of character cells. Only one thread at a time may use a MapView.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,8 @@
 
 using namespace zol;
 
-// Broken clients send farther coordinates, infinities and NaNs. They do not count as a place.
+// In units of the world. Broken clients send larger coordinates, infinities and NaNs; such a
+// position is not shown.
 inline constexpr float MAX_COORDINATE = 1e6F;
 
 struct MapPoint {
@@ -16,15 +17,15 @@ struct MapPoint {
   float y = 0;
 };
 
-// Uses the first two of the three values. None if the place is unknown.
-std::optional<MapPoint> place_of(const Position& position);
+// Uses the first two of the three coordinates. Nothing for a position that cannot be shown.
+std::optional<MapPoint> map_point_of(const Position& position);
 
-// The square of the world that the map shows. It moves when a player leaves it. It shrinks only
-// after a much smaller square would have been enough for some seconds, so that the scale is stable.
+// The square of the world that the map shows. It moves when a player leaves it. It shrinks when a
+// much smaller square has been enough for five seconds, so that the scale changes rarely.
 struct MapView {
   MapPoint middle{};
-  float side = 0;                    // 0: no player was shown yet
-  std::uint64_t roomy_since_ms = 0;  // 0: a smaller square is not enough
+  float side = 0;                        // units of the world; 0: no player was shown yet
+  std::uint64_t oversized_since_ms = 0;  // 0: the square is not much too large
 };
 
 void fit_view(MapView& view, const GamePicture& picture, std::uint64_t now_ms);
@@ -34,6 +35,6 @@ struct MapCell {
   int row = 0;
 };
 
-// The cell of a point. The second axis points up, and a row is as high as two columns are wide. A
-// point outside gets a cell at the edge.
+// The cell of a point. The second axis points up. A row is twice as high as a column is wide. A
+// point outside the square gets a cell at the edge.
 MapCell cell_of(const MapView& view, MapPoint point, int columns, int rows);

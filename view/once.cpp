@@ -17,40 +17,40 @@
 #include "client/stop_signals.h"
 #include "text/names.h"
 
-// The network loses datagrams. So the join is tried this often, and the questions are repeated
-// until this many rounds in a row have found no new player.
+// The network loses datagrams. So the join is tried up to JOIN_TRIES times, and the questions are
+// repeated until QUIET_ROUNDS rounds in a row have found no new player.
 static constexpr int JOIN_TRIES = 4;
 static constexpr int QUIET_ROUNDS = 3;
 static constexpr std::uint64_t JOIN_WAIT_MS = 1'000;
 // The wait for answers is a multiple of the round trip, at least this long.
 static constexpr std::uint64_t MIN_SILENCE_MS = 200;
 static constexpr std::uint64_t SILENCE_FACTOR = 4;
-static constexpr std::uint64_t ASKING_MS = 10'000;  // then it shows what it knows
+static constexpr std::uint64_t ASKING_MS = 10'000;  // then it shows the players that it knows
 
-struct Visit {
+struct Query {
   int socket = -1;
   ClientSession session;
   int stop_signals = -1;
-  int signal = 0;  // the one that ended the visit
+  int signal = 0;  // the signal that ended the query; 0: none
 };
 
 static bool is_waiting(const ClientSession& session) {
   return session.state == SessionState::JOINING && session.refusal[0] == '\0';
 }
 
-// Handles datagrams until none has arrived for the silence, but not past the end, and in a join
-// only until the answer. False when the visit is over: the port is closed, or a signal arrived.
-static bool hear_answers(Visit& visit, std::uint64_t silence_ms, std::uint64_t end_ms) {
-  ClientSession& session = visit.session;
+// Handles datagrams until none has arrived for silence_ms or until end_ms; during a join, only
+// until its answer. False when the port is closed or a signal has arrived: that ends the query.
+static bool receive_answers(Query& query, std::uint64_t silence_ms, std::uint64_t end_ms) {
+  ClientSession& session = query.session;
   const bool is_joining = is_waiting(session);
-  pollfd waits[] = {{.fd = visit.stop_signals, .events = POLLIN, .revents = 0},
-                    {.fd = visit.socket, .events = POLLIN, .revents = 0}};
+  pollfd waits[] = {{.fd = query.stop_signals, .events = POLLIN, .revents = 0},
+                    {.fd = query.socket, .events = POLLIN, .revents = 0}};
   const int silence = static_cast<int>(silence_ms);
   while (monotonic_ms() < end_ms && poll(waits, std::size(waits), silence) > 0) {
-    visit.signal = take_stop_signal(visit.stop_signals);
-    if (visit.signal != 0) return false;
+    query.signal = take_stop_signal(query.stop_signals);
+    if (query.signal != 0) return false;
     static Batch batch;
-    receive_batch(visit.socket, batch);
+    receive_batch(query.socket, batch);
     if (batch.count == 0) return false;
     for (std::size_t i = 0; i < batch.count; ++i)
       session_hear(session, batch.datagrams[i], monotonic_ms());
@@ -60,35 +60,35 @@ static bool hear_answers(Visit& visit, std::uint64_t silence_ms, std::uint64_t e
 }
 
 // Returns the round trip in milliseconds.
-static std::uint64_t join(Visit& visit) {
-  ClientSession& session = visit.session;
+static std::uint64_t join(Query& query) {
+  ClientSession& session = query.session;
   std::uint64_t sent_ms = 0;
   for (int i = 0; i < JOIN_TRIES && is_waiting(session); ++i) {
     session.due_ms = sent_ms = monotonic_ms();
     session_step(session, sent_ms);
-    send_outbox(visit.socket, session.outbox);
-    if (!hear_answers(visit, JOIN_WAIT_MS, sent_ms + JOIN_WAIT_MS)) break;
+    send_outbox(query.socket, session.outbox);
+    if (!receive_answers(query, JOIN_WAIT_MS, sent_ms + JOIN_WAIT_MS)) break;
   }
   return monotonic_ms() - sent_ms;
 }
 
-static std::ptrdiff_t known_players(const GamePicture& picture) {
+static std::ptrdiff_t count_known_players(const GamePicture& picture) {
   return std::ranges::count_if(picture.players, &PlayerPicture::has_record);
 }
 
-static void ask_for_all(Visit& visit, std::uint64_t silence_ms) {
-  const ClientSession& session = visit.session;
+static void query_all_slots(Query& query, std::uint64_t silence_ms) {
+  const ClientSession& session = query.session;
   const GamePicture& picture = session.picture;
   const std::uint64_t end_ms = monotonic_ms() + ASKING_MS;
   int quiet_rounds = 0;
-  while (quiet_rounds < QUIET_ROUNDS && monotonic_ms() < end_ms && visit.signal == 0) {
-    const std::ptrdiff_t known_before = known_players(picture);
+  while (quiet_rounds < QUIET_ROUNDS && monotonic_ms() < end_ms && query.signal == 0) {
+    const std::ptrdiff_t count_before = count_known_players(picture);
     for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
       if (picture.players[slot].has_record || slot == picture.own_slot) continue;
-      send_datagram(visit.socket, GetPlayerInfo{.slot = slot});
+      send_datagram(query.socket, GetPlayerInfo{.slot = slot});
     }
-    hear_answers(visit, silence_ms, end_ms);
-    quiet_rounds = known_players(picture) > known_before ? 0 : quiet_rounds + 1;
+    receive_answers(query, silence_ms, end_ms);
+    quiet_rounds = count_known_players(picture) > count_before ? 0 : quiet_rounds + 1;
   }
 }
 
@@ -143,29 +143,30 @@ static void print_table(const GamePicture& picture) {
               lines.c_str());
 }
 
-static int complain(const char* problem, const std::string& detail, int status) {
+static int print_error(const char* problem, const std::string& detail, int status) {
   std::fprintf(stderr, "zolview: %s%s\n", problem, detail.c_str());
   return status;
 }
 
 int show_once(const ViewOptions& options, int stop_signals) {
-  Visit visit;
-  visit.socket = open_client_socket(options.server);
-  visit.stop_signals = stop_signals;
-  ClientSession& session = visit.session;
-  if (visit.socket == -1) return complain("cannot reach the server: ", std::strerror(errno), 1);
+  Query query;
+  query.socket = open_client_socket(options.server);
+  query.stop_signals = stop_signals;
+  ClientSession& session = query.session;
+  if (query.socket == -1) return print_error("cannot reach the server: ", std::strerror(errno), 1);
   std::copy(options.name.begin(), options.name.end(), session.name.begin());
-  const std::uint64_t round_trip_ms = join(visit);
+  const std::uint64_t round_trip_ms = join(query);
   const bool has_joined = session.state != SessionState::JOINING;
   if (has_joined) {
-    ask_for_all(visit, std::clamp(SILENCE_FACTOR * round_trip_ms, MIN_SILENCE_MS, JOIN_WAIT_MS));
+    query_all_slots(query,
+                    std::clamp(SILENCE_FACTOR * round_trip_ms, MIN_SILENCE_MS, JOIN_WAIT_MS));
   }
-  session_leave(session);  // also without an answer, which may be lost
-  send_outbox(visit.socket, session.outbox);
-  close(visit.socket);
-  if (visit.signal != 0) return 128 + visit.signal;
-  if (session.refusal[0] != '\0') return complain("", printable(session.refusal.data()), 3);
-  if (!has_joined) return complain("no server answers at ", options.server_text, 1);
+  session_leave(session);  // even without an answer, because it may be lost
+  send_outbox(query.socket, session.outbox);
+  close(query.socket);
+  if (query.signal != 0) return 128 + query.signal;
+  if (session.refusal[0] != '\0') return print_error("", printable(session.refusal.data()), 3);
+  if (!has_joined) return print_error("no server answers at ", options.server_text, 1);
   options.json ? print_json(session.picture) : print_table(session.picture);
   return 0;
 }

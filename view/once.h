@@ -3,7 +3,8 @@
 
 #include "view/options.h"
 
-// Joins, asks about all slots, and leaves without entering. A stop signal ends it early. Returns
-// the exit status: 0; 128 plus the number of the signal; or, with a line on standard error, 1 when
-// no server answers and 3 when the server refuses.
+// Joins, asks about all slots, and leaves without entering. Returns the exit status: 0 with the
+// players on standard output; 1 with a line on standard error when no server answers; 3 with a line
+// on standard error when the server refuses; 128 plus the signal's number when a stop signal
+// arrives.
 int show_once(const ViewOptions& options, int stop_signals);

@@ -25,26 +25,27 @@ static constexpr const char* HELP =
     "Exit status: 0 success, 1 no server answers, 2 bad arguments, 3 the server refused,\n"
     "128 + N: signal N arrived before the answers (with --once and --alive).\n";
 
-static ParseResult complain(const std::string& text) {
+static ParseResult print_error(const std::string& text) {
   std::fprintf(stderr, "zolview: %s\n", text.c_str());
   return ParseResult::BAD_ARGUMENTS;
 }
 
 static ParseResult check_options(ViewOptions& options) {
-  if (options.server_text == nullptr) return complain("HOST is missing; see --help");
-  if (options.json && !options.once) return complain("--json needs --once");
+  if (options.server_text == nullptr) return print_error("HOST is missing; see --help");
+  if (options.json && !options.once) return print_error("--json needs --once");
   if (options.alive && (options.once || options.name != ViewOptions{}.name)) {
-    return complain("--alive takes no other option");
+    return print_error("--alive takes no other option");
   }
   if (options.name.empty() || options.name.size() >= NAME_WIDTH) {
-    return complain("a name has 1 to 63 characters");
+    return print_error("a name has 1 to 63 characters");
   }
-  std::string complaint;
+  std::string error_text;
   const bool needs_terminal = !options.once && !options.alive;
   if (needs_terminal && (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)) {
-    return complain("the view needs a terminal; --once prints a table without one");
+    return print_error("the view needs a terminal; --once prints a table without one");
   }
-  if (!resolve_server(options.server_text, options.server, complaint)) return complain(complaint);
+  if (!resolve_server(options.server_text, options.server, error_text))
+    return print_error(error_text);
   return ParseResult::RUN;
 }
 
@@ -62,10 +63,10 @@ ParseResult parse_view_options(int count, char** arguments, ViewOptions& options
     } else if (argument == "--alive") {
       options.alive = true;
     } else if (argument == "--name") {
-      if (++i == count) return complain("--name needs a value");
+      if (++i == count) return print_error("--name needs a value");
       options.name = latin1_of(arguments[i]);
     } else if (argument.starts_with('-') || options.server_text != nullptr) {
-      return complain("unknown argument \"" + std::string(argument) + "\"; see --help");
+      return print_error("unknown argument \"" + std::string(argument) + "\"; see --help");
     } else {
       options.server_text = arguments[i];
     }

@@ -20,5 +20,5 @@ struct ViewOptions {
 
 enum class ParseResult { RUN, HELP_SHOWN, BAD_ARGUMENTS };
 
-// Prints the error of bad arguments to standard error.
+// Prints the reason for BAD_ARGUMENTS to standard error.
 ParseResult parse_view_options(int count, char** arguments, ViewOptions& options);

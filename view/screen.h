@@ -1,4 +1,5 @@
-// The view on the terminal, drawn with ncurses. Used by one thread; one screen in a process.
+// The view on the terminal, drawn with ncurses. Only one thread may use it, and a process has only
+// one screen.
 #pragma once
 
 #include <cstdint>
@@ -10,9 +11,9 @@
 struct ViewState {
   int socket = -1;
   ClientSession session;
-  std::uint64_t passed_ms = 0;  // when it last passed on the PinkPanther's role
+  std::uint64_t passed_ms = 0;  // for pass_on_role
   MapView map;
-  std::string status;  // in Latin-1: the last change of the connection
+  std::string status;  // in Latin-1: the latest event of the session
   bool is_typing = false;
   std::string typed;  // the input line, in Latin-1
 };
@@ -22,8 +23,8 @@ enum class KeyResult { NONE, TAKEN, QUIT };
 void screen_open();
 void screen_close();  // restores the terminal
 
-// Updates the terminal. Only changes are sent to it.
+// Updates the terminal. ncurses sends it only the changes.
 void screen_draw(ViewState& view, std::uint64_t now_ms);
 
 // Handles one key if one was pressed. Never blocks.
-KeyResult screen_take_key(ViewState& view);
+KeyResult screen_handle_key(ViewState& view);

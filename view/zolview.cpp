@@ -1,4 +1,4 @@
-// Shows a running game.
+// zolview: shows a running game.
 
 #include <poll.h>
 #include <unistd.h>
@@ -41,9 +41,9 @@ static void show_event(ViewState& view, SessionEvent event) {
   }
 }
 
-// Handles one batch only, because datagrams may arrive faster than they are handled. Signals, keys
-// and the screen are handled between batches.
-static void take_datagrams(ViewState& view) {
+// Handles only one batch, because datagrams may arrive faster than they are handled. Signals, keys
+// and the screen have their turn between batches.
+static void handle_datagrams(ViewState& view) {
   static Batch batch;
   receive_batch(view.socket, batch);
   for (std::size_t i = 0; i < batch.count; ++i) {
@@ -52,9 +52,9 @@ static void take_datagrams(ViewState& view) {
 }
 
 // False when the user quits.
-static bool take_keys(ViewState& view) {
+static bool handle_keys(ViewState& view) {
   KeyResult result = KeyResult::TAKEN;
-  while (result == KeyResult::TAKEN) result = screen_take_key(view);
+  while (result == KeyResult::TAKEN) result = screen_handle_key(view);
   return result != KeyResult::QUIT;
 }
 
@@ -66,11 +66,11 @@ static void run(ViewState& view, int stop_signals) {
                       {.fd = stop_signals, .events = POLLIN, .revents = 0}};
     poll(waits, std::size(waits), FRAME_MS);
     const bool has_terminal = (waits[0].revents & (POLLHUP | POLLERR)) == 0;
-    if (!has_terminal || !take_keys(view)) return;
-    take_datagrams(view);
+    if (!has_terminal || !handle_keys(view)) return;
+    handle_datagrams(view);
     const std::uint64_t now_ms = monotonic_ms();
     show_event(view, session_step(view.session, now_ms));
-    pass_role_on(view.session, view.passed_ms, now_ms);
+    pass_on_role(view.session, view.passed_ms, now_ms);
     send_outbox(view.socket, view.session.outbox);
     if (now_ms - drawn_ms < FRAME_MS) continue;
     drawn_ms = now_ms;
@@ -89,7 +89,7 @@ static int show_game(const ViewOptions& options, int stop_signals) {
   view.status = std::string("joining ") + options.server_text;
   screen_open();
   run(view, stop_signals);
-  session_leave(view.session);  // before the terminal, which may be stuck
+  session_leave(view.session);  // before screen_close, which may block
   send_outbox(view.socket, view.session.outbox);
   screen_close();
   return EXIT_SUCCESS;

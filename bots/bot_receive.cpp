@@ -1,5 +1,5 @@
-// How bots check what they receive: a datagram is expected, or may be about others and is not
-// judged, or is wrong.
+// How bots check the datagrams that they receive. A datagram is expected; or it may be about others
+// and is not judged; or it is wrong.
 
 #include <algorithm>
 #include <cstdio>
@@ -39,8 +39,8 @@ static bool names_no_slot(Datagram datagram) {
          command_of(datagram) == CMD_PLAYER_CAR_STATUS;
 }
 
-// The slot of the player that the datagram is about. NO_SLOT if it is unknown, as for a chat line
-// of others.
+// The slot of the player that the datagram is about. NO_SLOT if the slot is unknown, for example in
+// a chat line of others.
 static Slot slot_of(Datagram datagram) {
   if (!names_no_slot(datagram)) return datagram.size() > 1 ? datagram[1] : NO_SLOT;
   if (command_of(datagram) == CMD_CHAT_LINE) return slot_of_chat(datagram);
@@ -52,7 +52,7 @@ static Slot slot_of(Datagram datagram) {
   return relay.car_float >> 16U == fleet.process_tag ? relay.car_byte : NO_SLOT;
 }
 
-// Others cause relays, and records about themselves. Every other answer is to the bot alone.
+// Others cause relays, and answers with their records. The bot itself causes every other answer.
 static bool may_be_about_others(Datagram datagram, Slot slot) {
   switch (command_of(datagram)) {
     case CMD_PLAYER_INFO:
@@ -63,7 +63,7 @@ static bool may_be_about_others(Datagram datagram, Slot slot) {
   }
 }
 
-static void note_others(Datagram datagram, Slot slot) {
+static void count_others(Datagram datagram, Slot slot) {
   ++fleet.counters.not_judged;
   const bool is_record = command_of(datagram) == CMD_PLAYER_INFO && slot < SLOTS;
   if (!is_record || fleet.slots[slot].bot != NO_BOT) return;
@@ -85,13 +85,13 @@ static void handle_unexpected(const Bot& bot, Datagram datagram, const Match& fo
   const Slot slot = slot_of(datagram);
   if (!fleet.alone && found.verdict != Verdict::OUT_OF_ORDER &&
       may_be_about_others(datagram, slot)) {
-    note_others(datagram, slot);
+    count_others(datagram, slot);
     return;
   }
   report_wrong(bot, datagram, tally, reason_of(found.verdict), found.expectation);
 }
 
-static void hear_relay(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
+static void check_relay(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   const Slot slot = slot_of(datagram);
   Match found{Verdict::UNEXPECTED, nullptr};
   if (slot < SLOTS) found = match(relay_ring(slot), bot.number, datagram, now_ns);
@@ -99,7 +99,7 @@ static void hear_relay(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
     handle_unexpected(bot, datagram, found, relay_tally);
     return;
   }
-  // An optional relay may have been matched with an equal, older entry, so its delay is not known.
+  // The delay of an optional relay is unknown: the relay may have matched an equal, older entry.
   if ((found.expectation->required & bot_bit(bot.number)) == 0) return;
   const std::uint64_t delay_ns = now_ns - found.expectation->sent_ns;
   histogram_add(fleet.delays, delay_ns);
@@ -107,7 +107,7 @@ static void hear_relay(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
 }
 
 // All bots must get the same answer, except for the slot.
-static bool is_like_first(JoinAccepted accepted) {
+static bool equals_first_accepted(JoinAccepted accepted) {
   accepted.slot = 0;
   if (!fleet.first_accepted_known) {
     fleet.first_accepted = accepted;
@@ -119,7 +119,7 @@ static bool is_like_first(JoinAccepted accepted) {
 }
 
 // The server refuses a bot when every slot below its limit is taken.
-static bool is_due_refusal(Datagram datagram, Slot first_free) {
+static bool is_valid_refusal(Datagram datagram, Slot first_free) {
   for (unsigned limit = 1; limit <= SLOTS; ++limit) {
     JoinRefusedFull refusal;
     std::snprintf(refusal.text, sizeof refusal.text, "Maximum allowed players: %u", limit);
@@ -130,55 +130,55 @@ static bool is_due_refusal(Datagram datagram, Slot first_free) {
   return false;
 }
 
-static const char* fault_of(const JoinAccepted& accepted, Slot first_free) {
-  if (!is_like_first(accepted)) return "unlike the first welcome";
+static const char* find_fault(const JoinAccepted& accepted, Slot first_free) {
+  if (!equals_first_accepted(accepted)) return "unlike the first welcome";
   if (accepted.slot >= SLOTS || fleet.slots[accepted.slot].bot != NO_BOT) return "no free slot";
   if (knows_slots() && accepted.slot != first_free) return "not the first free slot";
   return nullptr;
 }
 
-static void hear_join_answer(Bot& bot, Datagram datagram, const Expectation& due) {
-  if (bot.stage != Stage::JOINING) return;  // too late: the bot has given up, see end_join
+static void check_join_answer(Bot& bot, Datagram datagram, const Expectation& due) {
+  if (bot.stage != Stage::JOINING) return;  // too late: end_join has ended the join
   const Slot first_free = due.bytes[offsetof(JoinAccepted, slot)];
   if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
-    if (!is_due_refusal(datagram, first_free)) {
+    if (!is_valid_refusal(datagram, first_free)) {
       report_wrong(bot, datagram, answer_tally, "not the refusal of a full server", &due);
     }
     return handle_refusal(bot);
   }
   const auto accepted = record_of<JoinAccepted>(datagram);
-  const char* fault = fault_of(accepted, first_free);
+  const char* fault = find_fault(accepted, first_free);
   if (fault != nullptr) report_wrong(bot, datagram, answer_tally, fault, &due);
   if (accepted.slot < SLOTS && fleet.slots[accepted.slot].bot == NO_BOT) {
     take_slot(bot, accepted.slot);
   }
 }
 
-static void hear_enter_reply(Bot& bot) {
+static void handle_enter_reply(Bot& bot) {
   if (bot.stage != Stage::ENTERING) return;
   set_stage(bot, Stage::PLAYING);
   bot.due_ns = monotonic_ns() + fleet.step_ns;
 }
 
-static void hear_answer(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
+static void check_answer(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   const Match found = match(answer_ring(bot.number), bot.number, datagram, now_ns);
   if (found.verdict != Verdict::EXPECTED) {
     handle_unexpected(bot, datagram, found, answer_tally);
   } else if (command_of(datagram) == CMD_JOIN_ACCEPTED ||
              command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
-    hear_join_answer(bot, datagram, *found.expectation);
+    check_join_answer(bot, datagram, *found.expectation);
   } else if (command_of(datagram) == CMD_ENTER_GAME_REPLY) {
-    hear_enter_reply(bot);
+    handle_enter_reply(bot);
   }
 }
 
-// The server tells every player in the game. A bot that enters or leaves at that moment may miss
-// it.
+// The server sends the notice to every player in the game. A bot that enters or leaves at that
+// moment may or may not get it.
 static void expect_shutdown() {
   for (unsigned i = 0; i < fleet.size; ++i) {
     const bool plays = fleet.bots[i].stage == Stage::PLAYING;
     Expectation expectation = expectation_of(ServerShutdown{});
-    expectation.sent_ns = 0;  // so that make_optional leaves it alone
+    expectation.sent_ns = 0;  // so that make_optional does not change it
     expectation.required = plays ? bot_bit(i) : 0;
     expectation.optional = bot_bit(i);
     expect(answer_ring(i), expectation);
@@ -186,8 +186,8 @@ static void expect_shutdown() {
   fleet.server_stopped = true;
 }
 
-// May arrive at any time at a player that has entered.
-static void hear_pinkpanther(const Bot& bot, Datagram datagram) {
+// The notice may arrive at any time after the bot has entered.
+static void check_pinkpanther(const Bot& bot, Datagram datagram) {
   const auto notice = record_of<PinkPanther>(datagram);
   const bool plausible = datagram.size() == sizeof notice &&
                          (notice.slot < SLOTS || notice.slot == NOBODY) && bot.has_entered &&
@@ -196,26 +196,26 @@ static void hear_pinkpanther(const Bot& bot, Datagram datagram) {
     report_wrong(bot, datagram, answer_tally, "unexpected news of the PinkPanther", nullptr);
 }
 
-static void hear_ping(const Bot& bot, Datagram datagram) {
+static void check_ping(const Bot& bot, Datagram datagram) {
   if (datagram.size() != sizeof(Ping) || !bot.has_entered) {
     report_wrong(bot, datagram, answer_tally, "ping before the bot has entered", nullptr);
   }
   send_bytes(bot, ClientCommand::CMD_PING_REPLY);
 }
 
-void hear(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
+void handle_datagram(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   if (datagram.empty()) {
     report_wrong(bot, datagram, answer_tally, "empty", nullptr);
   } else if (command_of(datagram) == CMD_PING) {
-    hear_ping(bot, datagram);
+    check_ping(bot, datagram);
   } else if (command_of(datagram) == CMD_PINKPANTHER) {
-    hear_pinkpanther(bot, datagram);
+    check_pinkpanther(bot, datagram);
   } else if (is_relay(datagram)) {
-    hear_relay(bot, datagram, now_ns);
+    check_relay(bot, datagram, now_ns);
   } else {
     const bool stops =
         datagram.size() == sizeof(ServerShutdown) && command_of(datagram) == CMD_SERVER_SHUTDOWN;
     if (stops && !fleet.server_stopped) expect_shutdown();
-    hear_answer(bot, datagram, now_ns);
+    check_answer(bot, datagram, now_ns);
   }
 }
