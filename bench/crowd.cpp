@@ -29,15 +29,15 @@ static void receive_waiting(int handle, std::size_t max_count, Take take) {
   }
 }
 
-// All codes come from the records, except this one, which has none.
+// CMD_PING_REPLY has no record.
 static const std::string PING_REPLY(1, static_cast<char>(ClientCommand::CMD_PING_REPLY));
 static const std::string PING = bytes_of(Ping{});
 static const std::string GAME_CLOCK = bytes_of(GameClock{});
 
-// A player's update of this kind, and what all other players receive.
+// The datagram of an update, and the datagram that all other players must receive.
 static std::pair<std::string, std::string> exchange_of(Update kind, std::uint32_t update,
                                                        std::uint8_t slot) {
-  const Position position = {update, ~update, 0x7FA0'0001};  // words like no others in a record
+  const Position position = {update, ~update, 0x7FA0'0001};
   switch (kind) {
     case Update::POSITION:
       return {bytes_of(PositionUpdate{.position = position}),
@@ -55,13 +55,13 @@ static std::pair<std::string, std::string> exchange_of(Update kind, std::uint32_
           bytes_of(PlayerStateFloats{.state_f2 = update, .state_f3 = ~update})};
 }
 
-// Whether the sender of an update receives the game clock.
+// Whether the server answers the sender of such an update with CMD_GAME_CLOCK.
 static bool is_answered(Update kind) {
   return kind == Update::CAR_STATE || kind == Update::STATE_FLOATS;
 }
 
-// Skips datagrams until one has the code of this record. Returns its second byte, which is the slot
-// if it has one, or -1.
+// Drops datagrams until one has the code of this record. Returns its second byte, which is the slot
+// in most records; -1 after ten seconds.
 template <WireRecord Record>
 static int await_record(int handle, const Record& record) {
   int second = -1;
@@ -74,7 +74,7 @@ static int await_record(int handle, const Record& record) {
   return second;
 }
 
-// A player that enters receives the records of all others, and they receive its record.
+// The entering player must receive the records of all others, and each of them its record.
 static bool enter_game(const Crowd& crowd, int handle) {
   bool is_in =
       send_bytes(handle, bytes_of(EnterGame{})) && await_record(handle, EnterGameReply{}) != -1;
@@ -122,8 +122,8 @@ unsigned datagrams_per_update(const Crowd& crowd) {
   return is_answered(crowd.kind) ? crowd.size : crowd.size - 1;
 }
 
-// The time in a game clock is not checked: only the server knows it.
-static bool is_due(const Crowd& crowd, const Player& player, std::string_view datagram) {
+// Does not check the time in CMD_GAME_CLOCK, because only the server knows it.
+static bool is_expected(const Crowd& crowd, const Player& player, std::string_view datagram) {
   const Player& sender = sender_of(crowd, player.next);
   if (&player != &sender) {
     return datagram == exchange_of(crowd.kind, player.next, sender.slot).second;
@@ -131,13 +131,13 @@ static bool is_due(const Crowd& crowd, const Player& player, std::string_view da
   return datagram.size() == GAME_CLOCK.size() && datagram[0] == GAME_CLOCK[0];
 }
 
-static void take_waiting(Crowd& crowd, Player& player) {
+static void receive_all(Crowd& crowd, Player& player) {
   receive_waiting(player.handle, RECEIVE_BATCH, [&](std::string_view datagram) {
     if (datagram == PING) {
       send_bytes(player.handle, PING_REPLY);
       return;
     }
-    ++(is_due(crowd, player, datagram) ? crowd.right : crowd.wrong);
+    ++(is_expected(crowd, player, datagram) ? crowd.right : crowd.wrong);
     ++player.next;
     skip_unanswered(crowd, player);
   });
@@ -147,7 +147,7 @@ bool await_update(Crowd& crowd, std::uint32_t update) {
   const Clock::time_point limit = Clock::now() + LIMIT;
   for (unsigned i = 0; i < crowd.size; ++i) {
     while (crowd.players[i].next <= update) {
-      take_waiting(crowd, crowd.players[i]);
+      receive_all(crowd, crowd.players[i]);
       if (Clock::now() > limit) return false;
     }
   }
@@ -157,6 +157,6 @@ bool await_update(Crowd& crowd, std::uint32_t update) {
 void answer_pings_until(Crowd& crowd, Clock::time_point time) {
   while (Clock::now() < time) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    for (unsigned i = 0; i < crowd.size; ++i) take_waiting(crowd, crowd.players[i]);
+    for (unsigned i = 0; i < crowd.size; ++i) receive_all(crowd, crowd.players[i]);
   }
 }

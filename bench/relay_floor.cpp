@@ -1,7 +1,7 @@
-// The minimum work of a relay, to compare the server with. The first senders, up to a fixed number,
-// are the peers. After that, every position update goes to all peers except its sender, in slot
-// order, by one sendmmsg(2). It has no state, no log, and does not check what it relays. It opens
-// its socket as the server does, so both have the same buffers.
+// A relay that does the minimum of work, for a comparison with the server. The senders of the first
+// PEERS datagrams are the peers. After that, every position update goes to all peers except its
+// sender, in slot order, by one sendmmsg(2). It stores and prints nothing, and does not check the
+// datagrams. It opens its socket in the same way as the server, so both have the same buffers.
 
 #include <poll.h>
 #include <sys/socket.h>

@@ -1,9 +1,9 @@
-// Drives the server, or the floor, with players on loopback. Reads one measurement per line from
-// standard input and answers each with one line of JSON:
+// Loads the server, or relay_floor, with players on loopback. Reads one measurement per line from
+// standard input, and answers each with one line of JSON:
 //
-//   KIND COUNT AHEAD SPACING_NS   this many updates of a kind, at least this far apart; each is
-//                                 sent when all before it but the last AHEAD have arrived
-//   idle MS 0 0                   no updates; pings are answered
+//   KIND COUNT AHEAD SPACING_NS   COUNT updates of a kind, at least SPACING_NS apart; each is sent
+//                                 when at most AHEAD updates before it have not arrived
+//   idle MS 0 0                   no updates for MS milliseconds; only answers pings
 
 #include <algorithm>
 #include <array>
@@ -33,7 +33,7 @@ static std::int64_t ns_since(Clock::time_point time) {
   return std::chrono::nanoseconds(Clock::now() - time).count();
 }
 
-// Returns the median delay of an update, from the send until the last player has it.
+// Returns the median delay of an update in ns, from its send until the last player has received it.
 static std::int64_t run_updates(Crowd& crowd, const Order& order) {
   std::vector<std::int64_t> delays{0};
   const std::uint32_t first = crowd.sent;

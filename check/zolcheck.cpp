@@ -1,4 +1,4 @@
-// Shows how servers will read their settings, before they are started.
+// zolcheck: shows how servers will read their settings, before their start.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -10,13 +10,13 @@
 #include <map>
 
 #include "announce/master_server.h"
-#include "check/doubts.h"
+#include "check/diagnostics.h"
 #include "config/config_reader.h"
 #include "config/server_config.h"
 #include "net/sflsock.h"
 
-// Exit statuses. The worst of all directories counts.
-enum Status { GOOD = 0, DOUBTFUL = 1, BAD = 2 };
+// Exit statuses. The highest status of all directories is the status of the program.
+enum Status { GOOD = 0, SUSPICIOUS = 1, BAD = 2 };
 
 static constexpr const char* HELP =
     "usage: zolcheck [--start | --port] [DIRECTORY...]\n"
@@ -32,27 +32,27 @@ static constexpr const char* HELP =
     "Exit status: 0 all correct, 1 suspicious lines, 2 a server would not start as intended.\n";
 
 static bool is_start;
-static bool wants_port;
+static bool is_port_only;
 static bool must_have_settings;
-static std::string directory;  // being checked
-static bool has_closed_file;   // its settings cannot be read
-static Status status;          // the worst so far
+static std::string directory;     // the directory that is being checked
+static bool has_unreadable_file;  // its file of settings cannot be read
+static Status status;             // the highest status so far
 
-static void say(Status found, const std::string& where, const std::string& what) {
-  if (wants_port && found != BAD) return;
+static void report(Status found, const std::string& where, const std::string& what) {
+  if (is_port_only && found != BAD) return;
   std::fprintf(stderr, "%s: %s\n", where.c_str(), what.c_str());
   status = std::max(status, found);
 }
 
-static void complain_of_file(const char* name, const char* reason) {
-  has_closed_file = true;
+static void report_file_error(const char* name, const char* reason) {
+  has_unreadable_file = true;
   const bool is_denied = std::strcmp(reason, std::strerror(EACCES)) == 0;
   const char* advice = is_denied ? "; make it readable for the user that runs the server" : "";
-  say(BAD, directory + "/" + name, std::string(reason) + advice);
+  report(BAD, directory + "/" + name, std::string(reason) + advice);
 }
 
-// Returns 0, or the errno of the failure to open the port. A server shares its port with any socket
-// that allows it. This socket does not, so it fails if the port is in use.
+// Returns 0, or the errno of the failed bind(2). Two sockets with SO_REUSEADDR may share a port,
+// and a server sets it. This socket does not set it, so its bind fails if the port is in use.
 static int try_port(in_port_t port) {
   const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in local{};
@@ -64,17 +64,17 @@ static int try_port(in_port_t port) {
   return reason;
 }
 
-// The ports of the directories must differ.
+// ports: the directories that were checked before, by port.
 static void check_port(in_port_t port, std::map<in_port_t, std::string>& ports) {
   const std::string text = "port " + std::to_string(ntohs(port));
   const auto [other, is_new] = ports.emplace(port, directory);
-  if (!is_new) say(BAD, directory, text + " is also the port of " + other->second);
+  if (!is_new) report(BAD, directory, text + " is also the port of " + other->second);
   const int reason = is_start ? try_port(port) : 0;
   if (reason == EADDRINUSE)
-    say(BAD, directory, text + " is in use; is the server running already?");
-  // EPERM comes from SocketBindDeny in the unit.
+    report(BAD, directory, text + " is in use; is the server running already?");
+  // EPERM: the systemd unit forbids the port with SocketBindDeny.
   if (reason == EACCES || reason == EPERM) {
-    say(BAD, directory, text + " needs a privilege that is missing here");
+    report(BAD, directory, text + " needs a privilege that is missing here");
   }
 }
 
@@ -89,28 +89,30 @@ static void print_settings(const std::string& port) {
 
 static void check_directory(std::map<in_port_t, std::string>& ports) {
   server_config = {};
-  has_closed_file = false;
-  std::FILE* file = open_settings(complain_of_file);
-  if (file == nullptr && has_closed_file) return;
+  has_unreadable_file = false;
+  std::FILE* file = open_settings(report_file_error);
+  if (file == nullptr && has_unreadable_file) return;
   if (file == nullptr) {
-    say(must_have_settings ? BAD : DOUBTFUL, directory,
-        "no zolserver.cfg and no zolserver.conf; a server would use the defaults");
+    report(must_have_settings ? BAD : SUSPICIOUS, directory,
+           "no zolserver.cfg and no zolserver.conf; a server would use the defaults");
   } else {
     const char* name = access("zolserver.cfg", R_OK) == 0 ? "zolserver.cfg" : "zolserver.conf";
-    for (const Doubt& doubt : read_with_doubts(file)) {
-      say(DOUBTFUL, directory + "/" + name + ":" + std::to_string(doubt.line), doubt.text);
+    for (const Diagnostic& diagnostic : read_with_diagnostics(file)) {
+      report(SUSPICIOUS, directory + "/" + name + ":" + std::to_string(diagnostic.line),
+             diagnostic.text);
     }
     std::fclose(file);
   }
   const std::optional<in_port_t> port = port_to_bind(server_config.Port, "udp");
   if (port) check_port(*port, ports);
-  if (!port) say(BAD, directory, "the server would not start: Port is no port number");
-  if (port && wants_port) std::printf("%d\n", ntohs(*port));
-  if (!is_start && !wants_port)
+  if (!port)
+    report(BAD, directory, "the server would not start: Port is not a port number; use 1 to 65535");
+  if (port && is_port_only) std::printf("%d\n", ntohs(*port));
+  if (!is_start && !is_port_only)
     print_settings(port ? "port " + std::to_string(ntohs(*port)) : "no port");
 }
 
-static int complain_of_argument(const char* argument) {
+static int report_unknown_option(const char* argument) {
   std::fprintf(stderr, "zolcheck: unknown option \"%s\"; see --help\n", argument);
   return BAD;
 }
@@ -121,9 +123,9 @@ int main(int count, char** arguments) {
     const std::string_view argument = arguments[i];
     if (argument == "--help") return std::fputs(HELP, stdout) < 0 ? BAD : GOOD;
     if (argument == "--start" || argument == "--port") {
-      (argument == "--start" ? is_start : wants_port) = true;
+      (argument == "--start" ? is_start : is_port_only) = true;
     } else if (argument.starts_with('-')) {
-      return complain_of_argument(arguments[i]);
+      return report_unknown_option(arguments[i]);
     } else {
       directories.emplace_back(argument);
     }
@@ -137,8 +139,8 @@ int main(int count, char** arguments) {
     if (fchdir(here) == 0 && chdir(each.c_str()) == 0) {
       check_directory(ports);
     } else {
-      say(BAD, each, std::strerror(errno));
+      report(BAD, each, std::strerror(errno));
     }
   }
-  return is_start && status == DOUBTFUL ? GOOD : status;
+  return is_start && status == SUSPICIOUS ? GOOD : status;
 }

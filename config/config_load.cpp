@@ -82,17 +82,17 @@ void set_key(ConfigReader& reader, const ConfigKey& key) {
 }
 
 // A pipe or a device reads as empty, because a read of it may wait forever or never end.
-std::FILE* open_one(const char* name, void (*complain)(const char* name, const char* reason)) {
+std::FILE* open_one(const char* name, void (*report_error)(const char* name, const char* reason)) {
   const int handle = open(name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (handle == -1) {
-    if (errno != ENOENT) complain(name, std::strerror(errno));
+    if (errno != ENOENT) report_error(name, std::strerror(errno));
     return nullptr;
   }
   std::FILE* file = fdopen(handle, "r");
   struct stat status = {};
   const bool is_file = fstat(handle, &status) == -1 || S_ISREG(status.st_mode);
   if (is_file || file == nullptr) return file;
-  complain(name, S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "Not a file");
+  report_error(name, S_ISDIR(status.st_mode) ? std::strerror(EISDIR) : "Not a file");
   return std::freopen("/dev/null", "re", file);
 }
 
@@ -123,9 +123,9 @@ bool read_setting(ConfigReader& reader) {
   return false;
 }
 
-std::FILE* open_settings(void (*complain)(const char* name, const char* reason)) {
-  std::FILE* file = open_one("zolserver.cfg", complain);
-  return file != nullptr ? file : open_one("zolserver.conf", complain);
+std::FILE* open_settings(void (*report_error)(const char* name, const char* reason)) {
+  std::FILE* file = open_one("zolserver.cfg", report_error);
+  return file != nullptr ? file : open_one("zolserver.conf", report_error);
 }
 
 void config_load() {

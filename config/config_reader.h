@@ -62,10 +62,10 @@ struct ConfigReader {
   bool is_accepted = false;          // the value of a known key is within its limits
 };
 
-// Opens "zolserver.cfg", or else "zolserver.conf"; null when neither can be opened. Calls complain
-// for a file that exists and cannot be opened, and for a file that is not regular. The latter reads
-// as empty.
-std::FILE* open_settings(void (*complain)(const char* name, const char* reason));
+// Opens "zolserver.cfg", or else "zolserver.conf"; null when neither can be opened. Calls
+// report_error for a file that exists and cannot be opened, and for a file that is not regular. The
+// latter reads as empty.
+std::FILE* open_settings(void (*report_error)(const char* name, const char* reason));
 
 // Reads the next key and its value into server_config. False at the end of the file.
 bool read_setting(ConfigReader& reader);

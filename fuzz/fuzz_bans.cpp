@@ -1,4 +1,4 @@
-// Any file of bans: each line is a ban or a complaint, and a ban holds for its own address.
+// Any file of bans: each line is a ban or a error, and a ban holds for its own address.
 
 #include <arpa/inet.h>
 
@@ -16,9 +16,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   const Bans found = read_bans(text, "bans");
   const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
-  check(found.bans.size() + found.complaints.size() <= lines, "one result a line");
-  for (const std::string& complaint : found.complaints) {
-    check(complaint.find('\n') == std::string::npos, "a complaint is one line");
+  check(found.bans.size() + found.errors.size() <= lines, "one result a line");
+  for (const std::string& error : found.errors) {
+    check(error.find('\n') == std::string::npos, "an error is one line");
   }
   for (const Ban& ban : found.bans) {
     check(ban.port >= 0 && ban.port <= 65'535, "a port");

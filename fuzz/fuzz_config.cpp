@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "check/doubts.h"
+#include "check/diagnostics.h"
 #include "config/server_config.h"
 #include "fuzz/check.h"
 
@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(std::memcmp(&loaded, &server_config, sizeof loaded) == 0, "twice gives the same");
   server_config = {};
   std::FILE* file = fmemopen(config_text.data(), config_text.size(), "r");
-  read_with_doubts(file);
+  read_with_diagnostics(file);
   std::fclose(file);
   check(std::memcmp(&loaded, &server_config, sizeof loaded) == 0, "zolcheck reads the same");
   server_config = {};

@@ -6,7 +6,7 @@
 #include "listing/number.h"
 #include "text/names.h"
 
-static constexpr int PROTOCOL = 40;  // the version that listed servers speak
+static constexpr int PROTOCOL = 40;  // the protocol version of the servers that may be listed
 static constexpr int MIN_PLAYERS = 2;
 
 std::string_view value_of(std::string_view query, std::string_view key) {
@@ -22,7 +22,7 @@ std::string_view value_of(std::string_view query, std::string_view key) {
   return value;
 }
 
-// "+" is a blank and %XX a byte; any other "%" is kept.
+// "+" becomes a blank and %XX a byte; a NUL becomes '?'. Any other "%" does not change.
 static std::string decoded(std::string_view value) {
   std::string text;
   for (std::size_t i = 0; i < value.size(); ++i) {

@@ -1,4 +1,4 @@
-// What a server says of itself to the list, taken from the query of its request.
+// The announcement of a server, read from the query of its HTTP request. Any thread may call.
 #pragma once
 
 #include <cstddef>
@@ -10,12 +10,12 @@
 
 using namespace zol;
 
-inline constexpr std::size_t MAX_NAME = 31;  // bytes, as servers cut their own
-inline constexpr std::size_t MAX_OS = 8;
+inline constexpr std::size_t MAX_NAME = 31;  // bytes, as in the server's settings
+inline constexpr std::size_t MAX_OS = 8;     // bytes
 
 struct Announcement {
   std::string name;  // UTF-8, without control characters
-  std::string os;    // the same
+  std::string os;    // UTF-8, without control characters
   int players = 0;
   int max_players = 0;
   int game_type = DEATHMATCH;
@@ -24,9 +24,9 @@ struct Announcement {
   bool is_removal = false;
 };
 
-// Nothing when a value is missing or not allowed. Where a key is given twice, the last one counts:
-// servers do not escape their name, which comes first, so a '&' in it may add keys.
+// Nothing when a value is missing or not allowed. If a key occurs twice, the last value counts:
+// servers send their name first and do not escape it, so a '&' in the name may add keys.
 std::optional<Announcement> read_announcement(std::string_view query);
 
-// The raw value of the last pair with this key; empty without one.
+// The undecoded value of the last pair with this key; empty if there is no such pair.
 std::string_view value_of(std::string_view query, std::string_view key);

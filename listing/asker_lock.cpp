@@ -10,7 +10,7 @@ static std::string file_of(const std::string& list_path) {
   return list_path + "-asker";
 }
 
-// Of the whole file. Locks of open file descriptions do not end with the process's other files.
+// A lock of the whole file, for F_OFD_SETLK: closing another descriptor of the file keeps it.
 static struct flock lock_of(short type) {
   struct flock lock {};
   lock.l_type = type;
@@ -18,7 +18,7 @@ static struct flock lock_of(short type) {
   return lock;
 }
 
-int hold_asker_lock(const std::string& list_path) {
+int acquire_asker_lock(const std::string& list_path) {
   const int handle = open(file_of(list_path).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
   struct flock lock = lock_of(F_WRLCK);
   if (handle == -1 || fcntl(handle, F_OFD_SETLK, &lock) == 0) return handle;
@@ -33,7 +33,7 @@ bool is_asker_lock_visible(int handle) {
   return fstat(handle, &status) == 0 && status.st_nlink > 0;
 }
 
-bool does_asker_run(const std::string& list_path) {
+bool is_asker_running(const std::string& list_path) {
   const int handle = open(file_of(list_path).c_str(), O_RDONLY | O_CLOEXEC);
   if (handle == -1) return false;
   struct flock lock = lock_of(F_RDLCK);

@@ -9,7 +9,7 @@
 #include "text/names.h"
 
 static constexpr int ADDRESS_BITS = 32;
-static constexpr std::size_t MAX_SHOWN = 60;  // characters of a wrong line
+static constexpr std::size_t MAX_SHOWN = 60;  // bytes of a wrong line in an error
 
 static std::optional<std::uint32_t> address_of(const std::string& text) {
   in_addr address{};
@@ -18,7 +18,7 @@ static std::optional<std::uint32_t> address_of(const std::string& text) {
   return ntohl(address.s_addr);
 }
 
-// A shift by all 32 bits is undefined.
+// Handles 0 separately, because a shift by 32 bits is undefined.
 static std::uint32_t mask_of(int bits) {
   return bits == 0 ? 0 : ~std::uint32_t{0} << static_cast<unsigned>(ADDRESS_BITS - bits);
 }
@@ -36,7 +36,7 @@ static std::optional<Ban> ban_of(std::string_view line) {
   return Ban{.network = *address & mask_of(*number), .mask = mask_of(*number)};
 }
 
-// Without the comment and the blanks around.
+// Returns the line without its comment and without the blanks at both ends.
 static std::string_view stripped(std::string_view line) {
   static constexpr const char* BLANKS = " \t\r";
   line = line.substr(0, line.find('#'));
@@ -55,9 +55,9 @@ Bans read_bans(std::string_view text, const std::string& file) {
     if (const auto ban = ban_of(line)) {
       found.bans.push_back(*ban);
     } else {
-      found.complaints.push_back(file + ":" + std::to_string(number) + ": \"" +
-                                 printable(line.substr(0, MAX_SHOWN)) +
-                                 "\" is no ADDRESS, ADDRESS/BITS or ADDRESS:PORT; ignored");
+      found.errors.push_back(file + ":" + std::to_string(number) + ": \"" +
+                             printable(line.substr(0, MAX_SHOWN)) +
+                             "\" is ignored; write ADDRESS, ADDRESS/BITS or ADDRESS:PORT");
     }
   }
   return found;

@@ -7,20 +7,21 @@
 #include <cstring>
 #include <memory>
 
-static constexpr int PAUSE_MS = 5;
+static constexpr int PAUSE_MS = 5;  // between two attempts to open a locked list
 static constexpr std::int64_t SCHEMA_VERSION = 2;
 
-// The numbers are in the file.
+// The states of an entry. The numbers are stored in the file.
 enum State : std::int64_t {
-  UNKNOWN = -1,  // there is no entry
-  OPEN = 0,      // zolask will ask it
-  SILENT = 1,    // it did not answer
-  SEEN = 2,      // it answered, or need not
+  ABSENT = -1,  // there is no entry
+  PENDING = 0,  // zolask will ask the server
+  SILENT = 1,   // the server did not answer zolask
+  VISIBLE = 2,  // the server has answered, or does not have to answer
 };
 
-// The version of the list in this file: 0 for an empty file, -1 for another program's. 0x5A4F4C4C
-// is "ZOLL". Lists of version 1 have no application_id, so their columns tell them. One statement
-// sees one moment, whatever other processes do.
+// Returns the version of the list in a file: 0 for an empty file, -1 for a file of another program.
+// The application_id 0x5A4F4C4C is "ZOLL". Lists of version 1 have no application_id, so this
+// checks their columns. It is one statement, so that no other process changes the file in the
+// middle.
 static constexpr const char* VERSION_OF_LIST = R"(
 SELECT CASE
   WHEN application_id = 0x5A4F4C4C THEN user_version
@@ -53,7 +54,7 @@ PRAGMA application_id = 0x5A4F4C4C;
 PRAGMA user_version = 2;
 )";
 
-// Version 1 asked nobody, so its entries count as seen.
+// Version 1 had no zolask, so its entries stay visible.
 static constexpr const char* UPGRADE = R"(
 ALTER TABLE server ADD COLUMN state INTEGER NOT NULL DEFAULT 2;
 CREATE INDEX server_state ON server (state, last_seen);
@@ -70,7 +71,8 @@ static bool is_full(int system_error) {
   return system_error == ENOSPC || system_error == EDQUOT || system_error == EFBIG;
 }
 
-// Names the failure and the remedy. SQLite keeps the system's error for these two results only.
+// The failure and what to do next. SQLite keeps the error of the system call only for the results
+// SQLITE_IOERR and SQLITE_CANTOPEN.
 static std::string reason_of(const List& list) {
   sqlite3* database = list.database;
   const int result = sqlite3_errcode(database) & 0xFF;
@@ -83,7 +85,7 @@ static std::string reason_of(const List& list) {
   if (system_error != 0) text += std::string(" (") + std::strerror(system_error) + ")";
   switch (result) {
     case SQLITE_BUSY:
-      return text + ": another process held its lock for " + std::to_string(list.patience_ms) +
+      return text + ": another process held its lock for " + std::to_string(list.lock_timeout_ms) +
              " ms; find that process with fuser(1)";
     case SQLITE_NOTADB:
       return text + ": name another file in ZOLLIST_DATABASE, or move this one away";
@@ -100,10 +102,10 @@ static std::string reason_of(const List& list) {
   }
 }
 
-// The first failure of a call counts. Those that follow from it say less.
+// Stores the first failure of a call, because later failures are its consequences. Returns false.
 static bool fail(List& list) {
-  if (!list.complaint.empty()) return false;
-  list.complaint = list.path + ": " + reason_of(list);
+  if (!list.error_text.empty()) return false;
+  list.error_text = list.path + ": " + reason_of(list);
   list.is_locked = (sqlite3_errcode(list.database) & 0xFF) == SQLITE_BUSY;
   return false;
 }
@@ -117,7 +119,7 @@ static void bind(sqlite3_stmt* statement, int index, const std::string& value) {
                     SQLITE_TRANSIENT);
 }
 
-// Null when the database fails.
+// Prepares a statement and binds its values. Null when the database fails.
 template <typename... Values>
 static Statement prepare(List& list, const char* text, const Values&... values) {
   sqlite3_stmt* statement = nullptr;
@@ -138,7 +140,7 @@ static bool run(List& list, const char* text, const Values&... values) {
   return result == SQLITE_DONE || fail(list);
 }
 
-// The first column of the first row, which each of these queries has.
+// The first column of the first row. The query must have a row. Nothing when the database fails.
 template <typename... Values>
 static std::optional<std::int64_t> number(List& list, const char* text, const Values&... values) {
   const Statement statement = prepare(list, text, values...);
@@ -149,51 +151,53 @@ static std::optional<std::int64_t> number(List& list, const char* text, const Va
   return std::nullopt;
 }
 
-// Ends the transaction: for good when all was well, else as if it had not been.
-static bool end_transaction(List& list, bool is_well) {
-  if (is_well && run(list, "COMMIT")) return true;
+// Commits the transaction if is_ok. Rolls it back otherwise, and when the commit fails.
+static bool end_transaction(List& list, bool is_ok) {
+  if (is_ok && run(list, "COMMIT")) return true;
   sqlite3_exec(list.database, "ROLLBACK", nullptr, nullptr, nullptr);
   return false;
 }
 
-// Two processes may find an old or empty file at once: the second looks again when it is its turn.
+// Two processes may find an old or empty file at the same time, so this reads the version again
+// once it has the lock.
 static bool create_or_upgrade(List& list) {
   if (!run(list, "BEGIN IMMEDIATE")) return false;
   const auto version = number(list, VERSION_OF_LIST);
   const char* text = version == 0 ? CREATE : version == 1 ? UPGRADE : "";
-  const bool is_well =
+  const bool is_ok =
       version &&
       (sqlite3_exec(list.database, text, nullptr, nullptr, nullptr) == SQLITE_OK || fail(list));
-  return end_transaction(list, is_well);
+  return end_transaction(list, is_ok);
 }
 
-static bool refuse(List& list, std::int64_t version) {
-  list.complaint = list.path;
-  list.complaint += version < 0 ? ": another program's database, left as it is: name another file "
-                                  "in ZOLLIST_DATABASE"
-                                : ": version " + std::to_string(version) +
-                                      " of the list, and this program knows no later one than " +
-                                      std::to_string(SCHEMA_VERSION) + ": install a newer zollist";
+static bool reject_version(List& list, std::int64_t version) {
+  list.error_text = list.path;
+  list.error_text += version < 0 ? ": another program's database, not changed: name another file "
+                                   "in ZOLLIST_DATABASE"
+                                 : ": version " + std::to_string(version) +
+                                       " of the list; this program supports no version after " +
+                                       std::to_string(SCHEMA_VERSION) + ": install a newer zollist";
   return false;
 }
 
-// A verdict must survive a power failure, too, so each commit is synced.
+// synchronous = FULL: a verdict must survive a power failure.
 static bool prepare_list(List& list) {
   const auto version = number(list, VERSION_OF_LIST);
   if (!version) return false;
-  if (*version < 0 || *version > SCHEMA_VERSION) return refuse(list, *version);
+  if (*version < 0 || *version > SCHEMA_VERSION) return reject_version(list, *version);
   return run(list, "PRAGMA journal_mode = WAL") && run(list, "PRAGMA synchronous = FULL") &&
          (*version == SCHEMA_VERSION || create_or_upgrade(list));
 }
 
-// The time-out does not count while another process turns an empty file into a list.
+// SQLite does not apply its busy time-out while another process creates the list, so this repeats.
 static bool prepare_when_free(List& list) {
   const auto begin = std::chrono::steady_clock::now();
   bool is_ready = prepare_list(list);
   while (!is_ready && sqlite3_errcode(list.database) == SQLITE_BUSY &&
-         std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(list.patience_ms)) {
+         std::chrono::steady_clock::now() - begin <
+             std::chrono::milliseconds(list.lock_timeout_ms)) {
     sqlite3_sleep(PAUSE_MS);
-    list.complaint.clear();
+    list.error_text.clear();
     is_ready = prepare_list(list);
   }
   return is_ready;
@@ -201,11 +205,11 @@ static bool prepare_when_free(List& list) {
 
 bool open_list(List& list, const std::string& path) {
   list.path = path;
-  list.complaint.clear();
+  list.error_text.clear();
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
   const bool is_open = sqlite3_open_v2(path.c_str(), &list.database, flags, nullptr) == SQLITE_OK;
   if (is_open) {
-    sqlite3_busy_timeout(list.database, list.patience_ms);
+    sqlite3_busy_timeout(list.database, list.lock_timeout_ms);
     if (prepare_when_free(list)) return true;
   }
   fail(list);
@@ -218,46 +222,51 @@ void close_list(List& list) {
   list.database = nullptr;
 }
 
-// Deletes what this query gives. Nothing when the database fails, else whether there was anything.
+// Deletes the entries that the query selects. Returns whether it deleted any; nothing when the
+// database fails.
 template <typename... Values>
-static std::optional<bool> drop(List& list, const std::string& query, const Values&... values) {
+static std::optional<bool> delete_rows(List& list, const std::string& query,
+                                       const Values&... values) {
   const std::string text = "DELETE FROM server WHERE (address, port) IN (" + query + ")";
   if (!run(list, text.c_str(), values...)) return std::nullopt;
   return sqlite3_changes(list.database) > 0;
 }
 
-// The newest entry in a state of the address that has most of them, which must be more than so
-// many.
-static std::optional<bool> drop_of_crowd(List& list, State state, std::int64_t more_than) {
-  return drop(list,
-              "SELECT address, port FROM server WHERE state = ?1 AND address = ("
-              "  SELECT address FROM server WHERE state = ?1 GROUP BY address"
-              "  HAVING count(*) > ?2 ORDER BY count(*) DESC, min(last_seen) LIMIT 1)"
-              " ORDER BY first_seen DESC, last_seen DESC, port DESC LIMIT 1",
-              state, more_than);
+// Deletes one entry with this state: the newest entry of the address that has most such entries, if
+// it has more than more_than.
+static std::optional<bool> evict_newest(List& list, State state, std::int64_t more_than) {
+  return delete_rows(list,
+                     "SELECT address, port FROM server WHERE state = ?1 AND address = ("
+                     "  SELECT address FROM server WHERE state = ?1 GROUP BY address"
+                     "  HAVING count(*) > ?2 ORDER BY count(*) DESC, min(last_seen) LIMIT 1)"
+                     " ORDER BY first_seen DESC, last_seen DESC, port DESC LIMIT 1",
+                     state, more_than);
 }
 
-// Makes room for one more entry of this address, whose server nobody has seen yet. Silent entries
-// go first. Then an address gives one up that has more than this one will have, where it can an
-// entry that nobody sees. So no crowd keeps a newcomer out, and no newcomer drives out the only
-// server of an address. Last, a newcomer takes the place of an older one.
+// Makes room for a new entry of this address. If the address has `most` entries, it deletes the
+// oldest silent entry of the address. Otherwise, in a full list, it deletes, in this order of
+// preference: the oldest silent entry; a pending entry, then a visible entry, of an address that
+// has more of them than this address will have; a pending entry of an address that has as many as
+// this address will have. So an address with many entries does not keep a new address out, and a
+// new address does not remove the only visible entry of another address. Returns false if it cannot
+// make room.
 static std::optional<bool> make_room(List& list, const std::string& address, int most) {
   const auto own = number(list, "SELECT count(*) FROM server WHERE address = ?", address);
   if (!own) return std::nullopt;
   if (*own >= most) {
-    return drop(list,
-                "SELECT address, port FROM server WHERE address = ? AND state = ?"
-                " ORDER BY last_seen LIMIT 1",
-                address, SILENT);
+    return delete_rows(list,
+                       "SELECT address, port FROM server WHERE address = ? AND state = ?"
+                       " ORDER BY last_seen LIMIT 1",
+                       address, SILENT);
   }
   const auto all = number(list, "SELECT count(*) FROM server");
   if (!all) return std::nullopt;
   if (*all < MAX_ENTRIES) return true;
-  auto has_room = drop(
+  auto has_room = delete_rows(
       list, "SELECT address, port FROM server WHERE state = ? ORDER BY last_seen LIMIT 1", SILENT);
-  if (has_room == false) has_room = drop_of_crowd(list, OPEN, *own + 1);
-  if (has_room == false) has_room = drop_of_crowd(list, SEEN, *own + 1);
-  if (has_room == false) has_room = drop_of_crowd(list, OPEN, *own);
+  if (has_room == false) has_room = evict_newest(list, PENDING, *own + 1);
+  if (has_room == false) has_room = evict_newest(list, VISIBLE, *own + 1);
+  if (has_room == false) has_room = evict_newest(list, PENDING, *own);
   return has_room;
 }
 
@@ -271,42 +280,41 @@ static bool write_entry(List& list, const std::string& address, const Announceme
              server.game_type, server.version, now_s, state);
 }
 
-// In a transaction. Nothing when the database fails.
-static std::optional<ListVerdict> enter(List& list, const std::string& address,
-                                        const Announcement& server, std::int64_t now_s,
-                                        const ListRules& rules) {
+// Call in a transaction. Nothing when the database fails.
+static std::optional<ListVerdict> add_or_update(List& list, const std::string& address,
+                                                const Announcement& server, std::int64_t now_s,
+                                                const ListRules& rules) {
   const auto known =
       number(list, "SELECT ifnull((SELECT state FROM server WHERE address = ? AND port = ?), -1)",
              address, server.port);
   if (!known) return std::nullopt;
-  if (*known == UNKNOWN) {
+  if (*known == ABSENT) {
     const auto has_room = make_room(list, address, rules.ports_per_address);
     if (!has_room) return std::nullopt;
     if (!*has_room) return ListVerdict::REFUSED;
   }
-  // A server that did not answer is asked once more for each announce.
-  const State state = rules.asks && *known != SEEN ? OPEN : SEEN;
+  // With each announce, a silent server is asked again.
+  const State state = rules.requires_answer && *known != VISIBLE ? PENDING : VISIBLE;
   if (!write_entry(list, address, server, now_s, state)) return std::nullopt;
-  if (*known == UNKNOWN) return ListVerdict::LISTED;
-  return rules.asks && *known == SILENT ? ListVerdict::REFUSED : ListVerdict::UPDATED;
+  if (*known == ABSENT) return ListVerdict::LISTED;
+  return rules.requires_answer && *known == SILENT ? ListVerdict::REFUSED : ListVerdict::UPDATED;
 }
 
 static std::optional<ListVerdict> remove(List& list, const std::string& address, int port) {
-  const bool is_well =
-      run(list, "DELETE FROM server WHERE address = ? AND port = ?", address, port);
-  return is_well ? std::optional(ListVerdict::UPDATED) : std::nullopt;
+  const bool is_ok = run(list, "DELETE FROM server WHERE address = ? AND port = ?", address, port);
+  return is_ok ? std::optional(ListVerdict::UPDATED) : std::nullopt;
 }
 
-std::optional<ListVerdict> take_announcement(List& list, const std::string& address,
-                                             const Announcement& announcement, std::int64_t now_s,
-                                             const ListRules& rules) {
-  list.complaint.clear();
+std::optional<ListVerdict> apply_announcement(List& list, const std::string& address,
+                                              const Announcement& announcement, std::int64_t now_s,
+                                              const ListRules& rules) {
+  list.error_text.clear();
   if (!run(list, "BEGIN IMMEDIATE")) return std::nullopt;
   std::optional<ListVerdict> verdict;
   if (run(list, "DELETE FROM server WHERE last_seen <= ? OR last_seen > ?", now_s - ENTRY_LIFE_S,
           now_s + CLOCK_SLACK_S)) {
     verdict = announcement.is_removal ? remove(list, address, announcement.port)
-                                      : enter(list, address, announcement, now_s, rules);
+                                      : add_or_update(list, address, announcement, now_s, rules);
   }
   return end_transaction(list, verdict.has_value()) ? verdict : std::nullopt;
 }
@@ -316,11 +324,11 @@ static std::string text_at(sqlite3_stmt* statement, int column) {
   return text == nullptr ? "" : reinterpret_cast<const char*>(text);
 }
 
-// What take_row makes of each row of entries that are in this state and have not expired.
+// Selects the entries with this state that have not expired, and converts each row with take_row.
 template <typename Record, typename TakeRow>
 static std::optional<std::vector<Record>> read_rows(List& list, const char* text, State state,
                                                     std::int64_t now_s, TakeRow take_row) {
-  list.complaint.clear();
+  list.error_text.clear();
   const Statement rows = prepare(list, text, state, now_s - ENTRY_LIFE_S, now_s + CLOCK_SLACK_S);
   if (!rows) return std::nullopt;
   std::vector<Record> records;
@@ -337,7 +345,7 @@ std::optional<std::vector<Entry>> read_list(List& list, std::int64_t now_s) {
       "SELECT address, port, name, os, players, max_players, game_type, version, first_seen,"
       " last_seen FROM server WHERE state = ? AND last_seen > ? AND last_seen <= ?"
       " ORDER BY players DESC, name, address, port",
-      SEEN, now_s, [](sqlite3_stmt* row) {
+      VISIBLE, now_s, [](sqlite3_stmt* row) {
         const auto integer = [&](int column) { return sqlite3_column_int(row, column); };
         return Entry{
             .address = text_at(row, 0),
@@ -354,29 +362,29 @@ std::optional<std::vector<Entry>> read_list(List& list, std::int64_t now_s) {
       });
 }
 
-std::optional<std::vector<OpenQuestion>> read_open_questions(List& list, std::int64_t now_s) {
-  return read_rows<OpenQuestion>(
+std::optional<std::vector<PendingEntry>> read_pending_entries(List& list, std::int64_t now_s) {
+  return read_rows<PendingEntry>(
       list,
       "SELECT address, port, first_seen FROM server"
       " WHERE state = ? AND last_seen > ? AND last_seen <= ?"
       " ORDER BY row_number() OVER (PARTITION BY address ORDER BY last_seen DESC), last_seen DESC",
-      OPEN, now_s, [](sqlite3_stmt* row) {
-        return OpenQuestion{.address = text_at(row, 0),
+      PENDING, now_s, [](sqlite3_stmt* row) {
+        return PendingEntry{.address = text_at(row, 0),
                             .port = sqlite3_column_int(row, 1),
                             .first_seen_s = sqlite3_column_int64(row, 2)};
       });
 }
 
 bool write_answers(List& list, const std::vector<Answer>& answers) {
-  list.complaint.clear();
+  list.error_text.clear();
   if (!run(list, "BEGIN IMMEDIATE")) return false;
-  bool is_well = true;
-  for (const auto& [question, was_given] : answers) {
-    is_well = is_well && run(list,
-                             "UPDATE server SET state = ? WHERE address = ? AND port = ?"
-                             " AND first_seen = ? AND state = ?",
-                             was_given ? SEEN : SILENT, question.address, question.port,
-                             question.first_seen_s, OPEN);
+  bool is_ok = true;
+  for (const auto& [question, has_answered] : answers) {
+    is_ok = is_ok && run(list,
+                         "UPDATE server SET state = ? WHERE address = ? AND port = ?"
+                         " AND first_seen = ? AND state = ?",
+                         has_answered ? VISIBLE : SILENT, question.address, question.port,
+                         question.first_seen_s, PENDING);
   }
-  return end_transaction(list, is_well);
+  return end_transaction(list, is_ok);
 }

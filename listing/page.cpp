@@ -45,7 +45,7 @@ static constexpr const char* TABLE = R"(<table>
 <tbody>
 )";
 
-static constexpr const char* NONE_WANTED = "<p>No listed server matches this choice.</p>\n";
+static constexpr const char* NO_MATCH = "<p>No listed server matches this choice.</p>\n";
 
 static constexpr const char* EMPTY = R"(<p>No server is listed now.</p>
 <p>A server lists itself here when <code>AnnounceServer=true</code> is in its
@@ -54,7 +54,7 @@ appears within seconds of its start. It disappears when it stops, or 11 minutes 
 announce.</p>
 )";
 
-static constexpr const char* NOBODY_ASKS =
+static constexpr const char* ASKER_IS_DOWN =
     "<p>New servers do not appear now: the program that asks them, zolask, does not run.</p>\n";
 
 static constexpr const char* END = "</body>\n</html>\n";
@@ -89,7 +89,7 @@ static std::string escaped_html(const std::string& text) {
   return escaped;
 }
 
-// Of what a name can be; it has no control characters.
+// The text must have no control characters, as the texts of an Announcement.
 static std::string quoted_json(const std::string& text) {
   std::string quoted = "\"";
   for (const char each : text) {
@@ -99,12 +99,12 @@ static std::string quoted_json(const std::string& text) {
   return quoted + '"';
 }
 
-static std::string ago(std::int64_t seconds) {
+static std::string age_text(std::int64_t seconds) {
   if (seconds < 60) return "just now";
   return std::to_string(seconds / 60) + " min ago";
 }
 
-// A name that nobody could see gives way to the address.
+// Shows the address in place of a blank name.
 static std::string row_of(const Entry& entry, std::int64_t now_s) {
   const Announcement& server = entry.server;
   const std::string count =
@@ -114,7 +114,7 @@ static std::string row_of(const Entry& entry, std::int64_t now_s) {
   row += "<td>" + (is_blank(server.name) ? address : escaped_html(server.name)) + "</td>";
   row += "<td><code>" + address + "</code></td>";
   row += "<td>" + count + "</td><td>" + game_of(server) + "</td>";
-  return row + "<td>" + ago(now_s - entry.last_seen_s) + "</td></tr>\n";
+  return row + "<td>" + age_text(now_s - entry.last_seen_s) + "</td></tr>\n";
 }
 
 static std::string query_of(const Filter& filter) {
@@ -126,8 +126,8 @@ static std::string query_of(const Filter& filter) {
   return query;
 }
 
-// To the page with this filter. Relative, so that the list may have a path before it. The filter
-// that is in force is no link.
+// A link to the page with this filter; bold text instead if the filter is the current one. The link
+// is relative, because the list may have any path on its web server.
 static std::string link_to(const Filter& filter, const Filter& current, const char* text) {
   const std::string query = query_of(filter);
   if (query == query_of(current)) return std::string(" <b aria-current=\"true\">") + text + "</b>";
@@ -146,7 +146,7 @@ static std::string links_of(const Filter& current) {
   return links + "</span>\n</nav>\n";
 }
 
-static bool is_wanted(const Entry& entry, const Filter& filter) {
+static bool matches_filter(const Entry& entry, const Filter& filter) {
   if (filter.hides_empty && entry.server.players == 0) return false;
   return !filter.game_type || entry.server.game_type == *filter.game_type;
 }
@@ -159,22 +159,22 @@ struct Totals {
 static Totals totals_of(const std::vector<Entry>& entries, const Filter& filter) {
   Totals totals;
   for (const Entry& entry : entries) {
-    if (!is_wanted(entry, filter)) continue;
+    if (!matches_filter(entry, filter)) continue;
     totals.players += static_cast<std::size_t>(entry.server.players);
     ++totals.servers;
   }
   return totals;
 }
 
-static std::string counted(std::size_t count, const char* thing) {
+static std::string count_text(std::size_t count, const char* thing) {
   return std::to_string(count) + " " + thing + (count == 1 ? "" : "s");
 }
 
-// "3 players on 2 servers", or "3 players on 2 of 40 servers" where some are hidden.
-static std::string sum_of(const Totals& totals, std::size_t listed) {
-  std::string sum = "<p>" + counted(totals.players, "player") + " on ";
+// "3 players on 2 servers", or "3 players on 2 of 40 servers" if the filter hides some.
+static std::string totals_text(const Totals& totals, std::size_t listed) {
+  std::string sum = "<p>" + count_text(totals.players, "player") + " on ";
   if (totals.servers != listed) sum += std::to_string(totals.servers) + " of ";
-  return sum + counted(listed, "server") + "</p>\n";
+  return sum + count_text(listed, "server") + "</p>\n";
 }
 
 Filter read_filter(std::string_view query) {
@@ -186,16 +186,16 @@ Filter read_filter(std::string_view query) {
 }
 
 std::string html_of(const std::vector<Entry>& entries, const Filter& filter, std::int64_t now_s,
-                    bool nobody_asks) {
+                    bool is_asker_down) {
   std::string page = HEAD;
-  if (nobody_asks) page += NOBODY_ASKS;
+  if (is_asker_down) page += ASKER_IS_DOWN;
   if (entries.empty()) return page + EMPTY + END;
   const Totals totals = totals_of(entries, filter);
-  page += sum_of(totals, entries.size()) + links_of(filter);
-  if (totals.servers == 0) return page + NONE_WANTED + END;
+  page += totals_text(totals, entries.size()) + links_of(filter);
+  if (totals.servers == 0) return page + NO_MATCH + END;
   page += TABLE;
   for (const Entry& entry : entries) {
-    if (is_wanted(entry, filter)) page += row_of(entry, now_s);
+    if (matches_filter(entry, filter)) page += row_of(entry, now_s);
   }
   return page + "</tbody>\n</table>\n" + END;
 }
@@ -231,7 +231,7 @@ std::string json_of(const std::vector<Entry>& entries, const Filter& filter) {
   object += ",\"total_servers\":" + std::to_string(totals.servers) + ",\"servers\":[";
   const char* separator = "\n";
   for (const Entry& entry : entries) {
-    if (!is_wanted(entry, filter)) continue;
+    if (!matches_filter(entry, filter)) continue;
     object += separator + object_of(entry);
     separator = ",\n";
   }

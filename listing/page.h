@@ -1,4 +1,4 @@
-// What people and programs see of the list.
+// The list as a page for people and as JSON for programs.
 #pragma once
 
 #include <optional>
@@ -8,18 +8,18 @@
 
 #include "listing/database.h"
 
-// Which entries a reader wants, of the page and of JSON alike.
+// Selects the entries of the page and of the JSON.
 struct Filter {
   bool hides_empty = false;
-  std::optional<int> game_type = std::nullopt;  // all, without one
+  std::optional<int> game_type = std::nullopt;  // nothing: all game types
 };
 
-// From "empty=no" and "game=0" or "game=1". Other keys and values change nothing.
+// Reads "empty=no" and "game=0" or "game=1" from a query. Ignores other keys and values.
 Filter read_filter(std::string_view query);
 
-// nobody_asks: new servers do not appear, since the asker does not run.
+// is_asker_down: the page says that new servers do not appear, because zolask is not running.
 std::string html_of(const std::vector<Entry>& entries, const Filter& filter, std::int64_t now_s,
-                    bool nobody_asks);
+                    bool is_asker_down);
 std::string json_of(const std::vector<Entry>& entries, const Filter& filter);
-// The page in place of the list when the database fails.
+// The page that replaces the list when the database fails.
 std::string html_of_failure();

@@ -1,5 +1,6 @@
-// The questions that the asker has under way: which datagram is due, and what came of it. Without a
-// socket and without a clock.
+// The questions that zolask is asking: when the next datagram to a server is due, and whether the
+// server has answered. Has no socket and no clock. Only one thread at a time may use it. Times are
+// milliseconds of a clock that does not go back.
 #pragma once
 
 #include <netinet/in.h>
@@ -11,28 +12,29 @@
 #include "listing/database.h"
 
 struct Question {
-  OpenQuestion of;
+  PendingEntry entry;
   sockaddr_in server{};
   int tries = 0;
-  std::uint64_t due_ms = 0;  // the next try, or the end after the last one
+  std::uint64_t due_ms = 0;  // time of the next try; after the last try, the end of the wait
   bool is_answered = false;
 };
 
 struct Questions {
-  std::vector<Question> in_order;                            // the first is the most urgent
-  std::unordered_map<std::uint64_t, std::size_t> of_server;  // places in in_order
+  std::vector<Question> in_order;                                  // the most urgent first
+  std::unordered_map<std::uint64_t, std::size_t> index_by_server;  // indexes in in_order
 };
 
-// Those that are over. Write them down before the next update.
+// The results of the finished questions. Store them before the next update.
 std::vector<Answer> answers_of(const Questions& questions, std::uint64_t now_ms);
 
-// Takes the open questions as they are now, in their order. Questions under way go on; one that was
-// over at this time and is open again starts again.
-void update_questions(Questions& questions, const std::vector<OpenQuestion>& open,
+// Replaces the questions by one question for each pending entry, in the order of the entries. A
+// question for the same entry continues, unless it was finished; then it starts again.
+void update_questions(Questions& questions, const std::vector<PendingEntry>& open,
                       std::uint64_t now_ms);
 
-// The servers to send the question to now, at most so many. It counts as sent.
-std::vector<sockaddr_in> take_due(Questions& questions, std::size_t most, std::uint64_t now_ms);
+// The servers to send the question to now, at most max_count. Counts the question as sent.
+std::vector<sockaddr_in> take_due_servers(Questions& questions, std::size_t max_count,
+                                          std::uint64_t now_ms);
 
-// A datagram that answers the question came from this address.
-void note_answer(Questions& questions, const sockaddr_in& sender);
+// Call this when a datagram from this address has answered the question.
+void record_answer(Questions& questions, const sockaddr_in& sender);

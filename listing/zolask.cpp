@@ -1,7 +1,7 @@
-// The asker of the server list: it asks the servers that nobody sees yet, and makes those visible
-// that answer. It shares only the database with zollist, which may not use the network.
+// zolask asks the servers that are pending in the list, and makes those that answer visible. It
+// shares only the database with zollist, which has no access to the network. From the environment:
 //
-//   ZOLLIST_DATABASE            the file of the list, from the environment
+//   ZOLLIST_DATABASE            the file of the list
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -25,83 +25,85 @@
 #include "listing/database.h"
 #include "listing/questions.h"
 
-static constexpr std::uint64_t LOOK_MS = 500;  // from one look at the database to the next
-static constexpr int PATIENCE_MS = 500;  // for the database's lock; a stop signal waits so long
-// Answers come back at the same rate, which a receive buffer of the usual size must hold during a
-// look. So 10,000 datagrams leave in a second.
+static constexpr std::uint64_t LIST_POLL_MS = 500;  // between two reads of the list
+static constexpr int LOCK_TIMEOUT_MS = 500;  // for the database; a stop signal waits that long
+// 50 datagrams every 5 ms are 10,000 datagrams per second. The answers arrive at the same rate, and
+// a receive buffer of the usual size must hold them while the asker reads the list.
 static constexpr std::uint64_t PACE_MS = 5;
 static constexpr std::size_t SENDS_AT_ONCE = 50;
-static constexpr int RECEIVES_AT_ONCE = 1'000;  // then the asker sends again
+static constexpr int RECEIVES_AT_ONCE = 1'000;  // then it sends again
 static constexpr int SOCKET_BUFFER = 4 << 20;   // bytes
 
 struct Asker {
   std::string path;
   int socket = -1;
   int lock = -1;
-  List list{.patience_ms = PATIENCE_MS};
-  struct stat file {};       // of the open list
-  std::string complained{};  // the last complaint, which is not repeated
+  List list{.lock_timeout_ms = LOCK_TIMEOUT_MS};
+  struct stat file {};       // of the open file, to detect that it was replaced
+  std::string last_error{};  // not printed again
   Questions questions{};
 };
 
-static void complain(Asker& asker, const std::string& complaint) {
-  if (complaint != asker.complained) std::fprintf(stderr, "zolask: %s\n", complaint.c_str());
-  asker.complained = complaint;
+static void print_error(Asker& asker, const std::string& error_text) {
+  if (error_text != asker.last_error) std::fprintf(stderr, "zolask: %s\n", error_text.c_str());
+  asker.last_error = error_text;
 }
 
-// The page tells readers that nobody asks while this is so.
-static void let_go(Asker& asker) {
+// Without the lock, the page says that zolask is not running.
+static void release_list(Asker& asker) {
   close_list(asker.list);
   if (asker.lock != -1) close(asker.lock);
   asker.lock = -1;
 }
 
-// False when somebody deleted or replaced the file: writes to it would be lost.
-static bool is_list_in_place(const Asker& asker) {
+// False when the file was deleted or replaced: writes to it would be lost.
+static bool is_list_current(const Asker& asker) {
   struct stat now {};
   return stat(asker.path.c_str(), &now) == 0 && now.st_dev == asker.file.st_dev &&
          now.st_ino == asker.file.st_ino && is_asker_lock_visible(asker.lock);
 }
 
-static bool hold_list(Asker& asker) {
-  if (asker.list.database != nullptr && is_list_in_place(asker)) return true;
-  let_go(asker);
+static bool acquire_list(Asker& asker) {
+  if (asker.list.database != nullptr && is_list_current(asker)) return true;
+  release_list(asker);
   if (!open_list(asker.list, asker.path)) {
-    complain(asker, asker.list.complaint);
+    print_error(asker, asker.list.error_text);
     return false;
   }
-  asker.lock = hold_asker_lock(asker.path);
+  asker.lock = acquire_asker_lock(asker.path);
   if (asker.lock == -1) {
-    const std::string problem =
-        errno == EAGAIN ? "another zolask asks for this list; it is enough" : std::strerror(errno);
-    complain(asker, asker.path + "-asker: " + problem);
+    const std::string problem = errno == EAGAIN
+                                    ? "another zolask is running for this list; stop one of them"
+                                    : std::strerror(errno);
+    print_error(asker, asker.path + "-asker: " + problem);
   }
   return asker.lock != -1 && stat(asker.path.c_str(), &asker.file) == 0;
 }
 
-static bool exchange(Asker& asker, std::uint64_t now_ms) {
+static bool sync_with_list(Asker& asker, std::uint64_t now_ms) {
   const std::vector<Answer> answers = answers_of(asker.questions, now_ms);
   if (!answers.empty() && !write_answers(asker.list, answers)) return false;
-  const auto open = read_open_questions(asker.list, std::time(nullptr));
+  const auto open = read_pending_entries(asker.list, std::time(nullptr));
   if (open) update_questions(asker.questions, *open, now_ms);
   return open.has_value();
 }
 
-// Writes down the answers and takes new questions. Whatever fails is tried again at the next look.
-static void look(Asker& asker, std::uint64_t now_ms) {
-  if (!hold_list(asker)) return let_go(asker);
-  if (exchange(asker, now_ms)) {
-    asker.complained.clear();
+// Stores the answers and reads the pending entries. A step that fails is tried again at the next
+// poll.
+static void poll_list(Asker& asker, std::uint64_t now_ms) {
+  if (!acquire_list(asker)) return release_list(asker);
+  if (sync_with_list(asker, now_ms)) {
+    asker.last_error.clear();
   } else {
-    complain(asker, asker.list.complaint);
-    if (!asker.list.is_locked) let_go(asker);
+    print_error(asker, asker.list.error_text);
+    if (!asker.list.is_locked) release_list(asker);
   }
 }
 
-// An address that nothing can be sent to is silent, like one where nobody answers.
+// Ignores errors: an address to which the system cannot send counts as silent.
 static void send_due(Asker& asker, std::uint64_t now_ms) {
   const Datagram question = ALIVE_QUESTION;
-  for (const sockaddr_in& server : take_due(asker.questions, SENDS_AT_ONCE, now_ms)) {
+  for (const sockaddr_in& server : take_due_servers(asker.questions, SENDS_AT_ONCE, now_ms)) {
     sendto(asker.socket, question.data(), question.size(), MSG_NOSIGNAL,
            reinterpret_cast<const sockaddr*>(&server), sizeof server);
   }
@@ -116,26 +118,26 @@ static void receive(Asker& asker) {
                                   reinterpret_cast<sockaddr*>(&sender), &length);
     if (size == -1) return;
     const auto datagram = Datagram(buffer).first(static_cast<std::size_t>(size));
-    if (is_alive_answer(datagram)) note_answer(asker.questions, sender);
+    if (is_alive_answer(datagram)) record_answer(asker.questions, sender);
   }
 }
 
 static void ask_until_signal(Asker& asker, int stop_signals) {
   pollfd waits[] = {{.fd = stop_signals, .events = POLLIN, .revents = 0},
                     {.fd = asker.socket, .events = POLLIN, .revents = 0}};
-  std::uint64_t look_ms = 0;
+  std::uint64_t list_poll_ms = 0;
   std::uint64_t send_ms = 0;
   while (take_stop_signal(stop_signals) == 0) {
     const std::uint64_t now_ms = monotonic_ms();
-    if (now_ms >= look_ms) {
-      look(asker, now_ms);
-      look_ms = monotonic_ms() + LOOK_MS;
+    if (now_ms >= list_poll_ms) {
+      poll_list(asker, now_ms);
+      list_poll_ms = monotonic_ms() + LIST_POLL_MS;
     }
     if (now_ms >= send_ms) {
       send_due(asker, now_ms);
       send_ms = now_ms + PACE_MS;
     }
-    const std::uint64_t next_ms = asker.questions.in_order.empty() ? look_ms : send_ms;
+    const std::uint64_t next_ms = asker.questions.in_order.empty() ? list_poll_ms : send_ms;
     const std::uint64_t wait_ms = next_ms - std::min(next_ms, monotonic_ms());
     poll(waits, std::size(waits), static_cast<int>(wait_ms));
     receive(asker);
@@ -154,18 +156,18 @@ static int open_socket() {
 int main() {
   const char* path = std::getenv("ZOLLIST_DATABASE");
   if (path == nullptr || *path == '\0') {
-    std::fputs("zolask: ZOLLIST_DATABASE is not set: name the file of the list\n", stderr);
+    std::fputs("zolask: ZOLLIST_DATABASE is not set: set it to the file of the list\n", stderr);
     return 2;
   }
-  std::signal(SIGXFSZ, SIG_IGN);  // a file at its size limit is a full disk
+  std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the size limit fails like a full disk
   Asker asker{.path = path, .socket = open_socket()};
   const int stop_signals = open_stop_signals({SIGINT, SIGTERM});
   if (asker.socket == -1 || stop_signals == -1) {
-    std::perror("zolask: cannot make a socket");
+    std::perror("zolask: cannot open a socket");
     return EXIT_FAILURE;
   }
   ask_until_signal(asker, stop_signals);
-  let_go(asker);
+  release_list(asker);
   close(asker.socket);
   return EXIT_SUCCESS;
 }

@@ -1,10 +1,11 @@
 // The server list, as a CGI program (RFC 3875): one process answers one request. The web server
-// brings the connections, TLS, limits and logs. From the environment, besides what CGI defines:
+// provides connections, TLS, limits and logs. From the environment, in addition to the variables of
+// CGI:
 //
 //   ZOLLIST_DATABASE            the file of the list; its directory must be writable
 //   ZOLLIST_PORTS_PER_ADDRESS   how many servers one address may list; 64 by default
-//   ZOLLIST_ASK                 "no" shows servers that zolask has not asked
-//   ZOLLIST_BANS                the file of the addresses to keep off the list
+//   ZOLLIST_ASK                 "no" also shows servers that have not answered zolask
+//   ZOLLIST_BANS                the file of the banned addresses
 
 #include <arpa/inet.h>
 
@@ -44,19 +45,19 @@ static constexpr const char* JSON =
     "Cache-Control: public, max-age=15\r\n"
     "Access-Control-Allow-Origin: *\r\n";
 
-static void complain(const std::string& complaint) {
-  std::fprintf(stderr, "zollist: %s\n", complaint.c_str());
+static void print_error(const std::string& error_text) {
+  std::fprintf(stderr, "zollist: %s\n", error_text.c_str());
 }
 
 static ListRules rules() {
-  ListRules rules{.asks = variable("ZOLLIST_ASK") != "no"};
+  ListRules rules{.requires_answer = variable("ZOLLIST_ASK") != "no"};
   const std::string text = variable("ZOLLIST_PORTS_PER_ADDRESS");
   std::from_chars(text.data(), text.data() + text.size(), rules.ports_per_address);
   return rules;
 }
 
-// Without the file nobody is banned.
-static std::string content_of(const std::string& path) {
+// A missing file is like an empty file: nobody is banned.
+static std::string read_file(const std::string& path) {
   std::string content;
   std::FILE* file = std::fopen(path.c_str(), "re");
   if (file == nullptr && errno == ENOENT) return content;
@@ -66,7 +67,7 @@ static std::string content_of(const std::string& path) {
     content.append(block, size);
   }
   if (file == nullptr || std::ferror(file) != 0) {
-    complain(path + ": " + std::strerror(errno) + ": nobody is banned; make the file readable");
+    print_error(path + ": " + std::strerror(errno) + ": nobody is banned; make the file readable");
   }
   if (file != nullptr) std::fclose(file);
   return content;
@@ -75,18 +76,18 @@ static std::string content_of(const std::string& path) {
 static std::vector<Ban> bans() {
   const std::string path = variable("ZOLLIST_BANS");
   if (path.empty()) return {};
-  const Bans found = read_bans(content_of(path), path);
-  for (const std::string& complaint : found.complaints) complain(complaint);
+  const Bans found = read_bans(read_file(path), path);
+  for (const std::string& error_text : found.errors) print_error(error_text);
   return found.bans;
 }
 
-// A page can make its readers' browsers send any query, but not this header.
+// A foreign web page can make a browser send any query, but not this header.
 static bool is_from_server() {
   return variable("HTTP_USER_AGENT").starts_with("ZOL/0.1 (");
 }
 
-// Servers look for the digit behind a line that ends in two blanks. Without one they take the list
-// for unreachable.
+// A server reads the digit after the first line end that follows two blanks. Without it, the server
+// behaves as if the list had not answered.
 static void answer_server(List& list, std::int64_t now_s) {
   const std::string address = variable("REMOTE_ADDR");
   const std::string query = variable("QUERY_STRING");
@@ -95,10 +96,10 @@ static void answer_server(List& list, std::int64_t now_s) {
   std::optional<ListVerdict> verdict = ListVerdict::REFUSED;
   if (announcement && inet_pton(AF_INET, address.c_str(), &parsed) == 1 &&
       !is_banned(bans(), address, announcement->port)) {
-    verdict = take_announcement(list, address, *announcement, now_s, rules());
+    verdict = apply_announcement(list, address, *announcement, now_s, rules());
   }
   if (!verdict) {
-    complain(list.complaint);
+    print_error(list.error_text);
     return answer("503 Service Unavailable", PLAIN, "unavailable\n");
   }
   answer("200 OK", PLAIN, "  \r\n" + std::string(1, static_cast<char>(*verdict)) + "\n");
@@ -106,7 +107,7 @@ static void answer_server(List& list, std::int64_t now_s) {
 
 static std::optional<std::vector<Entry>> entries_without_bans(List& list, std::int64_t now_s) {
   auto entries = read_list(list, now_s);
-  if (!entries) complain(list.complaint);
+  if (!entries) print_error(list.error_text);
   if (!entries || entries->empty()) return entries;
   std::erase_if(*entries, [banned = bans()](const Entry& entry) {
     return is_banned(banned, entry.address, entry.server.port);
@@ -116,13 +117,13 @@ static std::optional<std::vector<Entry>> entries_without_bans(List& list, std::i
 
 static void answer_reader(List& list, std::int64_t now_s, bool wants_json) {
   const auto entries = list.database ? entries_without_bans(list, now_s) : std::nullopt;
-  const bool nobody_asks = rules().asks && !does_asker_run(list.path);
+  const bool is_asker_down = rules().requires_answer && !is_asker_running(list.path);
   const Filter filter = read_filter(variable("QUERY_STRING"));
   if (wants_json) {
     entries ? answer("200 OK", JSON, json_of(*entries, filter))
             : answer("503 Service Unavailable", PLAIN, "unavailable\n");
   } else {
-    entries ? answer("200 OK", HTML, html_of(*entries, filter, now_s, nobody_asks))
+    entries ? answer("200 OK", HTML, html_of(*entries, filter, now_s, is_asker_down))
             : answer("503 Service Unavailable", HTML, html_of_failure());
   }
 }
@@ -130,21 +131,21 @@ static void answer_reader(List& list, std::int64_t now_s, bool wants_json) {
 static void open_named_list(List& list) {
   const std::string path = variable("ZOLLIST_DATABASE");
   if (path.empty()) {
-    complain("ZOLLIST_DATABASE is not set: name the file of the list");
+    print_error("ZOLLIST_DATABASE is not set: set it to the file of the list");
   } else if (!open_list(list, path)) {
-    complain(list.complaint);
+    print_error(list.error_text);
   }
 }
 
-// Answers requests that need no list. False for the others.
+// Answers a request that does not need the list. False for any other request.
 static bool answer_at_once(const std::string& method, const std::string& path, bool is_server) {
   const bool is_known = is_server || path == "/servers.json" || path == "/";
-  // HEAD asks for an answer that changes nothing.
+  // A HEAD request must not change the list, so an announce must be a GET.
   if (method != "GET" && (method != "HEAD" || is_server)) {
     answer("405 Method Not Allowed",
            is_server ? "Content-Type: text/plain\r\nAllow: GET\r\n"
                      : "Content-Type: text/plain\r\nAllow: GET, HEAD\r\n",
-           "GET alone\n");
+           "only GET is allowed\n");
   } else if (!is_known) {
     answer("404 Not Found", PLAIN, "not found\n");
   } else if (is_server && !is_from_server()) {
@@ -158,7 +159,7 @@ static bool answer_at_once(const std::string& method, const std::string& path, b
 }
 
 int main() {
-  std::signal(SIGXFSZ, SIG_IGN);  // a file at its size limit is a full disk, and no end
+  std::signal(SIGXFSZ, SIG_IGN);  // a write beyond the size limit fails like a full disk
   const std::string path = variable("SCRIPT_NAME") + variable("PATH_INFO");
   const bool is_server = path == "/cgi-bin/zol.pl";
   if (answer_at_once(variable("REQUEST_METHOD"), path, is_server)) return EXIT_SUCCESS;

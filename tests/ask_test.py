@@ -189,7 +189,7 @@ class AskTest(ListCase):
         server = FakeServer(self)
         self.serve_until(lambda: not self.page_reports_no_asker())
         second = self.start_asker()
-        self.assertIn("another zolask asks for this list", second.stderr.readline())
+        self.assertIn("another zolask is running for this list", second.stderr.readline())
         for file in self.path.parent.glob("list.sqlite*"):  # an operator deletes the list
             file.unlink()
         self.assertEqual(self.announced(server), "1")
@@ -210,7 +210,7 @@ class AskTest(ListCase):
     def test_needs_the_path_of_the_database(self):
         done = subprocess.run([ZOLASK], env={}, stderr=subprocess.PIPE, text=True)
         self.assertEqual((done.returncode, done.stderr),
-                         (2, "zolask: ZOLLIST_DATABASE is not set: name the file of the list\n"))  # fmt: skip
+                         (2, "zolask: ZOLLIST_DATABASE is not set: set it to the file of the list\n"))  # fmt: skip
 
 
 if __name__ == "__main__":

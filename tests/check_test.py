@@ -37,14 +37,14 @@ class CheckTest(ServerCase):
 
     def test_prints_the_settings(self):
         self.directory("good", SAMPLE.read_text())
-        self.directory("doubtful", "ServerName=D\nPort=70001\nGameType=1\nmaxClient=3\n")
+        self.directory("suspicious", "ServerName=D\nPort=70001\nGameType=1\nmaxClient=3\n")
         good = 'good: "Unnamed Server", port 16309, 16 players, Deathmatch, not listed\n'
         self.assertEqual(self.check("good"), (0, good, ""))
-        status, said, doubts = self.check("good", "doubtful")
-        self.assertEqual((status, said), (1, good + 'doubtful: "D", port 4465, 16 players, '
+        status, said, warnings = self.check("good", "suspicious")
+        self.assertEqual((status, said), (1, good + 'suspicious: "D", port 4465, 16 players, '
                                           "CatchPinkPanther, not listed\n"))
-        self.assertEqual(doubts, "doubtful/zolserver.cfg:2: Port 70001 opens port 4465\n"
-                         'doubtful/zolserver.cfg:4: unknown key "maxClient"; is it maxClients?\n')
+        self.assertEqual(warnings, "suspicious/zolserver.cfg:2: Port 70001 opens port 4465\n"
+                         'suspicious/zolserver.cfg:4: unknown key "maxClient"; did you mean "maxClients"?\n')
         (self.folder / "zolserver.conf").write_text("AnnounceServer=yes\n")
         self.assertEqual(self.check()[::2], (1, './zolserver.conf:1: AnnounceServer cannot be "yes"; '
                                             "it stays false\n"))
@@ -79,8 +79,8 @@ class CheckTest(ServerCase):
         for arguments, complaint in (
             (["two"] * 40, "two: port 5000 is also the port of two\n" * 39),
             (["one", "two"], "two: port 5000 is also the port of one\n"),
-            (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" is no port number\n'
-             "wrong: the server would not start: Port is no port number\n"),
+            (["wrong"], 'wrong/zolserver.cfg:1: Port "65536" is not a port number; use 1 to 65535\n'
+             "wrong: the server would not start: Port is not a port number; use 1 to 65535\n"),
             (["bare"], "bare/zolserver.cfg: Is a directory\n"),
             (["closed"], "closed/zolserver.cfg: Permission denied; make it readable for the user that"
              " runs the server\n"),
@@ -95,7 +95,7 @@ class CheckTest(ServerCase):
     def test_reports_names_that_a_list_shows_differently(self):
         """Only with AnnounceServer=true, because only then a list shows the name."""
         advice = "; avoid & + % and more than 31 bytes\n"
-        for i, (name, doubts) in enumerate((
+        for i, (name, warnings) in enumerate((
             ("A plain name", ""),
             ("Jörg 車", ""),
             (b"J\xf6rg Caf\xe9", ""),
@@ -119,16 +119,16 @@ class CheckTest(ServerCase):
                 with self.subTest(directory, name=name):
                     _, _, found = self.check(directory, errors="replace")
                     found = [line for line in found.splitlines(True) if "cut to" not in line]
-                    expected = f"{directory}/zolserver.cfg:2: {doubts}{advice}"
-                    self.assertEqual(found, [expected] if doubts and announces == b"true" else [])
+                    expected = f"{directory}/zolserver.cfg:2: {warnings}{advice}"
+                    self.assertEqual(found, [expected] if warnings and announces == b"true" else [])
 
     def test_is_fast_on_the_longest_lines(self):
         more = "1: more lines are suspicious; correct these first"
         for key, count, last in (("a=", 1, '1: unknown key "a"'), ("maxClients=", 100, more)):
             with self.subTest(key):
                 self.directory(key, (key * 2**20)[: 2**20])
-                status, _, doubts = self.check(key, timeout=30)
-                self.assertEqual((status, doubts.count("\n"), doubts.splitlines()[-1]),
+                status, _, warnings = self.check(key, timeout=30)
+                self.assertEqual((status, warnings.count("\n"), warnings.splitlines()[-1]),
                                  (1, count, f"{key}/zolserver.cfg:{last}"))
 
     def test_detects_a_port_in_use(self):
@@ -149,7 +149,7 @@ class CheckTest(ServerCase):
         drop = lambda: LIBC.prctl(PR_CAPBSET_DROP, CAP_NET_BIND_SERVICE)
         status, _, complaints = self.check("--start", "low", preexec_fn=drop)
         self.assertEqual((status, complaints.splitlines()), (2, [
-            "low/zolserver.cfg:1: a service may not open a port below 1024",
+            "low/zolserver.cfg:1: a port below 1024 needs a privilege; use a higher port",
             "low: port 1023 needs a privilege that is missing here",
         ]))  # fmt: skip
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "check/doubts.h"
+#include "check/diagnostics.h"
 #include "config/server_config.h"
 #include "tests/bytes.h"
 
@@ -48,12 +48,12 @@ std::string load(const std::optional<std::string>& cfg, const std::optional<std:
 }
 
 // The findings of zolcheck for the same file, one per line, and the settings that it reads.
-std::string doubts_of(std::string file) {
+std::string diagnostics_of(std::string file) {
   std::string found;
   server_config = ServerConfig{.WelcomeMessage = "w"};
   std::FILE* stream = fmemopen(file.data(), file.size(), "r");
-  for (const Doubt& doubt : read_with_doubts(stream)) {
-    found += std::to_string(doubt.line) + ": " + doubt.text + "\n";
+  for (const Diagnostic& diagnostic : read_with_diagnostics(stream)) {
+    found += std::to_string(diagnostic.line) + ": " + diagnostic.text + "\n";
   }
   std::fclose(stream);
   return found;
@@ -67,19 +67,19 @@ std::string text_of(const std::string& line) {
 
 TEST(ConfigTest, ReadsFilesToTheLetter) {
   std::ifstream cases(CASES);
-  std::string file, printed, doubts;
+  std::string file, printed, diagnostics;
   int count = 0;
   for (std::string line; std::getline(cases, line);) {
-    if (line.starts_with("file ")) file = text_of(line), printed = doubts = "";
+    if (line.starts_with("file ")) file = text_of(line), printed = diagnostics = "";
     if (line.starts_with("prints ")) printed += text_of(line) + "\n";
-    if (line.starts_with("doubts ")) doubts += text_of(line) + "\n";
+    if (line.starts_with("warns ")) diagnostics += text_of(line) + "\n";
     if (!line.starts_with("gives ")) continue;
     EXPECT_EQ(load(file, std::nullopt), printed) << file;
     EXPECT_EQ(settings(), text_of(line)) << file;
-    const std::string found = doubts_of(file);
+    const std::string found = diagnostics_of(file);
     EXPECT_EQ(settings(), text_of(line)) << file;
-    if (!doubts.empty()) {
-      EXPECT_EQ(found, doubts) << file;
+    if (!diagnostics.empty()) {
+      EXPECT_EQ(found, diagnostics) << file;
     }
     ++count;
   }

@@ -187,8 +187,8 @@ class ListTest(ListCase):
         for wrong in ("192.0.2", "192.0.2.1/33", "192.0.2.1/", "192.0.2.1:0", "192.0.2.1:65536", "::1",
                       "192.0.2.1/24:1", "192.0.2.1 192.0.2.9", "example.org", "192.0.2.1/-1"):  # fmt: skip
             self.assertEqual(listed("192.0.2.9", "", wrong + " # x"), ["1:1", "1:2"], wrong)
-            self.assertEqual(self.said, f'zollist: {self.bans}:3: "{wrong}" is no ADDRESS, ADDRESS/BITS '
-                                        "or ADDRESS:PORT; ignored\n")  # fmt: skip
+            self.assertEqual(self.said, f'zollist: {self.bans}:3: "{wrong}" is ignored; write ADDRESS, '
+                                        "ADDRESS/BITS or ADDRESS:PORT\n")  # fmt: skip
         self.assertNotIn(b"192.0.2.9", self.ask()[2])
         self.assertEqual(self.announce("192.0.2.9", port="3"), "0")
         self.assertEqual(self.announce("192.0.2.1", port="3"), "1")
@@ -213,7 +213,7 @@ class ListTest(ListCase):
                 database.execute(statement)
 
     def test_does_not_change_other_files(self):
-        other = "another program's database, left as it is: name another file in ZOLLIST_DATABASE"
+        other = "another program's database, not changed: name another file in ZOLLIST_DATABASE"
         table = "CREATE TABLE server (name)"
         for statements, reason in (
             ([table], other),
@@ -221,7 +221,7 @@ class ListTest(ListCase):
             (["PRAGMA user_version = 1"], other),
             ([table, "PRAGMA user_version = 2", "PRAGMA application_id = 7"], other),
             (["PRAGMA user_version = 3", f"PRAGMA application_id = {0x5A4F4C4C}"],
-             "version 3 of the list, and this program knows no later one than 2: install a newer"),
+             "version 3 of the list; this program supports no version after 2: install a newer"),
         ):  # fmt: skip
             self.foreign(*statements)
             before = self.path.read_bytes()
