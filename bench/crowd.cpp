@@ -18,14 +18,14 @@ static bool send_bytes(int handle, std::string_view bytes) {
   return send_datagram(handle, {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
 }
 
-// Passes the waiting datagrams to take, at max_count this many.
-template <typename Take>
-static void receive_waiting(int handle, std::size_t max_count, Take take) {
+// Calls handler for the waiting datagrams, at most max_count of them.
+template <typename Handler>
+static void receive_waiting(int handle, std::size_t max_count, Handler handler) {
   static Batch batch;
   receive_batch(handle, batch, max_count);
   for (std::size_t i = 0; i < batch.count; ++i) {
     const Datagram& datagram = batch.datagrams[i];
-    take(std::string_view(reinterpret_cast<const char*>(datagram.data()), datagram.size()));
+    handler(std::string_view(reinterpret_cast<const char*>(datagram.data()), datagram.size()));
   }
 }
 

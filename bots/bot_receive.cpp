@@ -75,9 +75,9 @@ static const char* reason_of(Verdict verdict) {
     case Verdict::OUT_OF_ORDER:
       return "out of order";
     case Verdict::REPEATED:
-      return "received before";
+      return "a repeat of an earlier datagram";
     default:
-      return "not what was sent";
+      return "not an expected datagram";
   }
 }
 
@@ -131,8 +131,9 @@ static bool is_valid_refusal(Datagram datagram, Slot first_free) {
 }
 
 static const char* find_fault(const JoinAccepted& accepted, Slot first_free) {
-  if (!equals_first_accepted(accepted)) return "unlike the first welcome";
-  if (accepted.slot >= SLOTS || fleet.slots[accepted.slot].bot != NO_BOT) return "no free slot";
+  if (!equals_first_accepted(accepted)) return "differs from the first CMD_JOIN_ACCEPTED";
+  if (accepted.slot >= SLOTS || fleet.slots[accepted.slot].bot != NO_BOT)
+    return "the slot is not free";
   if (knows_slots() && accepted.slot != first_free) return "not the first free slot";
   return nullptr;
 }
@@ -142,7 +143,8 @@ static void check_join_answer(Bot& bot, Datagram datagram, const Expectation& du
   const Slot first_free = due.bytes[offsetof(JoinAccepted, slot)];
   if (command_of(datagram) == CMD_JOIN_REFUSED_FULL) {
     if (!is_valid_refusal(datagram, first_free)) {
-      report_wrong(bot, datagram, answer_tally, "not the refusal of a full server", &due);
+      report_wrong(bot, datagram, answer_tally, "a refusal with a wrong text, or with a free slot",
+                   &due);
     }
     return handle_refusal(bot);
   }
@@ -192,20 +194,19 @@ static void check_pinkpanther(const Bot& bot, Datagram datagram) {
   const bool plausible = datagram.size() == sizeof notice &&
                          (notice.slot < SLOTS || notice.slot == NOBODY) && bot.has_entered &&
                          fleet.first_accepted.game_type == CATCH_PINKPANTHER;
-  if (!plausible)
-    report_wrong(bot, datagram, answer_tally, "unexpected news of the PinkPanther", nullptr);
+  if (!plausible) report_wrong(bot, datagram, answer_tally, "unexpected CMD_PINKPANTHER", nullptr);
 }
 
 static void check_ping(const Bot& bot, Datagram datagram) {
   if (datagram.size() != sizeof(Ping) || !bot.has_entered) {
-    report_wrong(bot, datagram, answer_tally, "ping before the bot has entered", nullptr);
+    report_wrong(bot, datagram, answer_tally, "CMD_PING before the bot has entered", nullptr);
   }
   send_bytes(bot, ClientCommand::CMD_PING_REPLY);
 }
 
 void handle_datagram(Bot& bot, Datagram datagram, std::uint64_t now_ns) {
   if (datagram.empty()) {
-    report_wrong(bot, datagram, answer_tally, "empty", nullptr);
+    report_wrong(bot, datagram, answer_tally, "an empty datagram", nullptr);
   } else if (command_of(datagram) == CMD_PING) {
     check_ping(bot, datagram);
   } else if (command_of(datagram) == CMD_PINKPANTHER) {

@@ -81,7 +81,7 @@ ParseResult parse_options(int count, char** arguments, Options& options) {
       return ParseResult::BAD_ARGUMENTS;
     }
     if (++i == count) {
-      std::fprintf(stderr, "zolbots: %s needs a value\n", name.data());
+      std::fprintf(stderr, "zolbots: %s needs a value; see --help\n", name.data());
       return ParseResult::BAD_ARGUMENTS;
     }
     if (number_option == nullptr) {

@@ -42,9 +42,9 @@ void report_wrong(const Bot& bot, Datagram datagram, Tally& tally, const char* r
               bot.slot == NO_SLOT ? -1 : bot.slot, reason);
   print_bytes("received", datagram);
   if (due == nullptr) {
-    std::printf("    nothing was due\n");
+    std::printf("    no datagram was expected\n");
   } else {
-    print_bytes("due", Datagram(due->bytes).first(due->size));
+    print_bytes("expected", Datagram(due->bytes).first(due->size));
   }
 }
 
@@ -100,7 +100,7 @@ static void show_events(std::uint64_t socket_drops) {
   const Counters& counters = fleet.counters;
   show_count(counters.refused, "joins refused, the server was full");
   show_others();
-  show_count(counters.skipped, "position updates skipped: the bots fell behind, not the server");
+  show_count(counters.skipped, "position updates skipped: the bots were too slow, not the server");
   show_count(socket_drops, "datagrams dropped at the bots' own sockets: the bots were too slow");
   show_count(counters.send_failures, "datagrams could not be sent");
   if (relay_tally.lost + answer_tally.lost != 0) {

@@ -49,7 +49,8 @@ static bool start_fleet(const Options& options) {
     std::snprintf(bot.name.data(), bot.name.size(), "%s", NAMES[i]);
     bot.socket = open_client_socket(options.address);
     if (bot.socket == -1) {
-      std::perror("zolbots: cannot open a socket to the server");
+      std::fprintf(stderr, "zolbots: cannot open a socket to %s: %s\n", options.server,
+                   std::strerror(errno));
       return false;
     }
   }
@@ -195,7 +196,9 @@ int main(int count, char** arguments) {
   if (fleet.counters.joins == 0) {
     leave_all();
     std::printf("zolbots: no bot could join %s: %s\n", options.server,
-                fleet.counters.refused != 0 ? "the server is full" : "no server answers");
+                fleet.counters.refused != 0
+                    ? "the server is full; wait for a free slot"
+                    : "no server answers; check the address, and that the server runs");
     return EXIT_FAILURE;
   }
   end_play();

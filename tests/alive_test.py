@@ -129,9 +129,9 @@ class ZolviewTest(AliveCase):
     def test_bad_arguments(self):
         for arguments, complaint in (
             (["--alive"], "HOST is missing; see --help"),
-            (["--alive", "--once", "x"], "--alive takes no other option"),
-            (["--alive", "--name", "n", "x"], "--alive takes no other option"),
-            (["--alive", "--json", "x"], "--json needs --once"),
+            (["--alive", "--once", "x"], "--alive takes no other option; see --help"),
+            (["--alive", "--name", "n", "x"], "--alive takes no other option; see --help"),
+            (["--alive", "--json", "x"], "--json needs --once; see --help"),
             (["--alive", "x:0"], 'a server is HOST or HOST:PORT, not "x:0"'),
         ):
             self.assertEqual(run(ZOLVIEW, *arguments)[:2], (2, f"zolview: {complaint}\n"))

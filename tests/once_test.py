@@ -26,7 +26,8 @@ class OnceTest(ViewCase):
         nobody = subprocess.run([ZOLVIEW, "--once", "127.0.0.1:1"], capture_output=True, text=True,
                                 timeout=3)
         self.assertEqual((nobody.returncode, nobody.stdout, nobody.stderr),
-                         (1, "", "zolview: no server answers at 127.0.0.1:1\n"))
+                         (1, "", "zolview: no server answers at 127.0.0.1:1: check the address, the server, "
+                          "and whether firewalls and routers let UDP through\n"))
         silent, self.port = bound_socket()
         with silent:
             view = Terminal(self)
@@ -34,7 +35,7 @@ class OnceTest(ViewCase):
             self.assertEqual(view.rows()[0][42:], "--:--  Deathmatch, 0 players")
         for option in ([], ["--once"]):
             broadcast = Terminal(self, *option, server="127.255.255.255")
-            broadcast.until_text("zolview: cannot reach the server: ")
+            broadcast.until_text("zolview: cannot send to 127.255.255.255: ")
             self.assertEqual(broadcast.process.wait(PATIENCE_S), 1)
 
     def test_asks_three_times_for_unknown_slots(self):
@@ -70,17 +71,17 @@ class OnceTest(ViewCase):
         self.guest(b"C")
         refused = self.once()
         self.assertEqual((refused.returncode, refused.stderr),
-                         (3, "zolview: Maximum allowed players: 3\n"))
+                         (3, "zolview: the server refused: Maximum allowed players: 3\n"))
         Terminal(self).until_text("refused, will try again: Maximum allowed players: 3")
         help = subprocess.run([ZOLVIEW, "--help"], capture_output=True, text=True)
         self.assertEqual((help.returncode, help.stdout[:40]),
                          (0, "usage: zolview [--name NAME] HOST[:PORT]"))
         for arguments, complaint in (
             (["--once"], "HOST is missing; see --help"), ([], "HOST is missing; see --help"),
-            (["--json", "x"], "--json needs --once"),
-            (["--name", "n" * 64, "x"], "a name has 1 to 63 characters"),
-            (["--name", "", "x"], "a name has 1 to 63 characters"),
-            (["--name"], "--name needs a value"),
+            (["--json", "x"], "--json needs --once; see --help"),
+            (["--name", "n" * 64, "x"], "--name takes 1 to 63 characters"),
+            (["--name", "", "x"], "--name takes 1 to 63 characters"),
+            (["--name"], "--name needs a value; see --help"),
             (["x", "y"], 'unknown argument "y"; see --help'),
             (["-x"], 'unknown argument "-x"; see --help'),
             (["x"], "the view needs a terminal; --once prints a table without one"),

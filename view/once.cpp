@@ -143,6 +143,9 @@ static void print_table(const GamePicture& picture) {
               lines.c_str());
 }
 
+static constexpr const char* ADVICE =
+    ": check the address, the server, and whether firewalls and routers let UDP through";
+
 static int print_error(const char* problem, const std::string& detail, int status) {
   std::fprintf(stderr, "zolview: %s%s\n", problem, detail.c_str());
   return status;
@@ -153,7 +156,10 @@ int show_once(const ViewOptions& options, int stop_signals) {
   query.socket = open_client_socket(options.server);
   query.stop_signals = stop_signals;
   ClientSession& session = query.session;
-  if (query.socket == -1) return print_error("cannot reach the server: ", std::strerror(errno), 1);
+  if (query.socket == -1) {
+    return print_error("cannot send to ",
+                       std::string(options.server_text) + ": " + std::strerror(errno), 1);
+  }
   std::copy(options.name.begin(), options.name.end(), session.name.begin());
   const std::uint64_t round_trip_ms = join(query);
   const bool has_joined = session.state != SessionState::JOINING;
@@ -165,8 +171,10 @@ int show_once(const ViewOptions& options, int stop_signals) {
   send_outbox(query.socket, session.outbox);
   close(query.socket);
   if (query.signal != 0) return 128 + query.signal;
-  if (session.refusal[0] != '\0') return print_error("", printable(session.refusal.data()), 3);
-  if (!has_joined) return print_error("no server answers at ", options.server_text, 1);
+  if (session.refusal[0] != '\0')
+    return print_error("the server refused: ", printable(session.refusal.data()), 3);
+  if (!has_joined)
+    return print_error("no server answers at ", options.server_text + std::string(ADVICE), 1);
   options.json ? print_json(session.picture) : print_table(session.picture);
   return 0;
 }

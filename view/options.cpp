@@ -32,12 +32,12 @@ static ParseResult print_error(const std::string& text) {
 
 static ParseResult check_options(ViewOptions& options) {
   if (options.server_text == nullptr) return print_error("HOST is missing; see --help");
-  if (options.json && !options.once) return print_error("--json needs --once");
+  if (options.json && !options.once) return print_error("--json needs --once; see --help");
   if (options.alive && (options.once || options.name != ViewOptions{}.name)) {
-    return print_error("--alive takes no other option");
+    return print_error("--alive takes no other option; see --help");
   }
   if (options.name.empty() || options.name.size() >= NAME_WIDTH) {
-    return print_error("a name has 1 to 63 characters");
+    return print_error("--name takes 1 to 63 characters");
   }
   std::string error_text;
   const bool needs_terminal = !options.once && !options.alive;
@@ -63,7 +63,7 @@ ParseResult parse_view_options(int count, char** arguments, ViewOptions& options
     } else if (argument == "--alive") {
       options.alive = true;
     } else if (argument == "--name") {
-      if (++i == count) return print_error("--name needs a value");
+      if (++i == count) return print_error("--name needs a value; see --help");
       options.name = latin1_of(arguments[i]);
     } else if (argument.starts_with('-') || options.server_text != nullptr) {
       return print_error("unknown argument \"" + std::string(argument) + "\"; see --help");

@@ -82,7 +82,8 @@ static int show_game(const ViewOptions& options, int stop_signals) {
   static ViewState view;
   view.socket = open_client_socket(options.server);
   if (view.socket == -1) {
-    std::perror("zolview: cannot reach the server");
+    std::fprintf(stderr, "zolview: cannot send to %s: %s\n", options.server_text,
+                 std::strerror(errno));
     return EXIT_FAILURE;
   }
   std::copy(options.name.begin(), options.name.end(), view.session.name.begin());
