@@ -95,11 +95,11 @@ def client_inputs():
     """Yields the datagrams to each player of the sessions, after the two answers to its join and its
     entry."""
     for steps in sessions():
-        told = {}
+        received = {}
         for word, rest in steps:
             for name in names_of(word[:-1]) if word[-1] == "<" else []:
-                told.setdefault(name, [WELCOME, ENTERED]).append(bytes_of(rest))
-        for datagrams in told.values():
+                received.setdefault(name, [WELCOME, ENTERED]).append(bytes_of(rest))
+        for datagrams in received.values():
             yield b"".join(bytes([5, len(datagram)]) + datagram for datagram in datagrams)
 
 

@@ -1,5 +1,5 @@
-// Any query of a server's request to the list: the announcement read from it must be fit to be
-// stored and shown.
+// Input: the query of a server's request to the list. The announcement in it must be safe to store
+// and show.
 
 #include "fuzz/check.h"
 #include "listing/announcement.h"
@@ -15,7 +15,7 @@ static void check_text(const std::string& text, std::size_t most) {
     characters += (byte & 0xC0U) != 0x80 ? 1 : 0;
   }
   check(characters <= most, "a text of limited length");
-  check(text.find("\u202E") == std::string::npos, "nothing changes the direction");
+  check(text.find("\u202E") == std::string::npos, "no character changes the direction");
   check(printable(text) == text, "valid UTF-8 that needs no change");
 }
 
@@ -25,8 +25,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check_text(server->name, MAX_NAME);
   check_text(server->os, MAX_OS);
   check(server->port >= 1 && server->port <= 65'535, "a port");
-  check(server->players >= 0 && server->players <= server->max_players, "players of most");
-  check(server->max_players >= 2 && server->max_players <= 32, "most players");
+  check(server->players >= 0 && server->players <= server->max_players,
+        "players within the maximum");
+  check(server->max_players >= 2 && server->max_players <= 32, "the maximum of players");
   check(server->game_type == 0 || server->game_type == 1, "a game type");
   return 0;
 }

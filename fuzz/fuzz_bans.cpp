@@ -1,4 +1,4 @@
-// Any file of bans: each line is a ban or a error, and a ban holds for its own address.
+// Input: a file of bans. Each line must give a ban or an error, and a ban must match its addresses.
 
 #include <arpa/inet.h>
 
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   const Bans found = read_bans(text, "bans");
   const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1;
-  check(found.bans.size() + found.errors.size() <= lines, "one result a line");
+  check(found.bans.size() + found.errors.size() <= lines, "at most one result per line");
   for (const std::string& error : found.errors) {
     check(error.find('\n') == std::string::npos, "an error is one line");
   }
@@ -26,9 +26,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string last = text_of(ban.network | ~ban.mask);
     check(is_banned({ban}, text_of(ban.network), ban.port), "its first address is banned");
     check(is_banned({ban}, last, ban.port), "its last address is banned");
-    check(ban.mask == 0 || !is_banned({ban}, text_of(ban.network - 1), ban.port), "no other is");
-    check(ban.port == 0 || !is_banned({ban}, last, ban.port - 1), "no other port is");
+    check(ban.mask == 0 || !is_banned({ban}, text_of(ban.network - 1), ban.port),
+          "the address before is not banned");
+    check(ban.port == 0 || !is_banned({ban}, last, ban.port - 1), "the port before is not banned");
   }
-  check(!is_banned(found.bans, {text.begin(), text.end()}, 1) || text.size() <= 15, "an address");
+  check(!is_banned(found.bans, {text.begin(), text.end()}, 1) || text.size() <= 15,
+        "a long text is not an address");
   return 0;
 }

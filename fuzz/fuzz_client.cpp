@@ -1,4 +1,5 @@
-// Any datagrams at any time, to a client in any state: what it sends and shows must stay valid.
+// Input: datagrams at any times, to a client in any state. Its datagrams and its picture must be
+// valid.
 
 #include <cmath>
 
@@ -9,14 +10,14 @@
 
 static void check_picture(const GamePicture& picture, std::uint64_t now_ms) {
   for (const PlayerPicture& player : picture.players) {
-    check(player.name.back() == '\0', "a name ends in its field");
-    check(player.unanswered <= MAX_QUESTIONS, "questions end");
-    check(player.is_present || !player.has_record, "who has a record is here");
+    check(player.name.back() == '\0', "a name ends within its field");
+    check(player.unanswered <= MAX_QUESTIONS, "the number of questions is limited");
+    check(player.is_present || !player.has_record, "a player with a record is present");
   }
   for (const ChatText& text : picture.chat) {
-    check(text.back() == '\0', "a line ends in its field");
+    check(text.back() == '\0', "a line ends within its field");
     for (const wchar_t each : printable_wide(text.data()))
-      check(each >= L' ', "nothing controls a terminal");
+      check(each >= L' ', "no control characters");
   }
   check(game_minutes(picture, now_ms) < 24 * 60, "a time of day");
 }
@@ -44,13 +45,14 @@ static void report_anything(ClientSession& session, unsigned choice) {
   }
 }
 
-// It must never send an empty datagram, which the server would read as the previous datagram.
+// A client must never send an empty datagram, because the server would read the previous datagram
+// again.
 static void check_outbox(ClientSession& session) {
   while (session.outbox.count > 0) {
     const Datagram datagram = outbox_take(session.outbox);
     check(!datagram.empty() && datagram.size() <= RECEIVE_BUFFER_SIZE, "a datagram has a size");
     const bool names_own_slot = datagram[0] == 40 && datagram[1] == session.picture.own_slot;
-    check(!names_own_slot, "nobody asks about itself");
+    check(!names_own_slot, "no question about the own slot");
   }
 }
 

@@ -1,6 +1,6 @@
-// Players that do anything, in any order and at any time: datagrams through the real dispatch,
-// passes of the ping thread, and the announce thread's request for a PinkPanther. After every event
-// the table must be consistent, and all datagrams must have gone to the right players.
+// Input: events in any order and at any time. They are datagrams of players, passes of the ping
+// thread, and the announce thread's request for a PinkPanther. After every event the table must be
+// consistent, and all datagrams must have gone to the right players.
 
 #include <sys/socket.h>
 
@@ -31,9 +31,9 @@ using enum ServerCommand;
 constexpr ServerCommand ANSWERS[] = {
     CMD_JOIN_REFUSED_FULL, CMD_JOIN_REFUSED_VERSION, CMD_ENTER_GAME_REPLY, CMD_JOIN_ACCEPTED,
     CMD_NOT_IN_CAR,        CMD_PLAYER_STATE,         CMD_GAME_CLOCK};
-constexpr ServerCommand TO_BOTH[] = {CMD_PLAYER_INFO, CMD_PINKPANTHER};
+constexpr ServerCommand ANSWERS_AND_RELAYS[] = {CMD_PLAYER_INFO, CMD_PINKPANTHER};
 
-// Four senders share an address, ten share a port. Nobody has the address of zeros.
+// Four senders have the same address, ten the same port. No sender has port 0.
 static Players bit_of(const sockaddr_in& address) {
   return Players{1} << (address.sin_addr.s_addr + 10U * address.sin_port);
 }
@@ -53,12 +53,13 @@ static bool is_in_game(const Seat& seat) {
 static void check_table() {
   for (Slot slot = 0; slot < MAX_CLIENTS; ++slot) {
     const PlayerSlot& player = player_table[slot];
-    check(player.name[NAME_WIDTH - 1] == '\0', "a name ends in its field");
-    check(player.seat.load().state != SeatState::LEAVING, "nobody is left in the door");
-    check(player.is_pinkpanther == 0 || slot == pinkpanther_slot, "one PinkPanther, the named one");
+    check(player.name[NAME_WIDTH - 1] == '\0', "a name ends within its field");
+    check(player.seat.load().state != SeatState::LEAVING, "no seat stays in LEAVING");
+    check(player.is_pinkpanther == 0 || slot == pinkpanther_slot,
+          "only pinkpanther_slot has the flag");
     if (!is_used(player.seat)) continue;
-    check(slot < server_config.maxClients, "a slot to give away");
-    check(find_slot_by_address(socket_address_of(player.address)) == slot, "one slot an address");
+    check(slot < server_config.maxClients, "a slot below maxClients");
+    check(find_slot_by_address(socket_address_of(player.address)) == slot, "one slot per address");
   }
   check(player_count == count_used_slots(), "player_count is the number of slots in use");
 }
@@ -67,9 +68,10 @@ static void check_table() {
 static void check_sent(Players sender, Players others) {
   for (const auto& [to, code] : sent) {
     const bool is_answer = std::ranges::count(ANSWERS, code) == 1;
-    const bool goes_to_both = std::ranges::count(TO_BOTH, code) == 1;
-    check(goes_to_both || is_answer == (to == sender), "answers to the sender, relays to others");
-    check(((sender | others) & to) != 0, "to nobody else");
+    const bool is_answer_and_relay = std::ranges::count(ANSWERS_AND_RELAYS, code) == 1;
+    check(is_answer_and_relay || is_answer == (to == sender),
+          "answers to the sender, relays to others");
+    check(((sender | others) & to) != 0, "only to the sender and to players in the game");
   }
 }
 
@@ -83,8 +85,8 @@ static void run_event(const sockaddr_in& from, Event event) {
   check_table();
 }
 
-// A size of 255 means an empty datagram, which leaves the buffer unchanged. The buffer contains our
-// version unless the sender's upper bit is set.
+// A size of 255 means an empty datagram, which does not change the buffer. The buffer gets the
+// right protocol version, unless the high bit of the sender's number is set.
 static void receive(Input& input, std::uint8_t code) {
   const std::uint8_t number = input.next();
   const std::size_t received = (input.next() + 1U) % receive_buffer.size();
@@ -100,8 +102,8 @@ static void receive(Input& input, std::uint8_t code) {
   });
 }
 
-// The first four kinds are those of corpus.py.
-static void take_event(Input& input) {
+// corpus.py writes the first four kinds of events.
+static void handle_event(Input& input) {
   const std::size_t kind = input.next() % (commands.size() + 6);
   if (kind >= 6) return receive(input, commands[kind - 6]);
   if (kind == 0) return receive(input, input.next());
@@ -110,7 +112,7 @@ static void take_event(Input& input) {
   if (kind > 2) fake_now_ms += input.next() * 1000U;
 }
 
-static void start_over(Input& input) {
+static void reset_game(Input& input) {
   reset_server(input.next() * 0x01010000U);
   server_config.maxClients = 2 + input.next() % 31;
   server_config.GameType = input.next() % 2;
@@ -132,7 +134,7 @@ extern "C" int __wrap_sendmmsg(int, mmsghdr* messages, unsigned count, int /*fla
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input{data, size};
-  start_over(input);
-  while (input.left > 0) take_event(input);
+  reset_game(input);
+  while (input.left > 0) handle_event(input);
   return 0;
 }

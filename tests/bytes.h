@@ -1,4 +1,4 @@
-// Datagrams as the tests write them: in words, independent of the server's records.
+// The notation of datagrams in tests: words, independent of the server's records.
 #pragma once
 
 #include <algorithm>
@@ -11,17 +11,17 @@
 
 using Bytes = std::vector<std::uint8_t>;
 
-// Throws unless the whole text is a number in this base, from least to most.
-inline std::uint32_t number_of(const std::string& text, int base = 0, std::size_t least = 0,
-                               std::size_t most = 0xFFFFFFFF) {
+// Reads a number from min to max in this base. Throws std::out_of_range for any other text.
+inline std::uint32_t number_of(const std::string& text, int base = 0, std::size_t min = 0,
+                               std::size_t max = 0xFFFFFFFF) {
   std::size_t length = 0;
   const unsigned long long number = std::stoull(text, &length, base);
-  if (length != text.size() || number < least || number > most) throw std::out_of_range(text);
+  if (length != text.size() || number < min || number > max) throw std::out_of_range(text);
   return static_cast<std::uint32_t>(number);
 }
 
-// The words are 0a (a byte), 00*63 (63 equal bytes), "Bob" (a text) and ..66 (zeros up to a size of
-// 66 bytes). Throws at any other word.
+// The words are 0a (a byte), 00*63 (63 equal bytes), "Bob" (a text) and ..66 (zeros up to a total
+// size of 66 bytes). Throws for any other word.
 inline Bytes bytes_of(const std::string& words) {
   Bytes bytes;
   std::istringstream in(words);
@@ -42,7 +42,7 @@ inline Bytes bytes_of(const std::string& words) {
   return bytes;
 }
 
-// Writes bytes in the first two kinds of words, with a blank before each.
+// Writes bytes as words of the first two kinds, with a blank before each word.
 inline std::string words_of(const Bytes& bytes) {
   std::ostringstream out;
   for (auto at = bytes.begin(); at != bytes.end();) {

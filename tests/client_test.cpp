@@ -22,7 +22,7 @@ namespace {
 
 std::string line_of(const GamePicture& picture, Slot slot) {
   const PlayerPicture& player = picture.players[slot];
-  if (!player.has_record) return player.is_present ? "heard of" : "";
+  if (!player.has_record) return player.is_present ? "no record" : "";
   const auto place = map_point_of(player.state.position).value_or(MapPoint{-1, -1});
   char line[128];
   std::snprintf(line, sizeof line, "%s (%g,%g) %s%d gun %d died %d", player.name.data(), place.x,
@@ -31,7 +31,7 @@ std::string line_of(const GamePicture& picture, Slot slot) {
   return line;
 }
 
-void hear_words(GamePicture& picture, const std::string& words, std::uint64_t now_ms = 5'000) {
+void apply_words(GamePicture& picture, const std::string& words, std::uint64_t now_ms = 5'000) {
   picture_apply(picture, bytes_of(words), now_ms);
 }
 
@@ -43,13 +43,13 @@ void hear_words(GamePicture& picture, const std::string& words, std::uint64_t no
 
 const char* const BOB = "2a 05 00 \"Bob\" ..68 " ONE TWO "00*4 00*4 07 00*11 00*4 00*64";
 
-TEST(PictureTest, BelievesEachDatagram) {
+TEST(PictureTest, AppliesEachDatagram) {
   struct Step {
     std::string words;
     std::string expected;  // the state of slot 5
   };
   const Step steps[] = {
-      {"c8 05 00*2" ONE ONE "00*4", "heard of"},
+      {"c8 05 00*2" ONE ONE "00*4", "no record"},
       {BOB, "Bob (1,2) foot0 gun 7 died 255"},
       {"c8 05 00*2" FOUR EIGHT "00*4", "Bob (4,8) foot0 gun 7 died 255"},
       {"ce 05 63", "Bob (4,8) foot0 gun 99 died 255"},
@@ -74,29 +74,30 @@ TEST(PictureTest, BelievesEachDatagram) {
     bytes.resize(bytes.size() - 2);
     picture_apply(picture, bytes, 5'000);
     EXPECT_EQ(line_of(picture, 5), before) << "too long or too short: " << step.words;
-    hear_words(picture, step.words);
+    apply_words(picture, step.words);
     EXPECT_EQ(line_of(picture, 5), step.expected) << step.words;
   }
 }
 
-TEST(PictureTest, KeepsClockChatAndPinkPanther) {
+TEST(PictureTest, StoresClockChatAndPinkPanther) {
   GamePicture picture;
-  hear_words(picture, "10 ff 17 3b", 5'000);  // 23:59
+  apply_words(picture, "10 ff 17 3b", 5'000);  // 23:59
   EXPECT_EQ(game_minutes(picture, 6'999), 0U);
-  hear_words(picture, "48 0d 02", 6'000);
+  apply_words(picture, "48 0d 02", 6'000);
   EXPECT_EQ(game_minutes(picture, 7'000), 13U * 60 + 3);
-  hear_words(picture, "d1 05");
+  apply_words(picture, "d1 05");
   EXPECT_EQ(picture.pinkpanther, 5);
-  hear_words(picture, "3c 05");
+  apply_words(picture, "3c 05");
   EXPECT_EQ(picture.pinkpanther, NOBODY);
-  for (std::size_t i = 0; i < CHAT_LINES; ++i) hear_words(picture, "1e \"old\" ..65");
-  hear_words(picture, "1e 78*64");
+  for (std::size_t i = 0; i < CHAT_LINES; ++i) apply_words(picture, "1e \"old\" ..65");
+  apply_words(picture, "1e 78*64");
   EXPECT_EQ(picture.chat_count, CHAT_LINES + 1);
   EXPECT_EQ(picture.chat[0].data(), std::string(64, 'x'));
   EXPECT_STREQ(picture.chat[1].data(), "old");
 }
 
-// The slots asked for, with the times: slots of players, or slots without any datagram so far.
+// The times and slots of all questions, as "TIME:SLOT ": about known players, or about unknown
+// slots.
 std::string questions(GamePicture& picture, std::uint64_t from_ms, std::uint64_t to_ms,
                       bool of_known = true) {
   std::string asked;
@@ -110,60 +111,61 @@ std::string questions(GamePicture& picture, std::uint64_t from_ms, std::uint64_t
   return asked;
 }
 
-TEST(PictureTest, AsksForWhatItMisses) {
+TEST(PictureTest, AsksForMissingRecords) {
   GamePicture picture{.own_slot = 2};
-  hear_words(picture, "c8 09 ..16", 100);  // the clock may start at 0
+  apply_words(picture, "c8 09 ..16", 100);  // the clock may start at 0
   EXPECT_EQ(questions(picture, 100, 1'200), "100:9 1100:9 ");
   picture = {.own_slot = 2};
-  hear_words(picture, "2a 02 00 ..164");  // its own slot, which it never asks for
-  hear_words(picture, BOB, 5'000);
-  EXPECT_EQ(questions(picture, 5'000, 9'900), "") << "known, and young enough";
+  apply_words(picture, "2a 02 00 ..164");  // its own slot, for which it never asks
+  apply_words(picture, BOB, 5'000);
+  EXPECT_EQ(questions(picture, 5'000, 9'900), "") << "the record is known and recent";
   EXPECT_EQ(questions(picture, 10'000, 11'000), "10000:5 11000:5 ");
-  hear_words(picture, BOB, 11'100);
-  hear_words(picture, "10 09 00 00", 11'100);  // another player joined last; its record is not sent
+  apply_words(picture, BOB, 11'100);
+  apply_words(picture, "10 09 00 00",
+              11'100);  // another player joined last; its record is not sent
   EXPECT_EQ(questions(picture, 11'100, 13'000), "11100:9 12100:9 ");
-  hear_words(picture, "c8 09 ..16", 13'050);  // it never answers, but does something
+  apply_words(picture, "c8 09 ..16", 13'050);  // a relay instead of an answer
   EXPECT_EQ(questions(picture, 13'100, 16'000), "13100:9 14100:9 15100:9 ");
   EXPECT_EQ(questions(picture, 16'100, 17'000), "16100:5 16100:9 ");
-  EXPECT_EQ(line_of(picture, 9), "heard of");
+  EXPECT_EQ(line_of(picture, 9), "no record");
   questions(picture, 17'100, 22'100);
-  EXPECT_EQ(line_of(picture, 9), "heard of");
-  EXPECT_EQ(questions(picture, 23'100, 23'100, false), "23100:8 ") << "not one more question";
+  EXPECT_EQ(line_of(picture, 9), "no record");
+  EXPECT_EQ(questions(picture, 23'100, 23'100, false), "23100:8 ") << "no eleventh question";
   EXPECT_EQ(line_of(picture, 9), "") << "ten questions without an answer";
   questions(picture, 23'200, 50'000);
   EXPECT_EQ(line_of(picture, 5), "");
 }
 
-TEST(PictureTest, AsksForSlotsThatItNeverHeardOf) {
+TEST(PictureTest, AsksForUnknownSlots) {
   GamePicture picture{.own_slot = 2, .unknown_slot = 28};
-  hear_words(picture, BOB, 5'000);
+  apply_words(picture, BOB, 5'000);
   EXPECT_EQ(questions(picture, 5'000, 9'900, false),
             "5000:29 5500:30 6000:31 6500:0 7000:1 7500:3 8000:4 8500:6 9000:7 9500:8 ");
 }
 
-TEST(PictureTest, AnswersOlderThanALeavingAreIgnored) {
+TEST(PictureTest, IgnoresAnswersOlderThanALeave) {
   GamePicture picture;
-  hear_words(picture, BOB, 5'000);
-  hear_words(picture, "3c 05", 6'000);
-  hear_words(picture, BOB, 6'999);
+  apply_words(picture, BOB, 5'000);
+  apply_words(picture, "3c 05", 6'000);
+  apply_words(picture, BOB, 6'999);
   EXPECT_EQ(line_of(picture, 5), "");
-  hear_words(picture, BOB, 7'000);
+  apply_words(picture, BOB, 7'000);
   EXPECT_NE(line_of(picture, 5), "");
-  hear_words(picture, "3c 05", 8'000);
-  hear_words(picture, "2a 05 01 \"Rob\" ..164", 8'100);
-  EXPECT_NE(line_of(picture, 5), "") << "a player who has just entered";
+  apply_words(picture, "3c 05", 8'000);
+  apply_words(picture, "2a 05 01 \"Rob\" ..164", 8'100);
+  EXPECT_NE(line_of(picture, 5), "") << "a player that has just entered";
 }
 
-// Relays without a slot: the player with the values, and whether the picture asks for records
-// early.
-TEST(PictureTest, GuessesWhoseValuesTheseAre) {
+// Relays without a slot: which player gets the values, and whether the relay fits several players,
+// so that the picture asks for their records.
+TEST(PictureTest, AssignsRelaysWithoutASlot) {
   const char* const ANN = "2a 06 00 \"Ann\" ..68 00*4 00*4 00*4 00*4 00*4 " ONE FOUR " 00*68";
   const char* const DRIVER = "cc 06 00*2 00*4 00*4 00*4 00*56 03 00*3 " ONE;
   struct Case {
-    std::vector<const char*> heard;
+    std::vector<const char*> datagrams;
     std::uint32_t state_f2;  // the state of slot 5
     unsigned car_byte;       // the state of slot 6
-    bool are_in_doubt;
+    bool is_ambiguous;
   };
   const Case cases[] = {
       {{BOB, "cf 00*3" TWO FOUR}, 0x40000000, 0, false},
@@ -177,17 +179,17 @@ TEST(PictureTest, GuessesWhoseValuesTheseAre) {
   for (const Case& each : cases) {
     GamePicture picture{.own_slot = 7};
     std::uint64_t now_ms = 5'000;
-    for (const char* words : each.heard) hear_words(picture, words, now_ms++);
-    EXPECT_EQ(picture.players[5].state.state_f2, each.state_f2) << each.heard.back();
-    EXPECT_EQ(picture.players[6].car.car_byte, each.car_byte) << each.heard.back();
-    EXPECT_EQ(picture.ambiguous_ms > 0, each.are_in_doubt) << each.heard.back();
+    for (const char* words : each.datagrams) apply_words(picture, words, now_ms++);
+    EXPECT_EQ(picture.players[5].state.state_f2, each.state_f2) << each.datagrams.back();
+    EXPECT_EQ(picture.players[6].car.car_byte, each.car_byte) << each.datagrams.back();
+    EXPECT_EQ(picture.ambiguous_ms > 0, each.is_ambiguous) << each.datagrams.back();
     const std::string asked = questions(picture, 7'100, 7'100);
-    EXPECT_EQ(asked.find(":5 ") != std::string::npos, each.are_in_doubt) << asked;
+    EXPECT_EQ(asked.find(":5 ") != std::string::npos, each.is_ambiguous) << asked;
   }
 }
 
-// Whether the player plays, and when it last did something. Each step is a second later.
-TEST(PictureTest, KnowsWhoPlays) {
+// Whether the player plays, and when it was last active. Each step is one second later.
+TEST(PictureTest, KnowsWhichPlayersPlay) {
   GamePicture picture;
   const std::tuple<const char*, bool, std::uint64_t> steps[] = {
       {BOB, false, 100},
@@ -199,7 +201,7 @@ TEST(PictureTest, KnowsWhoPlays) {
       {"2a 05 00 \"Rob\" ..164", false, 6'100}};
   std::uint64_t now_ms = 100;
   for (const auto& [words, is_playing, last_active_ms] : steps) {
-    hear_words(picture, words, now_ms);
+    apply_words(picture, words, now_ms);
     now_ms += 1'000;
     EXPECT_TRUE(picture.players[5].is_present) << words;
     EXPECT_EQ(picture.players[5].is_playing, is_playing) << words;
@@ -207,10 +209,10 @@ TEST(PictureTest, KnowsWhoPlays) {
   }
 }
 
-TEST(PictureTest, TakesNoSlotForAPlayer) {
+TEST(PictureTest, IgnoresInvalidSlots) {
   GamePicture picture{.own_slot = 0};
   for (const char* words : {"c8 20 ..16", "c8 ff ..16", "3c ff", "10 ff 00 00", "2a 20 00 ..164"}) {
-    hear_words(picture, words);
+    apply_words(picture, words);
   }
   for (const PlayerPicture& player : picture.players) EXPECT_FALSE(player.is_present);
 }
@@ -221,7 +223,7 @@ const char* const ENTERED = "10 03 00 00";
 
 class SessionTest : public testing::Test {
  public:
-  // The codes that the client has sent meanwhile; joins and entries have names.
+  // The codes of the datagrams in the outbox; "join" and "enter" for those two.
   std::string sent() {
     std::string all;
     for (Datagram datagram = outbox_take(session.outbox); !datagram.empty();
@@ -233,7 +235,7 @@ class SessionTest : public testing::Test {
     }
     return all;
   }
-  // Steps until then; returns the times of the sends.
+  // Steps every 500 ms. Returns the times and codes of the sent datagrams.
   std::string pass(std::uint64_t from_ms, std::uint64_t to_ms) {
     std::string all;
     for (std::uint64_t now_ms = from_ms; now_ms <= to_ms; now_ms += 500) {
@@ -243,14 +245,14 @@ class SessionTest : public testing::Test {
     }
     return all;
   }
-  SessionEvent hear(const std::string& words, std::uint64_t now_ms) {
+  SessionEvent handle_words(const std::string& words, std::uint64_t now_ms) {
     return session_hear(session, bytes_of(words), now_ms);
   }
-  // The times at which each code is sent, while others are heard: nothing else is due then.
+  // The times at which each code is sent. Other players are active, so that only repeats are due.
   std::map<std::string, std::string> repeats(std::uint64_t from_ms, std::uint64_t to_ms) {
     std::map<std::string, std::string> times;
     for (std::uint64_t now_ms = from_ms; now_ms <= to_ms; now_ms += 500) {
-      hear("c8 04 ..16", now_ms);
+      handle_words("c8 04 ..16", now_ms);
       session_step(session, now_ms);
       std::istringstream codes(sent());
       for (std::string code; codes >> code;) times[code] += std::to_string(now_ms) + " ";
@@ -259,11 +261,11 @@ class SessionTest : public testing::Test {
   }
   void play(std::uint64_t now_ms) {
     pass(now_ms, now_ms);
-    EXPECT_EQ(hear(ACCEPTED, now_ms), SessionEvent::JOINED);
-    hear(PLACED, now_ms);
-    EXPECT_EQ(hear(ENTERED, now_ms), SessionEvent::ENTERED);
+    EXPECT_EQ(handle_words(ACCEPTED, now_ms), SessionEvent::JOINED);
+    handle_words(PLACED, now_ms);
+    EXPECT_EQ(handle_words(ENTERED, now_ms), SessionEvent::ENTERED);
     pass(now_ms + 1'000, now_ms + 1'000);
-    hear(PLACED, now_ms + 1'000);
+    handle_words(PLACED, now_ms + 1'000);
     sent();
   }
 
@@ -271,24 +273,24 @@ class SessionTest : public testing::Test {
   Bytes latest;
 };
 
-TEST_F(SessionTest, JoinsAndStays) {
+TEST_F(SessionTest, JoinsAndEnters) {
   EXPECT_EQ(pass(1'000, 95'000),
             "1000 join 2000 join 4000 join 8000 join 16000 join 32000 join "
             "62000 join 92000 join ");
-  EXPECT_EQ(hear(ACCEPTED, 100'000), SessionEvent::JOINED);
+  EXPECT_EQ(handle_words(ACCEPTED, 100'000), SessionEvent::JOINED);
   EXPECT_STREQ(session.picture.welcome.data(), "Hi");
   EXPECT_EQ(pass(100'000, 102'500), "100000 120 101000 120 102000 120 ") << "which slot?";
-  hear(PLACED, 102'500);
+  handle_words(PLACED, 102'500);
   EXPECT_EQ(pass(102'500, 103'500), "102500 enter 103500 120 enter ");
-  hear(PLACED, 103'600);
+  handle_words(PLACED, 103'600);
   EXPECT_EQ(pass(104'000, 117'500),
             "105500 enter 109500 enter 116000 120 117000 120 117500 enter ");
-  EXPECT_EQ(hear(ENTERED, 118'000), SessionEvent::ENTERED);
-  EXPECT_EQ(hear("01", 130'000), SessionEvent::NONE);
+  EXPECT_EQ(handle_words(ENTERED, 118'000), SessionEvent::ENTERED);
+  EXPECT_EQ(handle_words("01", 130'000), SessionEvent::NONE);
   EXPECT_EQ(sent(), "2 ") << "a ping is answered";
 }
 
-TEST_F(SessionTest, JoinsAgainWhenTheServerIsGoneOrSaysSo) {
+TEST_F(SessionTest, JoinsAgainAfterSilenceOrShutdown) {
   play(1'000);
   EXPECT_EQ(pass(2'500, 26'500),
             "14000 120 15000 120 16000 120 17000 120 18000 120 19000 120 20000 120 21000 120 "
@@ -298,14 +300,14 @@ TEST_F(SessionTest, JoinsAgainWhenTheServerIsGoneOrSaysSo) {
   EXPECT_EQ(session_step(session, 27'001), SessionEvent::FORGOTTEN);
   EXPECT_EQ(pass(27'500, 28'500), "27500 join 28500 join ");
   play(30'000);
-  EXPECT_EQ(hear("13", 32'000), SessionEvent::STOPPED);
-  EXPECT_EQ(hear("c8 04 ..16", 32'000), SessionEvent::NONE);
-  EXPECT_FALSE(session.picture.players[4].is_present) << "it is not in the game any more";
+  EXPECT_EQ(handle_words("13", 32'000), SessionEvent::STOPPED);
+  EXPECT_EQ(handle_words("c8 04 ..16", 32'000), SessionEvent::NONE);
+  EXPECT_FALSE(session.picture.players[4].is_present) << "the session has left the game";
   EXPECT_EQ(pass(32'000, 34'000), "33000 join 34000 join ");
 }
 
-// Datagrams that show that the client is in the game, or that it has a slot, or nothing.
-TEST_F(SessionTest, KnowsSignsOfLife) {
+// Whether a datagram shows that the client has a slot, and whether it shows that it is in the game.
+TEST_F(SessionTest, RecognizesDatagramsThatConfirmTheSlot) {
   const std::tuple<const char*, bool, bool> signs[] = {
       {"01", true, true},          {"c8 04 ..16", true, true},     {"1e ..65", true, true},
       {"29 03", true, false},      {"48 00 00", true, false},      {"2a 05 00 ..164", true, false},
@@ -314,33 +316,34 @@ TEST_F(SessionTest, KnowsSignsOfLife) {
   play(1'000);
   std::uint64_t now_ms = 3'000;
   for (const auto& [words, has_slot, is_in_game] : signs) {
-    hear(words, ++now_ms);
+    handle_words(words, ++now_ms);
     EXPECT_EQ(session.slot_confirmed_ms == now_ms, has_slot) << words;
     EXPECT_EQ(session.in_game_ms == now_ms, is_in_game) << words;
   }
 }
 
-TEST_F(SessionTest, MakesRoomForItselfOnAFullServer) {
+TEST_F(SessionTest, LeavesAFullServerBeforeTheNextTry) {
   pass(1'000, 1'000);
   for (const std::uint64_t now_ms : {1'100U, 2'100U}) {
     const bool is_first = now_ms < 2'000;
-    EXPECT_EQ(hear(is_first ? "0c 78*64" : "0c \"Full\" ..65", now_ms), SessionEvent::REFUSED);
+    EXPECT_EQ(handle_words(is_first ? "0c 78*64" : "0c \"Full\" ..65", now_ms),
+              SessionEvent::REFUSED);
     EXPECT_EQ(session.refusal.data(), is_first ? std::string(64, 'x') : "Full");
     EXPECT_EQ(sent(), "60 ");
     EXPECT_EQ(pass(2'000, 2'000), is_first ? "2000 join " : "");
   }
   play(4'000);
-  EXPECT_EQ(hear("0c \"Full\" ..65", 5'500), SessionEvent::NONE) << "an old refusal";
+  EXPECT_EQ(handle_words("0c \"Full\" ..65", 5'500), SessionEvent::NONE) << "an old refusal";
   EXPECT_EQ(sent(), "");
   session_leave(session);
   EXPECT_EQ(sent(), "60 60 60 ");
 }
 
-// The network repeats or reorders joins: the datagrams received while playing in slot 3, the codes
-// sent in the next second, and the slot at the end.
+// The network repeats or reorders joins. The datagrams that arrive while the client plays in slot
+// 3, the codes that it then sends, and its slot at the end.
 TEST_F(SessionTest, FindsItsSlot) {
   struct Case {
-    std::vector<const char*> heard;
+    std::vector<const char*> datagrams;
     const char* sent;
     int own_slot;
   };
@@ -355,33 +358,33 @@ TEST_F(SessionTest, FindsItsSlot) {
   for (const Case& each : cases) {
     session = {.name = {'M', 'e'}};
     play(1'000);
-    for (const char* words : each.heard) hear(words, 2'500);
+    for (const char* words : each.datagrams) handle_words(words, 2'500);
     session_step(session, 2'500);
-    EXPECT_EQ(sent(), each.sent) << each.heard.back();
-    EXPECT_EQ(session.picture.own_slot, each.own_slot) << each.heard.back();
+    EXPECT_EQ(sent(), each.sent) << each.datagrams.back();
+    EXPECT_EQ(session.picture.own_slot, each.own_slot) << each.datagrams.back();
   }
 }
 
 // A server that has the player in a car does not answer these questions.
-TEST_F(SessionTest, ADriverGivesUpAskingForItsSlot) {
+TEST_F(SessionTest, ADriverStopsAskingForItsSlot) {
   play(1'000);
   session.own.in_car = true;
-  hear("11 05 01 ..67", 2'500);
+  handle_words("11 05 01 ..67", 2'500);
   EXPECT_EQ(pass(2'500, 15'500),
             "2500 120 3500 120 4500 120 5500 120 6500 120 14000 101 15000 101 ");
 }
 
-TEST_F(SessionTest, TakesNoDatagramOfAnotherSize) {
+TEST_F(SessionTest, IgnoresDatagramsOfWrongSize) {
   pass(1'000, 1'000);
   for (const char* words : {"11 03 01 ..68", "0c ..64", "13 00", "01 00"}) {
-    EXPECT_EQ(hear(words, 1'000), SessionEvent::NONE) << words;
+    EXPECT_EQ(handle_words(words, 1'000), SessionEvent::NONE) << words;
   }
   EXPECT_EQ(sent(), "");
-  hear(ACCEPTED, 1'000);
-  hear("29 03 00", 1'000);
+  handle_words(ACCEPTED, 1'000);
+  handle_words("29 03 00", 1'000);
   EXPECT_EQ(session.state, SessionState::PLACING);
-  hear(PLACED, 1'000);
-  EXPECT_EQ(hear("10 03 00 00 00", 1'000), SessionEvent::NONE);
+  handle_words(PLACED, 1'000);
+  EXPECT_EQ(handle_words("10 03 00 00 00", 1'000), SessionEvent::NONE);
   EXPECT_EQ(session.state, SessionState::ENTERING);
 }
 
@@ -390,8 +393,8 @@ const Position PLACE{1, 2, 3};
 #define PLACE_WORDS " 01 00*3 02 00*3 03 00*3 "
 #define CAR_WORDS " 07 00*63"
 
-// Each report in the game, at first on foot: the words of its datagram, and of the entry if it is
-// reported before that.
+// Each report, in order, starting on foot: the words of its datagram. Before the client is in the
+// game, it sends only the question.
 TEST_F(SessionTest, ReportsEverything) {
   struct Case {
     std::function<void(ClientSession&)> report;
@@ -431,29 +434,29 @@ TEST_F(SessionTest, ReportsEverything) {
   }
 }
 
-TEST_F(SessionTest, EntersWithWhatWasReportedBefore) {
+TEST_F(SessionTest, EntersWithEarlierReports) {
   pass(1'000, 1'000);
   report_weapon(session, 9);
   report_on_foot(session, 4);
   report_state_floats(session, 1, 2);
   report_got_in(session, PLACE, CAR);
-  hear(ACCEPTED, 1'000);
-  hear(PLACED, 1'000);
+  handle_words(ACCEPTED, 1'000);
+  handle_words(PLACED, 1'000);
   EXPECT_EQ(pass(1'000, 1'000), "1000 enter ");
   EXPECT_EQ(latest,
             bytes_of("0f 00*3" PLACE_WORDS "04 00*3 09 00*3 01 00*3 02 00*3 01 00*3" CAR_WORDS));
-  hear(ENTERED, 1'000);
-  hear(PLACED, 1'000);
+  handle_words(ENTERED, 1'000);
+  handle_words(PLACED, 1'000);
   sent();
-  EXPECT_EQ(repeats(1'000, 62'000)["101"], "61000 ") << "the entry has told it";
+  EXPECT_EQ(repeats(1'000, 62'000)["101"], "61000 ") << "the entry contained the car";
   EXPECT_EQ(repeats(62'000, 122'000)["122"], "121000 ");
 }
 
-// The times of the repeats of each code in 100 seconds.
+// The times of the repeats of each code in 16 seconds.
 TEST_F(SessionTest, RepeatsItsState) {
   struct Case {
     std::function<void(ClientSession&)> report;
-    const char* heard;  // after the report
+    const char* datagrams;  // after the report
     std::map<std::string, std::string> repeats;
   };
   const std::string pace = "5000 8000 11000 14000 17000 ";
@@ -479,7 +482,7 @@ TEST_F(SessionTest, RepeatsItsState) {
       {[](auto& s) { report_death(s, 0); }, "01", with(on_foot, "103", deaths)},
       {[](auto& s) { s.picture.pinkpanther = 3, report_death(s, 0); }, "01",
        with(on_foot, "103", deaths)},
-      {[](auto& s) { report_death(s, 0); }, "d1 03", on_foot},  // it would lose the role
+      {[](auto& s) { report_death(s, 0); }, "d1 03", on_foot},  // a repeat would end the role
       {[](auto& s) { report_death(s, 0); }, "d1 01", with(on_foot, "103", deaths)},
       {[](auto& s) { report_death(s, 0), report_car(s, PLACE, CAR); }, "48 00 00",
        with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 "), "101",
@@ -489,35 +492,36 @@ TEST_F(SessionTest, RepeatsItsState) {
     session = {.name = {'M', 'e'}};
     play(1'000);
     each.report(session);
-    hear(each.heard, 2'000);
+    handle_words(each.datagrams, 2'000);
     sent();
     EXPECT_EQ(repeats(2'000, 18'000), each.repeats);
   }
 }
 
-// The server logs each of these, so a report that it has or has been told often is rare.
-TEST_F(SessionTest, RepeatsWhatIsLoggedEveryMinute) {
+// The server prints a line for each of these reports, so the client repeats them rarely after a
+// while.
+TEST_F(SessionTest, RepeatsLoggedReportsEveryMinute) {
   play(1'000);
   report_weapon(session, 9);
   report_car(session, PLACE, CAR);
-  hear("48 00 00", 2'000);
+  handle_words("48 00 00", 2'000);
   sent();
   auto times = repeats(2'000, 124'000);
   EXPECT_EQ(times["101"], "62000 122000 ");
   EXPECT_EQ(times["122"], "4000 6000 8000 10000 70000 ");
 }
 
-TEST_F(SessionTest, TellsTheServerItsCarOnceMore) {
+TEST_F(SessionTest, RepeatsItsCarWhenTheServerLacksIt) {
   play(1'000);
-  hear(PLACED, 3'000);
+  handle_words(PLACED, 3'000);
   EXPECT_EQ(sent(), "") << "on foot";
   report_car(session, PLACE, CAR);
   sent();
-  for (const std::uint64_t now_ms : {3'000U, 3'499U, 3'500U}) hear(PLACED, now_ms);
+  for (const std::uint64_t now_ms : {3'000U, 3'499U, 3'500U}) handle_words(PLACED, now_ms);
   EXPECT_EQ(sent(), "101 101 ") << "at most two a second";
 }
 
-TEST_F(SessionTest, SaysWhatOthersSee) {
+TEST_F(SessionTest, CutsChatLikeTheServer) {
   session_say(session, "Hi" + std::string(100, 'x'));
   sent();
   EXPECT_EQ(latest, bytes_of("1f \"Hi\" 78*58 00"));
@@ -526,11 +530,11 @@ TEST_F(SessionTest, SaysWhatOthersSee) {
   session.name.back() = '\0';
   session_say(session, "x");
   sent();
-  EXPECT_EQ(latest.size(), 2U) << "no room behind a long name";
+  EXPECT_EQ(latest.size(), 2U) << "no room after a long name";
   EXPECT_EQ(session.picture.chat[1].data(), std::string(63, 'n') + ":");
 }
 
-TEST(OutboxTest, DropsWhatDoesNotFit) {
+TEST(OutboxTest, DropsDatagramsThatDoNotFit) {
   Outbox outbox;
   outbox_add(outbox, bytes_of("00*257"));
   for (unsigned i = 0; i < OUTBOX_SIZE + 10; ++i) {
@@ -546,8 +550,8 @@ TEST(OutboxTest, DropsWhatDoesNotFit) {
   EXPECT_EQ(taken, OUTBOX_SIZE + 5);
 }
 
-// When a spectator in slot 3 passes the role on. Each step is a second later.
-TEST_F(SessionTest, PassesTheRoleOnToAGameThatIsPlayed) {
+// When a spectator in slot 3 passes the role on. Each step is one second later.
+TEST_F(SessionTest, PassesTheRoleOnIfSomebodyPlays) {
   const std::pair<const char*, const char*> steps[] = {{"d1 03", ""},    {"2a 05 01 ..164", ""},
                                                        {"dc 05 01", ""}, {"ce 05 63", "103 "},
                                                        {"d1 05", ""},    {"d1 03", ""},
@@ -562,7 +566,7 @@ TEST_F(SessionTest, PassesTheRoleOnToAGameThatIsPlayed) {
   EXPECT_EQ(sent(), "") << "not in the game";
   play(1'000);
   for (const auto& [words, expected] : steps) {
-    hear(words, now_ms += 1'000);
+    handle_words(words, now_ms += 1'000);
     sent();
     pass_on_role(session, passed_ms, now_ms);
     EXPECT_EQ(sent(), expected) << words << " at " << now_ms;
@@ -570,7 +574,7 @@ TEST_F(SessionTest, PassesTheRoleOnToAGameThatIsPlayed) {
   EXPECT_EQ(latest, bytes_of("67 00"));
 }
 
-GamePicture crowd(const std::vector<MapPoint>& places) {
+GamePicture picture_of_players(const std::vector<MapPoint>& places) {
   GamePicture picture;
   for (std::size_t i = 0; i < places.size(); ++i) {
     picture.players[i].has_record = true;
@@ -580,32 +584,32 @@ GamePicture crowd(const std::vector<MapPoint>& places) {
   return picture;
 }
 
-TEST(MapTest, FitsCalmly) {
+TEST(MapTest, ChangesItsScaleRarely) {
   constexpr float NONE = std::numeric_limits<float>::quiet_NaN();
   constexpr float FAR = std::numeric_limits<float>::infinity();
   MapView view;
-  fit_view(view, crowd({{NONE, 0}, {0, FAR}, {-1e30F, 0}}), 0);
-  EXPECT_EQ(view.side, 0) << "nobody is anywhere";
-  fit_view(view, crowd({{3, 4}}), 500);
-  EXPECT_FLOAT_EQ(view.side, 26) << "at least so much";
-  fit_view(view, crowd({{-100, 0}, {100, 40}, {NONE, NONE}}), 1'000);
+  fit_view(view, picture_of_players({{NONE, 0}, {0, FAR}, {-1e30F, 0}}), 0);
+  EXPECT_EQ(view.side, 0) << "no valid position";
+  fit_view(view, picture_of_players({{3, 4}}), 500);
+  EXPECT_FLOAT_EQ(view.side, 26) << "the minimum";
+  fit_view(view, picture_of_players({{-100, 0}, {100, 40}, {NONE, NONE}}), 1'000);
   EXPECT_FLOAT_EQ(view.side, 260);
   EXPECT_FLOAT_EQ(view.middle.y, 20);
-  fit_view(view, crowd({{-120, 0}, {120, 40}}), 1'100);
-  EXPECT_FLOAT_EQ(view.side, 260) << "all are still on it";
-  fit_view(view, crowd({{100, 0}, {140, 0}}), 1'200);
-  EXPECT_FLOAT_EQ(view.side, 260) << "it moves, and keeps its scale";
+  fit_view(view, picture_of_players({{-120, 0}, {120, 40}}), 1'100);
+  EXPECT_FLOAT_EQ(view.side, 260) << "all players are inside";
+  fit_view(view, picture_of_players({{100, 0}, {140, 0}}), 1'200);
+  EXPECT_FLOAT_EQ(view.side, 260) << "it moves and keeps its scale";
   EXPECT_FLOAT_EQ(view.middle.x, 120);
-  fit_view(view, crowd({{100, 0}, {140, 0}}), 1'300);
-  fit_view(view, crowd({{0, 0}, {240, 0}}), 4'000);
-  fit_view(view, crowd({{100, 0}, {140, 0}}), 4'100);
-  fit_view(view, crowd({{100, 0}, {140, 0}}), 9'000);
+  fit_view(view, picture_of_players({{100, 0}, {140, 0}}), 1'300);
+  fit_view(view, picture_of_players({{0, 0}, {240, 0}}), 4'000);
+  fit_view(view, picture_of_players({{100, 0}, {140, 0}}), 4'100);
+  fit_view(view, picture_of_players({{100, 0}, {140, 0}}), 9'000);
   EXPECT_FLOAT_EQ(view.side, 260);
-  fit_view(view, crowd({{100, 0}, {140, 0}}), 9'100);
+  fit_view(view, picture_of_players({{100, 0}, {140, 0}}), 9'100);
   EXPECT_FLOAT_EQ(view.side, 52) << "too large for five seconds";
 }
 
-TEST(MapTest, HasOneScaleForBothAxes) {
+TEST(MapTest, UsesOneScaleForBothAxes) {
   const MapView view{.middle = {10, 10}, .side = 100};
   struct Case {
     MapPoint point;
@@ -620,7 +624,7 @@ TEST(MapTest, HasOneScaleForBothAxes) {
   }
 }
 
-TEST(TextTest, ShowsAnyBytes) {
+TEST(TextTest, EscapesAnyBytes) {
   const std::string any("J\xF6 \x1B[2J\x7F\x9F\xA0\xAD\"\\\n\0x", 17);
   EXPECT_EQ(printable(any), "Jö ?[2J??\u00A0?\"\\?");
   EXPECT_EQ(json_string(any), "\"Jö \\u001b[2J\\u007f\\u009f\u00A0\\u00ad\\\"\\\\\\u000a\"");
@@ -632,7 +636,7 @@ TEST(TextTest, ShowsAnyBytes) {
   }
 }
 
-TEST(HistogramTest, KnowsPercentiles) {
+TEST(HistogramTest, ComputesPercentiles) {
   EXPECT_EQ(histogram_percentile(Histogram(), 50), 0U);
   for (const std::uint64_t scale : {1U, 1'000U, 1'000'000'000U}) {
     Histogram histogram;
@@ -647,7 +651,7 @@ TEST(HistogramTest, KnowsPercentiles) {
   }
 }
 
-TEST(ConnectionTest, CutsWhatIsTooLong) {
+TEST(ConnectionTest, TruncatesLongDatagrams) {
   const int server = bind_loopback(SOCK_DGRAM);
   const int client = open_client_socket(local_address(server));
   const sockaddr_in to = local_address(client);
@@ -662,20 +666,20 @@ TEST(ConnectionTest, CutsWhatIsTooLong) {
   EXPECT_EQ(batch.datagrams[1][0], 'b');
   receive_batch(client, batch);
   receive_batch(client, batch);
-  EXPECT_EQ(batch.count, 0U) << "nothing waits any more";
+  EXPECT_EQ(batch.count, 0U) << "no more datagrams";
   close(client);
   close(server);
 }
 
-// Every text here is taken for one that is cut at its last byte.
-TEST(TextTest, TakesValidUtf8AsSuchAndTheRestAsLatin1) {
+// The limit of each text is its length, so its last character may be incomplete.
+TEST(TextTest, DecodesUtf8OrElseLatin1) {
   struct Case {
     const char* bytes;
     const char* expected;
   };
   const Case cases[] = {
       {"Jörg 車 🚗 \u0800\uFFFD\U0010FFFD", "Jörg 車 🚗 \u0800\uFFFD\U0010FFFD"},
-      // Halves of characters of 2, 3 and 4 bytes, at the end and elsewhere.
+      // Incomplete characters of 2, 3 and 4 bytes, at the end and elsewhere.
       {"J\xC3", "J"},
       {"J\xE8\xBB", "J"},
       {"J\xE8", "J"},
@@ -687,7 +691,7 @@ TEST(TextTest, TakesValidUtf8AsSuchAndTheRestAsLatin1) {
       {"J\xF0", "J"},
       {"J\xC3ö", "JÃÃ¶"},
       {"J\xC3 ", "JÃ "},
-      // Overlong forms, surrogates and values past the last character, whole and cut.
+      // Overlong encodings, surrogates and values above U+10FFFF, complete and incomplete.
       {"\xC1\xA1", "Á¡"},
       {"\xE0\x9F\xBF", "à?¿"},
       {"\xE0\x9F", "à?"},
@@ -698,7 +702,7 @@ TEST(TextTest, TakesValidUtf8AsSuchAndTheRestAsLatin1) {
       {"\xF4\xBF\xBF\xBF", "ô¿¿¿"},
       {"\xF5\xA1", "õ¡"},
       {"\xBF", "¿"},
-      // Controls, and characters that hide or turn a line around.
+      // Control characters, invisible characters, and characters that change the direction.
       {"a\u0080\u009Bb\u00ADc", "a??b?c"},
       {"\uFEFFa\u061C\u200B\u200E\u200F\u2028\u202A\u202Eb\u2066\u2069", "?a???????b??"},
       {"\U000E0001\uFFFE\uFDD0\u2060\u3164", "?????"},
@@ -709,8 +713,8 @@ TEST(TextTest, TakesValidUtf8AsSuchAndTheRestAsLatin1) {
   }
 }
 
-// A name in Latin-1 may end like half a character.
-TEST(TextTest, DropsHalfACharacterOnlyWhereATextWasCut) {
+// The last byte of a name in Latin-1 may look like an incomplete UTF-8 character.
+TEST(TextTest, DropsIncompleteCharactersOnlyOfCutTexts) {
   EXPECT_EQ(printable("Caf\xE9"), "Café");
   EXPECT_EQ(printable("Caf\xE9", 31), "Café");
   EXPECT_EQ(printable("Caf\xE9", 4), "Caf");
@@ -718,7 +722,7 @@ TEST(TextTest, DropsHalfACharacterOnlyWhereATextWasCut) {
   EXPECT_EQ(printable_wide("車\xE8\xBB"), L"車");
 }
 
-TEST(TextTest, KnowsWhatLooksLikeNothing) {
+TEST(TextTest, RecognizesBlankTexts) {
   for (const char* blank : {"", " ", "  \u00A0", "\u2003\u3000\u200D\u2800"}) {
     EXPECT_TRUE(is_blank(blank)) << blank;
   }

@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(ClockTest, GoesThroughSinglePrecisionAnd32Bits) {
+TEST(ClockTest, RoundsToSinglePrecisionAnd32Bits) {
   struct Case {
     double seconds;
     std::uint32_t ms;

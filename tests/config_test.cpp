@@ -27,8 +27,8 @@ void write_file(const char* name, const std::optional<std::string>& content) {
   if (content) std::ofstream(name, std::ios::binary) << *content;
 }
 
-// Loads the two files in a new folder; the first one may be another kind of file. Returns the
-// output.
+// Loads the two files in a new directory. `make` may create a special file in place of the first
+// file. Returns the output.
 std::string load(const std::optional<std::string>& cfg, const std::optional<std::string>& conf,
                  int (*make)(const char*, mode_t) = nullptr) {
   char folder[] = "/tmp/zol_config_XXXXXX";
@@ -47,7 +47,7 @@ std::string load(const std::optional<std::string>& cfg, const std::optional<std:
   return testing::internal::GetCapturedStdout();
 }
 
-// The findings of zolcheck for the same file, one per line, and the settings that it reads.
+// The diagnostics of zolcheck for the same file, one per line. Sets server_config.
 std::string diagnostics_of(std::string file) {
   std::string found;
   server_config = ServerConfig{.WelcomeMessage = "w"};
@@ -59,13 +59,13 @@ std::string diagnostics_of(std::string file) {
   return found;
 }
 
-// The text of the words after the first.
+// The bytes of all words of the line except the first.
 std::string text_of(const std::string& line) {
   const Bytes bytes = bytes_of(line.substr(line.find(' ')));
   return {bytes.begin(), bytes.end()};
 }
 
-TEST(ConfigTest, ReadsFilesToTheLetter) {
+TEST(ConfigTest, ReadsAllCases) {
   std::ifstream cases(CASES);
   std::string file, printed, diagnostics;
   int count = 0;
@@ -89,7 +89,7 @@ TEST(ConfigTest, ReadsFilesToTheLetter) {
 constexpr const char* NO_SETTINGS =
     "Could not open zolserver.cfg / zolserver.conf - Using defaults\n";
 
-TEST(ConfigTest, PrefersTheFirstFileAndLivesWithoutBoth) {
+TEST(ConfigTest, ReadsTheFirstFileThatExists) {
   EXPECT_EQ(load("Port=1\n", "Port=2\nGameType=1\n"), "");
   EXPECT_EQ(settings(), "16|0|0|1|Unnamed Server|w");
   EXPECT_EQ(load(std::nullopt, "Port=2\n"), "");
@@ -97,11 +97,11 @@ TEST(ConfigTest, PrefersTheFirstFileAndLivesWithoutBoth) {
   EXPECT_EQ(load(std::nullopt, std::nullopt), NO_SETTINGS);
 }
 
-std::ptrdiff_t opened_descriptors() {
+std::ptrdiff_t count_descriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-TEST(ConfigTest, SaysWhatIsNoFileAndDoesNotWaitForIt) {
+TEST(ConfigTest, ReportsSpecialFilesWithoutReadingThem) {
   struct Case {
     int (*make)(const char*, mode_t);
     const char* reason;
@@ -111,12 +111,12 @@ TEST(ConfigTest, SaysWhatIsNoFileAndDoesNotWaitForIt) {
   for (const auto& [make, reason, prints] :
        {Case{mkdir, "Is a directory"}, Case{mkfifo, "Not a file"},
         Case{loop, "Too many levels of symbolic links", NO_SETTINGS}}) {
-    const auto opened = opened_descriptors();
+    const auto count_before = count_descriptors();
     testing::internal::CaptureStderr();
     EXPECT_EQ(load(std::nullopt, std::nullopt, make), prints);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "zolserver.cfg: "s + reason + "\n");
     EXPECT_EQ(settings(), "16|0|0|16309|Unnamed Server|w");
-    EXPECT_EQ(opened_descriptors(), opened);
+    EXPECT_EQ(count_descriptors(), count_before);
   }
 }
 

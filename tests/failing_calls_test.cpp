@@ -1,5 +1,5 @@
-// System calls that fail, replaced by linker wraps. The tests check who received what, how long it
-// took, and what was printed.
+// Failing system calls: the linker replaces the calls with the functions __wrap_*. The tests check
+// the receivers of datagrams, the times and the printed lines.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -29,22 +29,22 @@
 
 int server_main(int count, char** arguments);
 
-// The results of the next calls. Each entry is a negative errno, GO for the real call, the number
-// of datagrams of a batch that are sent, or IDLE for a thread.
+// The results of the next calls. An entry is a negative errno; REAL for the real call; for a batch,
+// the number of datagrams that are sent; for a thread, IDLE to run nothing.
 using Script = std::deque<int>;
-static constexpr int GO = 1000;
+static constexpr int REAL = 1000;
 static constexpr int IDLE = 0;
 static Script sends, batches, connects, sockets, threads;
-static const char* uptime_file;        // opened instead of the machine's file, unless it is null
-static std::int64_t clock_ms = 7'120;  // while is_clock_set
+static const char* uptime_file;        // opened instead of /proc/uptime; null: the real file
+static std::int64_t clock_ms = 7'120;  // the time of all clocks while is_clock_set
 static bool is_clock_set;
-static bool is_stop_due;  // a signal arrives between the check of the stop flag and the wait
+static bool is_stop_due;  // the next wait begins with a stop signal
 static bool is_wait_failing;
-static int waits_until_room;  // waits until the reader empties the console's pipe
+static int waits_until_room;  // number of waits before the reader empties the pipe
 static int console_pipe[2];
 
 static int next_of(Script& script) {
-  if (script.empty()) return GO;
+  if (script.empty()) return REAL;
   const int result = script.front();
   script.pop_front();
   if (result < 0) errno = -result;
@@ -97,10 +97,10 @@ int __wrap_gethostbyname_r(const char* name, hostent* entry, char* work, std::si
   return __real_gethostbyname_r(name, entry, work, size, found, error);
 }
 int __wrap_socket(int family, int type, int protocol) {
-  return next_of(sockets) == GO ? __real_socket(family, type, protocol) : -1;
+  return next_of(sockets) == REAL ? __real_socket(family, type, protocol) : -1;
 }
 int __wrap_connect(int handle, const sockaddr* to, socklen_t length) {
-  return next_of(connects) == GO ? __real_connect(handle, to, length) : -1;
+  return next_of(connects) == REAL ? __real_connect(handle, to, length) : -1;
 }
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument) {
@@ -111,7 +111,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 }
 ssize_t __wrap_sendto(int handle, const void* bytes, std::size_t size, int flags,
                       const sockaddr* to, socklen_t length) {
-  return next_of(sends) == GO ? __real_sendto(handle, bytes, size, flags, to, length) : -1;
+  return next_of(sends) == REAL ? __real_sendto(handle, bytes, size, flags, to, length) : -1;
 }
 int __wrap_sendmmsg(int handle, mmsghdr* messages, unsigned count, int flags) {
   const int result = next_of(batches);
@@ -161,7 +161,7 @@ struct FailingCallsTest : testing::Test {
     empty_table();
   }
 
-  // The receivers of datagrams since the last call, and how often: "AABD".
+  // The receivers of the datagrams since the last call: "AABD" if A got two, B one and D one.
   std::string receivers() const {
     std::string names;
     char byte = 0;
@@ -174,8 +174,8 @@ struct FailingCallsTest : testing::Test {
   int players[4];
 };
 
-// Redirects standard output to standard error, where a death test can read it.
-void end_after(int (*call)()) {
+// Runs in a death test: redirects standard output to standard error, which the test reads.
+void exit_with(int (*call)()) {
   dup2(STDERR_FILENO, STDOUT_FILENO);
   std::exit(call());
 }
@@ -190,7 +190,7 @@ int broadcast() {
   return broadcast_all(Ping{}), 0;
 }
 
-TEST_F(FailingCallsTest, ABroadcastGoesOnWhereItStopped) {
+TEST_F(FailingCallsTest, ABroadcastContinuesAfterAPartialSend) {
   struct Case {
     Script batches;
     const char* receivers;
@@ -198,7 +198,7 @@ TEST_F(FailingCallsTest, ABroadcastGoesOnWhereItStopped) {
   for (const Case& c : {
            Case{{1, 2, 1}, "ABCD"},
            Case{{-EINTR, 3, -EINTR, -EINTR}, "ABCD"},
-           // The server waits once. After that, a datagram without room is lost.
+           // The server waits once. After that, a datagram for which there is no room is lost.
            Case{{1, -EAGAIN}, "ABCD"},
            Case{{1, -EAGAIN, 1, -ENOBUFS}, "ABD"},
            Case{{-ENOBUFS, -EINTR, -EAGAIN, 1, -EAGAIN, -EAGAIN}, "B"},
@@ -214,7 +214,7 @@ TEST_F(FailingCallsTest, OnlyErrorsOfTheRouteMakeAnAddressUnreachable) {
   const sockaddr_in to{AF_INET, htons(9), {htonl(0x01000000)}, {}};
   struct Case {
     Script sends;
-    bool reaches;
+    bool is_reachable;
   };
   for (const Case& c : {
            Case{{-EPERM}, false},
@@ -228,21 +228,21 @@ TEST_F(FailingCallsTest, OnlyErrorsOfTheRouteMakeAnAddressUnreachable) {
            Case{{-ENOBUFS, -ENOBUFS}, true},
        }) {
     sends = c.sends;
-    EXPECT_EQ(udp_can_reach(server_socket, &to), c.reaches);
+    EXPECT_EQ(udp_can_reach(server_socket, &to), c.is_reachable);
     EXPECT_TRUE(sends.empty());
   }
   EXPECT_EQ(receivers(), "") << "nothing is sent";
 }
 
-TEST_F(FailingCallsTest, AFailedBroadcastSaysWhyAndEndsTheProcess) {
+TEST_F(FailingCallsTest, AFailedBroadcastPrintsTheErrorAndExits) {
   for (const int error : {EPERM, EINVAL}) {
     const std::string line = std::string("error writing to socket:") + std::strerror(error) + "\n";
     batches = {1, -error};
-    EXPECT_EXIT(end_after(broadcast), testing::ExitedWithCode(1), "^" + line + "$");
+    EXPECT_EXIT(exit_with(broadcast), testing::ExitedWithCode(1), "^" + line + "$");
   }
 }
 
-// A loop that pauses yields the processor each time; a loop that spins hardly ever does.
+// Each pause is a voluntary context switch. A loop that spins has hardly any.
 int run_and_count_pauses() {
   install_shutdown_handler();
   std::thread([main_thread = main_thread_id] {
@@ -255,22 +255,22 @@ int run_and_count_pauses() {
   return used.ru_nvcsw > 5 ? 0 : 1;
 }
 
-TEST_F(FailingCallsTest, AnErrorThatPersistsDoesNotSpinAndASignalStops) {
+TEST_F(FailingCallsTest, APersistentErrorDoesNotSpinAndASignalStops) {
   for (const auto fail : {+[] { close(server_socket); }, +[] { is_wait_failing = true; }}) {
-    EXPECT_EXIT((fail(), end_after(run_and_count_pauses)), testing::ExitedWithCode(0), "^$");
+    EXPECT_EXIT((fail(), exit_with(run_and_count_pauses)), testing::ExitedWithCode(0), "^$");
   }
 }
 
-TEST_F(FailingCallsTest, ASignalBeforeTheWaitEndsIt) {
+TEST_F(FailingCallsTest, ASignalJustBeforeTheWaitEndsTheWait) {
   install_shutdown_handler();
   const auto wait = [] { return alarm(20), wait_for_input_or_stop(server_socket) ? 0 : 1; };
   is_stop_due = true;
-  EXPECT_EXIT(end_after(wait), testing::ExitedWithCode(0), "^$");
+  EXPECT_EXIT(exit_with(wait), testing::ExitedWithCode(0), "^$");
   is_stop_due = false;
-  EXPECT_EXIT((std::raise(SIGTERM), end_after(wait)), testing::ExitedWithCode(0), "^$");
+  EXPECT_EXIT((std::raise(SIGTERM), exit_with(wait)), testing::ExitedWithCode(0), "^$");
 }
 
-// Replaces /proc/uptime with this text, and then with no file.
+// Replaces /proc/uptime with this text, and then with a file that does not exist.
 void expect_uptime(const char* text, std::uint32_t ms) {
   std::FILE* file = std::tmpfile();
   std::fputs(text, file);
@@ -283,8 +283,8 @@ void expect_uptime(const char* text, std::uint32_t ms) {
   uptime_file = nullptr;
 }
 
-// Without the file, the time continues from the last reading, by the boot clock.
-TEST_F(FailingCallsTest, ReadsTheUptimeAndLivesWithoutIt) {
+// Without a valid file, the time continues from the last reading, measured with CLOCK_BOOTTIME.
+TEST_F(FailingCallsTest, ReadsTheUptimeAndContinuesWithoutTheFile) {
   is_clock_set = true;
   clock_ms = 7'120;
   expect_uptime("12.34 1.00\n", 12'340);
@@ -296,7 +296,7 @@ TEST_F(FailingCallsTest, ReadsTheUptimeAndLivesWithoutIt) {
   }
 }
 
-TEST_F(FailingCallsTest, AServerEndsWithItsLines) {
+TEST_F(FailingCallsTest, PrintsLinesBeforeItExits) {
   struct Case {
     std::uint8_t announces;
     Script threads;
@@ -314,14 +314,14 @@ TEST_F(FailingCallsTest, AServerEndsWithItsLines) {
        }) {
     server_config.AnnounceServer = c.announces;
     threads = c.threads;
-    EXPECT_EXIT(end_after(run_server), testing::ExitedWithCode(c.status), "-\n" + c.lines + "$");
+    EXPECT_EXIT(exit_with(run_server), testing::ExitedWithCode(c.status), "-\n" + c.lines + "$");
   }
   is_stop_due = false;
 }
 
 // The server waits in steps of 10 ms: for a second in a row, and then for 1 percent of the time. A
-// console that takes a line now and then does not restore the time.
-TEST_F(FailingCallsTest, AFullConsoleIsWaitedForOnePercentOfTheTime) {
+// console that takes a line from time to time does not refill the budget.
+TEST_F(FailingCallsTest, WaitsForAFullConsoleForOnePercentOfTheTime) {
   is_clock_set = true;
   const int kept = dup(STDOUT_FILENO);
   pipe2(console_pipe, O_NONBLOCK);
@@ -363,14 +363,14 @@ TEST_F(FailingCallsTest, AFullConsoleIsWaitedForOnePercentOfTheTime) {
   close(console_pipe[0]);
   const std::int64_t waits_for_nobody = print(1);
   dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
-  print(1);  // no line is missing in the tests that follow
+  print(1);  // reset the number of missing lines for later tests
   dup2(kept, STDOUT_FILENO);
   for (const int handle : {kept, console_pipe[1]}) close(handle);
   EXPECT_EQ(wrong, std::vector<std::string>{});
   EXPECT_EQ(waits_for_nobody, 0);
 }
 
-TEST_F(FailingCallsTest, ARefusedConnectionIsTriedThreeTimes) {
+TEST_F(FailingCallsTest, TriesARefusedConnectionThreeTimes) {
   const int listener = bind_loopback(SOCK_STREAM);
   ASSERT_EQ(listen(listener, 1), 0);
   const std::string port = std::to_string(ntohs(local_address(listener).sin_port));

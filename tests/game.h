@@ -1,6 +1,6 @@
-// A game for tests: the real table, handlers and sends on a real socket, with players that are UDP
-// sockets on loopback. A datagram sent over loopback is in the receiver's queue when the send
-// returns, so the tests never wait.
+// A game for tests: the real table, handlers and sends on a real socket. The players are UDP
+// sockets on loopback, where a datagram is in the receiver's queue when the send returns, so the
+// tests never wait.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,16 +23,16 @@ struct Player {
   Player& operator=(const Player&) = delete;
 
   void send(const Bytes& bytes) const;
-  std::vector<Bytes> received() const;  // all waiting datagrams, in order
+  std::vector<Bytes> received() const;  // removes and returns all waiting datagrams, in order
 
   int socket;
   sockaddr_in address;
 };
 
-// The number of calls of new. The server's work must not change it.
+// The number of calls of operator new. The server must not call it.
 extern std::atomic<int> allocations;
 
-// Runs the server's work and returns the output.
+// Runs work of the server. Returns its output, and checks that it does not allocate.
 template <typename Work>
 std::string printed_by(Work work) {
   testing::internal::CaptureStdout();
@@ -47,9 +47,9 @@ class GameTest : public testing::Test {
   GameTest();
   ~GameTest() override;
 
-  // Sends, and has the server handle it. Returns the output.
+  // Sends a datagram, and lets the server handle it. Returns the output.
   std::string say(const Player& player, const Bytes& bytes);
-  // Runs a pass of the ping thread on a separate thread. Returns the output.
+  // Runs a pass of the ping thread, on another thread. Returns the output.
   std::string pass();
   void join(const Player& player, const std::string& name);
   // Joins and enters on foot. Drops the datagrams that this sends to the player.
@@ -60,7 +60,7 @@ inline Bytes join_request(const std::string& name) {
   return bytes_of("0a \"" + name + "\" ..66 28 00");
 }
 
-// On foot, but with a car, and with junk in unused bytes.
+// CMD_ENTER_GAME of a player on foot. The car and the unused bytes are not zero.
 inline Bytes enter_on_foot() {
   return bytes_of("0f 99*3 11*12 12*4 13 99*3 14*4 15*4 00 99*3 16*64");
 }

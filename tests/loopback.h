@@ -13,7 +13,8 @@ inline sockaddr_in local_address(int handle) {
   return address;
 }
 
-// Opens a socket of type SOCK_DGRAM or SOCK_STREAM, with flags; on the given port, if any.
+// Opens and binds a socket. type: SOCK_DGRAM or SOCK_STREAM, with flags. port: network byte order;
+// 0 for a free port.
 inline int bind_loopback(int type, const char* host = "127.0.0.1", in_port_t port = 0) {
   const int handle = socket(AF_INET, type, 0);
   sockaddr_in address{.sin_family = AF_INET, .sin_port = port, .sin_addr = {}, .sin_zero = {}};
@@ -22,7 +23,7 @@ inline int bind_loopback(int type, const char* host = "127.0.0.1", in_port_t por
   return handle;
 }
 
-// A UDP port that was free a moment ago.
+// A UDP port that was free at the time of the call.
 inline std::uint16_t free_port() {
   const int handle = bind_loopback(SOCK_DGRAM);
   const std::uint16_t port = ntohs(local_address(handle).sin_port);

@@ -30,9 +30,8 @@ void Master::script(std::deque<Bytes> pieces_to_send, int waits_before, bool wit
   pieces = std::move(pieces_to_send), waits = waits_before, resets = with_reset;
 }
 
-// Prints the first line of a request; the rest is always the same. Allocations here do not count as
-// the server's.
-void Master::take_part() {
+// Called in each sleep of the server. Does not count its allocations as allocations of the server.
+void Master::run_in_wait() {
   const int allocated = allocations;
   answer();
   allocations = allocated;

@@ -1,5 +1,5 @@
-// A master server that runs inside the server's own waits, so that neither ever blocks on the
-// other.
+// A master server for tests. It runs inside the sleeps of the server, on the same thread, so that
+// neither blocks the other.
 #pragma once
 
 #include <deque>
@@ -11,10 +11,10 @@ struct Master {
   Master();
   ~Master();
 
-  // Sets the behaviour for the next connection: after this many of the server's waits it sends
-  // these pieces, one for each wait, and closes; or it resets the connection at once.
+  // Sets the behaviour for the next connection. After waits_before sleeps of the server, it sends
+  // one piece in each sleep and then closes the connection; or it resets the connection.
   void script(std::deque<Bytes> pieces_to_send, int waits_before, bool with_reset);
-  void take_part();
+  void run_in_wait();
   void answer();
 
   int listener, connection = -1;

@@ -1,5 +1,5 @@
-// Rare orders of events between the main and the ping thread: at a seam of one thread, the test
-// runs the work of the other.
+// Rare orders of events of the main thread and the ping thread: at a test hook in one thread, the
+// test runs the work of the other thread.
 
 #include <thread>
 
@@ -19,45 +19,45 @@ class RacesTest : public GameTest {
     server_config.maxClients = 4;
     for (const Player& player : players) enter(player, "P");
     for (const Player& player : players) player.received();
-    silence(1);
+    keep_silent(1);
   }
 
   ~RacesTest() override { on_seam = nullptr; }
 
-  static void silence(Slot silent) {
+  static void keep_silent(Slot silent) {
     fake_now_ms += 200'000;
     for (Slot slot = 0; slot < 4; ++slot) {
       if (slot != silent) player_table[slot].last_heard = fake_now_ms.load();
     }
   }
 
-  // Runs this work at this seam, once.
-  static void at(Seam seam, void (*work)()) {
+  // Runs this work once, when a thread reaches this seam.
+  static void run_at(Seam seam, void (*work)()) {
     wanted = seam, work_at_seam = work;
     on_seam = [](Seam reached) {
       if (reached == wanted) on_seam = nullptr, work_at_seam();
     };
   }
 
-  static void arrive(const Player& player, const Bytes& bytes) {
+  static void handle(const Player& player, const Bytes& bytes) {
     player.send(bytes);
     drain_socket();
   }
 
-  static void come(const Player& player) {
-    arrive(player, join_request("New"));
-    arrive(player, enter_on_foot());
+  static void join_and_enter(const Player& player) {
+    handle(player, join_request("New"));
+    handle(player, enter_on_foot());
   }
 
-  // The first bytes of each datagram to a player, without pings.
-  static std::vector<Bytes> told_to(const Player& player) {
+  // The first three bytes of each datagram that the player has received, without pings.
+  static std::vector<Bytes> received_by(const Player& player) {
     std::vector<Bytes> all = player.received();
     std::erase(all, Bytes{1});
     for (Bytes& bytes : all) bytes.resize(std::min<std::size_t>(bytes.size(), 3));
     return all;
   }
 
-  std::vector<Bytes> told() { return told_to(players[0]); }
+  std::vector<Bytes> received() { return received_by(players[0]); }
 
   static SeatState state_of(Slot slot) { return player_table[slot].seat.load().state; }
 
@@ -72,55 +72,55 @@ RacesTest* RacesTest::self = nullptr;
 Seam RacesTest::wanted;
 void (*RacesTest::work_at_seam)() = nullptr;
 
-// The player is timed out, and this work runs at the seam.
-TEST_F(RacesTest, ATimeOutHitsThePlayerThatWasSilentAndNoOther) {
+// A pass times the silent player out, and this work runs at the seam.
+TEST_F(RacesTest, ATimeOutRemovesOnlyTheSilentPlayer) {
   struct Case {
     Seam seam;
     Slot silent;
     void (*work)();
-    std::vector<Bytes> told;
+    std::vector<Bytes> expected;
     int player_count;
   };
   const auto two_join = [] {
-    come(self->newcomer);
-    arrive(self->players[1], join_request("Old"));
+    join_and_enter(self->newcomer);
+    handle(self->players[1], join_request("Old"));
   };
   const auto take_slot_1 = [] {
-    arrive(self->newcomer, {60});
-    arrive(self->players[1], {60});
-    come(self->newcomer);
+    handle(self->newcomer, {60});
+    handle(self->players[1], {60});
+    join_and_enter(self->newcomer);
   };
   for (const Case& c : {
-           Case{Seam::TIME_OUT_DECIDED, 1, [] { arrive(self->players[1], {60}); }, {{60, 1}}, 2},
-           Case{Seam::TIMED_OUT, 2, [] { arrive(self->players[2], {60}); }, {{60, 2}}, 2},
-           // A join takes the slot only after the notice, so the newcomer gets the last free slot.
+           Case{Seam::TIME_OUT_DECIDED, 1, [] { handle(self->players[1], {60}); }, {{60, 1}}, 2},
+           Case{Seam::TIMED_OUT, 2, [] { handle(self->players[2], {60}); }, {{60, 2}}, 2},
+           // No join takes the slot before the notice, so the newcomer gets the last free slot.
            Case{Seam::TIMED_OUT, 1, two_join, {{42, 3, 1}, {60, 1}}, 3},
-           // Another player takes the slot, in the same state.
+           // A new player has taken the slot, and is in the same state as the old player.
            Case{Seam::TIME_OUT_DECIDED, 1, take_slot_1, {{60, 3}, {60, 1}, {42, 1, 1}}, 3},
        }) {
-    silence(c.silent);
-    at(c.seam, c.work);
+    keep_silent(c.silent);
+    run_at(c.seam, c.work);
     ping_pass();
-    EXPECT_EQ(told(), c.told);
+    EXPECT_EQ(received(), c.expected);
     EXPECT_EQ(player_count, c.player_count);
     enter(players[c.silent], "P");
-    told();
+    received();
   }
 }
 
-TEST_F(RacesTest, APingMissesWhoTookTheSlotMeanwhile) {
-  silence(NO_SLOT);
-  at(Seam::PINGING, [] {
-    arrive(self->players[0], {60});
-    arrive(self->newcomer, join_request("New"));
+TEST_F(RacesTest, DoesNotPingANewPlayerOfTheSlot) {
+  keep_silent(NO_SLOT);
+  run_at(Seam::PINGING, [] {
+    handle(self->players[0], {60});
+    handle(self->newcomer, join_request("New"));
   });
   ping_pass();
   EXPECT_EQ(find_slot_by_address(newcomer.address), 0);
-  EXPECT_EQ(newcomer.received().size(), 1U) << "the acceptance alone";
+  EXPECT_EQ(newcomer.received().size(), 1U) << "only the acceptance";
 }
 
-// As if they were timed out between the look-up of the sender and the handler.
-TEST_F(RacesTest, WhoIsGoneNeitherLeavesNorReconnectsOnceMore) {
+// The player was timed out after the look-up of the sender and before the handler.
+TEST_F(RacesTest, ARemovedPlayerNeitherLeavesNorReconnects) {
   ping_pass();
   const ReceivedDatagram datagram{
       .bytes = receive_buffer, .received = 1, .sender = newcomer.address};
@@ -130,21 +130,21 @@ TEST_F(RacesTest, WhoIsGoneNeitherLeavesNorReconnectsOnceMore) {
   std::copy(request.begin(), request.end(), receive_buffer.begin());
   EXPECT_EQ(printed_by([&] { handle_join(1, datagram); }), "New, Player [1] Connected!\n");
   EXPECT_EQ(player_count, 3);
-  EXPECT_EQ(told(), std::vector<Bytes>{(Bytes{60, 1})});
+  EXPECT_EQ(received(), std::vector<Bytes>{(Bytes{60, 1})});
 }
 
-// A player is timed out at this seam: before it enters, before its report is relayed, or before a
-// record about it is sent. The notice that it has left arrives before that datagram, so another
-// notice follows.
-TEST_F(RacesTest, NobodyKeepsAGonePlayer) {
+// The player is timed out at this seam: before it enters, before its report is relayed, or before a
+// record about it is sent. The notice then precedes that datagram, so the server repeats the notice
+// after it.
+TEST_F(RacesTest, NoClientKeepsARemovedPlayer) {
   struct Case {
     Seam seam;
     Slot silent;
     const Player &sender, &watcher;
     Bytes request;
-    std::vector<Bytes> told;
+    std::vector<Bytes> expected;
   };
-  arrive(newcomer, join_request("New"));
+  handle(newcomer, join_request("New"));
   newcomer.received();
   const Bytes zero{60, 0}, one{60, 1};
   const std::vector<Bytes> all{{16, 3, 6}, zero, {42, 0, 0}, zero, {42, 1, 0}, {42, 2, 0}};
@@ -153,27 +153,27 @@ TEST_F(RacesTest, NobodyKeepsAGonePlayer) {
            Case{Seam::ANSWERING, 0, newcomer, newcomer, enter_on_foot(), all},
            Case{Seam::ANSWERING, 0, second, second, {40, 0}, {zero, {42, 0, 0}, zero}},
            Case{Seam::ANSWERING, 0, second, second, {41, 0}, {zero, {43, 0, 0}, zero}},
-           // Entering resets the time-out of the slot that joined last, which is another slot here.
+           // Entering resets last_heard of last_join_slot, which is not the player's slot here.
            Case{Seam::ENTERING, 2, players[2], first, enter_on_foot(), {{60, 2}}},
            Case{Seam::RELAYING, 1, second, first, enter_on_foot(), {one, {42, 1, 1}, one}},
            Case{Seam::RELAYING, 1, second, first, bytes_of("64 ..16"), {one, {200, 1, 0}, one}},
            Case{Seam::RELAYING, 1, second, first, bytes_of("2b 01 ..80"), {one, {204, 1, 0}, one}},
        }) {
-    silence(c.silent);
-    at(c.seam, ping_pass);
-    told_to(c.watcher);
-    arrive(c.sender, c.request);
-    EXPECT_EQ(told_to(c.watcher), c.told);
+    keep_silent(c.silent);
+    run_at(c.seam, ping_pass);
+    received_by(c.watcher);
+    handle(c.sender, c.request);
+    EXPECT_EQ(received_by(c.watcher), c.expected);
     EXPECT_EQ(state_of(c.silent), SeatState::FREE);
     EXPECT_EQ(player_count, 3);
     enter(players[c.silent], "P");
   }
 }
 
-// Players join, leave, come back and fall silent while passes run as fast as they can. Under
-// ThreadSanitizer this finds data races; the counts must agree in every build. Nobody reads the
-// sent datagrams: the passes send faster than a player could read, and the system drops the rest.
-TEST_F(RacesTest, TheThreadsAgreeOnEveryPlayer) {
+// Players join, leave, join again and stop sending, while passes run as fast as they can. With
+// ThreadSanitizer this finds data races; the counts must agree in every build. The test does not
+// read the sent datagrams: the system drops those for which the receive buffers have no room.
+TEST_F(RacesTest, BothThreadsCountTheSamePlayers) {
   server_config.GameType = 1;
   server_config.maxClients = 16;
   std::atomic<bool> done = false;

@@ -1,4 +1,4 @@
-// The work that a test runs at the server's seams.
+// The function that a test runs at the server's test hooks.
 #pragma once
 
 #include "server/seams.h"

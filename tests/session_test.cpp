@@ -1,18 +1,18 @@
 // Plays sessions: those of docs/protocol.md and tests/sessions/*.session. A line of a session is
-//   A> BYTES             a datagram of A, handled at once; bytes.h describes the bytes, and
-//                        CMD_DIED is the code of that datagram in docs/protocol.md
+//   A> BYTES             a datagram from A, handled at once; bytes.h describes the bytes. A name of
+//                        a command, such as CMD_DIED, is its code in docs/protocol.md
 //   A< BYTES             a datagram to A; P0..P9< is the same for ten players
 //   #| LINE              a line that the server prints
 //   server NAME=VALUE... a server that has just started, with these settings and no players
 //   set NAME=VALUE...    changes the settings, or another name in SETTERS
 //   wait MS              the time advances
 //   pass                 a pass of the ping thread
-//   join A B             A and B join; the session ignores the datagrams that this sends
-//   seat A B             A and B join and enter with enter_on_foot; datagrams are ignored too
+//   join A B             A and B join; the datagrams to them are not checked
+//   seat A B             A and B join and enter with enter_on_foot; the same
 //   twin B A             B sends from the port of A at another address
-//   cut A                the system knows that nothing can be sent to A
-//   fail A               answers to A fail, until the next server
-//   let NAME WORDS       $NAME means these words from here on
+//   cut A                the route look-up for A fails
+//   fail A               sends of answers to A fail, until the next server
+//   let NAME WORDS       later lines may use $NAME for these words
 //   master BYTES / BYTES the master server answers the next request with these pieces;
 //                        with "late N" before them, after N of the server's pauses;
 //                        with "reset", it resets the connection
@@ -20,9 +20,9 @@
 //                        broadcast_shutdown: first, check, ask, remove or stop
 //   run THREAD SECONDS   the ping or the announce thread from its start,
 //                        until it has slept this long
-//   M| LINE              the first line of the request to the master server
+//   M| LINE              the first line of a request to the master server
 //   check NAME=VALUE...  state that players cannot see; 3.in_car is in_car of slot 3
-// and # begins a comment. Lines and datagrams must come in this order, and no others may come.
+// and # begins a comment. Lines and datagrams must arrive in this order, and no others may arrive.
 
 #include <sys/socket.h>
 
@@ -56,7 +56,7 @@ const std::map<std::string, void (*)(Number)> SETTERS = {
 
 struct Announcer {
   AnnounceState state;
-  bool goes_on = false;  // the result of the first announce
+  bool continues = false;  // the result of the first announce
   std::uint8_t verdict = 0;
 } announcer;
 
@@ -65,7 +65,7 @@ Number value_of(const std::string& name) {
   const bool is_of_slot = dot != std::string::npos;
   const PlayerSlot& player = player_table.at(is_of_slot ? number_of(name.substr(0, dot)) : 0);
   const std::map<std::string, Number> values = {
-      {"goes_on", announcer.goes_on},
+      {"continues", announcer.continues},
       {"last_announce_ms", announcer.state.last_announce_ms},
       {"last_join_slot", last_join_slot},
       {"open_sockets", static_cast<Number>(socket_layer_state.open_sockets)},
@@ -90,7 +90,7 @@ Number value_of(const std::string& name) {
   return values.at(is_of_slot ? name.substr(dot) : name);
 }
 
-// As two hexadecimal digits, by name.
+// The codes of the commands as two hexadecimal digits, by name.
 const std::map<std::string, std::string> codes = [] {
   std::map<std::string, std::string> all;
   std::ifstream document(PROTOCOL_DOCUMENT);
@@ -114,7 +114,7 @@ std::vector<std::string> names_of(const std::string& word) {
 
 class SessionTest : public GameTest {
  public:
-  // Prints between the server's lines, to keep the order of both.
+  // Prints the arrived datagrams between the server's lines, to check the order of both.
   void print_arrivals() {
     const int allocated = allocations;
     for (const auto& [name, peer] : peers) {
@@ -131,11 +131,11 @@ class SessionTest : public GameTest {
  protected:
   SessionTest() {
     playing = this;
-    on_sleep = [] { playing->take_part_in_sleep(); };
+    on_sleep = [] { playing->run_master_in_sleep(); };
   }
   ~SessionTest() override { playing = nullptr, on_sleep = nullptr; }
 
-  // A line that is not understood has thrown before.
+  // An unknown line has thrown before this.
   void TearDown() override {
     finish_step();
     EXPECT_FALSE(HasFailure()) << "up to " << place;
@@ -152,7 +152,7 @@ class SessionTest : public GameTest {
     } else if (word == "#|") {
       expected += line.substr(3) + "\n";
     } else if (word.ends_with('<')) {
-      const std::string arrival = "<" + words_of(bytes_behind(words)) + "\n";
+      const std::string arrival = "<" + words_of(bytes_after(words)) + "\n";
       word.pop_back();
       for (const std::string& name : names_of(word)) expected += name + arrival;
     } else if (!word.empty() && word[0] != '#') {
@@ -163,21 +163,19 @@ class SessionTest : public GameTest {
   }
 
  private:
-  void finish_step() {
-    EXPECT_EQ(std::exchange(happened, ""), std::exchange(expected, "")) << step;
-  }
+  void finish_step() { EXPECT_EQ(std::exchange(actual, ""), std::exchange(expected, "")) << step; }
 
   void act(std::string word, std::istringstream& words) {
     std::string name;
     if (word.ends_with('>')) {
       word.pop_back();
-      happened = say(peers[word], bytes_behind(words));
+      actual = say(peers[word], bytes_after(words));
       ++datagrams;
     } else if (word == "server" || word == "set" || word == "check") {
       if (word == "server") reset_server(1000), peers.clear(), failing.clear();
       while (words >> name) use_pair(name, word == "check");
     } else if (word == "pass") {
-      happened = pass();
+      actual = pass();
     } else if (word == "join" || word == "seat") {
       while (words >> name) admit(names_of(name), word == "seat");
     } else if (word == "let" && words >> name) {
@@ -189,9 +187,9 @@ class SessionTest : public GameTest {
     } else if (word == "master") {
       set_master(words);
     } else if (word == "announce" && words >> name) {
-      happened = announce(name);
+      actual = announce(name);
     } else if (word == "run" && words >> name >> word) {
-      happened = run(name == "ping" ? ping_thread : announce_thread, number_of(word));
+      actual = run(name == "ping" ? ping_thread : announce_thread, number_of(word));
     } else if (word == "wait" && words >> name) {
       fake_now_ms += number_of(name);
     } else {
@@ -213,7 +211,7 @@ class SessionTest : public GameTest {
     std::istringstream all(word + rest);
     while (std::getline(all, word, '/')) {
       std::istringstream piece(word);
-      pieces.push_back(bytes_behind(piece));
+      pieces.push_back(bytes_after(piece));
     }
     master.script(pieces, waits, resets);
     std::snprintf(server_config.ServerName, sizeof server_config.ServerName, "A b  &=%%s");
@@ -224,7 +222,7 @@ class SessionTest : public GameTest {
 
   std::string announce(const std::string& what) {
     const std::map<std::string, void (*)()> calls = {
-        {"first", [] { announcer.goes_on = announce_first(announcer.state = {}); }},
+        {"first", [] { announcer.continues = announce_first(announcer.state = {}); }},
         {"check", [] { announce_check(announcer.state); }},
         {"ask", [] { announcer.verdict = static_cast<std::uint8_t>(master_announce()); }},
         {"remove", master_remove_server},
@@ -241,8 +239,8 @@ class SessionTest : public GameTest {
     return printed;
   }
 
-  void take_part_in_sleep() {
-    master.take_part();
+  void run_master_in_sleep() {
+    master.run_in_wait();
     if (run_ms == 0) return;
     const auto ms = static_cast<Number>(slept_us / 1000);
     fake_now_ms = server_start_ms + ms;
@@ -263,7 +261,7 @@ class SessionTest : public GameTest {
     }
   }
 
-  // Replaces names by their words. Several blanks become one, also in a text.
+  // Replaces names by their words. Several blanks become one blank, even in a text.
   std::string meaning_of(std::istringstream& words) const {
     std::string meaning;
     for (std::string word; words >> word;) {
@@ -273,19 +271,19 @@ class SessionTest : public GameTest {
     return meaning;
   }
 
-  Bytes bytes_behind(std::istringstream& words) const { return bytes_of(meaning_of(words)); }
+  Bytes bytes_after(std::istringstream& words) const { return bytes_of(meaning_of(words)); }
 
   Master master;
   std::map<std::string, Player> peers;
   std::map<std::string, std::string> lets = codes;
-  std::string place, step, happened, expected;
+  std::string place, step, actual, expected;
   int datagrams = 0;
-  Number run_ms = 0;  // limit of the sum of a thread's sleeps; 0: no thread runs
+  Number run_ms = 0;  // how long a thread may sleep in all; 0: no thread runs
 };
 
 SessionTest* SessionTest::playing = nullptr;
 
-TEST_F(SessionTest, TheWorkedSessionsAreTrue) {
+TEST_F(SessionTest, WorkedSessionsMatch) {
   std::ifstream document(PROTOCOL_DOCUMENT);
   std::string block;
   int number = 0;
@@ -302,7 +300,7 @@ TEST_F(SessionTest, TheWorkedSessionsAreTrue) {
 class SessionFileTest : public SessionTest,
                         public testing::WithParamInterface<std::filesystem::path> {};
 
-TEST_P(SessionFileTest, IsTrue) {
+TEST_P(SessionFileTest, Matches) {
   std::ifstream file(GetParam());
   int number = 0;
   for (std::string line; std::getline(file, line);) {
@@ -319,7 +317,7 @@ INSTANTIATE_TEST_SUITE_P(Sessions, SessionFileTest, testing::ValuesIn(session_fi
 
 }  // namespace
 
-// Checks after each send who received it, so a batch is sent one by one.
+// The session prints arrivals after each send, so that a batch is sent one datagram at a time.
 extern "C" {
 decltype(sendto) __real_sendto;
 decltype(sendmmsg) __real_sendmmsg;

@@ -21,7 +21,7 @@ int option_of(int handle, int option) {
   return value;
 }
 
-TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
+TEST(SflsockTest, OpensThePortInTheLow16Bits) {
   const int port = free_port();
   const std::string number = std::to_string(port);
   for (const std::string& text : {number, " \t+00" + number + "abc", std::to_string(port + 65536),
@@ -38,25 +38,25 @@ TEST(SflsockTest, OpensTheLow16BitsOfANumber) {
     EXPECT_TRUE(fcntl(handle, F_GETFL) & O_NONBLOCK);
     EXPECT_EQ(option_of(handle, SO_REUSEADDR), 1);
     EXPECT_EQ(socket_close(handle), 0);
-    EXPECT_EQ(socket_close(handle), 0) << "no socket any more";
+    EXPECT_EQ(socket_close(handle), 0) << "the handle is not a socket any more";
     EXPECT_EQ(socket_layer_state.open_sockets, 0);
   }
   socket_layer_state.port_offset = 0;
 }
 
-// The kernel may grant less, and doubles the size for its own use; see socket(7).
-TEST(SflsockTest, AsksForLargeBuffers) {
+// The kernel may limit the size, and it doubles the size; see socket(7).
+TEST(SflsockTest, RequestsLargeBuffers) {
   const int handle = udp_open_port(std::to_string(free_port()).c_str());
   for (const auto& [option, file] : {std::pair(SO_RCVBUF, "/proc/sys/net/core/rmem_max"),
                                      std::pair(SO_SNDBUF, "/proc/sys/net/core/wmem_max")}) {
-    int most = 0;
-    std::ifstream(file) >> most;
-    EXPECT_EQ(option_of(handle, option), 2 * std::min(most, 4 << 20)) << file;
+    int limit = 0;
+    std::ifstream(file) >> limit;
+    EXPECT_EQ(option_of(handle, option), 2 * std::min(limit, 4 << 20)) << file;
   }
   socket_close(handle);
 }
 
-TEST(SflsockTest, SaysWhyItCannotOpen) {
+TEST(SflsockTest, ReportsWhyItCannotOpen) {
   for (const char* text : {"0", "abc", "65536", "-65536", "-99999999999"}) {
     EXPECT_EQ(udp_open_port(text), -1) << text;
     EXPECT_EQ(socket_error_code(), SOCKERR_BAD_SERVICE) << text;
@@ -67,7 +67,7 @@ TEST(SflsockTest, SaysWhyItCannotOpen) {
   EXPECT_EQ(new_inet_socket("no-such-protocol"), -1);
   EXPECT_EQ(socket_error_code(), 4);
 
-  // A socket without SO_REUSEADDR has the port. The failed one stays open and counted.
+  // A socket without SO_REUSEADDR has the port. The socket that fails stays open and counted.
   const int taken = bind_loopback(SOCK_DGRAM);
   const std::string port = std::to_string(ntohs(local_address(taken).sin_port));
   EXPECT_EQ(udp_open_port(port.c_str()), -1);
@@ -77,7 +77,7 @@ TEST(SflsockTest, SaysWhyItCannotOpen) {
   close(taken);
 }
 
-TEST(SflsockTest, HasATextForEachError) {
+TEST(SflsockTest, DefinesATextForEachError) {
   std::string texts;
   for (const char* text : SOCKET_ERROR_TEXTS) texts += std::string(text) + "; ";
   EXPECT_EQ(texts,
@@ -86,7 +86,7 @@ TEST(SflsockTest, HasATextForEachError) {
             "connect(); Port is already used by another server; Connection failed on listen(); ");
 }
 
-TEST(SflsockTest, ReceivesCutsAndSends) {
+TEST(SflsockTest, SendsReceivesAndTruncates) {
   const int one = udp_open_port(std::to_string(free_port()).c_str());
   socket_layer_state.bind_address = htonl(INADDR_LOOPBACK);  // for the next bind only
   const int two = udp_open_port(std::to_string(free_port()).c_str());
@@ -133,7 +133,7 @@ TEST(SflsockTest, ResolvesHostsAndServices) {
   EXPECT_STREQ(MASTER_SERVICE, "80");
 }
 
-TEST(SflsockTest, ComparesAsBytesLetterCaseAside) {
+TEST(SflsockTest, ComparesBytesIgnoringCase) {
   EXPECT_EQ(compare_ignoring_case("Port", "pORT"), 0);
   EXPECT_LT(compare_ignoring_case("port", "pOst"), 0);
   EXPECT_GT(compare_ignoring_case("\xFF", "z"), 0);
@@ -158,9 +158,9 @@ TEST(SflsockTest, ChecksItsArguments) {
   EXPECT_DEATH(compare_ignoring_case("", nullptr), "sflstr");
 }
 
-// If its effective user differs from its real one, the process becomes the real user after the
-// first bind.
-TEST(SflsockTest, DropsRaisedRightsWithTheFirstBind) {
+// If the effective user of a process differs from its real user, the process changes to the real
+// user after the first bind.
+TEST(SflsockTest, DropsPrivilegesAfterTheFirstBind) {
   if (getuid() != 0) GTEST_SKIP() << "needs root";
   for (const char* port : {"0", "1"}) {
     EXPECT_EXIT(
