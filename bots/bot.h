@@ -47,8 +47,8 @@ struct Bot {
   std::array<char, NAME_WIDTH> name{};
   std::uint64_t rng = 0;
   std::uint64_t due_ns = 0;           // the time of its next action
-  std::uint64_t leave_notice = 0;     // of a join from a slot: its number in the relay ring
-  BotSet leave_notice_receivers = 0;  // bots in the game at the time of that join
+  std::uint64_t leave_notice = 0;     // while it joins again: number in the relay ring of its slot
+  BotSet leave_notice_receivers = 0;  // bots in the game at the time of that join request
   float x = 0;                        // position and goal, in units of the world
   float y = 0;
   float goal_x = 0;
@@ -87,8 +87,8 @@ struct Fleet {
   std::uint16_t process_tag = 0;  // distinguishes the datagrams of two zolbots processes
   std::uint64_t step_ns = 0;      // between two position updates of a bot
 
-  BotSet in_game = 0;        // must get relays
-  BotSet maybe_in_game = 0;  // may get relays
+  BotSet in_game = 0;        // bots that must get relays
+  BotSet maybe_in_game = 0;  // bots that may get relays
 
   // Only one bot joins at a time, so last_join_slot is known whenever a bot enters.
   std::uint8_t joining_bot = NO_BOT;

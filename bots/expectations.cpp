@@ -11,8 +11,7 @@ struct Ring {
   std::uint64_t end = 0;
 };
 
-static constexpr std::uint64_t DAY_S =
-    1440;  // a day of the game: each of its minutes takes a second
+static constexpr std::uint64_t DAY_S = 1440;  // a day of the game
 static constexpr std::uint64_t CLOCK_TOLERANCE_S = 2;
 
 static std::array<Ring, RINGS> rings;

@@ -10,8 +10,8 @@ namespace zol {
 
 using enum ServerCommand;
 
-// The maximum number of questions about the own slot from a player in a car. The server does not
-// answer them if it has the player in a car, too.
+// The maximum number of questions about the own slot from a player in a car. If the server also has
+// the player in a car, it does not answer them.
 static constexpr unsigned SLOT_QUESTIONS = 5;
 // Several car updates may be in flight, so several CMD_NOT_IN_CAR may arrive: the client reacts to
 // one of them in this time.

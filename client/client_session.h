@@ -65,16 +65,16 @@ struct ClientSession {
   std::array<char, NAME_WIDTH> name{};  // set by the caller; ends with NUL
   SessionState state = SessionState::JOINING;
   OwnPlayer own{};
-  GamePicture picture{};  // of the game joined last
+  GamePicture picture{};  // the game that the client joined last
   Outbox outbox{};
   std::array<char, TEXT_WIDTH + 1> refusal{};  // text of the latest refusal; ends with NUL
 
-  std::uint64_t now_ms = 0;             // of the latest call
-  std::uint64_t due_ms = 0;             // of the next join or entry
+  std::uint64_t now_ms = 0;             // time of the latest call
+  std::uint64_t due_ms = 0;             // time of the next join or entry
   std::uint64_t back_off_ms = 0;        // the wait before due_ms; 0 before the first try
   std::uint64_t slot_due_ms = 0;        // when to ask for the own slot
   unsigned slot_questions_left = 0;     // 0: the own slot is confirmed
-  std::uint64_t car_due_ms = 0;         // not before this: the next answer to CMD_NOT_IN_CAR
+  std::uint64_t car_due_ms = 0;         // earliest time of the next reaction to CMD_NOT_IN_CAR
   std::uint64_t slot_confirmed_ms = 0;  // when the server last showed that we have a slot
   std::uint64_t in_game_ms = 0;         // when the server last showed that we are in the game
 };
@@ -86,7 +86,7 @@ SessionEvent session_step(ClientSession& session, std::uint64_t now_ms);
 // Handles one datagram. It may contain any bytes: a datagram that no server sends is ignored.
 SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64_t now_ms);
 
-// In bytes. The server cuts a longer chat text. Depends on the length of the name.
+// The maximum length of a chat text in bytes; the server cuts a longer text. Depends on the name.
 std::size_t max_chat_length(const ClientSession& session);
 // Sends a chat text, cut to max_chat_length. Adds it to the picture, because the server sends it
 // only to the other players.

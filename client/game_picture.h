@@ -54,12 +54,12 @@ struct GamePicture {
   std::array<PlayerPicture, MAX_CLIENTS> players{};
   Slot pinkpanther = NOBODY;
   bool is_clock_known = false;
-  std::uint32_t clock_minutes = 0;  // of the game's day, at clock_ms
+  std::uint32_t clock_minutes = 0;  // the game's time of day at clock_ms
   std::uint64_t clock_ms = 0;
-  std::uint64_t ambiguous_ms = 0;  // when a relay arrived that fits several players
-  std::uint64_t asked_unknown_ms = 0;
-  Slot unknown_slot = 0;       // the last slot of those questions
-  std::size_t chat_count = 0;  // lines since the join; line n is in chat[n % CHAT_LINES]
+  std::uint64_t ambiguous_ms = 0;      // when a relay arrived that fits several players
+  std::uint64_t asked_unknown_ms = 0;  // when an unknown slot was last asked for
+  Slot unknown_slot = 0;               // the slot of that question
+  std::size_t chat_count = 0;          // lines since the join; line n is in chat[n % CHAT_LINES]
   std::array<ChatText, CHAT_LINES> chat{};
 };
 

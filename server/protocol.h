@@ -240,7 +240,7 @@ struct JoinRefusedVersion {
 
 struct EnterGameReply {
   ServerCommand command = ServerCommand::CMD_ENTER_GAME_REPLY;
-  Slot last_join_slot = 0;  // the slot found free by the latest join of any sender; or NO_SLOT
+  Slot last_join_slot = 0;  // the free slot that the latest join of any sender found, or NO_SLOT
   std::uint8_t hour = 0;
   std::uint8_t minute = 0;
 };

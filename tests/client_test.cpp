@@ -121,8 +121,7 @@ TEST(PictureTest, AsksForMissingRecords) {
   EXPECT_EQ(questions(picture, 5'000, 9'900), "") << "the record is known and recent";
   EXPECT_EQ(questions(picture, 10'000, 11'000), "10000:5 11000:5 ");
   apply_words(picture, BOB, 11'100);
-  apply_words(picture, "10 09 00 00",
-              11'100);  // another player joined last; its record is not sent
+  apply_words(picture, "10 09 00 00", 11'100);  // slot 9 joined last
   EXPECT_EQ(questions(picture, 11'100, 13'000), "11100:9 12100:9 ");
   apply_words(picture, "c8 09 ..16", 13'050);  // a relay instead of an answer
   EXPECT_EQ(questions(picture, 13'100, 16'000), "13100:9 14100:9 15100:9 ");

@@ -31,7 +31,7 @@ static Answer await_refusal(Question& question, std::uint64_t end_ms) {
     if (poll(waits, std::size(waits), static_cast<int>(end_ms - now_ms)) <= 0) break;
     question.signal = take_stop_signal(question.stop_signals);
     if (question.signal != 0) return Answer::SIGNAL;
-    // A connected socket has no other error here than an ICMP message: the port is closed.
+    // The only error of a connected socket here is the ICMP message "port unreachable".
     if ((waits[1].revents & POLLERR) != 0) return Answer::PORT_CLOSED;
     static Batch batch;
     receive_batch(question.socket, batch);

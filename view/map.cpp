@@ -6,8 +6,7 @@
 
 static constexpr float MIN_SIDE = 20;  // units of the world
 static constexpr float MARGIN = 1.3F;  // side of a new square, divided by the extent of the players
-static constexpr float SHRINK_RATIO =
-    0.4F;  // a new square below this part of the old side is much smaller
+static constexpr float SHRINK_RATIO = 0.4F;  // much smaller: below this part of the old side
 static constexpr std::uint64_t SHRINK_DELAY_MS = 5'000;
 
 std::optional<MapPoint> map_point_of(const Position& position) {

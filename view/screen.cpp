@@ -46,7 +46,7 @@ void screen_close() {
   endwin();
 }
 
-// Without colours, the PinkPanther is printable_wide in reverse.
+// Without colours, the PinkPanther is drawn in reverse video.
 static attr_t style_of(const GamePicture& picture, Slot slot) {
   const bool is_pink = slot == picture.pinkpanther;
   if (!has_color_pairs) return is_pink ? A_REVERSE : A_NORMAL;
@@ -69,8 +69,7 @@ static std::wstring cut_to_columns(const std::wstring& text, int columns) {
   std::wstring result;
   for (const wchar_t each : text) {
     const int width = wcwidth(each);
-    if (width == 0 && result.empty())
-      continue;  // an accent without a letter would change the previous column
+    if (width == 0 && result.empty()) continue;  // would change the previous column
     columns -= width < 0 ? 1 : width;
     if (columns < 0) break;
     result += width < 0 ? L'?' : each;
