@@ -76,7 +76,7 @@ Match match(unsigned ring, unsigned receiver, Datagram datagram, std::uint64_t n
 // Makes an entry required for these bots, unless a newer entry has replaced it.
 void make_required(unsigned ring, std::uint64_t number, BotSet bots);
 
-// Makes all entries sent since then optional for this bot, except for those that it has received.
+// Makes all entries sent since then optional for this bot, unless it has received them already.
 void make_optional(unsigned receiver, std::uint64_t since_ns);
 
 // The number of required datagrams that have not arrived yet.

@@ -1,4 +1,4 @@
-// zolask asks the servers that are pending in the list, and makes those that answer visible. It
+// zolask asks the servers that are pending in the list, and makes them visible when they answer. It
 // shares only the database with zollist, which has no access to the network. From the environment:
 //
 //   ZOLLIST_DATABASE            the file of the list

@@ -49,9 +49,9 @@ inline constexpr std::size_t MAX_DESTINATIONS = 32;
 int socket_layer_start();
 int socket_layer_stop();
 
-// The port to bind for a service, "udp" or "tcp", in network byte order; none when the text has
-// none. The text is a name from the services database or a decimal number, clamped to
-// 2,147,483,647, of which the low 16 bits count. Text after the number is ignored.
+// The port to bind for a service and "udp" or "tcp", in network byte order; none when the service
+// gives no port. The service is a name from the services database or a decimal number. A number is
+// clamped to 32 bits, and its low 16 bits are the port. Text after the number is ignored.
 std::optional<in_port_t> port_to_bind(const char* service, const char* protocol);
 
 // Opens a non-blocking UDP socket on all local addresses, on the port of this text. Returns the

@@ -1,7 +1,8 @@
 // The table of the players: 32 slots, the states of a slot, and the look-ups.
 //
 // Threads share the table without a lock. The fields of a slot:
-//   seat            any thread reads it, and changes it by compare-exchange
+//   seat            any thread reads it, and changes it by compare-exchange; a join (main thread)
+//                   stores it while it is FREE
 //   address         the main thread writes it while the seat is FREE; any thread reads it
 //   name            the main thread writes it while the seat is FREE; the ping thread reads it
 //                   while it holds the seat in LEAVING

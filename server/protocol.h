@@ -381,7 +381,7 @@ concept WireRecord = requires {
   requires sizeof(Record) <= RECEIVE_BUFFER_SIZE;
 };
 
-// A non-owning view of the bytes of one datagram. A record converts to a view of its own bytes.
+// A non-owning view of the bytes of one datagram. A record converts to a view of its bytes.
 struct Datagram : std::span<const std::uint8_t> {
   using span::span;
   Datagram(std::span<const std::uint8_t> bytes) : span(bytes) {}
