@@ -12,7 +12,7 @@ static std::string file_of(const std::string& list_path) {
 
 // A lock of the whole file, for F_OFD_SETLK: closing another descriptor of the file keeps it.
 static struct flock lock_of(short type) {
-  struct flock lock {};
+  struct flock lock = {};
   lock.l_type = type;
   lock.l_whence = SEEK_SET;
   return lock;
@@ -29,7 +29,7 @@ int acquire_asker_lock(const std::string& list_path) {
 }
 
 bool is_asker_lock_visible(int handle) {
-  struct stat status {};
+  struct stat status = {};
   return fstat(handle, &status) == 0 && status.st_nlink > 0;
 }
 

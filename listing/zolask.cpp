@@ -39,7 +39,7 @@ struct Asker {
   int socket = -1;
   int lock = -1;
   List list{.lock_timeout_ms = LOCK_TIMEOUT_MS};
-  struct stat file {};       // of the open file, to detect that it was replaced
+  struct stat file = {};     // of the open file, to detect that it was replaced
   std::string last_error{};  // not printed again
   Questions questions{};
 };
@@ -58,7 +58,7 @@ static void release_list(Asker& asker) {
 
 // False when the file was deleted or replaced: writes to it would be lost.
 static bool is_list_current(const Asker& asker) {
-  struct stat now {};
+  struct stat now = {};
   return stat(asker.path.c_str(), &now) == 0 && now.st_dev == asker.file.st_dev &&
          now.st_ino == asker.file.st_ino && is_asker_lock_visible(asker.lock);
 }
