@@ -62,8 +62,11 @@ static void verify_own_slot(ClientSession& session, std::uint64_t due_ms) {
 
 // Asks for the slot again: the answer may be older than the latest move to another slot.
 static void enter(ClientSession& session, Slot slot) {
-  session.picture.own_slot = slot;
-  session.picture.players[slot] = {};
+  GamePicture& picture = session.picture;
+  // Another player may have the slot that was taken for the own one.
+  if (picture.own_slot != slot) picture.players[picture.own_slot].is_present = true;
+  picture.own_slot = slot;
+  picture.players[slot] = {};
   session.state = SessionState::ENTERING;
   session.back_off_ms = 0;
   session.due_ms = session.now_ms;
@@ -99,7 +102,9 @@ static void step_in_game(ClientSession& session) {
   repeat_own_state(session);
   // A join that the network repeated may have moved us to another slot, where we have not entered.
   const bool is_silent = session.now_ms - session.in_game_ms >= ENTER_AGAIN_MS;
-  if (is_silent && session.now_ms >= session.due_ms) send_entry(session);
+  if (!is_silent || session.now_ms < session.due_ms) return;
+  send_entry(session);
+  verify_own_slot(session, session.now_ms + ASK_OWN_SLOT_MS);
 }
 
 SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
@@ -124,7 +129,6 @@ SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
 // slot.
 static SessionEvent handle_accepted(ClientSession& session, Datagram datagram) {
   const auto accepted = record_of<JoinAccepted>(datagram);
-  if (accepted.slot >= MAX_CLIENTS) return SessionEvent::NONE;
   if (session.state != SessionState::JOINING) {
     if (accepted.slot != session.picture.own_slot) verify_own_slot(session, session.now_ms);
     return SessionEvent::NONE;
@@ -148,7 +152,6 @@ static SessionEvent handle_refusal(ClientSession& session, Datagram datagram) {
 
 static void handle_not_in_car(ClientSession& session, Datagram datagram) {
   const auto answer = record_of<NotInCar>(datagram);
-  if (answer.slot >= MAX_CLIENTS) return;
   const bool is_placing = session.state == SessionState::PLACING;
   if (is_placing || answer.slot != session.picture.own_slot) return enter(session, answer.slot);
   session.slot_questions_left = 0;
@@ -208,9 +211,31 @@ static bool is_from_server(Datagram datagram) {
                    PinkPanther, PlayerDied>(datagram);
 }
 
+// Whether the slot that the datagram names can exist. It is the first byte after the code.
+static bool has_valid_slot(Datagram datagram) {
+  const Slot slot = datagram.size() > 1 ? datagram[1] : Slot{0};
+  switch (ServerCommand{datagram[0]}) {
+    case CMD_PING:
+    case CMD_JOIN_REFUSED_FULL:
+    case CMD_JOIN_REFUSED_VERSION:
+    case CMD_SERVER_SHUTDOWN:
+    case CMD_CHAT_LINE:
+    case CMD_GAME_CLOCK:
+    case CMD_PLAYER_STATE_FLOATS:
+    case CMD_PLAYER_CAR_STATUS:
+      return true;  // these name no slot
+    case CMD_ENTER_GAME_REPLY:
+      return slot < MAX_CLIENTS || slot == NO_SLOT;
+    case CMD_PINKPANTHER:
+      return slot < MAX_CLIENTS || slot == NOBODY;
+    default:
+      return slot < MAX_CLIENTS;
+  }
+}
+
 SessionEvent session_hear(ClientSession& session, Datagram datagram, std::uint64_t now_ms) {
   session.now_ms = now_ms;
-  if (!is_from_server(datagram)) return SessionEvent::NONE;
+  if (!is_from_server(datagram) || !has_valid_slot(datagram)) return SessionEvent::NONE;
   switch (ServerCommand{datagram[0]}) {
     case CMD_JOIN_ACCEPTED:
       return handle_accepted(session, datagram);

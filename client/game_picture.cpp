@@ -89,7 +89,7 @@ static void apply(PlayerPicture& player, const PlayerDied& relay) {
 template <WireRecord Record>
 static PlayerPicture* apply_to_player(GamePicture& picture, Datagram datagram) {
   const auto record = complete_record_of<Record>(datagram);
-  if (!record || record->slot >= MAX_CLIENTS) return nullptr;
+  if (!record || record->slot >= MAX_CLIENTS || record->slot == picture.own_slot) return nullptr;
   PlayerPicture& player = picture.players[record->slot];
   player.is_present = true;
   player.unanswered = 0;
@@ -123,7 +123,7 @@ static void apply_info(GamePicture& picture, Datagram datagram, std::uint64_t no
 
 static void apply_left(GamePicture& picture, Datagram datagram, std::uint64_t now_ms) {
   const auto notice = complete_record_of<PlayerLeft>(datagram);
-  if (!notice || notice->slot >= MAX_CLIENTS) return;
+  if (!notice || notice->slot >= MAX_CLIENTS || notice->slot == picture.own_slot) return;
   picture.players[notice->slot] = {.left_ms = now_ms};
   if (picture.pinkpanther == notice->slot) picture.pinkpanther = NOBODY;
 }

@@ -1,4 +1,4 @@
-// A client's UDP socket to one server, on POSIX systems. Only one thread at a time may use a socket
+// A client's UDP socket to one server, on Linux. Only one thread at a time may use a socket
 // or a batch.
 #pragma once
 

@@ -208,12 +208,14 @@ TEST(PictureTest, KnowsWhichPlayersPlay) {
   }
 }
 
-TEST(PictureTest, IgnoresInvalidSlots) {
-  GamePicture picture{.own_slot = 0};
-  for (const char* words : {"c8 20 ..16", "c8 ff ..16", "3c ff", "10 ff 00 00", "2a 20 00 ..164"}) {
+TEST(PictureTest, IgnoresInvalidSlotsAndItsOwn) {
+  GamePicture picture{.own_slot = 0, .pinkpanther = 0};
+  for (const char* words : {"c8 20 ..16", "c8 ff ..16", "3c ff", "10 ff 00 00", "2a 20 00 ..164",
+                            "c8 00 ..16", "2a 00 01 ..164", "dc 00 01", "3c 00"}) {
     apply_words(picture, words);
   }
   for (const PlayerPicture& player : picture.players) EXPECT_FALSE(player.is_present);
+  EXPECT_EQ(picture.pinkpanther, 0);
 }
 
 const char* const ACCEPTED = "11 03 01 \"Hi\" ..67";
@@ -308,10 +310,12 @@ TEST_F(SessionTest, JoinsAgainAfterSilenceOrShutdown) {
 // Whether a datagram shows that the client has a slot, and whether it shows that it is in the game.
 TEST_F(SessionTest, RecognizesDatagramsThatConfirmTheSlot) {
   const std::tuple<const char*, bool, bool> signs[] = {
-      {"01", true, true},          {"c8 04 ..16", true, true},     {"1e ..65", true, true},
-      {"29 03", true, false},      {"48 00 00", true, false},      {"2a 05 00 ..164", true, false},
-      {"2b 05 ..80", true, false}, {"2a 05 01 ..164", true, true}, {"0c ..65", false, false},
-      {"63", false, false},        {"c8 04", false, false},        {"01 00", false, false}};
+      {"01", true, true},           {"c8 04 ..16", true, true},     {"1e ..65", true, true},
+      {"29 03", true, false},       {"48 00 00", true, false},      {"2a 05 00 ..164", true, false},
+      {"2b 05 ..80", true, false},  {"2a 05 01 ..164", true, true}, {"0c ..65", false, false},
+      {"63", false, false},         {"c8 04", false, false},        {"01 00", false, false},
+      {"c8 20 ..16", false, false}, {"10 ff 00 00", true, true},    {"10 20 00 00", false, false},
+      {"d1 64", true, true},        {"d1 65", false, false}};
   play(1'000);
   std::uint64_t now_ms = 3'000;
   for (const auto& [words, has_slot, is_in_game] : signs) {
@@ -336,6 +340,17 @@ TEST_F(SessionTest, LeavesAFullServerBeforeTheNextTry) {
   EXPECT_EQ(sent(), "");
   session_leave(session);
   EXPECT_EQ(sent(), "60 60 60 ");
+}
+
+// Answers about others show a slot, and hide that a join moved the client to another one.
+TEST_F(SessionTest, AsksForItsSlotWhenItEntersAgain) {
+  play(1'000);
+  std::string all;
+  for (std::uint64_t now_ms = 2'000; now_ms <= 26'000; now_ms += 500) {
+    handle_words("2b 05 ..80", now_ms);
+    all += pass(now_ms, now_ms);
+  }
+  EXPECT_EQ(all, "23000 enter 24000 120 enter 25000 120 26000 120 enter ");
 }
 
 // The network repeats or reorders joins. The datagrams that arrive while the client plays in slot
@@ -484,8 +499,8 @@ TEST_F(SessionTest, RepeatsItsState) {
       {[](auto& s) { report_death(s, 0); }, "d1 03", on_foot},  // a repeat would end the role
       {[](auto& s) { report_death(s, 0); }, "d1 01", with(on_foot, "103", deaths)},
       {[](auto& s) { report_death(s, 0), report_car(s, PLACE, CAR); }, "48 00 00",
-       with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 "), "101",
-            "4000 4000 6000 6000 8000 8000 10000 10000 12000 12000 14000 14000 16000 ")},
+       with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 16000 "), "101",
+            "4000 4000 6000 6000 8000 8000 10000 10000 12000 12000 14000 14000 16000 16000 ")},
   };
   for (const Case& each : cases) {
     session = {.name = {'M', 'e'}};
