@@ -127,7 +127,9 @@ int main(int count, char** arguments) {
     } else if (argument.starts_with('-')) {
       return report_unknown_option(arguments[i]);
     } else {
-      directories.emplace_back(argument);
+      // Without the slashes at the end, which a shell's pattern "*/" adds.
+      const std::size_t length = argument.find_last_not_of('/') + 1;
+      directories.emplace_back(argument.substr(0, std::max<std::size_t>(length, 1)));
     }
   }
   must_have_settings = is_start && !directories.empty();

@@ -43,7 +43,7 @@ class CheckTest(ServerCase):
         self.directory("good", SAMPLE.read_text())
         self.directory("suspicious", "ServerName=D\nPort=70001\nGameType=1\nmaxClient=3\n")
         good = 'good: "Unnamed Server", port 16309, 16 players, Deathmatch, not listed\n'
-        self.assertEqual(self.check("good"), (0, good, ""))
+        self.assertEqual(self.check("good//"), (0, good, ""))
         status, said, warnings = self.check("good", "suspicious")
         self.assertEqual((status, said), (1, good + 'suspicious: "D", port 4465, 16 players, '
                                           "CatchPinkPanther, not listed\n"))
