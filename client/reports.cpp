@@ -188,10 +188,11 @@ void report_car_again(ClientSession& session) {
 // A repeated death takes the player out of its car, so the client reports the car again. After the
 // fast repeats, it waits until the player is on foot. The PinkPanther does not repeat its death,
 // because that would end its role.
-static void repeat_death(ClientSession& session, bool is_fast) {
+static void repeat_death(ClientSession& session) {
   const OwnPlayer& own = session.own;
   const bool is_pinkpanther = session.picture.pinkpanther == session.picture.own_slot;
-  if (!own.death_count || is_pinkpanther || (own.in_car && !is_fast)) return;
+  const bool is_driving = own.in_car && own.death.fast_repeats_left == 0;
+  if (!own.death_count || is_pinkpanther || is_driving) return;
   outbox_add(session.outbox, Died{.death_count = *own.death_count});
   report_car_again(session);
 }
@@ -207,8 +208,7 @@ void repeat_own_state(ClientSession& session) {
     outbox_add(session.outbox, Weapon{.state_b = own.state.state_b});
   }
   if (take_due(own.ride, session.now_ms)) report_car_again(session);
-  const bool is_fast = own.death.fast_repeats_left > 0;
-  if (take_due(own.death, session.now_ms)) repeat_death(session, is_fast);
+  if (take_due(own.death, session.now_ms)) repeat_death(session);
 }
 
 // The entry contained the whole state except the deaths.

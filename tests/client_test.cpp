@@ -499,8 +499,8 @@ TEST_F(SessionTest, RepeatsItsState) {
       {[](auto& s) { report_death(s, 0); }, "d1 03", on_foot},  // a repeat would end the role
       {[](auto& s) { report_death(s, 0); }, "d1 01", with(on_foot, "103", deaths)},
       {[](auto& s) { report_death(s, 0), report_car(s, PLACE, CAR); }, "48 00 00",
-       with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 16000 "), "101",
-            "4000 4000 6000 6000 8000 8000 10000 10000 12000 12000 14000 14000 16000 16000 ")},
+       with(with(in_car, "103", "4000 6000 8000 10000 12000 14000 "), "101",
+            "4000 4000 6000 6000 8000 8000 10000 10000 12000 12000 14000 14000 16000 ")},
   };
   for (const Case& each : cases) {
     session = {.name = {'M', 'e'}};
