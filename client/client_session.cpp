@@ -31,6 +31,7 @@ static void send_join(ClientSession& session) {
   JoinRequest request{.name = session.name};
   request.version = PROTOCOL_VERSION;
   outbox_add(session.outbox, request);
+  session.is_join_pending = true;
   back_off(session);
 }
 
@@ -81,6 +82,7 @@ static void ask_for_records(ClientSession& session) {
 
 static SessionEvent restart_join(ClientSession& session, std::uint64_t due_ms, SessionEvent event) {
   session.state = SessionState::JOINING;
+  session.is_join_pending = false;
   session.due_ms = due_ms;
   session.back_off_ms = 0;
   return event;
@@ -126,13 +128,14 @@ SessionEvent session_step(ClientSession& session, std::uint64_t now_ms) {
 
 // Joins are repeated, and the network repeats and reorders datagrams. After the first acceptance,
 // an acceptance may be older than the latest move to another slot, so the session asks for its
-// slot.
+// slot. An acceptance before the next join is older than the leave that frees its slot.
 static SessionEvent handle_accepted(ClientSession& session, Datagram datagram) {
   const auto accepted = record_of<JoinAccepted>(datagram);
   if (session.state != SessionState::JOINING) {
     if (accepted.slot != session.picture.own_slot) verify_own_slot(session, session.now_ms);
     return SessionEvent::NONE;
   }
+  if (!session.is_join_pending) return SessionEvent::NONE;
   session.picture = picture_of_join(accepted);
   session.state = SessionState::PLACING;
   session.slot_confirmed_ms = session.now_ms;
@@ -147,6 +150,7 @@ static SessionEvent handle_refusal(ClientSession& session, Datagram datagram) {
   session.refusal = {};
   std::copy(datagram.begin() + 1, datagram.end(), session.refusal.begin());
   send_code(session, ClientCommand::CMD_PLAYER_LEFT);
+  session.is_join_pending = false;
   return SessionEvent::REFUSED;
 }
 

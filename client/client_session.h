@@ -69,6 +69,7 @@ struct ClientSession {
   Outbox outbox{};
   std::array<char, TEXT_WIDTH + 1> refusal{};  // text of the latest refusal; ends with NUL
 
+  bool is_join_pending = false;         // a join was sent after the latest refusal
   std::uint64_t now_ms = 0;             // time of the latest call
   std::uint64_t due_ms = 0;             // time of the next join or entry
   std::uint64_t back_off_ms = 0;        // the wait before due_ms; 0 before the first try

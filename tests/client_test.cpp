@@ -332,6 +332,7 @@ TEST_F(SessionTest, LeavesAFullServerBeforeTheNextTry) {
     EXPECT_EQ(handle_words(is_first ? "0c 78*64" : "0c \"Full\" ..65", now_ms),
               SessionEvent::REFUSED);
     EXPECT_EQ(session.refusal.data(), is_first ? std::string(64, 'x') : "Full");
+    EXPECT_EQ(handle_words(ACCEPTED, now_ms), SessionEvent::NONE) << "it leaves that slot";
     EXPECT_EQ(sent(), "60 ");
     EXPECT_EQ(pass(2'000, 2'000), is_first ? "2000 join " : "");
   }
