@@ -113,12 +113,11 @@ This page compares the server with a *floor*: a minimal relay, one `sendmmsg` lo
 (`bench/relay_floor.cpp`).
 
 - **Figures** with brackets are medians of {rounds} rounds, with quartiles in the brackets.
-- **A ratio** is the server's figure divided by the floor's of the same round. At 1.0 the server is as
-  fast as the floor.
+- **A ratio** is the server's figure divided by the floor's of the same round. For times, a ratio below 1 means that the server is faster; for
+  relays a second, a ratio above 1 means that.
 - **A bound** of a ratio applies to the median of all rounds; single rounds vary more, as the quartiles
   show. `script/bench` fails when a bound is not met. Rows without a bound are for information.
-- **Processor time** is measured by the scheduler and includes the kernel's work. Meanwhile players on
-  loopback send 2000 updates a second, one at a time. **Full load** means that 64 updates are always under
+- **Processor time** is measured by the scheduler and includes the kernel's work. During this measurement, players on loopback send 2000 updates a second, one at a time. **Full load** means that 64 updates are always under
   way.
 - **A relay** is one datagram to one other player. Car states, and floats after a death, cost more: the
   server answers each with the game's time of day, and reads the clock twice for it.
